@@ -1,0 +1,130 @@
+#include "FileIO.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+
+#include <fmt/format.h>
+
+#include "PathString.h"
+
+namespace ondrel {
+
+std::string systemErrorText(int errorNumber) {
+  char buffer[256];
+  return strerror_r(errorNumber, buffer, sizeof buffer);
+}
+
+bool readWholeFile(const std::string& path, std::string* contents, std::string* error) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    if (error) *error = systemErrorText(errno);
+    return false;
+  }
+  struct stat status {};
+  if (::fstat(fd, &status) != 0 || S_ISDIR(status.st_mode)) {
+    int code = S_ISDIR(status.st_mode) ? EISDIR : errno;
+    ::close(fd);
+    if (error) *error = systemErrorText(code);
+    return false;
+  }
+  contents->clear();
+  contents->reserve(static_cast<std::size_t>(status.st_size));
+  char buffer[1 << 16];
+  for (;;) {
+    ssize_t count = ::read(fd, buffer, sizeof buffer);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) {
+      int code = errno;
+      ::close(fd);
+      if (error) *error = systemErrorText(code);
+      return false;
+    }
+    if (count == 0) break;
+    contents->append(buffer, static_cast<std::size_t>(count));
+  }
+  ::close(fd);
+  return true;
+}
+
+std::optional<std::chrono::system_clock::time_point> modificationDate(const std::string& path,
+                                                                     std::string* error) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) {
+    if (error) *error = systemErrorText(errno);
+    return std::nullopt;
+  }
+  auto sinceEpoch = std::chrono::seconds(status.st_mtim.tv_sec) +
+                    std::chrono::nanoseconds(status.st_mtim.tv_nsec);
+  return std::chrono::system_clock::time_point(
+      std::chrono::duration_cast<std::chrono::system_clock::duration>(sinceEpoch));
+}
+
+namespace {
+
+mode_t processUmask() {
+  static const mode_t mask = [] {
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line)) {
+      if (line.rfind("Umask:", 0) == 0) return static_cast<mode_t>(std::stoul(line.substr(6), nullptr, 8));
+    }
+    return static_cast<mode_t>(022);
+  }();
+  return mask;
+}
+
+}  // namespace
+
+bool writeFileAtomically(const std::string& path,
+                         const std::function<bool(std::FILE*)>& writeContents, std::string* error,
+                         const std::function<void()>& beforeReplace) {
+  std::string folder = deletingLastPathComponent(path);
+  std::string temporary = appendingPathComponent(
+      folder.empty() ? "." : folder, fmt::format(".{}.XXXXXX", lastPathComponent(path)));
+  int fd = ::mkstemp(temporary.data());
+  if (fd < 0) {
+    if (error) *error = systemErrorText(errno);
+    return false;
+  }
+  ::fchmod(fd, 0666 & ~processUmask());
+  std::FILE* file = ::fdopen(fd, "w");
+  if (file == nullptr) {
+    int code = errno;
+    ::close(fd);
+    ::unlink(temporary.c_str());
+    if (error) *error = systemErrorText(code);
+    return false;
+  }
+  static thread_local char buffer[1 << 18];
+  std::setvbuf(file, buffer, _IOFBF, sizeof buffer);
+  errno = 0;
+  bool written = writeContents(file);
+  int code = errno;
+  if (written && std::fflush(file) != 0) written = false, code = errno;
+  if (written && ::fsync(fileno(file)) != 0) written = false, code = errno;
+  if (std::fclose(file) != 0 && written) written = false, code = errno;
+  if (written && beforeReplace) beforeReplace();
+  if (written && ::rename(temporary.c_str(), path.c_str()) != 0) written = false, code = errno;
+  if (!written) {
+    ::unlink(temporary.c_str());
+    if (error) *error = systemErrorText(code != 0 ? code : EIO);
+    return false;
+  }
+  return true;
+}
+
+bool writeStringAtomically(const std::string& path, const std::string& text, std::string* error) {
+  return writeFileAtomically(
+      path,
+      [&text](std::FILE* file) {
+        return std::fwrite(text.data(), 1, text.size(), file) == text.size();
+      },
+      error);
+}
+
+}  // namespace ondrel

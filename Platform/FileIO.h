@@ -1,0 +1,34 @@
+// Whole-file reads and atomic file replacement for the platform layer and the library.
+// An atomic write goes to a temporary file in the destination's folder, is flushed to disk and
+// then renamed over the destination, so a reader or a crash sees the old file or the new one.
+// Thread-safe: no shared state.
+#pragma once
+
+#include <cstdio>
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace ondrel {
+
+// Reads the whole file into contents. On failure gives false and the system's reason.
+bool readWholeFile(const std::string& path, std::string* contents, std::string* error);
+
+// Writes through writeContents (which returns false on failure) and renames into place; runs
+// beforeReplace, when given, once the new contents are safely on disk and just before the rename.
+// The new file gets the process's default permissions, as a newly created file would.
+bool writeFileAtomically(const std::string& path,
+                         const std::function<bool(std::FILE*)>& writeContents, std::string* error,
+                         const std::function<void()>& beforeReplace = {});
+
+bool writeStringAtomically(const std::string& path, const std::string& text, std::string* error);
+
+// The item's last modification time; none with the system's reason when it cannot be read.
+std::optional<std::chrono::system_clock::time_point> modificationDate(const std::string& path,
+                                                                     std::string* error);
+
+// The system's description of an errno value.
+std::string systemErrorText(int errorNumber);
+
+}  // namespace ondrel

@@ -1,0 +1,51 @@
+#include "HostPaths.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "FileIO.h"
+#include "PathString.h"
+
+#ifndef ONDREL_RESOURCE_INSTALL_DIR
+#define ONDREL_RESOURCE_INSTALL_DIR "/usr/local/share/ondrel"
+#endif
+
+namespace ondrel {
+
+std::string fixedPath(std::string_view absolutePath) {
+  const char* root = std::getenv("ONDREL_ROOT");
+  if (root == nullptr || *root == '\0') return std::string(absolutePath);
+  return appendingPathComponent(root, absolutePath);
+}
+
+std::string resourcePath(std::string_view name, std::string_view type) {
+  const char* folder = std::getenv("ONDREL_RESOURCES");
+  std::string base = folder != nullptr && *folder != '\0' ? folder : ONDREL_RESOURCE_INSTALL_DIR;
+  return appendingPathComponent(base, appendingPathExtension(name, type));
+}
+
+bool setServiceOwner(const std::string& path, std::string* error) {
+  struct passwd user {};
+  struct passwd* userFound = nullptr;
+  struct group group {};
+  struct group* groupFound = nullptr;
+  char userBuffer[4096];
+  char groupBuffer[4096];
+  getpwnam_r(kServiceAccount, &user, userBuffer, sizeof userBuffer, &userFound);
+  getgrnam_r(kServiceAccount, &group, groupBuffer, sizeof groupBuffer, &groupFound);
+  if (userFound == nullptr || groupFound == nullptr) {
+    if (error) *error = std::string("no such account ") + kServiceAccount;
+    return false;
+  }
+  if (::chown(path.c_str(), user.pw_uid, group.gr_gid) != 0) {
+    if (error) *error = systemErrorText(errno);
+    return false;
+  }
+  return true;
+}
+
+}  // namespace ondrel

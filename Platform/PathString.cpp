@@ -1,0 +1,90 @@
+#include "PathString.h"
+
+#include <vector>
+
+namespace ondrel {
+
+namespace {
+
+std::string_view withoutTrailingSlashes(std::string_view path) {
+  while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+  return path;
+}
+
+}  // namespace
+
+std::string appendingPathComponent(std::string_view path, std::string_view component) {
+  while (!component.empty() && component.front() == '/') component.remove_prefix(1);
+  std::string result(withoutTrailingSlashes(path));
+  if (component.empty()) return result;
+  if (!result.empty() && result.back() != '/') result += '/';
+  result += component;
+  return result;
+}
+
+std::string standardizingPath(std::string_view path) {
+  if (path.empty()) return {};
+  bool absolute = path.front() == '/';
+  std::vector<std::string_view> components;
+  std::size_t start = 0;
+  while (start <= path.size()) {
+    std::size_t end = path.find('/', start);
+    if (end == std::string_view::npos) end = path.size();
+    std::string_view component = path.substr(start, end - start);
+    if (component.empty() || component == ".") {
+      // redundant separator or current folder
+    } else if (component == "..") {
+      if (!components.empty() && components.back() != "..") {
+        components.pop_back();
+      } else if (!absolute) {
+        components.push_back(component);
+      }
+    } else {
+      components.push_back(component);
+    }
+    start = end + 1;
+  }
+  std::string result = absolute ? "/" : "";
+  for (std::size_t i = 0; i < components.size(); ++i) {
+    if (i > 0) result += '/';
+    result += components[i];
+  }
+  if (result.empty()) return ".";
+  return result;
+}
+
+std::string lastPathComponent(std::string_view path) {
+  path = withoutTrailingSlashes(path);
+  if (path == "/") return "/";
+  std::size_t slash = path.rfind('/');
+  return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
+}
+
+std::string deletingLastPathComponent(std::string_view path) {
+  path = withoutTrailingSlashes(path);
+  std::size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos) return {};
+  if (slash == 0) return "/";
+  return std::string(withoutTrailingSlashes(path.substr(0, slash)));
+}
+
+std::string pathExtension(std::string_view path) {
+  std::string last = lastPathComponent(path);
+  std::size_t dot = last.rfind('.');
+  if (dot == std::string::npos || dot == 0) return {};
+  return last.substr(dot + 1);
+}
+
+std::string appendingPathExtension(std::string_view path, std::string_view extension) {
+  std::string result(withoutTrailingSlashes(path));
+  return result + "." + std::string(extension);
+}
+
+std::string deletingPathExtension(std::string_view path) {
+  std::string_view trimmed = withoutTrailingSlashes(path);
+  std::string extension = pathExtension(trimmed);
+  if (extension.empty()) return std::string(trimmed);
+  return std::string(trimmed.substr(0, trimmed.size() - extension.size() - 1));
+}
+
+}  // namespace ondrel

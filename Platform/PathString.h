@@ -1,0 +1,22 @@
+// Text operations on file-system paths, with the conventional rules: components are joined with
+// exactly one "/", a trailing "/" is not a component, and an extension is what follows the last
+// "." of the last component. Pure functions; thread-safe.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace ondrel {
+
+std::string appendingPathComponent(std::string_view path, std::string_view component);
+// Removes redundant separators, "." components, ".." with the component before it, and a
+// trailing "/". Works on the text only; symbolic links are not resolved.
+std::string standardizingPath(std::string_view path);
+std::string lastPathComponent(std::string_view path);
+std::string deletingLastPathComponent(std::string_view path);
+std::string pathExtension(std::string_view path);
+// appendingPathExtension("x", "previous") is "x.previous".
+std::string appendingPathExtension(std::string_view path, std::string_view extension);
+std::string deletingPathExtension(std::string_view path);
+
+}  // namespace ondrel

@@ -1,0 +1,404 @@
+#include "Plist.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <limits>
+
+#include "DateFormats.h"
+
+namespace ondrel {
+
+struct Plist::StringNode : Node {
+  explicit StringNode(std::string text) : value(std::move(text)) {}
+  std::string value;
+};
+struct Plist::DataNode : Node {
+  explicit DataNode(Bytes bytes) : value(std::move(bytes)) {}
+  Bytes value;
+};
+struct Plist::ArrayNode : Node {
+  explicit ArrayNode(Array elements) : value(std::move(elements)) {}
+  Array value;
+};
+struct Plist::DictionaryNode : Node {
+  explicit DictionaryNode(Dictionary items) : value(std::move(items)) {}
+  Dictionary value;
+};
+
+namespace {
+const Plist kNull;
+const std::string kEmptyString;
+const Plist::Bytes kEmptyBytes;
+const Plist::Dictionary kEmptyDictionary;
+const Plist::Array kEmptyArray;
+}  // namespace
+
+Plist::Plist(std::string text) : type_(Type::String), node_(new StringNode(std::move(text))) {}
+Plist::Plist(Dictionary items)
+    : type_(Type::Dictionary), node_(new DictionaryNode(std::move(items))) {}
+Plist::Plist(Array elements) : type_(Type::Array), node_(new ArrayNode(std::move(elements))) {}
+
+Plist::Plist(const Plist& other) noexcept : type_(other.type_), integer_(other.integer_) {
+  retain();
+}
+
+Plist::Plist(Plist&& other) noexcept : type_(other.type_), integer_(other.integer_) {
+  other.type_ = Type::Null;
+  other.integer_ = 0;
+}
+
+Plist& Plist::operator=(const Plist& other) noexcept {
+  if (this != &other) {
+    other.retain();
+    release();
+    type_ = other.type_;
+    integer_ = other.integer_;
+  }
+  return *this;
+}
+
+Plist& Plist::operator=(Plist&& other) noexcept {
+  if (this != &other) {
+    release();
+    type_ = other.type_;
+    integer_ = other.integer_;
+    other.type_ = Type::Null;
+    other.integer_ = 0;
+  }
+  return *this;
+}
+
+Plist::~Plist() { release(); }
+
+void Plist::retain() const {
+  if (holdsNode()) node_->references.fetch_add(1, std::memory_order_relaxed);
+}
+
+void Plist::release() {
+  if (!holdsNode()) return;
+  if (node_->references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+    switch (type_) {
+      case Type::String: delete static_cast<StringNode*>(node_); break;
+      case Type::Data: delete static_cast<DataNode*>(node_); break;
+      case Type::Array: delete static_cast<ArrayNode*>(node_); break;
+      case Type::Dictionary: delete static_cast<DictionaryNode*>(node_); break;
+      default: break;
+    }
+  }
+  type_ = Type::Null;
+  integer_ = 0;
+}
+
+Plist Plist::integer(std::int64_t value) {
+  Plist plist;
+  plist.type_ = Type::Integer;
+  plist.integer_ = value;
+  return plist;
+}
+
+Plist Plist::real(double value) {
+  Plist plist;
+  plist.type_ = Type::Real;
+  plist.real_ = value;
+  return plist;
+}
+
+Plist Plist::boolean(bool value) {
+  Plist plist;
+  plist.type_ = Type::Boolean;
+  plist.integer_ = 0;
+  plist.boolean_ = value;
+  return plist;
+}
+
+Plist Plist::date(Date value) {
+  Plist plist;
+  plist.type_ = Type::Date;
+  plist.dateTicks_ = value.time_since_epoch().count();
+  return plist;
+}
+
+Plist Plist::data(Bytes bytes) {
+  Plist plist;
+  plist.type_ = Type::Data;
+  plist.node_ = new DataNode(std::move(bytes));
+  return plist;
+}
+
+Plist Plist::stringArray(const std::vector<std::string>& texts) {
+  Array elements(texts.begin(), texts.end());
+  return Plist(std::move(elements));
+}
+
+const std::string& Plist::stringValue() const {
+  return type_ == Type::String ? static_cast<StringNode*>(node_)->value : kEmptyString;
+}
+
+namespace {
+// Skips leading blanks, an optional sign and leading zeros, as the conventional coercions do.
+std::string_view numericPrefix(std::string_view text, bool* negative) {
+  std::size_t i = 0;
+  while (i < text.size() && std::isspace(static_cast<unsigned char>(text[i]))) ++i;
+  *negative = false;
+  if (i < text.size() && (text[i] == '+' || text[i] == '-')) {
+    *negative = text[i] == '-';
+    ++i;
+  }
+  return text.substr(i);
+}
+}  // namespace
+
+std::int64_t Plist::integerValue() const {
+  switch (type_) {
+    case Type::Integer: return integer_;
+    case Type::Boolean: return boolean_ ? 1 : 0;
+    case Type::Real:
+      if (std::isnan(real_)) return 0;
+      if (real_ >= 9.2e18) return std::numeric_limits<std::int64_t>::max();
+      if (real_ <= -9.2e18) return std::numeric_limits<std::int64_t>::min();
+      return static_cast<std::int64_t>(real_);
+    case Type::String: {
+      bool negative = false;
+      std::string_view digits = numericPrefix(stringValue(), &negative);
+      std::int64_t value = 0;
+      for (char c : digits) {
+        if (c < '0' || c > '9') break;
+        if (value > (std::numeric_limits<std::int64_t>::max() - (c - '0')) / 10) {
+          return negative ? std::numeric_limits<std::int64_t>::min()
+                          : std::numeric_limits<std::int64_t>::max();
+        }
+        value = value * 10 + (c - '0');
+      }
+      return negative ? -value : value;
+    }
+    default: return 0;
+  }
+}
+
+double Plist::realValue() const {
+  switch (type_) {
+    case Type::Real: return real_;
+    case Type::Integer: return static_cast<double>(integer_);
+    case Type::Boolean: return boolean_ ? 1.0 : 0.0;
+    case Type::String: return std::strtod(stringValue().c_str(), nullptr);
+    default: return 0.0;
+  }
+}
+
+bool Plist::boolValue() const {
+  switch (type_) {
+    case Type::Boolean: return boolean_;
+    case Type::Integer: return integer_ != 0;
+    case Type::Real: return real_ != 0.0;
+    case Type::String: {
+      bool negative = false;
+      std::string_view rest = numericPrefix(stringValue(), &negative);
+      std::size_t i = rest.find_first_not_of('0');
+      if (i == std::string_view::npos) return false;
+      char c = rest[i];
+      return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
+    }
+    default: return false;
+  }
+}
+
+std::optional<Date> Plist::dateValue() const {
+  if (type_ != Type::Date) return std::nullopt;
+  return Date(Date::duration(dateTicks_));
+}
+
+const Plist::Bytes& Plist::dataValue() const {
+  return type_ == Type::Data ? static_cast<DataNode*>(node_)->value : kEmptyBytes;
+}
+
+std::size_t Plist::size() const {
+  if (type_ == Type::Dictionary) return static_cast<DictionaryNode*>(node_)->value.size();
+  if (type_ == Type::Array) return static_cast<ArrayNode*>(node_)->value.size();
+  return 0;
+}
+
+const Plist::Dictionary& Plist::items() const {
+  return type_ == Type::Dictionary ? static_cast<DictionaryNode*>(node_)->value : kEmptyDictionary;
+}
+
+const Plist::Array& Plist::elements() const {
+  return type_ == Type::Array ? static_cast<ArrayNode*>(node_)->value : kEmptyArray;
+}
+
+const Plist& Plist::operator[](std::string_view key) const {
+  const Dictionary& dictionary = items();
+  auto found = dictionary.find(key);
+  return found == dictionary.end() ? kNull : found->second;
+}
+
+const Plist& Plist::operator[](std::size_t index) const {
+  const Array& array = elements();
+  return index < array.size() ? array[index] : kNull;
+}
+
+bool Plist::contains(std::string_view key) const { return items().count(key) != 0; }
+
+bool Plist::containsElement(const Plist& element) const {
+  const Array& array = elements();
+  return std::find(array.begin(), array.end(), element) != array.end();
+}
+
+Plist::DictionaryNode& Plist::uniqueDictionary() {
+  if (type_ != Type::Dictionary) {
+    *this = dictionary();
+  } else if (node_->references.load(std::memory_order_acquire) > 1) {
+    *this = Plist(static_cast<DictionaryNode*>(node_)->value);
+  }
+  return *static_cast<DictionaryNode*>(node_);
+}
+
+Plist::ArrayNode& Plist::uniqueArray() {
+  if (type_ != Type::Array) {
+    *this = array();
+  } else if (node_->references.load(std::memory_order_acquire) > 1) {
+    *this = Plist(static_cast<ArrayNode*>(node_)->value);
+  }
+  return *static_cast<ArrayNode*>(node_);
+}
+
+Plist::Dictionary& Plist::mutableItems() { return uniqueDictionary().value; }
+Plist::Array& Plist::mutableElements() { return uniqueArray().value; }
+
+void Plist::set(std::string_view key, Plist value) {
+  Dictionary& dictionary = mutableItems();
+  auto found = dictionary.find(key);
+  if (found != dictionary.end()) {
+    found->second = std::move(value);
+  } else {
+    dictionary.emplace(std::string(key), std::move(value));
+  }
+}
+
+bool Plist::remove(std::string_view key) {
+  if (!contains(key)) return false;
+  Dictionary& dictionary = mutableItems();
+  dictionary.erase(dictionary.find(key));
+  return true;
+}
+
+void Plist::append(Plist value) { mutableElements().push_back(std::move(value)); }
+
+Plist& Plist::mutableValue(std::string_view key) {
+  Dictionary& dictionary = mutableItems();
+  auto found = dictionary.find(key);
+  if (found == dictionary.end()) found = dictionary.emplace(std::string(key), Plist()).first;
+  return found->second;
+}
+
+bool Plist::operator==(const Plist& other) const {
+  if (type_ != other.type_) {
+    // Numbers compare by value across their kinds, as the conventional model does.
+    if (isNumber() && other.isNumber()) {
+      if (type_ == Type::Real || other.type_ == Type::Real) {
+        return realValue() == other.realValue();
+      }
+      return integerValue() == other.integerValue();
+    }
+    return false;
+  }
+  switch (type_) {
+    case Type::Null: return true;
+    case Type::Integer: return integer_ == other.integer_;
+    case Type::Real: return real_ == other.real_;
+    case Type::Boolean: return boolean_ == other.boolean_;
+    case Type::Date: return dateTicks_ == other.dateTicks_;
+    default: break;
+  }
+  if (node_ == other.node_) return true;
+  switch (type_) {
+    case Type::String: return stringValue() == other.stringValue();
+    case Type::Data: return dataValue() == other.dataValue();
+    case Type::Array: return elements() == other.elements();
+    case Type::Dictionary: return items() == other.items();
+    default: return false;
+  }
+}
+
+bool Plist::sharesStorageWith(const Plist& other) const {
+  return holdsNode() && type_ == other.type_ && node_ == other.node_;
+}
+
+namespace {
+
+bool needsQuotesInCollection(const std::string& text) {
+  if (text.empty()) return true;
+  return !std::all_of(text.begin(), text.end(), [](char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '.' || c == '/' ||
+           c == '$' || c == ':';
+  });
+}
+
+std::string quotedForCollection(const std::string& text) {
+  if (!needsQuotesInCollection(text)) return text;
+  std::string quoted = "\"";
+  for (char c : text) {
+    if (c == '"' || c == '\\') quoted += '\\';
+    if (c == '\n') {
+      quoted += "\\n";
+      continue;
+    }
+    quoted += c;
+  }
+  return quoted + "\"";
+}
+
+void describe(const Plist& value, int depth, bool nested, std::string& out) {
+  const std::string indent(static_cast<std::size_t>(depth) * 4, ' ');
+  const std::string inner(static_cast<std::size_t>(depth + 1) * 4, ' ');
+  switch (value.type()) {
+    case Plist::Type::Null: out += "(null)"; break;
+    case Plist::Type::String:
+      out += nested ? quotedForCollection(value.stringValue()) : value.stringValue();
+      break;
+    case Plist::Type::Integer: out += std::to_string(value.integerValue()); break;
+    case Plist::Type::Real: out += fmt::format("{}", value.realValue()); break;
+    case Plist::Type::Boolean: out += value.boolValue() ? "1" : "0"; break;
+    case Plist::Type::Date: out += formatDescriptionDate(*value.dateValue()); break;
+    case Plist::Type::Data: {
+      out += '<';
+      const Plist::Bytes& bytes = value.dataValue();
+      for (std::size_t i = 0; i < bytes.size(); ++i) {
+        if (i > 0 && i % 4 == 0) out += ' ';
+        out += fmt::format("{:02x}", bytes[i]);
+      }
+      out += '>';
+      break;
+    }
+    case Plist::Type::Array: {
+      out += "(\n";
+      const Plist::Array& elements = value.elements();
+      for (std::size_t i = 0; i < elements.size(); ++i) {
+        out += inner;
+        describe(elements[i], depth + 1, true, out);
+        out += i + 1 < elements.size() ? ",\n" : "\n";
+      }
+      out += indent + ")";
+      break;
+    }
+    case Plist::Type::Dictionary:
+      out += "{\n";
+      for (const auto& [key, item] : value.items()) {
+        out += inner + quotedForCollection(key) + " = ";
+        describe(item, depth + 1, true, out);
+        out += ";\n";
+      }
+      out += indent + "}";
+      break;
+  }
+}
+
+}  // namespace
+
+std::string Plist::description() const {
+  std::string out;
+  describe(*this, 0, false, out);
+  return out;
+}
+
+}  // namespace ondrel

@@ -1,0 +1,146 @@
+// Plist is a property-list value: null, dictionary, array, string, integer, real, boolean, date
+// or data. Every record the server keeps on disk is built from it.
+// Copies share their storage and a container is copied (one level deep) only when a shared copy is
+// changed, so taking a mutable copy of a large catalog is cheap. A value may be read from several
+// threads; a value that is being changed belongs to one thread.
+#pragma once
+
+#include <fmt/format.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace ondrel {
+
+using Date = std::chrono::system_clock::time_point;
+
+class Plist {
+ public:
+  enum class Type : std::uint8_t { Null, Dictionary, Array, String, Integer, Real, Boolean, Date, Data };
+  using Dictionary = std::map<std::string, Plist, std::less<>>;
+  using Array = std::vector<Plist>;
+  using Bytes = std::vector<std::uint8_t>;
+
+  Plist() noexcept : type_(Type::Null), integer_(0) {}
+  Plist(std::string text);
+  Plist(std::string_view text) : Plist(std::string(text)) {}
+  Plist(const char* text) : Plist(std::string(text)) {}
+  explicit Plist(Dictionary items);
+  explicit Plist(Array elements);
+  Plist(const Plist& other) noexcept;
+  Plist(Plist&& other) noexcept;
+  Plist& operator=(const Plist& other) noexcept;
+  Plist& operator=(Plist&& other) noexcept;
+  ~Plist();
+
+  static Plist integer(std::int64_t value);
+  static Plist real(double value);
+  static Plist boolean(bool value);
+  static Plist date(Date value);
+  static Plist data(Bytes bytes);
+  static Plist dictionary() { return Plist(Dictionary{}); }
+  static Plist array() { return Plist(Array{}); }
+  static Plist stringArray(const std::vector<std::string>& texts);
+
+  Type type() const { return type_; }
+  bool isNull() const { return type_ == Type::Null; }
+  bool isDictionary() const { return type_ == Type::Dictionary; }
+  bool isArray() const { return type_ == Type::Array; }
+  bool isString() const { return type_ == Type::String; }
+  bool isDate() const { return type_ == Type::Date; }
+  bool isData() const { return type_ == Type::Data; }
+  // Integers, reals and booleans are all numbers, as in the conventional model.
+  bool isNumber() const {
+    return type_ == Type::Integer || type_ == Type::Real || type_ == Type::Boolean;
+  }
+
+  // Scalar readers with the conventional coercions; a value of another kind gives 0, false,
+  // an empty string or none.
+  const std::string& stringValue() const;
+  std::int64_t integerValue() const;
+  double realValue() const;
+  bool boolValue() const;
+  std::optional<Date> dateValue() const;
+  const Bytes& dataValue() const;
+
+  // Collections. Reading a missing key, an index out of range, or a value that is not a
+  // collection gives a null value.
+  std::size_t size() const;
+  const Plist& operator[](std::string_view key) const;
+  const Plist& operator[](std::size_t index) const;
+  bool contains(std::string_view key) const;
+  const Dictionary& items() const;
+  const Array& elements() const;
+  bool containsElement(const Plist& element) const;
+
+  // Changing a collection. A value that is not yet a dictionary (or array) becomes an empty one
+  // first. The storage is copied first when another value shares it.
+  void set(std::string_view key, Plist value);
+  bool remove(std::string_view key);
+  void append(Plist value);
+  Dictionary& mutableItems();
+  Array& mutableElements();
+  // The value under key, created as null when missing, ready to be changed in place.
+  Plist& mutableValue(std::string_view key);
+
+  bool operator==(const Plist& other) const;
+  bool operator!=(const Plist& other) const { return !(*this == other); }
+
+  // The text form used in messages: strings as they are, numbers in decimal, booleans as 1 or 0,
+  // dates as "yyyy-MM-dd HH:mm:ss +0000", collections in the classic bracketed form.
+  std::string description() const;
+
+  // True when both values hold the very same storage (used to prove that copies are shallow).
+  bool sharesStorageWith(const Plist& other) const;
+
+  // Codec. Reading accepts XML and binary property lists; writing produces XML.
+  static std::optional<Plist> fromBytes(std::string_view bytes, std::string* error);
+  static std::optional<Plist> readFile(const std::string& path, std::string* error);
+  std::string toXml() const;
+  // Replaces the file at path atomically: readers see the old file or the new one, never a part.
+  bool writeXmlFile(const std::string& path, std::string* error) const;
+
+ private:
+  struct Node {
+    std::atomic<std::uint32_t> references{1};
+  };
+  struct StringNode;
+  struct DataNode;
+  struct ArrayNode;
+  struct DictionaryNode;
+  friend class PlistXmlWriter;
+
+  void retain() const;
+  void release();
+  bool holdsNode() const {
+    return type_ == Type::String || type_ == Type::Data || type_ == Type::Array ||
+           type_ == Type::Dictionary;
+  }
+  DictionaryNode& uniqueDictionary();
+  ArrayNode& uniqueArray();
+
+  Type type_;
+  union {
+    std::int64_t integer_;
+    double real_;
+    bool boolean_;
+    std::int64_t dateTicks_;  // system clock ticks since the epoch
+    Node* node_;
+  };
+};
+
+}  // namespace ondrel
+
+template <>
+struct fmt::formatter<ondrel::Plist> : fmt::formatter<std::string_view> {
+  template <typename FormatContext>
+  auto format(const ondrel::Plist& value, FormatContext& context) const {
+    return fmt::formatter<std::string_view>::format(value.description(), context);
+  }
+};

@@ -1,0 +1,451 @@
+// Reads property lists. XML documents go through a small strict reader that builds the value
+// directly: a catalog of tens of megabytes is read in one pass with no intermediate tree.
+// Binary property lists go through libplist.
+#include <plist/plist.h>
+
+#include <charconv>
+#include <cstring>
+
+#include "DateFormats.h"
+#include "FileIO.h"
+#include "Plist.h"
+
+namespace ondrel {
+
+namespace {
+
+constexpr int kMaximumDepth = 512;
+
+class XmlPlistReader {
+ public:
+  explicit XmlPlistReader(std::string_view text) : text_(text) {}
+
+  std::optional<Plist> read(std::string* error) {
+    Plist result;
+    bool ok = readDocument(result);
+    if (!ok) {
+      if (error) *error = error_.empty() ? "not a property list" : error_;
+      return std::nullopt;
+    }
+    return result;
+  }
+
+ private:
+  bool fail(std::string message) {
+    if (error_.empty()) error_ = message + " at offset " + std::to_string(position_);
+    return false;
+  }
+
+  bool atEnd() const { return position_ >= text_.size(); }
+  bool startsWith(std::string_view prefix) const {
+    return text_.compare(position_, prefix.size(), prefix) == 0;
+  }
+
+  void skipBlanks() {
+    while (!atEnd()) {
+      char c = text_[position_];
+      if (c != ' ' && c != '\t' && c != '\n' && c != '\r') break;
+      ++position_;
+    }
+  }
+
+  bool skipPast(std::string_view terminator) {
+    std::size_t found = text_.find(terminator, position_);
+    if (found == std::string_view::npos) return fail("unterminated markup");
+    position_ = found + terminator.size();
+    return true;
+  }
+
+  // Skips blanks, comments and processing instructions.
+  bool skipMisc() {
+    for (;;) {
+      skipBlanks();
+      if (startsWith("<!--")) {
+        if (!skipPast("-->")) return false;
+      } else if (startsWith("<?")) {
+        if (!skipPast("?>")) return false;
+      } else {
+        return true;
+      }
+    }
+  }
+
+  bool skipDoctype() {
+    int nesting = 0;
+    for (; !atEnd(); ++position_) {
+      char c = text_[position_];
+      if (c == '[') ++nesting;
+      if (c == ']') --nesting;
+      if (c == '>' && nesting <= 0) {
+        ++position_;
+        return true;
+      }
+    }
+    return fail("unterminated document type");
+  }
+
+  bool readDocument(Plist& result) {
+    if (startsWith("\xEF\xBB\xBF")) position_ += 3;
+    if (!skipMisc()) return false;
+    if (startsWith("<!DOCTYPE")) {
+      if (!skipDoctype() || !skipMisc()) return false;
+    }
+    std::string_view name;
+    bool empty = false;
+    if (!readStartTag(&name, &empty)) return false;
+    if (name == "plist") {
+      if (empty) return fail("empty property list");
+      if (!skipMisc()) return false;
+      if (!readValue(result, 0)) return false;
+      if (!skipMisc() || !readEndTag("plist")) return false;
+    } else if (!readValueForTag(name, empty, result, 0)) {
+      return false;
+    }
+    if (!skipMisc()) return false;
+    return atEnd() || fail("content after the property list");
+  }
+
+  bool readStartTag(std::string_view* name, bool* empty) {
+    if (atEnd() || text_[position_] != '<') return fail("expected an element");
+    std::size_t close = text_.find('>', position_);
+    if (close == std::string_view::npos) return fail("unterminated element");
+    std::string_view tag = text_.substr(position_ + 1, close - position_ - 1);
+    position_ = close + 1;
+    *empty = !tag.empty() && tag.back() == '/';
+    if (*empty) tag.remove_suffix(1);
+    std::size_t nameEnd = tag.find_first_of(" \t\r\n");
+    *name = tag.substr(0, nameEnd);
+    if (name->empty() || name->front() == '/' || name->front() == '!') {
+      return fail("expected an element");
+    }
+    return true;
+  }
+
+  bool readEndTag(std::string_view name) {
+    if (!startsWith("</") || text_.compare(position_ + 2, name.size(), name) != 0) {
+      return fail("expected </" + std::string(name) + ">");
+    }
+    position_ += 2 + name.size();
+    skipBlanks();
+    if (atEnd() || text_[position_] != '>') return fail("malformed end tag");
+    ++position_;
+    return true;
+  }
+
+  bool readValue(Plist& result, int depth) {
+    std::string_view name;
+    bool empty = false;
+    if (!readStartTag(&name, &empty)) return false;
+    return readValueForTag(name, empty, result, depth);
+  }
+
+  bool readValueForTag(std::string_view name, bool empty, Plist& result, int depth) {
+    if (depth > kMaximumDepth) return fail("property list nested too deeply");
+    if (name == "dict") return readDictionary(empty, result, depth);
+    if (name == "array") return readArray(empty, result, depth);
+    if (name == "true" || name == "false") {
+      result = Plist::boolean(name == "true");
+      return empty || readEndTag(name);
+    }
+    std::string text;
+    if (!empty && !readText(name, &text)) return false;
+    if (name == "string") {
+      result = Plist(std::move(text));
+    } else if (name == "integer") {
+      return readInteger(text, result);
+    } else if (name == "real") {
+      return readReal(text, result);
+    } else if (name == "date") {
+      std::optional<Date> date = parseRfc3339Date(trimmed(text));
+      if (!date) return fail("malformed date");
+      result = Plist::date(*date);
+    } else if (name == "data") {
+      return readBase64(text, result);
+    } else {
+      return fail("unexpected element <" + std::string(name) + ">");
+    }
+    return true;
+  }
+
+  bool readDictionary(bool empty, Plist& result, int depth) {
+    Plist::Dictionary items;
+    if (!empty) {
+      for (;;) {
+        if (!skipMisc()) return false;
+        if (startsWith("</")) break;
+        std::string_view name;
+        bool emptyKey = false;
+        if (!readStartTag(&name, &emptyKey)) return false;
+        if (name != "key") return fail("expected <key>");
+        std::string key;
+        if (!emptyKey && !readText("key", &key)) return false;
+        if (!skipMisc()) return false;
+        Plist value;
+        if (!readValue(value, depth + 1)) return false;
+        // Keys usually arrive sorted, which makes the hint exact.
+        items.insert_or_assign(items.end(), std::move(key), std::move(value));
+      }
+      if (!readEndTag("dict")) return false;
+    }
+    result = Plist(std::move(items));
+    return true;
+  }
+
+  bool readArray(bool empty, Plist& result, int depth) {
+    Plist::Array elements;
+    if (!empty) {
+      for (;;) {
+        if (!skipMisc()) return false;
+        if (startsWith("</")) break;
+        elements.emplace_back();
+        if (!readValue(elements.back(), depth + 1)) return false;
+      }
+      if (!readEndTag("array")) return false;
+    }
+    result = Plist(std::move(elements));
+    return true;
+  }
+
+  // Character data up to the end tag of name, with entities and CDATA sections resolved.
+  bool readText(std::string_view name, std::string* text) {
+    for (;;) {
+      std::size_t special = text_.find_first_of("<&", position_);
+      if (special == std::string_view::npos) return fail("unterminated text");
+      text->append(text_.data() + position_, special - position_);
+      position_ = special;
+      if (text_[position_] == '&') {
+        if (!readEntity(text)) return false;
+      } else if (startsWith("<![CDATA[")) {
+        std::size_t end = text_.find("]]>", position_ + 9);
+        if (end == std::string_view::npos) return fail("unterminated CDATA section");
+        text->append(text_.data() + position_ + 9, end - position_ - 9);
+        position_ = end + 3;
+      } else if (startsWith("<!--")) {
+        if (!skipPast("-->")) return false;
+      } else {
+        return readEndTag(name);
+      }
+    }
+  }
+
+  bool readEntity(std::string* text) {
+    std::size_t semicolon = text_.find(';', position_);
+    if (semicolon == std::string_view::npos || semicolon - position_ > 12) {
+      return fail("malformed entity");
+    }
+    std::string_view entity = text_.substr(position_ + 1, semicolon - position_ - 1);
+    position_ = semicolon + 1;
+    if (entity == "lt") return text->push_back('<'), true;
+    if (entity == "gt") return text->push_back('>'), true;
+    if (entity == "amp") return text->push_back('&'), true;
+    if (entity == "quot") return text->push_back('"'), true;
+    if (entity == "apos") return text->push_back('\''), true;
+    if (entity.size() < 2 || entity[0] != '#') return fail("unknown entity");
+    bool hex = entity[1] == 'x' || entity[1] == 'X';
+    std::string_view digits = entity.substr(hex ? 2 : 1);
+    unsigned long code = 0;
+    auto [end, status] =
+        std::from_chars(digits.data(), digits.data() + digits.size(), code, hex ? 16 : 10);
+    if (status != std::errc() || end != digits.data() + digits.size() || code == 0 ||
+        code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
+      return fail("malformed character reference");
+    }
+    appendUtf8(static_cast<char32_t>(code), text);
+    return true;
+  }
+
+  static void appendUtf8(char32_t code, std::string* text) {
+    if (code < 0x80) {
+      text->push_back(static_cast<char>(code));
+    } else if (code < 0x800) {
+      text->push_back(static_cast<char>(0xC0 | (code >> 6)));
+      text->push_back(static_cast<char>(0x80 | (code & 0x3F)));
+    } else if (code < 0x10000) {
+      text->push_back(static_cast<char>(0xE0 | (code >> 12)));
+      text->push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
+      text->push_back(static_cast<char>(0x80 | (code & 0x3F)));
+    } else {
+      text->push_back(static_cast<char>(0xF0 | (code >> 18)));
+      text->push_back(static_cast<char>(0x80 | ((code >> 12) & 0x3F)));
+      text->push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
+      text->push_back(static_cast<char>(0x80 | (code & 0x3F)));
+    }
+  }
+
+  static std::string_view trimmed(std::string_view text) {
+    std::size_t first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string_view::npos) return {};
+    std::size_t last = text.find_last_not_of(" \t\r\n");
+    return text.substr(first, last - first + 1);
+  }
+
+  bool readInteger(std::string_view text, Plist& result) {
+    text = trimmed(text);
+    bool negative = !text.empty() && text.front() == '-';
+    if (!text.empty() && (text.front() == '-' || text.front() == '+')) text.remove_prefix(1);
+    int base = 10;
+    if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+      base = 16;
+      text.remove_prefix(2);
+    }
+    std::uint64_t magnitude = 0;
+    auto [end, status] =
+        std::from_chars(text.data(), text.data() + text.size(), magnitude, base);
+    if (text.empty() || status != std::errc() || end != text.data() + text.size()) {
+      return fail("malformed integer");
+    }
+    if (negative && magnitude > (std::uint64_t{1} << 63)) return fail("integer out of range");
+    // Values above the signed range keep their bits, as unsigned 64-bit integers do.
+    result = Plist::integer(negative ? static_cast<std::int64_t>(0 - magnitude)
+                                     : static_cast<std::int64_t>(magnitude));
+    return true;
+  }
+
+  bool readReal(std::string_view text, Plist& result) {
+    std::string value(trimmed(text));
+    char* end = nullptr;
+    double number = std::strtod(value.c_str(), &end);
+    if (value.empty() || end != value.c_str() + value.size()) return fail("malformed real");
+    result = Plist::real(number);
+    return true;
+  }
+
+  bool readBase64(std::string_view text, Plist& result) {
+    Plist::Bytes bytes;
+    bytes.reserve(text.size() * 3 / 4);
+    std::uint32_t accumulator = 0;
+    int bits = 0;
+    for (char c : text) {
+      int value;
+      if (c >= 'A' && c <= 'Z') value = c - 'A';
+      else if (c >= 'a' && c <= 'z') value = c - 'a' + 26;
+      else if (c >= '0' && c <= '9') value = c - '0' + 52;
+      else if (c == '+') value = 62;
+      else if (c == '/') value = 63;
+      else if (c == '=' || c == ' ' || c == '\t' || c == '\r' || c == '\n') continue;
+      else return fail("malformed data");
+      accumulator = (accumulator << 6) | static_cast<std::uint32_t>(value);
+      bits += 6;
+      if (bits >= 8) {
+        bits -= 8;
+        bytes.push_back(static_cast<std::uint8_t>((accumulator >> bits) & 0xFF));
+      }
+    }
+    result = Plist::data(std::move(bytes));
+    return true;
+  }
+
+  std::string_view text_;
+  std::size_t position_ = 0;
+  std::string error_;
+};
+
+// Seconds between the Unix epoch and the reference date of binary property lists (2001-01-01).
+constexpr std::int64_t kReferenceDateOffset = 978307200;
+
+std::optional<Plist> fromLibplist(plist_t node, int depth) {
+  if (depth > kMaximumDepth) return std::nullopt;
+  switch (plist_get_node_type(node)) {
+    case PLIST_BOOLEAN: {
+      std::uint8_t value = 0;
+      plist_get_bool_val(node, &value);
+      return Plist::boolean(value != 0);
+    }
+    case PLIST_UINT: {
+      std::uint64_t value = 0;
+      plist_get_uint_val(node, &value);
+      return Plist::integer(static_cast<std::int64_t>(value));
+    }
+    case PLIST_REAL: {
+      double value = 0;
+      plist_get_real_val(node, &value);
+      return Plist::real(value);
+    }
+    case PLIST_STRING: {
+      std::uint64_t length = 0;
+      const char* value = plist_get_string_ptr(node, &length);
+      return Plist(std::string(value ? value : "", value ? length : 0));
+    }
+    case PLIST_DATE: {
+      std::int32_t seconds = 0, microseconds = 0;
+      plist_get_date_val(node, &seconds, &microseconds);
+      auto moment = std::chrono::seconds(seconds + kReferenceDateOffset) +
+                    std::chrono::microseconds(microseconds);
+      return Plist::date(Date(std::chrono::duration_cast<Date::duration>(moment)));
+    }
+    case PLIST_DATA: {
+      std::uint64_t length = 0;
+      const char* value = plist_get_data_ptr(node, &length);
+      const auto* bytes = reinterpret_cast<const std::uint8_t*>(value);
+      return Plist::data(Plist::Bytes(bytes, bytes + (value ? length : 0)));
+    }
+    case PLIST_ARRAY: {
+      Plist::Array elements;
+      std::uint32_t count = plist_array_get_size(node);
+      elements.reserve(count);
+      for (std::uint32_t i = 0; i < count; ++i) {
+        std::optional<Plist> element = fromLibplist(plist_array_get_item(node, i), depth + 1);
+        if (!element) return std::nullopt;
+        elements.push_back(std::move(*element));
+      }
+      return Plist(std::move(elements));
+    }
+    case PLIST_DICT: {
+      Plist::Dictionary items;
+      plist_dict_iter iterator = nullptr;
+      plist_dict_new_iter(node, &iterator);
+      bool ok = true;
+      for (;;) {
+        char* key = nullptr;
+        plist_t value = nullptr;
+        plist_dict_next_item(node, iterator, &key, &value);
+        if (key == nullptr) break;
+        std::optional<Plist> converted = value ? fromLibplist(value, depth + 1) : std::nullopt;
+        if (converted) items.insert_or_assign(std::string(key), std::move(*converted));
+        std::free(key);
+        if (!converted) {
+          ok = false;
+          break;
+        }
+      }
+      std::free(iterator);
+      if (!ok) return std::nullopt;
+      return Plist(std::move(items));
+    }
+    default: return std::nullopt;
+  }
+}
+
+std::optional<Plist> fromBinary(std::string_view bytes, std::string* error) {
+  plist_t root = nullptr;
+  plist_from_bin(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &root);
+  if (root == nullptr) {
+    if (error) *error = "malformed binary property list";
+    return std::nullopt;
+  }
+  std::optional<Plist> result = fromLibplist(root, 0);
+  plist_free(root);
+  if (!result && error) *error = "unsupported value in binary property list";
+  return result;
+}
+
+}  // namespace
+
+std::optional<Plist> Plist::fromBytes(std::string_view bytes, std::string* error) {
+  if (bytes.substr(0, 6) == "bplist") {
+    if (bytes.size() > UINT32_MAX) {
+      if (error) *error = "binary property list too large";
+      return std::nullopt;
+    }
+    return fromBinary(bytes, error);
+  }
+  return XmlPlistReader(bytes).read(error);
+}
+
+std::optional<Plist> Plist::readFile(const std::string& path, std::string* error) {
+  std::string contents;
+  if (!readWholeFile(path, &contents, error)) return std::nullopt;
+  return fromBytes(contents, error);
+}
+
+}  // namespace ondrel

@@ -1,0 +1,159 @@
+// Writes property lists as XML, streaming: the document is never assembled in memory, so writing
+// a large catalog costs no more than its buffered output.
+#include "DateFormats.h"
+#include "FileIO.h"
+#include "Plist.h"
+
+namespace ondrel {
+
+class PlistXmlWriter {
+ public:
+  explicit PlistXmlWriter(std::FILE* file) : file_(file) {}
+
+  bool writeDocument(const Plist& root) {
+    put("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n");
+    writeValue(root, 0);
+    put("</plist>\n");
+    return ok_;
+  }
+
+ private:
+  void put(std::string_view text) {
+    if (ok_ && std::fwrite(text.data(), 1, text.size(), file_) != text.size()) ok_ = false;
+  }
+
+  void indent(int depth) {
+    static constexpr std::string_view kTabs = "\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t\t";
+    while (depth > 0) {
+      int count = std::min<int>(depth, static_cast<int>(kTabs.size()));
+      put(kTabs.substr(0, static_cast<std::size_t>(count)));
+      depth -= count;
+    }
+  }
+
+  void putEscaped(std::string_view text) {
+    std::size_t start = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+      std::string_view replacement;
+      switch (text[i]) {
+        case '<': replacement = "&lt;"; break;
+        case '>': replacement = "&gt;"; break;
+        case '&': replacement = "&amp;"; break;
+        default: continue;
+      }
+      put(text.substr(start, i - start));
+      put(replacement);
+      start = i + 1;
+    }
+    put(text.substr(start));
+  }
+
+  void element(int depth, std::string_view name, std::string_view escapedText) {
+    indent(depth);
+    put("<");
+    put(name);
+    put(">");
+    put(escapedText);
+    put("</");
+    put(name);
+    put(">\n");
+  }
+
+  void writeValue(const Plist& value, int depth) {
+    switch (value.type()) {
+      case Plist::Type::Null:
+        // A null has no property-list form; it is written as an empty string.
+        element(depth, "string", "");
+        break;
+      case Plist::Type::String:
+        indent(depth);
+        put("<string>");
+        putEscaped(value.stringValue());
+        put("</string>\n");
+        break;
+      case Plist::Type::Integer:
+        element(depth, "integer", std::to_string(value.integerValue()));
+        break;
+      case Plist::Type::Real: element(depth, "real", fmt::format("{}", value.realValue())); break;
+      case Plist::Type::Boolean:
+        indent(depth);
+        put(value.boolValue() ? "<true/>\n" : "<false/>\n");
+        break;
+      case Plist::Type::Date: element(depth, "date", formatRfc3339Date(*value.dateValue())); break;
+      case Plist::Type::Data: writeData(value.dataValue(), depth); break;
+      case Plist::Type::Array: writeArray(value, depth); break;
+      case Plist::Type::Dictionary: writeDictionary(value, depth); break;
+    }
+  }
+
+  void writeArray(const Plist& value, int depth) {
+    indent(depth);
+    if (value.size() == 0) return put("<array/>\n");
+    put("<array>\n");
+    for (const Plist& element : value.elements()) writeValue(element, depth + 1);
+    indent(depth);
+    put("</array>\n");
+  }
+
+  void writeDictionary(const Plist& value, int depth) {
+    indent(depth);
+    if (value.size() == 0) return put("<dict/>\n");
+    put("<dict>\n");
+    for (const auto& [key, item] : value.items()) {
+      indent(depth + 1);
+      put("<key>");
+      putEscaped(key);
+      put("</key>\n");
+      writeValue(item, depth + 1);
+    }
+    indent(depth);
+    put("</dict>\n");
+  }
+
+  void writeData(const Plist::Bytes& bytes, int depth) {
+    static constexpr char kAlphabet[] =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    indent(depth);
+    put("<data>\n");
+    std::string line;
+    for (std::size_t i = 0; i < bytes.size(); i += 3) {
+      std::uint32_t group = static_cast<std::uint32_t>(bytes[i]) << 16;
+      if (i + 1 < bytes.size()) group |= static_cast<std::uint32_t>(bytes[i + 1]) << 8;
+      if (i + 2 < bytes.size()) group |= bytes[i + 2];
+      line += kAlphabet[(group >> 18) & 63];
+      line += kAlphabet[(group >> 12) & 63];
+      line += i + 1 < bytes.size() ? kAlphabet[(group >> 6) & 63] : '=';
+      line += i + 2 < bytes.size() ? kAlphabet[group & 63] : '=';
+      if (line.size() >= 68 || i + 3 >= bytes.size()) {
+        indent(depth);
+        put(line);
+        put("\n");
+        line.clear();
+      }
+    }
+    indent(depth);
+    put("</data>\n");
+  }
+
+  std::FILE* file_;
+  bool ok_ = true;
+};
+
+std::string Plist::toXml() const {
+  char* buffer = nullptr;
+  std::size_t length = 0;
+  std::FILE* stream = open_memstream(&buffer, &length);
+  if (stream == nullptr) return {};
+  PlistXmlWriter(stream).writeDocument(*this);
+  std::fclose(stream);
+  std::string xml(buffer, length);
+  std::free(buffer);
+  return xml;
+}
+
+bool Plist::writeXmlFile(const std::string& path, std::string* error) const {
+  return writeFileAtomically(
+      path, [this](std::FILE* file) { return PlistXmlWriter(file).writeDocument(*this); }, error);
+}
+
+}  // namespace ondrel
