@@ -16,10 +16,10 @@ using namespace ondrel;
 
 namespace {
 
-const std::vector<std::string> kLanguages = {
-    "English", "French", "German", "Japanese", "Spanish", "Italian", "Dutch",
-    "ko",      "zh_CN",  "zh_TW",  "da",       "fi",      "no",      "pl",
-    "pt",      "pt_PT",  "ru",     "sv",       "ar",      "cs"};
+const std::vector<std::string> kLanguages = {"English", "French", "German", "Japanese", "Spanish",
+                                             "Italian", "Dutch",  "ko",     "zh_CN",    "zh_TW",
+                                             "da",      "fi",     "no",     "pl",       "pt",
+                                             "pt_PT",   "ru",     "sv",     "ar",       "cs"};
 
 Plist generateCatalog() {
   std::mt19937 random(1);
@@ -30,8 +30,8 @@ Plist generateCatalog() {
   Date posted = std::chrono::sys_days(std::chrono::year(2016) / 9 / 20) + std::chrono::hours(17);
   for (int i = 0; i < 10000; ++i) {
     std::string id = fmt::format("041-{:05}", i);
-    std::string base = fmt::format("https://download.vantor.example/content/downloads/{:02}/{:02}/{}",
-                                   i % 100, i / 100, id);
+    std::string base = fmt::format(
+        "https://download.vantor.example/content/downloads/{:02}/{:02}/{}", i % 100, i / 100, id);
     Plist packages = Plist::array();
     for (int j = 0, count = between(1, 5); j < count; ++j) {
       Plist package = Plist::dictionary();

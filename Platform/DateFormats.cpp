@@ -61,9 +61,12 @@ CalendarParts utcParts(Date date) {
   auto day = std::chrono::floor<days>(wholeSeconds);
   std::chrono::year_month_day calendarDay{day};
   std::chrono::hh_mm_ss<seconds> time{wholeSeconds - day};
-  return {static_cast<int>(calendarDay.year()), static_cast<int>(unsigned(calendarDay.month())),
-          static_cast<int>(unsigned(calendarDay.day())), static_cast<int>(time.hours().count()),
-          static_cast<int>(time.minutes().count()), static_cast<int>(time.seconds().count())};
+  return {static_cast<int>(calendarDay.year()),
+          static_cast<int>(unsigned(calendarDay.month())),
+          static_cast<int>(unsigned(calendarDay.day())),
+          static_cast<int>(time.hours().count()),
+          static_cast<int>(time.minutes().count()),
+          static_cast<int>(time.seconds().count())};
 }
 
 std::string formatWithOffset(Date date, long offsetSeconds) {

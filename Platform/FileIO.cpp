@@ -1,14 +1,13 @@
 #include "FileIO.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <fstream>
-
-#include <fmt/format.h>
 
 #include "PathString.h"
 
@@ -52,7 +51,7 @@ bool readWholeFile(const std::string& path, std::string* contents, std::string* 
 }
 
 std::optional<std::chrono::system_clock::time_point> modificationDate(const std::string& path,
-                                                                     std::string* error) {
+                                                                      std::string* error) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) {
     if (error) *error = systemErrorText(errno);
@@ -71,7 +70,8 @@ mode_t processUmask() {
     std::ifstream status("/proc/self/status");
     std::string line;
     while (std::getline(status, line)) {
-      if (line.rfind("Umask:", 0) == 0) return static_cast<mode_t>(std::stoul(line.substr(6), nullptr, 8));
+      if (line.rfind("Umask:", 0) == 0)
+        return static_cast<mode_t>(std::stoul(line.substr(6), nullptr, 8));
     }
     return static_cast<mode_t>(022);
   }();

@@ -4,8 +4,8 @@
 // Thread-safe: no shared state.
 #pragma once
 
-#include <cstdio>
 #include <chrono>
+#include <cstdio>
 #include <functional>
 #include <optional>
 #include <string>
@@ -26,7 +26,7 @@ bool writeStringAtomically(const std::string& path, const std::string& text, std
 
 // The item's last modification time; none with the system's reason when it cannot be read.
 std::optional<std::chrono::system_clock::time_point> modificationDate(const std::string& path,
-                                                                     std::string* error);
+                                                                      std::string* error);
 
 // The system's description of an errno value.
 std::string systemErrorText(int errorNumber);

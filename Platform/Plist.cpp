@@ -79,11 +79,20 @@ void Plist::release() {
   if (!holdsNode()) return;
   if (node_->references.fetch_sub(1, std::memory_order_acq_rel) == 1) {
     switch (type_) {
-      case Type::String: delete static_cast<StringNode*>(node_); break;
-      case Type::Data: delete static_cast<DataNode*>(node_); break;
-      case Type::Array: delete static_cast<ArrayNode*>(node_); break;
-      case Type::Dictionary: delete static_cast<DictionaryNode*>(node_); break;
-      default: break;
+      case Type::String:
+        delete static_cast<StringNode*>(node_);
+        break;
+      case Type::Data:
+        delete static_cast<DataNode*>(node_);
+        break;
+      case Type::Array:
+        delete static_cast<ArrayNode*>(node_);
+        break;
+      case Type::Dictionary:
+        delete static_cast<DictionaryNode*>(node_);
+        break;
+      default:
+        break;
     }
   }
   type_ = Type::Null;
@@ -151,8 +160,10 @@ std::string_view numericPrefix(std::string_view text, bool* negative) {
 
 std::int64_t Plist::integerValue() const {
   switch (type_) {
-    case Type::Integer: return integer_;
-    case Type::Boolean: return boolean_ ? 1 : 0;
+    case Type::Integer:
+      return integer_;
+    case Type::Boolean:
+      return boolean_ ? 1 : 0;
     case Type::Real:
       if (std::isnan(real_)) return 0;
       if (real_ >= 9.2e18) return std::numeric_limits<std::int64_t>::max();
@@ -172,25 +183,34 @@ std::int64_t Plist::integerValue() const {
       }
       return negative ? -value : value;
     }
-    default: return 0;
+    default:
+      return 0;
   }
 }
 
 double Plist::realValue() const {
   switch (type_) {
-    case Type::Real: return real_;
-    case Type::Integer: return static_cast<double>(integer_);
-    case Type::Boolean: return boolean_ ? 1.0 : 0.0;
-    case Type::String: return std::strtod(stringValue().c_str(), nullptr);
-    default: return 0.0;
+    case Type::Real:
+      return real_;
+    case Type::Integer:
+      return static_cast<double>(integer_);
+    case Type::Boolean:
+      return boolean_ ? 1.0 : 0.0;
+    case Type::String:
+      return std::strtod(stringValue().c_str(), nullptr);
+    default:
+      return 0.0;
   }
 }
 
 bool Plist::boolValue() const {
   switch (type_) {
-    case Type::Boolean: return boolean_;
-    case Type::Integer: return integer_ != 0;
-    case Type::Real: return real_ != 0.0;
+    case Type::Boolean:
+      return boolean_;
+    case Type::Integer:
+      return integer_ != 0;
+    case Type::Real:
+      return real_ != 0.0;
     case Type::String: {
       bool negative = false;
       std::string_view rest = numericPrefix(stringValue(), &negative);
@@ -199,7 +219,8 @@ bool Plist::boolValue() const {
       char c = rest[i];
       return c == 'Y' || c == 'y' || c == 'T' || c == 't' || (c >= '1' && c <= '9');
     }
-    default: return false;
+    default:
+      return false;
   }
 }
 
@@ -303,20 +324,31 @@ bool Plist::operator==(const Plist& other) const {
     return false;
   }
   switch (type_) {
-    case Type::Null: return true;
-    case Type::Integer: return integer_ == other.integer_;
-    case Type::Real: return real_ == other.real_;
-    case Type::Boolean: return boolean_ == other.boolean_;
-    case Type::Date: return dateTicks_ == other.dateTicks_;
-    default: break;
+    case Type::Null:
+      return true;
+    case Type::Integer:
+      return integer_ == other.integer_;
+    case Type::Real:
+      return real_ == other.real_;
+    case Type::Boolean:
+      return boolean_ == other.boolean_;
+    case Type::Date:
+      return dateTicks_ == other.dateTicks_;
+    default:
+      break;
   }
   if (node_ == other.node_) return true;
   switch (type_) {
-    case Type::String: return stringValue() == other.stringValue();
-    case Type::Data: return dataValue() == other.dataValue();
-    case Type::Array: return elements() == other.elements();
-    case Type::Dictionary: return items() == other.items();
-    default: return false;
+    case Type::String:
+      return stringValue() == other.stringValue();
+    case Type::Data:
+      return dataValue() == other.dataValue();
+    case Type::Array:
+      return elements() == other.elements();
+    case Type::Dictionary:
+      return items() == other.items();
+    default:
+      return false;
   }
 }
 
@@ -352,14 +384,24 @@ void describe(const Plist& value, int depth, bool nested, std::string& out) {
   const std::string indent(static_cast<std::size_t>(depth) * 4, ' ');
   const std::string inner(static_cast<std::size_t>(depth + 1) * 4, ' ');
   switch (value.type()) {
-    case Plist::Type::Null: out += "(null)"; break;
+    case Plist::Type::Null:
+      out += "(null)";
+      break;
     case Plist::Type::String:
       out += nested ? quotedForCollection(value.stringValue()) : value.stringValue();
       break;
-    case Plist::Type::Integer: out += std::to_string(value.integerValue()); break;
-    case Plist::Type::Real: out += fmt::format("{}", value.realValue()); break;
-    case Plist::Type::Boolean: out += value.boolValue() ? "1" : "0"; break;
-    case Plist::Type::Date: out += formatDescriptionDate(*value.dateValue()); break;
+    case Plist::Type::Integer:
+      out += std::to_string(value.integerValue());
+      break;
+    case Plist::Type::Real:
+      out += fmt::format("{}", value.realValue());
+      break;
+    case Plist::Type::Boolean:
+      out += value.boolValue() ? "1" : "0";
+      break;
+    case Plist::Type::Date:
+      out += formatDescriptionDate(*value.dateValue());
+      break;
     case Plist::Type::Data: {
       out += '<';
       const Plist::Bytes& bytes = value.dataValue();

@@ -22,7 +22,17 @@ using Date = std::chrono::system_clock::time_point;
 
 class Plist {
  public:
-  enum class Type : std::uint8_t { Null, Dictionary, Array, String, Integer, Real, Boolean, Date, Data };
+  enum class Type : std::uint8_t {
+    Null,
+    Dictionary,
+    Array,
+    String,
+    Integer,
+    Real,
+    Boolean,
+    Date,
+    Data
+  };
   using Dictionary = std::map<std::string, Plist, std::less<>>;
   using Array = std::vector<Plist>;
   using Bytes = std::vector<std::uint8_t>;

@@ -289,8 +289,7 @@ class XmlPlistReader {
       text.remove_prefix(2);
     }
     std::uint64_t magnitude = 0;
-    auto [end, status] =
-        std::from_chars(text.data(), text.data() + text.size(), magnitude, base);
+    auto [end, status] = std::from_chars(text.data(), text.data() + text.size(), magnitude, base);
     if (text.empty() || status != std::errc() || end != text.data() + text.size()) {
       return fail("malformed integer");
     }
@@ -317,13 +316,20 @@ class XmlPlistReader {
     int bits = 0;
     for (char c : text) {
       int value;
-      if (c >= 'A' && c <= 'Z') value = c - 'A';
-      else if (c >= 'a' && c <= 'z') value = c - 'a' + 26;
-      else if (c >= '0' && c <= '9') value = c - '0' + 52;
-      else if (c == '+') value = 62;
-      else if (c == '/') value = 63;
-      else if (c == '=' || c == ' ' || c == '\t' || c == '\r' || c == '\n') continue;
-      else return fail("malformed data");
+      if (c >= 'A' && c <= 'Z')
+        value = c - 'A';
+      else if (c >= 'a' && c <= 'z')
+        value = c - 'a' + 26;
+      else if (c >= '0' && c <= '9')
+        value = c - '0' + 52;
+      else if (c == '+')
+        value = 62;
+      else if (c == '/')
+        value = 63;
+      else if (c == '=' || c == ' ' || c == '\t' || c == '\r' || c == '\n')
+        continue;
+      else
+        return fail("malformed data");
       accumulator = (accumulator << 6) | static_cast<std::uint32_t>(value);
       bits += 6;
       if (bits >= 8) {
@@ -412,7 +418,8 @@ std::optional<Plist> fromLibplist(plist_t node, int depth) {
       if (!ok) return std::nullopt;
       return Plist(std::move(items));
     }
-    default: return std::nullopt;
+    default:
+      return std::nullopt;
   }
 }
 

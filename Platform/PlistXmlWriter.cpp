@@ -36,10 +36,17 @@ class PlistXmlWriter {
     for (std::size_t i = 0; i < text.size(); ++i) {
       std::string_view replacement;
       switch (text[i]) {
-        case '<': replacement = "&lt;"; break;
-        case '>': replacement = "&gt;"; break;
-        case '&': replacement = "&amp;"; break;
-        default: continue;
+        case '<':
+          replacement = "&lt;";
+          break;
+        case '>':
+          replacement = "&gt;";
+          break;
+        case '&':
+          replacement = "&amp;";
+          break;
+        default:
+          continue;
       }
       put(text.substr(start, i - start));
       put(replacement);
@@ -74,15 +81,25 @@ class PlistXmlWriter {
       case Plist::Type::Integer:
         element(depth, "integer", std::to_string(value.integerValue()));
         break;
-      case Plist::Type::Real: element(depth, "real", fmt::format("{}", value.realValue())); break;
+      case Plist::Type::Real:
+        element(depth, "real", fmt::format("{}", value.realValue()));
+        break;
       case Plist::Type::Boolean:
         indent(depth);
         put(value.boolValue() ? "<true/>\n" : "<false/>\n");
         break;
-      case Plist::Type::Date: element(depth, "date", formatRfc3339Date(*value.dateValue())); break;
-      case Plist::Type::Data: writeData(value.dataValue(), depth); break;
-      case Plist::Type::Array: writeArray(value, depth); break;
-      case Plist::Type::Dictionary: writeDictionary(value, depth); break;
+      case Plist::Type::Date:
+        element(depth, "date", formatRfc3339Date(*value.dateValue()));
+        break;
+      case Plist::Type::Data:
+        writeData(value.dataValue(), depth);
+        break;
+      case Plist::Type::Array:
+        writeArray(value, depth);
+        break;
+      case Plist::Type::Dictionary:
+        writeDictionary(value, depth);
+        break;
     }
   }
 

@@ -17,8 +17,8 @@ namespace {
 std::string resolvedCommand(const std::string& commandPath) {
   if (::access(commandPath.c_str(), X_OK) == 0) return commandPath;
   std::string name = lastPathComponent(commandPath);
-  for (const char* folder : {"/usr/local/sbin", "/usr/local/bin", "/usr/sbin", "/usr/bin", "/sbin",
-                             "/bin"}) {
+  for (const char* folder :
+       {"/usr/local/sbin", "/usr/local/bin", "/usr/sbin", "/usr/bin", "/sbin", "/bin"}) {
     std::string candidate = appendingPathComponent(folder, name);
     if (::access(candidate.c_str(), X_OK) == 0) return candidate;
   }

@@ -14,10 +14,10 @@ namespace ondrel {
 namespace {
 
 const std::set<std::string, std::less<>> kPseudoFileSystems = {
-    "autofs",   "binfmt_misc", "bpf",        "cgroup", "cgroup2",  "configfs", "debugfs",
-    "devpts",   "devtmpfs",    "efivarfs",   "fusectl", "hugetlbfs", "mqueue",  "nsfs",
-    "proc",     "pstore",      "ramfs",      "rpc_pipefs", "securityfs", "selinuxfs", "sysfs",
-    "tmpfs",    "tracefs"};
+    "autofs",     "binfmt_misc", "bpf",      "cgroup",   "cgroup2", "configfs",
+    "debugfs",    "devpts",      "devtmpfs", "efivarfs", "fusectl", "hugetlbfs",
+    "mqueue",     "nsfs",        "proc",     "pstore",   "ramfs",   "rpc_pipefs",
+    "securityfs", "selinuxfs",   "sysfs",    "tmpfs",    "tracefs"};
 
 // Mount points escape blanks and a few other characters as three octal digits.
 std::string unescapedMountPoint(const std::string& field) {
@@ -57,7 +57,8 @@ std::vector<MountedVolume> Volumes::mounted() {
     std::istringstream tail(line.substr(separator + 3));
     std::string format;
     tail >> format;
-    volumes.push_back({unescapedMountPoint(mountPoint), format, kPseudoFileSystems.count(format) != 0});
+    volumes.push_back(
+        {unescapedMountPoint(mountPoint), format, kPseudoFileSystems.count(format) != 0});
   }
   return volumes;
 }
