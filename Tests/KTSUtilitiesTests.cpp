@@ -185,7 +185,11 @@ TEST_F(KTSUtilitiesTest, ValidDateForEveryKindOfValue) {
   // The stamp is always "now", whatever date is passed.
   ::setenv("TZ", "UTC", 1);
   tzset();
-  EXPECT_EQ(KTSUtilities::internationalDateTimeStringWithDate(moment), "2026-11-21 09:00:00 +0000");
+  EXPECT_EQ(KTSUtilities::internationalDateTimeStringWithDate(moment),
+            formatDescriptionDate(clock_->now()));
+  clock_->advance(std::chrono::hours(1));
+  EXPECT_EQ(KTSUtilities::internationalDateTimeStringWithDate(moment),
+            formatDescriptionDate(clock_->now()));
   ::unsetenv("TZ");
   tzset();
 }

