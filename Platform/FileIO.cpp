@@ -63,6 +63,24 @@ std::optional<std::chrono::system_clock::time_point> modificationDate(const std:
       std::chrono::duration_cast<std::chrono::system_clock::duration>(sinceEpoch));
 }
 
+std::optional<std::chrono::system_clock::time_point> creationDate(const std::string& path,
+                                                                  std::string* error) {
+  struct statx status {};
+  if (::statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME | STATX_CTIME, &status) != 0) {
+    if (error) *error = systemErrorText(errno);
+    return std::nullopt;
+  }
+  const struct statx_timestamp& stamp =
+      (status.stx_mask & STATX_BTIME) != 0 ? status.stx_btime : status.stx_ctime;
+  auto sinceEpoch = std::chrono::seconds(stamp.tv_sec) + std::chrono::nanoseconds(stamp.tv_nsec);
+  return std::chrono::system_clock::time_point(
+      std::chrono::duration_cast<std::chrono::system_clock::duration>(sinceEpoch));
+}
+
+bool isAtomicWriteTemporary(std::string_view fileName) {
+  return fileName.substr(0, kAtomicWritePrefix.size()) == kAtomicWritePrefix;
+}
+
 namespace {
 
 mode_t processUmask() {
@@ -85,7 +103,8 @@ bool writeFileAtomically(const std::string& path,
                          const std::function<void()>& beforeReplace) {
   std::string folder = deletingLastPathComponent(path);
   std::string temporary = appendingPathComponent(
-      folder.empty() ? "." : folder, fmt::format(".{}.XXXXXX", lastPathComponent(path)));
+      folder.empty() ? "." : folder,
+      fmt::format("{}{}.XXXXXX", kAtomicWritePrefix, lastPathComponent(path)));
   int fd = ::mkstemp(temporary.data());
   if (fd < 0) {
     if (error) *error = systemErrorText(errno);

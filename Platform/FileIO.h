@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace ondrel {
 
@@ -22,11 +23,20 @@ bool writeFileAtomically(const std::string& path,
                          const std::function<bool(std::FILE*)>& writeContents, std::string* error,
                          const std::function<void()>& beforeReplace = {});
 
+// Temporary files of atomic writes are named with this prefix, so that scans of a shared folder
+// can tell another process's write in progress from the folder's own entries.
+inline constexpr std::string_view kAtomicWritePrefix = ".ondrel-write-";
+bool isAtomicWriteTemporary(std::string_view fileName);
+
 bool writeStringAtomically(const std::string& path, const std::string& text, std::string* error);
 
 // The item's last modification time; none with the system's reason when it cannot be read.
 std::optional<std::chrono::system_clock::time_point> modificationDate(const std::string& path,
                                                                       std::string* error);
+
+// The item's creation (birth) time where the file system records one, else its last change.
+std::optional<std::chrono::system_clock::time_point> creationDate(const std::string& path,
+                                                                  std::string* error);
 
 // The system's description of an errno value.
 std::string systemErrorText(int errorNumber);

@@ -232,7 +232,8 @@ TEST_F(PlistTest, AWriterKilledMidwayLeavesTheOldFile) {
   bool writing = false;
   for (int i = 0; i < 2000 && !writing; ++i) {
     for (const auto& entry : std::filesystem::directory_iterator(root_)) {
-      if (entry.path().filename().string().rfind(".doc.plist.", 0) == 0) writing = true;
+      if (entry.path().filename().string().rfind(".ondrel-write-doc.plist.", 0) == 0)
+        writing = true;
     }
     if (!writing) usleep(5000);
   }

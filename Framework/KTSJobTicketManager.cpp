@@ -1,0 +1,130 @@
+#include "KTSJobTicketManager.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "Clock.h"
+#include "FileIO.h"
+#include "HostPaths.h"
+#include "KTSPreferences.h"
+#include "KTSUtilities.h"
+
+namespace ondrel {
+
+namespace {
+
+std::shared_ptr<KTSJobTicketManager>& defaultManagerSlot() {
+  static std::shared_ptr<KTSJobTicketManager> manager;
+  return manager;
+}
+
+// A temporary file of another process's atomic write younger than this is a write in progress;
+// an older one was left by a crash and is cleaned like any other stray entry.
+constexpr std::chrono::minutes kWriteInProgressAge(10);
+
+}  // namespace
+
+std::shared_ptr<KTSJobTicketManager> KTSJobTicketManager::defaultManager() {
+  auto& slot = defaultManagerSlot();
+  if (!slot) slot = std::make_shared<KTSJobTicketManager>();
+  return slot;
+}
+
+void KTSJobTicketManager::resetDefaultManager() { defaultManagerSlot().reset(); }
+
+KTSJobTicketManager::KTSJobTicketManager()
+    : jobsPath_(KTSPreferences::defaultPreferences()->statusWorkingPathForPath(
+          fixedPath("/Library/Server/Ondrel/Status/.pending"))),
+      log_(LogHandle::shared()) {}
+
+bool KTSJobTicketManager::isWriteInProgress(const std::string& fileName,
+                                            const std::string& fullPath) const {
+  if (!isAtomicWriteTemporary(fileName)) return false;
+  std::optional<Date> modified = modificationDate(fullPath, nullptr);
+  return modified && Clock::now() - *modified < kWriteInProgressAge;
+}
+
+void KTSJobTicketManager::refresh() {
+  openJobs_.clear();
+  if (!KTSUtilities::directoryExistsAtPath(jobsPath_)) return;
+  std::error_code error;
+  std::filesystem::directory_iterator entries(jobsPath_, error);
+  if (error) {
+    log_.debug("JTKT: *** failed reading pending jobs directory. reason: {}", error.message());
+    return;
+  }
+  // Each discarded entry is deleted only if it is still the very file that was judged: another
+  // process may have replaced it with a live ticket in the meantime.
+  std::vector<std::pair<std::string, ino_t>> discarded;
+  for (; entries != std::filesystem::directory_iterator(); entries.increment(error)) {
+    std::string name = entries->path().filename().string();
+    std::string fullPath = jobsPath_ + "/" + name;
+    if (isWriteInProgress(name, fullPath)) continue;
+    struct stat judged {};
+    bool present = ::lstat(fullPath.c_str(), &judged) == 0;
+    auto ticket = KTSJobTicket::ticketWithDictionaryAtPath(fullPath);
+    if (ticket->jobType() == KTSJobTicket::Undefined) {
+      log_.debug("JTKT: warning - discarding file: {} (invalid/expired ticket)", name);
+      if (present) discarded.emplace_back(fullPath, judged.st_ino);
+    } else {
+      openJobs_.push_back(ticket);
+    }
+  }
+  for (const auto& [fullPath, inode] : discarded) {
+    struct stat current {};
+    if (::lstat(fullPath.c_str(), &current) == 0 && current.st_ino == inode) {
+      std::filesystem::remove_all(fullPath, error);
+    }
+  }
+}
+
+std::shared_ptr<KTSJobTicket> KTSJobTicketManager::findTicketOfTypeForProduct(
+    std::int64_t jobType, const std::string& productId) const {
+  auto found = std::find_if(openJobs_.begin(), openJobs_.end(), [&](const auto& ticket) {
+    return ticket->jobType() == jobType && ticket->productId() == productId;
+  });
+  return found == openJobs_.end() ? nullptr : *found;
+}
+
+bool KTSJobTicketManager::hasTicketOfTypeForProduct(std::int64_t jobType,
+                                                    const std::string& productId) const {
+  return findTicketOfTypeForProduct(jobType, productId) != nullptr;
+}
+
+void KTSJobTicketManager::addTicketOfTypeForProduct(std::int64_t jobType,
+                                                    const std::string& productId) {
+  if (auto existing = findTicketOfTypeForProduct(jobType, productId)) {
+    log_.debug("JTKT: warning: redundant request ignored; ticket (\"{}\") exists for product: {}",
+               existing->typeDescription(), productId);
+    return;
+  }
+  if (!KTSUtilities::createDirectoryAtPath(jobsPath_)) return;
+  auto ticket = KTSJobTicket::ticketWithProductIdJobTypeInDirectory(productId, jobType, jobsPath_);
+  log_.debug("JTKT: adding new ticket (\"{}\") for product: {}", ticket->typeDescription(),
+             productId);
+  if (ticket->saveAsDictionary()) openJobs_.push_back(ticket);
+}
+
+void KTSJobTicketManager::deleteTicketOfTypeForProduct(std::int64_t jobType,
+                                                       const std::string& productId) {
+  auto ticket = findTicketOfTypeForProduct(jobType, productId);
+  if (!ticket) return;
+  log_.debug("JTKT: removing pending ticket (\"{}\") for product: {}", ticket->typeDescription(),
+             productId);
+  ticket->removeDictionary();
+  openJobs_.erase(std::find(openJobs_.begin(), openJobs_.end(), ticket));
+}
+
+void KTSJobTicketManager::deleteAllTickets() {
+  log_.debug("JTKT: removing all pending job tickets (total {})", openJobs_.size());
+  for (const auto& ticket : openJobs_) {
+    log_.debug("JTKT: removing pending ticket for \"{} {}\"", ticket->typeDescription(),
+               ticket->productId().value_or(""));
+    ticket->removeDictionary();
+  }
+  openJobs_.clear();
+}
+
+}  // namespace ondrel

@@ -1,0 +1,54 @@
+// KTSJobTicketManager is the set of open job tickets in the pending-jobs folder, with the
+// operations to add, find and delete them. The daemon and the administration side each keep one;
+// they meet only in the folder, so call refresh to see what the other process wrote. Each refresh
+// deletes every folder entry that is not a live ticket. One thread uses an instance.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "KTSJobTicket.h"
+#include "KTSLogger.h"
+
+namespace ondrel {
+
+class KTSPreferences;
+
+class KTSJobTicketManager {
+ public:
+  static std::shared_ptr<KTSJobTicketManager> defaultManager();
+  // Forgets the shared instance (test support).
+  static void resetDefaultManager();
+
+  // Reads nothing until refresh.
+  KTSJobTicketManager();
+
+  void refresh();
+  // The first open ticket of that type for that product, or none.
+  std::shared_ptr<KTSJobTicket> findTicketOfTypeForProduct(std::int64_t jobType,
+                                                           const std::string& productId) const;
+  bool hasTicketOfTypeForProduct(std::int64_t jobType, const std::string& productId) const;
+  // Adds and saves a ticket unless one of the same type is open for the product.
+  void addTicketOfTypeForProduct(std::int64_t jobType, const std::string& productId);
+  void deleteTicketOfTypeForProduct(std::int64_t jobType, const std::string& productId);
+  // Deletes the files of the tickets read by the last refresh or added since.
+  void deleteAllTickets();
+
+  const std::string& jobsPath() const { return jobsPath_; }
+  void setJobsPath(std::string path) { jobsPath_ = std::move(path); }
+  const std::vector<std::shared_ptr<KTSJobTicket>>& openJobs() const { return openJobs_; }
+  const std::shared_ptr<KTSPreferences>& prefs() const { return prefs_; }
+  void setPrefs(std::shared_ptr<KTSPreferences> prefs) { prefs_ = std::move(prefs); }
+
+ private:
+  bool isWriteInProgress(const std::string& fileName, const std::string& fullPath) const;
+
+  std::string jobsPath_;
+  std::vector<std::shared_ptr<KTSJobTicket>> openJobs_;
+  std::shared_ptr<KTSPreferences> prefs_;
+  LogHandle log_;
+};
+
+}  // namespace ondrel
