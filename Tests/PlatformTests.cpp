@@ -1,13 +1,10 @@
 #include <sys/stat.h>
 
 #include "DateFormats.h"
-#include "HostPaths.h"
 #include "OndrelTest.h"
 #include "PathString.h"
 #include "TaskRunner.h"
 #include "Url.h"
-#include "Utf8.h"
-#include "Volumes.h"
 
 namespace ondrel {
 namespace {
@@ -77,46 +74,12 @@ TEST_F(PlatformTest, DatePatternsAreStrict) {
   tzset();
 }
 
-TEST_F(PlatformTest, FixedPathsAndResourcesFollowTheEnvironment) {
-  EXPECT_EQ(fixedPath("/var/spool/ondrd"), root_ + "/var/spool/ondrd");
-  EXPECT_EQ(resourcePath("ondrd", "plist"), resources_ + "/ondrd.plist");
-  ::unsetenv("ONDREL_ROOT");
-  EXPECT_EQ(fixedPath("/var/spool/ondrd"), "/var/spool/ondrd");
-}
-
 TEST_F(PlatformTest, TaskRunnerReportsExitStatusAndFindsMovedCommands) {
   EXPECT_EQ(TaskRunner::run("/bin/sh", {"-c", "exit 3"}), 3);
   EXPECT_EQ(TaskRunner::run("/no/such/folder/true", {}), 0) << "falls back to PATH";
   EXPECT_EQ(TaskRunner::run("/no/such/command-ondrel", {}), -1);
   writeFile(path("/marker"), "x");
   EXPECT_EQ(TaskRunner::run("/usr/sbin/chown", {"-R", "_ondrel:_ondrel", path("/marker")}), 0);
-}
-
-TEST_F(PlatformTest, VolumesListTheRootFileSystemWithCapacity) {
-  std::vector<MountedVolume> volumes = Volumes::mounted();
-  auto root = std::find_if(volumes.begin(), volumes.end(),
-                           [](const MountedVolume& v) { return v.mountPoint == "/"; });
-  ASSERT_NE(root, volumes.end());
-  EXPECT_FALSE(root->hidden);
-  EXPECT_FALSE(root->format.empty());
-  std::uint64_t total = 0, available = 0;
-  EXPECT_TRUE(Volumes::capacity("/", &total, &available, nullptr));
-  EXPECT_GT(total, 0u);
-  EXPECT_LE(available, total);
-  EXPECT_TRUE(std::any_of(volumes.begin(), volumes.end(), [](const MountedVolume& v) {
-    return v.mountPoint == "/proc" && v.hidden;
-  }));
-  std::string error;
-  EXPECT_FALSE(Volumes::capacity(path("/missing"), &total, &available, &error));
-  EXPECT_FALSE(error.empty());
-}
-
-TEST_F(PlatformTest, Utf8Validation) {
-  EXPECT_TRUE(isValidUtf8("plain \xC3\xA9 \xE2\x98\xBA \xF0\x9F\x98\x80"));
-  EXPECT_FALSE(isValidUtf8("\xC0\xAF"));           // overlong
-  EXPECT_FALSE(isValidUtf8("\xED\xA0\x80"));       // surrogate
-  EXPECT_FALSE(isValidUtf8("\xE2\x98"));           // truncated
-  EXPECT_FALSE(isValidUtf8("latin-1 caf\xE9 x"));  // not UTF-8
 }
 
 }  // namespace
