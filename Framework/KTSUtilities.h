@@ -10,6 +10,7 @@
 #include <string>
 
 #include "Plist.h"
+#include "Url.h"
 
 namespace ondrel {
 
@@ -52,6 +53,13 @@ class KTSUtilities {
   static Plist getMountedVolumeInfoForPath(const std::string& path);
   // The visible volumes of that format (all with none), or null when none qualifies.
   static Plist getMountedVolumeListForFormat(const std::optional<std::string>& format);
+
+  // Downloads url to path unless replaceExisting is false and the file exists (then true without
+  // a transfer). False, with one error line, when the download failed.
+  static bool downloadFileWithURLToPathReplaceExistingArchivePrevious(const Url& url,
+                                                                      const std::string& path,
+                                                                      bool replaceExisting,
+                                                                      bool archivePrevious);
 
   // A date from a date, an RFC 3339 string or an archive-format string; none otherwise.
   static std::optional<Date> validDateForValue(const Plist& value);

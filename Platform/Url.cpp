@@ -36,6 +36,7 @@ std::optional<Url> Url::parse(const std::string& text) {
   std::string port = part(handle.get(), CURLUPART_PORT);
   if (!port.empty()) url.port_ = std::stoi(port);
   url.path_ = part(handle.get(), CURLUPART_PATH, CURLU_URLDECODE);
+  url.encodedPath_ = part(handle.get(), CURLUPART_PATH);
   url.query_ = part(handle.get(), CURLUPART_QUERY);
   url.fragment_ = part(handle.get(), CURLUPART_FRAGMENT);
   return url;

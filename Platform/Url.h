@@ -21,6 +21,8 @@ class Url {
   std::optional<int> port() const { return port_; }
   // Percent-decoded; "/" when the URL has no path.
   const std::string& path() const { return path_; }
+  // The path as it stands in the URL, percent-encoded.
+  const std::string& encodedPath() const { return encodedPath_; }
   const std::string& query() const { return query_; }
   const std::string& fragment() const { return fragment_; }
 
@@ -33,6 +35,7 @@ class Url {
   std::string host_;
   std::optional<int> port_;
   std::string path_;
+  std::string encodedPath_;
   std::string query_;
   std::string fragment_;
 };

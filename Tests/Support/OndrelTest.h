@@ -31,6 +31,10 @@ class ManualClock : public ClockSource {
 };
 
 class OndrelTest : public ::testing::Test {
+ public:
+  static void writeFile(const std::string& path, const std::string& contents);
+  static std::string readFile(const std::string& path);
+
  protected:
   void SetUp() override;
   void TearDown() override;
@@ -43,9 +47,6 @@ class OndrelTest : public ::testing::Test {
   std::vector<std::string> logLines() const;
   bool logged(const std::string& line) const;
   void clearLog() { entries_.clear(); }
-  static void writeFile(const std::string& path, const std::string& contents);
-  static std::string readFile(const std::string& path);
-
   std::string root_;
   std::string resources_;
   std::vector<LogEntry> entries_;

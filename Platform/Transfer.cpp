@@ -1,0 +1,240 @@
+#include "Transfer.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "FileIO.h"
+
+namespace ondrel {
+
+namespace {
+
+// The process's transfer state: one multi handle, whose connection cache keeps connections
+// alive from one transfer to the next, and a share for TLS sessions and host names.
+class TransferSession {
+ public:
+  static TransferSession& shared() {
+    static TransferSession session;
+    return session;
+  }
+  CURLM* multi() const { return multi_; }
+  CURLSH* share() const { return share_; }
+
+ private:
+  TransferSession() {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    multi_ = curl_multi_init();
+    curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 16L);
+    share_ = curl_share_init();
+    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+    curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+  }
+  CURLM* multi_;
+  CURLSH* share_;
+};
+
+bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
+  if (text.size() < prefix.size()) return false;
+  for (std::size_t i = 0; i < prefix.size(); ++i) {
+    if (std::tolower(static_cast<unsigned char>(text[i])) != prefix[i]) return false;
+  }
+  return true;
+}
+
+std::string_view trimmed(std::string_view text) {
+  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+  while (!text.empty() && std::isspace(static_cast<unsigned char>(text.back())))
+    text.remove_suffix(1);
+  return text;
+}
+
+}  // namespace
+
+class Transfer::Impl {
+ public:
+  Impl(CURL* easy, TransferReceiver* receiver) : easy_(easy), receiver_(receiver) {}
+
+  ~Impl() {
+    if (started_ && !finished_) curl_multi_remove_handle(TransferSession::shared().multi(), easy_);
+    curl_easy_cleanup(easy_);
+    closeFile();
+  }
+
+  void configure(const Url& url, std::chrono::seconds idleTimeout) {
+    curl_easy_setopt(easy_, CURLOPT_URL, url.text().c_str());
+    curl_easy_setopt(easy_, CURLOPT_HTTPGET, 1L);
+    curl_easy_setopt(easy_, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy_, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(easy_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(easy_, CURLOPT_MAXREDIRS, 20L);
+    curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT, static_cast<long>(idleTimeout.count()));
+    curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_TIME, static_cast<long>(idleTimeout.count()));
+    curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy_, CURLOPT_TCP_KEEPALIVE, 1L);
+    curl_easy_setopt(easy_, CURLOPT_USERAGENT, "OndrelServer/0.1");
+    curl_easy_setopt(easy_, CURLOPT_SHARE, TransferSession::shared().share());
+    curl_easy_setopt(easy_, CURLOPT_ERRORBUFFER, errorBuffer_);
+    curl_easy_setopt(easy_, CURLOPT_HEADERFUNCTION, &Impl::onHeader);
+    curl_easy_setopt(easy_, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(easy_, CURLOPT_WRITEFUNCTION, &Impl::onData);
+    curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
+    // The extra bundle is trusted beside the system's certificate folder.
+    if (const char* bundle = std::getenv("ONDREL_CA_BUNDLE"); bundle != nullptr && *bundle) {
+      curl_easy_setopt(easy_, CURLOPT_CAINFO, bundle);
+      curl_easy_setopt(easy_, CURLOPT_CAPATH, "/etc/ssl/certs");
+    }
+  }
+
+  void setDestination(std::string path) { destination_ = std::move(path); }
+
+  void start() {
+    started_ = true;
+    curl_multi_add_handle(TransferSession::shared().multi(), easy_);
+  }
+
+  void runEventLoopFor(std::chrono::milliseconds slice) {
+    if (!started_ || finished_) return;
+    CURLM* multi = TransferSession::shared().multi();
+    auto deadline = std::chrono::steady_clock::now() + slice;
+    for (;;) {
+      int running = 0;
+      curl_multi_perform(multi, &running);
+      int queued = 0;
+      while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+        if (message->msg == CURLMSG_DONE && message->easy_handle == easy_) {
+          complete(message->data.result);
+        }
+      }
+      if (finished_) return;
+      auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      if (remaining.count() <= 0) return;
+      curl_multi_poll(multi, nullptr, 0, static_cast<int>(std::min<long>(remaining.count(), 100)),
+                      nullptr);
+    }
+  }
+
+  bool isFinished() const { return finished_; }
+
+ private:
+  static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* context) {
+    auto* self = static_cast<Impl*>(context);
+    std::size_t length = size * count;
+    return self->handleHeaderLine(std::string_view(data, length)) ? length : 0;
+  }
+
+  static std::size_t onData(char* data, std::size_t size, std::size_t count, void* context) {
+    auto* self = static_cast<Impl*>(context);
+    std::size_t length = size * count;
+    if (self->file_ == nullptr || std::fwrite(data, 1, length, self->file_) != length) {
+      self->failure_ = "Writing " + self->destination_ + " failed: " + systemErrorText(errno);
+      return 0;
+    }
+    self->receiver_->transferDidReceiveDataOfLength(length);
+    return length;
+  }
+
+  // Collects one response's status and headers; acts when its header block ends.
+  bool handleHeaderLine(std::string_view line) {
+    if (startsWithIgnoringCase(line, "http/")) {
+      std::size_t space = line.find(' ');
+      status_ = space == std::string_view::npos ? 0 : std::atol(line.data() + space + 1);
+      contentLength_ = -1;
+      hasLocation_ = false;
+    } else if (startsWithIgnoringCase(line, "content-length:")) {
+      contentLength_ = std::atoll(std::string(trimmed(line.substr(15))).c_str());
+    } else if (startsWithIgnoringCase(line, "location:")) {
+      hasLocation_ = !trimmed(line.substr(9)).empty();
+    } else if (trimmed(line).empty()) {
+      return endOfHeaders();
+    }
+    return true;
+  }
+
+  bool endOfHeaders() {
+    if (status_ >= 100 && status_ < 200) return true;
+    if (status_ >= 300 && status_ < 400 && hasLocation_) {
+      char* next = nullptr;
+      curl_easy_getinfo(easy_, CURLINFO_REDIRECT_URL, &next);
+      if (next != nullptr) receiver_->transferWillRedirect(next);
+      return true;
+    }
+    if (status_ >= 400) {
+      failure_ = "HTTP status " + std::to_string(status_);
+      return false;
+    }
+    closeFile();
+    file_ = std::fopen(destination_.c_str(), "wb");
+    if (file_ == nullptr) {
+      failure_ = "Cannot create " + destination_ + ": " + systemErrorText(errno);
+      return false;
+    }
+    char* effectiveUrl = nullptr;
+    curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
+    receiver_->transferDidReceiveResponse(
+        {status_, effectiveUrl ? effectiveUrl : "", contentLength_});
+    return true;
+  }
+
+  bool closeFile() {
+    if (file_ == nullptr) return true;
+    bool closed = std::fclose(file_) == 0;
+    file_ = nullptr;
+    return closed;
+  }
+
+  void complete(CURLcode result) {
+    curl_multi_remove_handle(TransferSession::shared().multi(), easy_);
+    finished_ = true;
+    if (!closeFile() && result == CURLE_OK) {
+      failure_ = "Writing " + destination_ + " failed: " + systemErrorText(errno);
+      result = CURLE_WRITE_ERROR;
+    }
+    if (result == CURLE_OK) return receiver_->transferDidFinish();
+    std::string description = failure_;
+    if (description.empty()) {
+      description = curl_easy_strerror(result);
+      if (errorBuffer_[0] != '\0') description += std::string(" (") + errorBuffer_ + ")";
+    }
+    receiver_->transferDidFailWithError({static_cast<int>(result), description});
+  }
+
+  CURL* easy_;
+  TransferReceiver* receiver_;
+  std::string destination_;
+  std::FILE* file_ = nullptr;
+  bool started_ = false;
+  bool finished_ = false;
+  long status_ = 0;
+  std::int64_t contentLength_ = -1;
+  bool hasLocation_ = false;
+  std::string failure_;
+  char errorBuffer_[CURL_ERROR_SIZE] = {};
+};
+
+std::unique_ptr<Transfer> Transfer::create(const Url& url, std::chrono::seconds idleTimeout,
+                                           TransferReceiver* receiver) {
+  if (receiver == nullptr || (url.scheme() != "http" && url.scheme() != "https")) return nullptr;
+  TransferSession::shared();
+  CURL* easy = curl_easy_init();
+  if (easy == nullptr) return nullptr;
+  auto impl = std::make_unique<Impl>(easy, receiver);
+  impl->configure(url, idleTimeout);
+  return std::unique_ptr<Transfer>(new Transfer(std::move(impl)));
+}
+
+Transfer::Transfer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+Transfer::~Transfer() = default;
+
+void Transfer::setDestination(std::string path) { impl_->setDestination(std::move(path)); }
+void Transfer::start() { impl_->start(); }
+void Transfer::runEventLoopFor(std::chrono::milliseconds slice) { impl_->runEventLoopFor(slice); }
+bool Transfer::isFinished() const { return impl_->isFinished(); }
+
+}  // namespace ondrel

@@ -1,0 +1,67 @@
+// Transfer is one HTTP(S) GET of a URL into a destination file, run on the calling thread: the
+// caller starts it and then runs its event loop in short slices, during which the five events
+// (response, data length, finished, failed, redirect) reach its receiver. The body streams to
+// disk. Connections and TLS sessions are kept alive across transfers in the process. A status of
+// 400 or more is a failure naming the status; redirects are followed for http and https only.
+// Extra trusted CA certificates come from the file named by ONDREL_CA_BUNDLE.
+// One thread drives a transfer; transfers of one process run on one thread at a time.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Url.h"
+
+namespace ondrel {
+
+struct TransferResponse {
+  long status = 0;
+  std::string url;
+  // -1 when the response states no length.
+  std::int64_t expectedContentLength = -1;
+};
+
+struct TransferError {
+  int code = 0;
+  std::string description;
+};
+
+// Receives the events of a transfer, on the thread that runs its event loop.
+class TransferReceiver {
+ public:
+  virtual ~TransferReceiver() = default;
+  virtual void transferDidReceiveResponse(const TransferResponse& response) = 0;
+  virtual void transferDidReceiveDataOfLength(std::uint64_t length) = 0;
+  virtual void transferDidFinish() = 0;
+  virtual void transferDidFailWithError(const TransferError& error) = 0;
+  // Sent before a redirect is followed; the new request is always accepted.
+  virtual void transferWillRedirect(const std::string& newUrl) = 0;
+};
+
+class Transfer {
+ public:
+  // None when no transfer can be made for the URL (an unsupported scheme, for one).
+  static std::unique_ptr<Transfer> create(const Url& url, std::chrono::seconds idleTimeout,
+                                          TransferReceiver* receiver);
+  ~Transfer();
+  Transfer(const Transfer&) = delete;
+  Transfer& operator=(const Transfer&) = delete;
+
+  // The file the body goes to; created (replacing any file there) when the response arrives.
+  void setDestination(std::string path);
+  // Starts the request; events follow while runEventLoopFor runs.
+  void start();
+  // Runs the thread's event loop for at most the given time, or until the transfer ends.
+  void runEventLoopFor(std::chrono::milliseconds slice);
+  bool isFinished() const;
+
+ private:
+  class Impl;
+  explicit Transfer(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace ondrel

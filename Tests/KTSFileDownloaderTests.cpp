@@ -1,0 +1,299 @@
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <numeric>
+
+#include "KTSFileDownloader.h"
+#include "KTSPreferences.h"
+#include "KTSUtilities.h"
+#include "LoopbackServer.h"
+#include "OndrelTest.h"
+
+namespace ondrel {
+namespace {
+
+using test::LoopbackServer;
+using test::OndrelTest;
+
+class KTSFileDownloaderTest : public OndrelTest {
+ protected:
+  void SetUp() override {
+    OndrelTest::SetUp();
+    setUserDefaults(true);
+    auto& routes = server_.routes();
+    routes.Get("/file", [this](const httplib::Request&, httplib::Response& response) {
+      response.set_content(fmt::format("version {}", ++served_), "application/octet-stream");
+    });
+    routes.Get("/redirect", [](const httplib::Request&, httplib::Response& response) {
+      response.set_redirect("/file");
+    });
+    routes.Get("/missing",
+               [](const httplib::Request&, httplib::Response& response) { response.status = 404; });
+    routes.Get("/broken", [](const httplib::Request&, httplib::Response& response) {
+      response.status = 500;
+      response.set_content("server trouble", "text/plain");
+    });
+    // Declares 100,000 bytes, sends 1,000 and drops the connection.
+    routes.Get("/truncated", [](const httplib::Request&, httplib::Response& response) {
+      response.set_content_provider(100000, "application/octet-stream",
+                                    [](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+                                      if (offset > 0) return false;
+                                      std::string part(1000, 't');
+                                      sink.write(part.data(), part.size());
+                                      return true;
+                                    });
+    });
+    routes.Get("/unsized", [](const httplib::Request&, httplib::Response& response) {
+      response.set_chunked_content_provider("application/octet-stream",
+                                            [](std::size_t offset, httplib::DataSink& sink) {
+                                              if (offset >= 30000) {
+                                                sink.done();
+                                                return true;
+                                              }
+                                              std::string part(10000, 'u');
+                                              sink.write(part.data(), part.size());
+                                              return true;
+                                            });
+    });
+    ASSERT_TRUE(server_.start());
+  }
+
+  std::optional<Url> url(const std::string& path) const { return Url::parse(server_.url(path)); }
+  std::string target() const { return path("/downloads/item.pkg"); }
+
+  std::shared_ptr<KTSFileDownloader> download(const std::string& urlPath, bool archive = true) {
+    auto downloader = KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(
+        *url(urlPath), target(), archive);
+    downloader->startSynchronousDownload();
+    return downloader;
+  }
+
+  LoopbackServer server_;
+  std::atomic<int> served_{0};
+};
+
+TEST_F(KTSFileDownloaderTest, SuccessReplacesTheFileAndRotatesThePreviousOne) {
+  auto first = download("/file");
+  EXPECT_FALSE(first->downloadError());
+  EXPECT_EQ(readFile(target()), "version 1");
+  EXPECT_FALSE(std::filesystem::exists(target() + ".previous"));
+  EXPECT_FLOAT_EQ(first->percentComplete(), 100.0f);
+  EXPECT_EQ(first->downloadBytes(), 9u);
+  EXPECT_TRUE(
+      logged(fmt::format("ondrd_test[DBG]: FILE: item.pkg - created download enclosing "
+                         "folder {}",
+                         path("/downloads"))));
+  EXPECT_TRUE(logged("ondrd_test[DBG]: FILE: item.pkg - download finished (9 bytes)"));
+
+  download("/file");
+  download("/file");
+  EXPECT_EQ(readFile(target()), "version 3");
+  EXPECT_EQ(readFile(target() + ".previous"), "version 2");
+  EXPECT_TRUE(logged("ondrd_test[DBG]: FILE: item.pkg - archiving previous version"));
+
+  download("/file", false);
+  EXPECT_EQ(readFile(target()), "version 4");
+  EXPECT_EQ(readFile(target() + ".previous"), "version 2") << "untouched without archiving";
+  EXPECT_TRUE(logged("ondrd_test[DBG]: FILE: item.pkg - removed previous version"));
+  EXPECT_FALSE(std::filesystem::exists(target() + ".downloading"));
+}
+
+TEST_F(KTSFileDownloaderTest, FailuresLeaveTheFilesExactlyAsTheyWere) {
+  writeFile(target(), "old final");
+  writeFile(target() + ".previous", "old archive");
+  const std::vector<std::pair<std::string, std::string>> failures = {
+      {"/missing", "HTTP status 404"},
+      {"/broken", "HTTP status 500"},
+      {"/truncated", ""},
+  };
+  for (const auto& [route, reason] : failures) {
+    auto downloader = download(route);
+    ASSERT_TRUE(downloader->downloadError()) << route;
+    if (!reason.empty()) {
+      EXPECT_EQ(downloader->downloadError()->description(), reason);
+    }
+    EXPECT_EQ(readFile(target()), "old final") << route;
+    EXPECT_EQ(readFile(target() + ".previous"), "old archive") << route;
+    EXPECT_FALSE(std::filesystem::exists(target() + ".downloading")) << route;
+  }
+  EXPECT_TRUE(
+      logged("ondrd_test[DBG]: FILE: item.pkg - ERROR! download failed (reason = HTTP "
+             "status 404)"));
+
+  server_.stop();
+  auto refused = download("/file");
+  ASSERT_TRUE(refused->downloadError());
+  EXPECT_EQ(readFile(target()), "old final");
+}
+
+TEST_F(KTSFileDownloaderTest, ProgressAndRedirects) {
+  auto unsized = download("/unsized");
+  EXPECT_FALSE(unsized->downloadError());
+  EXPECT_EQ(std::filesystem::file_size(target()), 30000u);
+  EXPECT_FLOAT_EQ(unsized->percentComplete(), 0.0f) << "no length, no progress";
+
+  auto redirected = download("/redirect");
+  EXPECT_FALSE(redirected->downloadError());
+  EXPECT_EQ(readFile(target()), "version 1");
+  EXPECT_EQ(redirected->downloadBytes(), 9u) << "the count restarts with the final response";
+}
+
+TEST_F(KTSFileDownloaderTest, PathsAndRequestsThatCannotBeMade) {
+  KTSFileDownloader dotted(*url("/file"), path("/a/./b.pkg"), true);
+  EXPECT_EQ(dotted.downloadPath(), path("/a/b.pkg"));
+  EXPECT_EQ(dotted.downloadingPath(), path("/a/./b.pkg.downloading"));
+  EXPECT_EQ(dotted.archivePath(), path("/a/./b.pkg.previous"));
+  EXPECT_EQ(dotted.downloadName(), "b.pkg");
+  dotted.startSynchronousDownload();
+  EXPECT_EQ(readFile(path("/a/b.pkg")), "version 1");
+
+  writeFile(path("/plain"), "x");
+  KTSFileDownloader blocked(*url("/file"), path("/plain/sub/b.pkg"), false);
+  blocked.startSynchronousDownload();
+  ASSERT_TRUE(blocked.downloadError());
+  EXPECT_EQ(blocked.downloadError()->description(), "Enclosing directory creation failed.");
+  EXPECT_EQ(blocked.downloadError()->domain(), "com.vantor.KTServer");
+  EXPECT_EQ(blocked.downloadError()->code(), -1);
+
+  KTSFileDownloader unsupported(*Url::parse("ftp://127.0.0.1/x.pkg"), target(), false);
+  unsupported.startSynchronousDownload();
+  ASSERT_TRUE(unsupported.downloadError());
+  EXPECT_EQ(unsupported.downloadError()->description(),
+            "Remote file request could not be created.");
+  EXPECT_TRUE(unsupported.isDone());
+  EXPECT_EQ(server_.requestCount(), 1);
+}
+
+TEST_F(KTSFileDownloaderTest, BandwidthLimitAsksForTheRightPauses) {
+  KTSFileDownloader downloader(*url("/file"), target(), false);
+  downloader.setMaxSyncBW(100 * 1024);
+  downloader.setDownloadStart(clock_->now());
+  clock_->advance(std::chrono::milliseconds(500));
+  downloader.setDownloadBytes(204800);
+  downloader.enforceSyncBandwidthLimit();
+  ASSERT_EQ(clock_->sleeps().size(), 1u);
+  EXPECT_NEAR(clock_->sleeps()[0], 1.5, 1e-9);
+
+  // Now 2 s have passed; 1,000 bytes over the allowance need under 0.05 s and are not waited for.
+  downloader.setDownloadBytes(204800 + 1000);
+  downloader.enforceSyncBandwidthLimit();
+  EXPECT_EQ(clock_->sleeps().size(), 1u);
+
+  // Through a real transfer: 30,000 bytes at 1 KiB/s ask for about 29 s of pauses in all.
+  auto preferences = KTSPreferences::defaultPreferences();
+  preferences->setSyncBandwidth(Plist::integer(1));
+  auto limited = download("/unsized");
+  EXPECT_FALSE(limited->downloadError());
+  double paused = std::accumulate(clock_->sleeps().begin() + 1, clock_->sleeps().end(), 0.0);
+  EXPECT_NEAR(paused, 30000.0 / 1024.0, 0.1);
+}
+
+TEST_F(KTSFileDownloaderTest, HttpsNeedsATrustedCertificate) {
+  test::Certificate certificate = test::makeThrowAwayCertificate(root_);
+  ASSERT_FALSE(certificate.certificatePath.empty());
+  LoopbackServer secure(&certificate);
+  secure.routes().Get("/secure.pkg", [](const httplib::Request&, httplib::Response& response) {
+    response.set_content("secret", "application/octet-stream");
+  });
+  ASSERT_TRUE(secure.start());
+  auto secureUrl = *Url::parse(secure.url("/secure.pkg"));
+
+  KTSFileDownloader untrusted(secureUrl, target(), false);
+  untrusted.startSynchronousDownload();
+  ASSERT_TRUE(untrusted.downloadError());
+  EXPECT_FALSE(std::filesystem::exists(target()));
+
+  ::setenv("ONDREL_CA_BUNDLE", certificate.certificatePath.c_str(), 1);
+  KTSFileDownloader trusted(secureUrl, target(), false);
+  trusted.startSynchronousDownload();
+  ::unsetenv("ONDREL_CA_BUNDLE");
+  EXPECT_FALSE(trusted.downloadError());
+  EXPECT_EQ(readFile(target()), "secret");
+}
+
+TEST_F(KTSFileDownloaderTest, WrapperSkipsExistingFilesAndReportsFailures) {
+  writeFile(target(), "kept");
+  EXPECT_TRUE(KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(
+      *url("/content/x/item.pkg"), target(), false, false));
+  EXPECT_EQ(server_.requestCount(), 0);
+  EXPECT_TRUE(logged("ondrd_test[INF]: Skipping download; REPLACE = NO, file exists: item.pkg)"));
+
+  EXPECT_FALSE(KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(
+      *url("/missing"), target(), true, false));
+  EXPECT_TRUE(
+      logged("ondrd_test[ERR]: Download for \"item.pkg\" failed (reason: HTTP status 404)"));
+  EXPECT_TRUE(KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(
+      *url("/file"), path("/downloads/./item.pkg"), true, true));
+  EXPECT_EQ(readFile(target()), "version 1");
+  EXPECT_EQ(readFile(target() + ".previous"), "kept");
+}
+
+// A downloader killed in the middle of a large transfer leaves the old file or nothing, never a
+// part. The server and the downloader run in processes of their own, forked before any thread.
+TEST(KTSFileDownloaderCrashTest, KilledMidwayLeavesTheOldFile) {
+  char pattern[] = "/tmp/ondrel-crash-XXXXXX";
+  ASSERT_NE(mkdtemp(pattern), nullptr);
+  const std::string folder = pattern;
+  const std::string finalPath = folder + "/big.pkg";
+  OndrelTest::writeFile(finalPath, "old complete file");
+  const int port = 20000 + getpid() % 20000;
+  const std::string source = fmt::format("http://127.0.0.1:{}/big", port);
+
+  pid_t server = fork();
+  ASSERT_GE(server, 0);
+  if (server == 0) {
+    httplib::Server slow;
+    slow.Get("/big", [](const httplib::Request&, httplib::Response& response) {
+      response.set_content_provider(64 << 20, "application/octet-stream",
+                                    [](std::size_t, std::size_t, httplib::DataSink& sink) {
+                                      std::string chunk(64 << 10, 'p');
+                                      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                                      return sink.write(chunk.data(), chunk.size());
+                                    });
+    });
+    slow.Get("/small", [](const httplib::Request&, httplib::Response& response) {
+      response.set_content("new complete file", "application/octet-stream");
+    });
+    slow.listen("127.0.0.1", port);
+    _exit(0);
+  }
+  pid_t downloader = fork();
+  ASSERT_GE(downloader, 0);
+  if (downloader == 0) {
+    ::setenv("ONDREL_ROOT", folder.c_str(), 1);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+      KTSFileDownloader(*Url::parse(source), finalPath, true).startSynchronousDownload();
+      usleep(20000);
+    }
+    _exit(0);
+  }
+  // Kill the downloader once its side file holds a good part of the body.
+  const std::string sideFile = finalPath + ".downloading";
+  auto sideFileSize = [&sideFile] {
+    std::error_code error;
+    auto size = std::filesystem::file_size(sideFile, error);
+    return error ? 0 : size;
+  };
+  for (int i = 0; i < 1000 && sideFileSize() < (1u << 20); ++i) usleep(10000);
+  ASSERT_GE(sideFileSize(), 1u << 20) << "the download never started";
+  kill(downloader, SIGKILL);
+  waitpid(downloader, nullptr, 0);
+  EXPECT_EQ(OndrelTest::readFile(finalPath), "old complete file");
+
+  ::setenv("ONDREL_ROOT", folder.c_str(), 1);
+  KTSFileDownloader again(*Url::parse(fmt::format("http://127.0.0.1:{}/small", port)), finalPath,
+                          true);
+  again.startSynchronousDownload();
+  ::unsetenv("ONDREL_ROOT");
+  EXPECT_FALSE(again.downloadError());
+  EXPECT_EQ(OndrelTest::readFile(finalPath), "new complete file");
+  kill(server, SIGKILL);
+  waitpid(server, nullptr, 0);
+  std::error_code ignored;
+  std::filesystem::remove_all(folder, ignored);
+}
+
+}  // namespace
+}  // namespace ondrel
