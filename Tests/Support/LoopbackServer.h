@@ -16,7 +16,7 @@ struct Certificate {
   std::string keyPath;
 };
 
-// A self-signed certificate for 127.0.0.0/8 addresses and localhost, written into folder.
+// A self-signed certificate for 127.0.0.1 to 127.0.0.20 and localhost, written into folder.
 Certificate makeThrowAwayCertificate(const std::string& folder);
 
 class LoopbackServer {
