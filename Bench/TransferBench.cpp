@@ -1,0 +1,51 @@
+// Downloads every URL of a list, one after another, with the library's file downloader.
+//   transfer_bench URL_LIST OUTPUT_FOLDER [SYNC_LIMIT_KIB]
+// Needs ONDREL_ROOT pointing at a server tree; the limit is set in its preferences. Prints the
+// elapsed time, the bytes fetched and the peak resident memory.
+#include <sys/resource.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "KTSFileDownloader.h"
+#include "KTSPreferences.h"
+#include "PathString.h"
+
+using namespace ondrel;
+
+int main(int argc, char** argv) {
+  if (argc < 3) {
+    std::fprintf(stderr, "usage: transfer_bench URL_LIST OUTPUT_FOLDER [SYNC_LIMIT_KIB]\n");
+    return 2;
+  }
+  auto preferences = KTSPreferences::defaultPreferences();
+  preferences->setSyncBandwidth(Plist::integer(argc > 3 ? std::stoll(argv[3]) : 0));
+  std::vector<std::string> urls;
+  std::ifstream list(argv[1]);
+  for (std::string line; std::getline(list, line);) {
+    if (!line.empty()) urls.push_back(line);
+  }
+  auto start = std::chrono::steady_clock::now();
+  std::uint64_t bytes = 0;
+  int failures = 0;
+  for (const std::string& text : urls) {
+    std::optional<Url> url = Url::parse(text);
+    if (!url) return 2;
+    KTSFileDownloader downloader(
+        *url, appendingPathComponent(argv[2], lastPathComponent(url->path())), false);
+    downloader.startSynchronousDownload();
+    if (downloader.downloadError()) ++failures;
+    bytes += downloader.downloadBytes();
+  }
+  double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  struct rusage usage {};
+  getrusage(RUSAGE_SELF, &usage);
+  std::printf("%zu files, %llu bytes in %.3f s (%.1f MiB/s), %d failed, peak memory %.1f MB\n",
+              urls.size(), static_cast<unsigned long long>(bytes), seconds,
+              static_cast<double>(bytes) / seconds / (1 << 20), failures,
+              static_cast<double>(usage.ru_maxrss) / 1024.0);
+  return failures == 0 ? 0 : 1;
+}
