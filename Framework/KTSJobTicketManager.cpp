@@ -10,15 +10,11 @@
 #include "HostPaths.h"
 #include "KTSPreferences.h"
 #include "KTSUtilities.h"
+#include "SharedInstance.h"
 
 namespace ondrel {
 
 namespace {
-
-std::shared_ptr<KTSJobTicketManager>& defaultManagerSlot() {
-  static std::shared_ptr<KTSJobTicketManager> manager;
-  return manager;
-}
 
 // A temporary file of another process's atomic write younger than this is a write in progress;
 // an older one was left by a crash and is cleaned like any other stray entry.
@@ -27,12 +23,11 @@ constexpr std::chrono::minutes kWriteInProgressAge(10);
 }  // namespace
 
 std::shared_ptr<KTSJobTicketManager> KTSJobTicketManager::defaultManager() {
-  auto& slot = defaultManagerSlot();
-  if (!slot) slot = std::make_shared<KTSJobTicketManager>();
-  return slot;
+  return SharedInstance<KTSJobTicketManager>::get(
+      [] { return std::make_shared<KTSJobTicketManager>(); });
 }
 
-void KTSJobTicketManager::resetDefaultManager() { defaultManagerSlot().reset(); }
+void KTSJobTicketManager::resetDefaultManager() { SharedInstance<KTSJobTicketManager>::reset(); }
 
 KTSJobTicketManager::KTSJobTicketManager()
     : jobsPath_(KTSPreferences::defaultPreferences()->statusWorkingPathForPath(

@@ -4,15 +4,11 @@
 
 #include "HostPaths.h"
 #include "Plist.h"
+#include "SharedInstance.h"
 
 namespace ondrel {
 
 namespace {
-
-std::shared_ptr<KTSLogger>& defaultLoggerSlot() {
-  static std::shared_ptr<KTSLogger> logger;
-  return logger;
-}
 
 // Syslog priority of every line: facility user, level notice. The tag in the text carries the
 // message's own level.
@@ -59,19 +55,20 @@ std::string processName() {
 
 std::shared_ptr<KTSLogger> KTSLogger::defaultLoggerForSourceLogType(const std::string& sourceName,
                                                                     std::int64_t logType) {
-  auto& slot = defaultLoggerSlot();
-  if (!slot) slot = loggerWithSourceLogType(sourceName, logType);
-  return slot;
+  return SharedInstance<KTSLogger>::get(
+      [&] { return loggerWithSourceLogType(sourceName, logType); });
 }
 
-std::shared_ptr<KTSLogger> KTSLogger::defaultLogger() { return defaultLoggerSlot(); }
+std::shared_ptr<KTSLogger> KTSLogger::defaultLogger() {
+  return SharedInstance<KTSLogger>::current();
+}
 
 std::shared_ptr<KTSLogger> KTSLogger::loggerWithSourceLogType(const std::string& sourceName,
                                                               std::int64_t logType) {
   return std::make_shared<KTSLogger>(sourceName, logType);
 }
 
-void KTSLogger::resetDefaultLogger() { defaultLoggerSlot().reset(); }
+void KTSLogger::resetDefaultLogger() { SharedInstance<KTSLogger>::reset(); }
 
 std::string KTSLogger::userDefaultsPath() {
   return fixedPath("/Library/Preferences/com.vantor.KTServer.plist");

@@ -7,15 +7,11 @@
 #include "KTSMetaIndex.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
+#include "SharedInstance.h"
 
 namespace ondrel {
 
 namespace {
-
-std::shared_ptr<KTSPreferences>& defaultPreferencesSlot() {
-  static std::shared_ptr<KTSPreferences> preferences;
-  return preferences;
-}
 
 constexpr const char* kInvalidPreferenceFileKey = "InvalidPreferenceFile";
 constexpr const char* kDefaultMetaIndexURL =
@@ -35,9 +31,7 @@ std::shared_ptr<KTSPreferences> KTSPreferences::defaultPreferences() {
 
 std::shared_ptr<KTSPreferences> KTSPreferences::defaultPreferencesWithPath(
     const std::optional<std::string>& path) {
-  auto& slot = defaultPreferencesSlot();
-  if (!slot) slot = preferencesWithPath(path);
-  return slot;
+  return SharedInstance<KTSPreferences>::get([&] { return preferencesWithPath(path); });
 }
 
 std::shared_ptr<KTSPreferences> KTSPreferences::preferencesWithPath(
@@ -45,7 +39,7 @@ std::shared_ptr<KTSPreferences> KTSPreferences::preferencesWithPath(
   return std::make_shared<KTSPreferences>(path);
 }
 
-void KTSPreferences::resetDefaultPreferences() { defaultPreferencesSlot().reset(); }
+void KTSPreferences::resetDefaultPreferences() { SharedInstance<KTSPreferences>::reset(); }
 
 std::string KTSPreferences::defaultConfigurationPath() {
   return fixedPath("/Library/Server/Ondrel/Config/ondrd.plist");

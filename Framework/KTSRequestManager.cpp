@@ -9,15 +9,11 @@
 #include "KTSPreferences.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
+#include "SharedInstance.h"
 
 namespace ondrel {
 
 namespace {
-
-std::shared_ptr<KTSRequestManager>& defaultManagerSlot() {
-  static std::shared_ptr<KTSRequestManager> manager;
-  return manager;
-}
 
 constexpr std::string_view kRequestPrefix = "ondr_req.";
 constexpr const char* kSyncRequestType = "startSync";
@@ -26,16 +22,14 @@ constexpr const char* kChangeRequestType = "productChanges";
 }  // namespace
 
 std::shared_ptr<KTSRequestManager> KTSRequestManager::defaultManager() {
-  auto& slot = defaultManagerSlot();
-  if (!slot) slot = requestManager();
-  return slot;
+  return SharedInstance<KTSRequestManager>::get([] { return requestManager(); });
 }
 
 std::shared_ptr<KTSRequestManager> KTSRequestManager::requestManager() {
   return std::make_shared<KTSRequestManager>();
 }
 
-void KTSRequestManager::resetDefaultManager() { defaultManagerSlot().reset(); }
+void KTSRequestManager::resetDefaultManager() { SharedInstance<KTSRequestManager>::reset(); }
 
 KTSRequestManager::KTSRequestManager()
     : requestDirPath_(fixedPath("/var/spool/ondrd")),

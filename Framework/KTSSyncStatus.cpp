@@ -5,32 +5,26 @@
 #include "HostPaths.h"
 #include "KTSPreferences.h"
 #include "KTSUtilities.h"
+#include "SharedInstance.h"
 #include "Utf8.h"
 
 namespace ondrel {
 
 namespace {
 
-std::shared_ptr<KTSSyncStatus>& defaultStatusSlot() {
-  static std::shared_ptr<KTSSyncStatus> status;
-  return status;
-}
-
 constexpr std::chrono::seconds kAccessLifetime(172800);
 
 }  // namespace
 
 std::shared_ptr<KTSSyncStatus> KTSSyncStatus::defaultStatus() {
-  auto& slot = defaultStatusSlot();
-  if (!slot) slot = syncStatus();
-  return slot;
+  return SharedInstance<KTSSyncStatus>::get([] { return syncStatus(); });
 }
 
 std::shared_ptr<KTSSyncStatus> KTSSyncStatus::syncStatus() {
   return std::make_shared<KTSSyncStatus>();
 }
 
-void KTSSyncStatus::resetDefaultStatus() { defaultStatusSlot().reset(); }
+void KTSSyncStatus::resetDefaultStatus() { SharedInstance<KTSSyncStatus>::reset(); }
 
 KTSSyncStatus::KTSSyncStatus()
     : prefs_(KTSPreferences::defaultPreferences()),

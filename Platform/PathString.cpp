@@ -31,15 +31,14 @@ std::string standardizingPath(std::string_view path) {
     std::size_t end = path.find('/', start);
     if (end == std::string_view::npos) end = path.size();
     std::string_view component = path.substr(start, end - start);
-    if (component.empty() || component == ".") {
-      // redundant separator or current folder
-    } else if (component == "..") {
+    // Empty components (redundant separators) and "." are dropped.
+    if (component == "..") {
       if (!components.empty() && components.back() != "..") {
         components.pop_back();
       } else if (!absolute) {
         components.push_back(component);
       }
-    } else {
+    } else if (!component.empty() && component != ".") {
       components.push_back(component);
     }
     start = end + 1;
