@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "Clock.h"
+#include "FileIO.h"
 #include "KTSPreferences.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
@@ -107,7 +108,7 @@ void KTSFileDownloader::transferDidReceiveDataOfLength(std::uint64_t length) {
 void KTSFileDownloader::transferDidFailWithError(const TransferError& error) {
   endDownload();
   downloadError_ = KTSError(kTransferErrorDomain, error.code, error.description);
-  if (KTSUtilities::fileExistsAtPath(downloadingPath_)) ::unlink(downloadingPath_.c_str());
+  if (KTSUtilities::fileExistsAtPath(downloadingPath_)) KTSUtilities::removePath(downloadingPath_);
 }
 
 void KTSFileDownloader::transferWillRedirect(const std::string&) {}
@@ -125,10 +126,7 @@ void KTSFileDownloader::placeDownloadedFile() {
   if (KTSUtilities::fileExistsAtPath(downloadPath_)) {
     if (archivePrevious_) {
       log_.debug("FILE: {} - archiving previous version", downloadName_);
-      ::unlink(archivePath_.c_str());
-      if (::link(downloadPath_.c_str(), archivePath_.c_str()) != 0) {
-        KTSUtilities::copyItemAtPathToPath(downloadPath_, archivePath_);
-      }
+      keepPreviousVersion(downloadPath_, archivePath_);
     } else {
       log_.debug("FILE: {} - removed previous version", downloadName_);
     }

@@ -1,7 +1,5 @@
 #include "KTSHostConfiguration.h"
 
-#include <unistd.h>
-
 #include "Clock.h"
 #include "FileIO.h"
 #include "HostPaths.h"
@@ -244,13 +242,7 @@ bool KTSHostConfiguration::save() {
   std::string previousPath = configPath_ + ".previous";
   // The replaced file is kept under ".previous" by a link (or a copy) made just before the new
   // file is renamed into place, so the configuration path never stands empty or half written.
-  auto keepPrevious = [this, &previousPath] {
-    if (!KTSUtilities::fileExistsAtPath(configPath_)) return;
-    ::unlink(previousPath.c_str());
-    if (::link(configPath_.c_str(), previousPath.c_str()) != 0) {
-      KTSUtilities::copyItemAtPathToPath(configPath_, previousPath);
-    }
-  };
+  auto keepPrevious = [this, &previousPath] { keepPreviousVersion(configPath_, previousPath); };
   std::string reason;
   bool written = writeFileAtomically(
       configPath_,

@@ -1,7 +1,5 @@
 #include "KTSJobTicketManager.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <filesystem>
 
@@ -52,26 +50,22 @@ void KTSJobTicketManager::refresh() {
   }
   // Each discarded entry is deleted only if it is still the very file that was judged: another
   // process may have replaced it with a live ticket in the meantime.
-  std::vector<std::pair<std::string, ino_t>> discarded;
+  std::vector<std::pair<std::string, std::uint64_t>> discarded;
   for (; entries != std::filesystem::directory_iterator(); entries.increment(error)) {
     std::string name = entries->path().filename().string();
     std::string fullPath = jobsPath_ + "/" + name;
     if (isWriteInProgress(name, fullPath)) continue;
-    struct stat judged {};
-    bool present = ::lstat(fullPath.c_str(), &judged) == 0;
+    std::optional<std::uint64_t> judged = fileIdentity(fullPath);
     auto ticket = KTSJobTicket::ticketWithDictionaryAtPath(fullPath);
     if (ticket->jobType() == KTSJobTicket::Undefined) {
       log_.debug("JTKT: warning - discarding file: {} (invalid/expired ticket)", name);
-      if (present) discarded.emplace_back(fullPath, judged.st_ino);
+      if (judged) discarded.emplace_back(fullPath, *judged);
     } else {
       openJobs_.push_back(ticket);
     }
   }
-  for (const auto& [fullPath, inode] : discarded) {
-    struct stat current {};
-    if (::lstat(fullPath.c_str(), &current) == 0 && current.st_ino == inode) {
-      std::filesystem::remove_all(fullPath, error);
-    }
+  for (const auto& [fullPath, identity] : discarded) {
+    if (fileIdentity(fullPath) == identity) std::filesystem::remove_all(fullPath, error);
   }
 }
 

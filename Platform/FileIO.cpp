@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 
 #include "PathString.h"
@@ -75,6 +76,22 @@ std::optional<std::chrono::system_clock::time_point> creationDate(const std::str
   auto sinceEpoch = std::chrono::seconds(stamp.tv_sec) + std::chrono::nanoseconds(stamp.tv_nsec);
   return std::chrono::system_clock::time_point(
       std::chrono::duration_cast<std::chrono::system_clock::duration>(sinceEpoch));
+}
+
+void keepPreviousVersion(const std::string& path, const std::string& previousPath) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return;
+  ::unlink(previousPath.c_str());
+  if (::link(path.c_str(), previousPath.c_str()) == 0) return;
+  std::error_code ignored;
+  std::filesystem::copy_file(path, previousPath, std::filesystem::copy_options::overwrite_existing,
+                             ignored);
+}
+
+std::optional<std::uint64_t> fileIdentity(const std::string& path) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0) return std::nullopt;
+  return static_cast<std::uint64_t>(status.st_ino);
 }
 
 bool isAtomicWriteTemporary(std::string_view fileName) {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <functional>
 #include <optional>
@@ -37,6 +38,13 @@ std::optional<std::chrono::system_clock::time_point> modificationDate(const std:
 // The item's creation (birth) time where the file system records one, else its last change.
 std::optional<std::chrono::system_clock::time_point> creationDate(const std::string& path,
                                                                   std::string* error);
+
+// Keeps the file at path as previousPath (replacing it) by a hard link, or a copy where links
+// are not possible, leaving path itself in place. Does nothing when path does not exist.
+void keepPreviousVersion(const std::string& path, const std::string& previousPath);
+
+// Identifies the file now at path (its inode), so a later look can tell whether it was replaced.
+std::optional<std::uint64_t> fileIdentity(const std::string& path);
 
 // The system's description of an errno value.
 std::string systemErrorText(int errorNumber);
