@@ -1,7 +1,5 @@
 #include "KTSFileDownloader.h"
 
-#include <unistd.h>
-
 #include <cstdio>
 
 #include "Clock.h"
