@@ -5,6 +5,7 @@
 #include "Clock.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
+#include "ProductId.h"
 
 namespace ondrel {
 
@@ -65,7 +66,7 @@ KTSJobTicket::KTSJobTicket(const std::string& dictionaryPath) : log_(LogHandle::
     log_.debug("JTKT: warning - unrecognized ticket type: {} (ignored).", fileName);
     return;
   }
-  Plist ticket = KTSUtilities::readPropertyListAtPath(dictionaryPath);
+  Plist ticket = KTSUtilities::readPropertyListAtPath(dictionaryPath, kSmallFileReadLimit);
   if (ticket.isNull()) {
     log_.debug("JTKT: *** cannot read ticket: {}", fileName);
     return;
@@ -79,9 +80,19 @@ KTSJobTicket::KTSJobTicket(const std::string& dictionaryPath) : log_(LogHandle::
     return;
   }
   if (*expireTime <= Clock::now()) return;
+  // A ticket names its own file, which may be a copy's original, but only in the folder it was
+  // found in: anything else would let a planted ticket delete files elsewhere.
+  std::string recordedPath = standardizingPath(ticketPath.stringValue());
+  if (!isValidProductId(productId.stringValue()) ||
+      deletingLastPathComponent(recordedPath) !=
+          deletingLastPathComponent(standardizingPath(dictionaryPath)) ||
+      !hasKnownPrefix(lastPathComponent(recordedPath))) {
+    log_.debug("JTKT: warning - ticket names another folder or an invalid product: {}", fileName);
+    return;
+  }
   productId_ = productId.stringValue();
   jobType_ = ticketType.integerValue();
-  path_ = ticketPath.stringValue();
+  path_ = recordedPath;
   expireTime_ = expireTime;
 }
 

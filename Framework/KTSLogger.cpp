@@ -121,7 +121,7 @@ void KTSLogger::logMessageWithLevelSource(const std::string& message, std::int64
 
 void KTSLogger::refreshUserDefaults() {
   // Read quietly: the utilities that would report a bad file log through this very logger.
-  std::optional<Plist> defaults = Plist::readFile(userDefaultsPath(), nullptr);
+  std::optional<Plist> defaults = Plist::readFile(userDefaultsPath(), nullptr, kSmallFileReadLimit);
   const Plist& settings = defaults ? *defaults : Plist();
   enableDebugLogging_ = settings["enableDebugLogging"].boolValue();
   showLogSource_ = settings["showLogSource"].boolValue();

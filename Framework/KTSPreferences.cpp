@@ -60,7 +60,7 @@ std::string KTSPreferences::serviceRoot() const {
 void KTSPreferences::refresh() {
   Plist loaded;
   if (checkFile()) {
-    Plist read = KTSUtilities::readPropertyListAtPath(prefsPath_);
+    Plist read = KTSUtilities::readPropertyListAtPath(prefsPath_, kSmallFileReadLimit);
     if (read.isDictionary()) loaded = std::move(read);
   }
   if (loaded.isNull()) {
@@ -75,7 +75,7 @@ void KTSPreferences::refresh() {
                "backup.");
   }
   if (upgradeOtherCatalogsForPreferences(loaded)) {
-    Plist rewritten = KTSUtilities::readPropertyListAtPath(prefsPath_);
+    Plist rewritten = KTSUtilities::readPropertyListAtPath(prefsPath_, kSmallFileReadLimit);
     if (rewritten.isDictionary()) prefs_ = std::move(rewritten);
   } else {
     prefs_ = std::move(loaded);
@@ -88,7 +88,7 @@ bool KTSPreferences::checkFile() {
   if (KTSUtilities::fileExistsAtPath(prefsPath_)) return true;
   log_.notice("Restoring missing {} from defaults.", lastPathComponent(prefsPath_));
   std::string contents;
-  if (!readWholeFile(defaultPrefsPath(), &contents, nullptr) ||
+  if (!readWholeFile(defaultPrefsPath(), &contents, nullptr, kSmallFileReadLimit) ||
       !writeStringAtomically(prefsPath_, contents, nullptr)) {
     log_.error("Restore of default preferences failed!  Missing {}", prefsPath_);
     return false;
@@ -109,7 +109,7 @@ bool KTSPreferences::checkServiceDirectoryPaths() {
 }
 
 Plist KTSPreferences::defaultPrefs() const {
-  Plist defaults = KTSUtilities::readPropertyListAtPath(defaultPrefsPath());
+  Plist defaults = KTSUtilities::readPropertyListAtPath(defaultPrefsPath(), kSmallFileReadLimit);
   return defaults.isDictionary() ? defaults : Plist();
 }
 

@@ -119,13 +119,13 @@ void KTSSyncStatus::setAccessForHostName(const std::optional<std::string>& schem
 }
 
 Plist KTSSyncStatus::getValueForKeyAtPath(const std::string& key, const std::string& path) const {
-  std::optional<Plist> dictionary = Plist::readFile(path, nullptr);
+  std::optional<Plist> dictionary = Plist::readFile(path, nullptr, kSmallFileReadLimit);
   return dictionary ? (*dictionary)[key] : Plist();
 }
 
 void KTSSyncStatus::setValueForKeyAtPath(const Plist& value, const std::string& key,
                                          const std::string& path) {
-  std::optional<Plist> read = Plist::readFile(path, nullptr);
+  std::optional<Plist> read = Plist::readFile(path, nullptr, kSmallFileReadLimit);
   Plist dictionary = read && read->isDictionary() ? *read : Plist();
   if (dictionary.isNull()) {
     if (value.isNull()) return;
@@ -160,7 +160,8 @@ void KTSSyncStatus::setFlagAtPath(bool flag, const std::string& path) {
 
 std::optional<std::string> KTSSyncStatus::getNoteAtPath(const std::string& path) const {
   std::string contents;
-  if (!readWholeFile(prefs_->statusWorkingPathForPath(path), &contents, nullptr) ||
+  if (!readWholeFile(prefs_->statusWorkingPathForPath(path), &contents, nullptr,
+                     kSmallFileReadLimit) ||
       !isValidUtf8(contents)) {
     return std::nullopt;
   }

@@ -223,10 +223,10 @@ bool KTSUtilities::writePropertyListToPath(const Plist& value, const std::string
   return true;
 }
 
-Plist KTSUtilities::readPropertyListAtPath(const std::string& path) {
+Plist KTSUtilities::readPropertyListAtPath(const std::string& path, std::size_t maxBytes) {
   std::string contents;
   std::string reason;
-  if (!readWholeFile(path, &contents, &reason)) {
+  if (!readWholeFile(path, &contents, &reason, maxBytes)) {
     LogHandle::shared().debug("UTIL: read property list data read failed! reason: {}", reason);
     return Plist();
   }

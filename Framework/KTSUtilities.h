@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "FileIO.h"
 #include "Plist.h"
 #include "Url.h"
 
@@ -45,7 +46,9 @@ class KTSUtilities {
   static bool writeDictionaryToPath(const Plist& dictionary, const std::string& path);
   static bool writePropertyListToPath(const Plist& value, const std::string& path);
   // Any property-list value, or a null value when the file cannot be read or parsed.
-  static Plist readPropertyListAtPath(const std::string& path);
+  // Files larger than maxBytes are not read.
+  static Plist readPropertyListAtPath(const std::string& path,
+                                      std::size_t maxBytes = kDefaultReadLimit);
 
   static bool isMountedVolumeAtPath(const std::string& path);
   static std::optional<std::int64_t> getFreeSpaceForVolumeAtPath(const std::string& path);

@@ -32,8 +32,9 @@ bool readLiteral(std::string_view text, std::size_t* position, char literal) {
   return true;
 }
 
-// Reads "yyyy-MM-dd<separator>HH:mm:ss" and gives the moment as if it were UTC.
-std::optional<Date> readDateAndTime(std::string_view text, std::size_t* position, char separator) {
+// Reads "yyyy-MM-dd<separator>HH:mm:ss" and gives the moment, as if it were UTC, in seconds.
+std::optional<std::int64_t> readDateAndTime(std::string_view text, std::size_t* position,
+                                            char separator) {
   int year, month, day, hour, minute, second;
   if (!readDigits(text, position, 4, &year) || !readLiteral(text, position, '-') ||
       !readDigits(text, position, 2, &month) || !readLiteral(text, position, '-') ||
@@ -49,7 +50,7 @@ std::optional<Date> readDateAndTime(std::string_view text, std::size_t* position
   if (!calendarDay.ok() || hour > 23 || minute > 59 || second > 60) return std::nullopt;
   auto moment = sys_days(calendarDay) + std::chrono::hours(hour) + std::chrono::minutes(minute) +
                 seconds(second);
-  return std::chrono::time_point_cast<Date::duration>(moment);
+  return moment.time_since_epoch().count();
 }
 
 struct CalendarParts {
@@ -79,11 +80,24 @@ std::string formatWithOffset(Date date, long offsetSeconds) {
 
 }  // namespace
 
+std::optional<Date> dateFromUnixSeconds(std::int64_t secondsSinceEpoch, std::int64_t nanoseconds) {
+  using Ticks = Date::duration;
+  constexpr std::int64_t kTicksPerSecond = Ticks::period::den / Ticks::period::num;
+  std::int64_t ticks = 0;
+  if (__builtin_mul_overflow(secondsSinceEpoch, kTicksPerSecond, &ticks) ||
+      __builtin_add_overflow(ticks, nanoseconds / (1'000'000'000 / kTicksPerSecond), &ticks)) {
+    return std::nullopt;
+  }
+  return Date(Ticks(ticks));
+}
+
 std::optional<Date> parseRfc3339Date(std::string_view text) {
   std::size_t position = 0;
-  std::optional<Date> date = readDateAndTime(text, &position, 'T');
-  if (!date || !readLiteral(text, &position, 'Z') || position != text.size()) return std::nullopt;
-  return date;
+  std::optional<std::int64_t> moment = readDateAndTime(text, &position, 'T');
+  if (!moment || !readLiteral(text, &position, 'Z') || position != text.size()) {
+    return std::nullopt;
+  }
+  return dateFromUnixSeconds(*moment);
 }
 
 std::string formatRfc3339Date(Date date) {
@@ -94,8 +108,10 @@ std::string formatRfc3339Date(Date date) {
 
 std::optional<Date> parseArchiveDate(std::string_view text) {
   std::size_t position = 0;
-  std::optional<Date> date = readDateAndTime(text, &position, ' ');
-  if (!date || !readLiteral(text, &position, ' ') || position >= text.size()) return std::nullopt;
+  std::optional<std::int64_t> moment = readDateAndTime(text, &position, ' ');
+  if (!moment || !readLiteral(text, &position, ' ') || position >= text.size()) {
+    return std::nullopt;
+  }
   char sign = text[position++];
   int offsetHours, offsetMinutes;
   if ((sign != '+' && sign != '-') || !readDigits(text, &position, 2, &offsetHours) ||
@@ -103,8 +119,8 @@ std::optional<Date> parseArchiveDate(std::string_view text) {
       offsetHours > 23 || offsetMinutes > 59) {
     return std::nullopt;
   }
-  auto offset = std::chrono::hours(offsetHours) + std::chrono::minutes(offsetMinutes);
-  return sign == '+' ? *date - offset : *date + offset;
+  std::int64_t offset = offsetHours * 3600 + offsetMinutes * 60;
+  return dateFromUnixSeconds(sign == '+' ? *moment - offset : *moment + offset);
 }
 
 std::string formatArchiveDate(Date date) {

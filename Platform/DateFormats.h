@@ -3,6 +3,7 @@
 // Parsing is strict: text that does not match the whole pattern is no date. Thread-safe.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -10,6 +11,11 @@
 #include "Plist.h"
 
 namespace ondrel {
+
+// The moment as a Date, or none when it lies outside what a Date holds (about 1678 to 2261):
+// text or binary data naming such a moment holds no date.
+std::optional<Date> dateFromUnixSeconds(std::int64_t secondsSinceEpoch,
+                                        std::int64_t nanoseconds = 0);
 
 // "yyyy-MM-ddTHH:mm:ssZ", always UTC with the literal letter Z and no fractional seconds.
 std::optional<Date> parseRfc3339Date(std::string_view text);

@@ -19,18 +19,25 @@ std::string systemErrorText(int errorNumber) {
   return strerror_r(errorNumber, buffer, sizeof buffer);
 }
 
-bool readWholeFile(const std::string& path, std::string* contents, std::string* error) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) {
-    if (error) *error = systemErrorText(errno);
+bool readWholeFile(const std::string& path, std::string* contents, std::string* error,
+                   std::size_t maxBytes) {
+  auto failWith = [error](std::string reason) {
+    if (error) *error = std::move(reason);
     return false;
-  }
+  };
+  // Non-blocking, so that opening a FIFO nobody writes to returns at once.
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) return failWith(systemErrorText(errno));
   struct stat status {};
-  if (::fstat(fd, &status) != 0 || S_ISDIR(status.st_mode)) {
-    int code = S_ISDIR(status.st_mode) ? EISDIR : errno;
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    int code = errno;
     ::close(fd);
-    if (error) *error = systemErrorText(code);
-    return false;
+    if (S_ISDIR(status.st_mode)) return failWith(systemErrorText(EISDIR));
+    return failWith(code != 0 ? systemErrorText(code) : "not a regular file");
+  }
+  if (static_cast<std::uint64_t>(status.st_size) > maxBytes) {
+    ::close(fd);
+    return failWith(fmt::format("file larger than {} bytes", maxBytes));
   }
   contents->clear();
   contents->reserve(static_cast<std::size_t>(status.st_size));
@@ -41,10 +48,14 @@ bool readWholeFile(const std::string& path, std::string* contents, std::string* 
     if (count < 0) {
       int code = errno;
       ::close(fd);
-      if (error) *error = systemErrorText(code);
-      return false;
+      return failWith(systemErrorText(code));
     }
     if (count == 0) break;
+    // The file may grow while it is read.
+    if (contents->size() + static_cast<std::size_t>(count) > maxBytes) {
+      ::close(fd);
+      return failWith(fmt::format("file larger than {} bytes", maxBytes));
+    }
     contents->append(buffer, static_cast<std::size_t>(count));
   }
   ::close(fd);
@@ -92,6 +103,11 @@ std::optional<std::uint64_t> fileIdentity(const std::string& path) {
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) return std::nullopt;
   return static_cast<std::uint64_t>(status.st_ino);
+}
+
+bool isSymbolicLink(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
 }
 
 bool isAtomicWriteTemporary(std::string_view fileName) {

@@ -14,8 +14,16 @@
 
 namespace ondrel {
 
-// Reads the whole file into contents. On failure gives false and the system's reason.
-bool readWholeFile(const std::string& path, std::string* contents, std::string* error);
+// What a whole-file read accepts at most by default (catalogs of many thousand products), and
+// the limit for the small records the two processes exchange (settings, tickets, status notes).
+inline constexpr std::size_t kDefaultReadLimit = std::size_t{256} << 20;
+inline constexpr std::size_t kSmallFileReadLimit = std::size_t{4} << 20;
+
+// Reads the whole file into contents. Only a regular file is read (a FIFO, device or folder is
+// a failure, and opening never blocks), and one larger than maxBytes is a failure, not an
+// allocation. On failure gives false and the reason.
+bool readWholeFile(const std::string& path, std::string* contents, std::string* error,
+                   std::size_t maxBytes = kDefaultReadLimit);
 
 // Writes through writeContents (which returns false on failure) and renames into place; runs
 // beforeReplace, when given, once the new contents are safely on disk and just before the rename.
@@ -45,6 +53,9 @@ void keepPreviousVersion(const std::string& path, const std::string& previousPat
 
 // Identifies the file now at path (its inode), so a later look can tell whether it was replaced.
 std::optional<std::uint64_t> fileIdentity(const std::string& path);
+
+// True when path itself is a symbolic link (it is not followed).
+bool isSymbolicLink(const std::string& path);
 
 // The system's description of an errno value.
 std::string systemErrorText(int errorNumber);

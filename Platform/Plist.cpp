@@ -39,12 +39,15 @@ Plist::Plist(Dictionary items)
     : type_(Type::Dictionary), node_(new DictionaryNode(std::move(items))) {}
 Plist::Plist(Array elements) : type_(Type::Array), node_(new ArrayNode(std::move(elements))) {}
 
-Plist::Plist(const Plist& other) noexcept : type_(other.type_), integer_(other.integer_) {
+Plist::Plist(const Plist& other) noexcept
+    : type_(other.type_), unsigned_(other.unsigned_), integer_(other.integer_) {
   retain();
 }
 
-Plist::Plist(Plist&& other) noexcept : type_(other.type_), integer_(other.integer_) {
+Plist::Plist(Plist&& other) noexcept
+    : type_(other.type_), unsigned_(other.unsigned_), integer_(other.integer_) {
   other.type_ = Type::Null;
+  other.unsigned_ = false;
   other.integer_ = 0;
 }
 
@@ -53,6 +56,7 @@ Plist& Plist::operator=(const Plist& other) noexcept {
     other.retain();
     release();
     type_ = other.type_;
+    unsigned_ = other.unsigned_;
     integer_ = other.integer_;
   }
   return *this;
@@ -62,8 +66,10 @@ Plist& Plist::operator=(Plist&& other) noexcept {
   if (this != &other) {
     release();
     type_ = other.type_;
+    unsigned_ = other.unsigned_;
     integer_ = other.integer_;
     other.type_ = Type::Null;
+    other.unsigned_ = false;
     other.integer_ = 0;
   }
   return *this;
@@ -96,6 +102,7 @@ void Plist::release() {
     }
   }
   type_ = Type::Null;
+  unsigned_ = false;
   integer_ = 0;
 }
 
@@ -103,6 +110,12 @@ Plist Plist::integer(std::int64_t value) {
   Plist plist;
   plist.type_ = Type::Integer;
   plist.integer_ = value;
+  return plist;
+}
+
+Plist Plist::unsignedInteger(std::uint64_t value) {
+  Plist plist = integer(static_cast<std::int64_t>(value));
+  plist.unsigned_ = value > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
   return plist;
 }
 
@@ -161,7 +174,7 @@ std::string_view numericPrefix(std::string_view text, bool* negative) {
 std::int64_t Plist::integerValue() const {
   switch (type_) {
     case Type::Integer:
-      return integer_;
+      return unsigned_ ? std::numeric_limits<std::int64_t>::max() : integer_;
     case Type::Boolean:
       return boolean_ ? 1 : 0;
     case Type::Real:
@@ -188,12 +201,18 @@ std::int64_t Plist::integerValue() const {
   }
 }
 
+std::string Plist::integerText() const {
+  if (isLargeUnsignedInteger()) return std::to_string(static_cast<std::uint64_t>(integer_));
+  return std::to_string(integerValue());
+}
+
 double Plist::realValue() const {
   switch (type_) {
     case Type::Real:
       return real_;
     case Type::Integer:
-      return static_cast<double>(integer_);
+      return unsigned_ ? static_cast<double>(static_cast<std::uint64_t>(integer_))
+                       : static_cast<double>(integer_);
     case Type::Boolean:
       return boolean_ ? 1.0 : 0.0;
     case Type::String:
@@ -327,9 +346,10 @@ bool Plist::operator==(const Plist& other) const {
     case Type::Null:
       return true;
     case Type::Integer:
-      return integer_ == other.integer_;
+      return integer_ == other.integer_ && unsigned_ == other.unsigned_;
     case Type::Real:
-      return real_ == other.real_;
+      // A NaN read back from a file is the value that was written.
+      return real_ == other.real_ || (std::isnan(real_) && std::isnan(other.real_));
     case Type::Boolean:
       return boolean_ == other.boolean_;
     case Type::Date:
@@ -391,7 +411,7 @@ void describe(const Plist& value, int depth, bool nested, std::string& out) {
       out += nested ? quotedForCollection(value.stringValue()) : value.stringValue();
       break;
     case Plist::Type::Integer:
-      out += std::to_string(value.integerValue());
+      out += value.integerText();
       break;
     case Plist::Type::Real:
       out += fmt::format("{}", value.realValue());

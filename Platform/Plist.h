@@ -16,6 +16,8 @@
 #include <string_view>
 #include <vector>
 
+#include "FileIO.h"
+
 namespace ondrel {
 
 using Date = std::chrono::system_clock::time_point;
@@ -50,6 +52,8 @@ class Plist {
   ~Plist();
 
   static Plist integer(std::int64_t value);
+  // An unsigned 64-bit integer; values above the signed range keep their magnitude.
+  static Plist unsignedInteger(std::uint64_t value);
   static Plist real(double value);
   static Plist boolean(bool value);
   static Plist date(Date value);
@@ -70,14 +74,19 @@ class Plist {
     return type_ == Type::Integer || type_ == Type::Real || type_ == Type::Boolean;
   }
 
+  // True for an integer above the signed 64-bit range (read from an unsigned value).
+  bool isLargeUnsignedInteger() const { return type_ == Type::Integer && unsigned_; }
+
   // Scalar readers with the conventional coercions; a value of another kind gives 0, false,
-  // an empty string or none.
+  // an empty string or none. integerValue() of a large unsigned integer is the signed maximum.
   const std::string& stringValue() const;
   std::int64_t integerValue() const;
   double realValue() const;
   bool boolValue() const;
   std::optional<Date> dateValue() const;
   const Bytes& dataValue() const;
+  // The decimal text of an integer exactly as stored (unsigned when it is a large one).
+  std::string integerText() const;
 
   // Collections. Reading a missing key, an index out of range, or a value that is not a
   // collection gives a null value.
@@ -111,7 +120,9 @@ class Plist {
 
   // Codec. Reading accepts XML and binary property lists; writing produces XML.
   static std::optional<Plist> fromBytes(std::string_view bytes, std::string* error);
-  static std::optional<Plist> readFile(const std::string& path, std::string* error);
+  // Reads a regular file of at most maxBytes (see readWholeFile).
+  static std::optional<Plist> readFile(const std::string& path, std::string* error,
+                                       std::size_t maxBytes = kDefaultReadLimit);
   std::string toXml() const;
   // Replaces the file at path atomically: readers see the old file or the new one, never a part.
   bool writeXmlFile(const std::string& path, std::string* error) const;
@@ -136,6 +147,7 @@ class Plist {
   ArrayNode& uniqueArray();
 
   Type type_;
+  bool unsigned_ = false;  // an Integer whose value is integer_ read as unsigned
   union {
     std::int64_t integer_;
     double real_;

@@ -1,14 +1,14 @@
 // Reads property lists. XML documents go through a small strict reader that builds the value
 // directly: a catalog of tens of megabytes is read in one pass with no intermediate tree.
-// Binary property lists go through libplist.
-#include <plist/plist.h>
-
+// Binary property lists go through the bounded reader of PlistBinaryReader.
 #include <charconv>
 #include <cstring>
 
 #include "DateFormats.h"
 #include "FileIO.h"
 #include "Plist.h"
+#include "PlistBinaryReader.h"
+#include "Utf8.h"
 
 namespace ondrel {
 
@@ -254,24 +254,6 @@ class XmlPlistReader {
     return true;
   }
 
-  static void appendUtf8(char32_t code, std::string* text) {
-    if (code < 0x80) {
-      text->push_back(static_cast<char>(code));
-    } else if (code < 0x800) {
-      text->push_back(static_cast<char>(0xC0 | (code >> 6)));
-      text->push_back(static_cast<char>(0x80 | (code & 0x3F)));
-    } else if (code < 0x10000) {
-      text->push_back(static_cast<char>(0xE0 | (code >> 12)));
-      text->push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
-      text->push_back(static_cast<char>(0x80 | (code & 0x3F)));
-    } else {
-      text->push_back(static_cast<char>(0xF0 | (code >> 18)));
-      text->push_back(static_cast<char>(0x80 | ((code >> 12) & 0x3F)));
-      text->push_back(static_cast<char>(0x80 | ((code >> 6) & 0x3F)));
-      text->push_back(static_cast<char>(0x80 | (code & 0x3F)));
-    }
-  }
-
   static std::string_view trimmed(std::string_view text) {
     std::size_t first = text.find_first_not_of(" \t\r\n");
     if (first == std::string_view::npos) return {};
@@ -294,9 +276,8 @@ class XmlPlistReader {
       return fail("malformed integer");
     }
     if (negative && magnitude > (std::uint64_t{1} << 63)) return fail("integer out of range");
-    // Values above the signed range keep their bits, as unsigned 64-bit integers do.
-    result = Plist::integer(negative ? static_cast<std::int64_t>(0 - magnitude)
-                                     : static_cast<std::int64_t>(magnitude));
+    result = negative ? Plist::integer(static_cast<std::int64_t>(0 - magnitude))
+                      : Plist::unsignedInteger(magnitude);
     return true;
   }
 
@@ -346,112 +327,17 @@ class XmlPlistReader {
   std::string error_;
 };
 
-// Seconds between the Unix epoch and the reference date of binary property lists (2001-01-01).
-constexpr std::int64_t kReferenceDateOffset = 978307200;
-
-std::optional<Plist> fromLibplist(plist_t node, int depth) {
-  if (depth > kMaximumDepth) return std::nullopt;
-  switch (plist_get_node_type(node)) {
-    case PLIST_BOOLEAN: {
-      std::uint8_t value = 0;
-      plist_get_bool_val(node, &value);
-      return Plist::boolean(value != 0);
-    }
-    case PLIST_UINT: {
-      std::uint64_t value = 0;
-      plist_get_uint_val(node, &value);
-      return Plist::integer(static_cast<std::int64_t>(value));
-    }
-    case PLIST_REAL: {
-      double value = 0;
-      plist_get_real_val(node, &value);
-      return Plist::real(value);
-    }
-    case PLIST_STRING: {
-      std::uint64_t length = 0;
-      const char* value = plist_get_string_ptr(node, &length);
-      return Plist(std::string(value ? value : "", value ? length : 0));
-    }
-    case PLIST_DATE: {
-      std::int32_t seconds = 0, microseconds = 0;
-      plist_get_date_val(node, &seconds, &microseconds);
-      auto moment = std::chrono::seconds(seconds + kReferenceDateOffset) +
-                    std::chrono::microseconds(microseconds);
-      return Plist::date(Date(std::chrono::duration_cast<Date::duration>(moment)));
-    }
-    case PLIST_DATA: {
-      std::uint64_t length = 0;
-      const char* value = plist_get_data_ptr(node, &length);
-      const auto* bytes = reinterpret_cast<const std::uint8_t*>(value);
-      return Plist::data(Plist::Bytes(bytes, bytes + (value ? length : 0)));
-    }
-    case PLIST_ARRAY: {
-      Plist::Array elements;
-      std::uint32_t count = plist_array_get_size(node);
-      elements.reserve(count);
-      for (std::uint32_t i = 0; i < count; ++i) {
-        std::optional<Plist> element = fromLibplist(plist_array_get_item(node, i), depth + 1);
-        if (!element) return std::nullopt;
-        elements.push_back(std::move(*element));
-      }
-      return Plist(std::move(elements));
-    }
-    case PLIST_DICT: {
-      Plist::Dictionary items;
-      plist_dict_iter iterator = nullptr;
-      plist_dict_new_iter(node, &iterator);
-      bool ok = true;
-      for (;;) {
-        char* key = nullptr;
-        plist_t value = nullptr;
-        plist_dict_next_item(node, iterator, &key, &value);
-        if (key == nullptr) break;
-        std::optional<Plist> converted = value ? fromLibplist(value, depth + 1) : std::nullopt;
-        if (converted) items.insert_or_assign(std::string(key), std::move(*converted));
-        std::free(key);
-        if (!converted) {
-          ok = false;
-          break;
-        }
-      }
-      std::free(iterator);
-      if (!ok) return std::nullopt;
-      return Plist(std::move(items));
-    }
-    default:
-      return std::nullopt;
-  }
-}
-
-std::optional<Plist> fromBinary(std::string_view bytes, std::string* error) {
-  plist_t root = nullptr;
-  plist_from_bin(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &root);
-  if (root == nullptr) {
-    if (error) *error = "malformed binary property list";
-    return std::nullopt;
-  }
-  std::optional<Plist> result = fromLibplist(root, 0);
-  plist_free(root);
-  if (!result && error) *error = "unsupported value in binary property list";
-  return result;
-}
-
 }  // namespace
 
 std::optional<Plist> Plist::fromBytes(std::string_view bytes, std::string* error) {
-  if (bytes.substr(0, 6) == "bplist") {
-    if (bytes.size() > UINT32_MAX) {
-      if (error) *error = "binary property list too large";
-      return std::nullopt;
-    }
-    return fromBinary(bytes, error);
-  }
+  if (bytes.substr(0, 6) == "bplist") return readBinaryPlist(bytes, error);
   return XmlPlistReader(bytes).read(error);
 }
 
-std::optional<Plist> Plist::readFile(const std::string& path, std::string* error) {
+std::optional<Plist> Plist::readFile(const std::string& path, std::string* error,
+                                     std::size_t maxBytes) {
   std::string contents;
-  if (!readWholeFile(path, &contents, error)) return std::nullopt;
+  if (!readWholeFile(path, &contents, error, maxBytes)) return std::nullopt;
   return fromBytes(contents, error);
 }
 

@@ -1,8 +1,11 @@
 // Writes property lists as XML, streaming: the document is never assembled in memory, so writing
 // a large catalog costs no more than its buffered output.
+#include <algorithm>
+
 #include "DateFormats.h"
 #include "FileIO.h"
 #include "Plist.h"
+#include "Utf8.h"
 
 namespace ondrel {
 
@@ -31,26 +34,47 @@ class PlistXmlWriter {
     }
   }
 
+  // Writes text as XML character data that every conforming reader gives back unchanged. A
+  // carriage return goes out as a character reference (readers turn a raw one into a line feed).
+  // What XML 1.0 cannot carry at all (control characters other than tab, line feed and carriage
+  // return; U+FFFE and U+FFFF; bytes that are not UTF-8) is written as U+FFFD, one per character
+  // or stray byte, so the document stays well-formed.
   void putEscaped(std::string_view text) {
+    static constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD";
     std::size_t start = 0;
-    for (std::size_t i = 0; i < text.size(); ++i) {
+    std::size_t i = 0;
+    while (i < text.size()) {
+      auto c = static_cast<unsigned char>(text[i]);
+      std::size_t length = 1;
       std::string_view replacement;
-      switch (text[i]) {
-        case '<':
-          replacement = "&lt;";
-          break;
-        case '>':
-          replacement = "&gt;";
-          break;
-        case '&':
-          replacement = "&amp;";
-          break;
-        default:
+      if (c >= 0x80) {
+        length = utf8SequenceLength(text, i);
+        bool noncharacter = length == 3 && c == 0xEF && text[i + 1] == '\xBF' &&
+                            (text[i + 2] == '\xBE' || text[i + 2] == '\xBF');
+        if (length != 0 && !noncharacter) {
+          i += length;
           continue;
+        }
+        length = std::max<std::size_t>(length, 1);
+        replacement = kReplacementCharacter;
+      } else if (c == '<') {
+        replacement = "&lt;";
+      } else if (c == '>') {
+        replacement = "&gt;";
+      } else if (c == '&') {
+        replacement = "&amp;";
+      } else if (c == '\r') {
+        replacement = "&#13;";
+      } else if (c < 0x20 && c != '\t' && c != '\n') {
+        replacement = kReplacementCharacter;
+      } else {
+        ++i;
+        continue;
       }
       put(text.substr(start, i - start));
       put(replacement);
-      start = i + 1;
+      i += length;
+      start = i;
     }
     put(text.substr(start));
   }
@@ -79,7 +103,7 @@ class PlistXmlWriter {
         put("</string>\n");
         break;
       case Plist::Type::Integer:
-        element(depth, "integer", std::to_string(value.integerValue()));
+        element(depth, "integer", value.integerText());
         break;
       case Plist::Type::Real:
         element(depth, "real", fmt::format("{}", value.realValue()));

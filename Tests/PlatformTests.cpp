@@ -1,8 +1,10 @@
 #include <sys/stat.h>
 
 #include "DateFormats.h"
+#include "FileIO.h"
 #include "OndrelTest.h"
 #include "PathString.h"
+#include "ProductId.h"
 #include "TaskRunner.h"
 #include "Url.h"
 
@@ -60,18 +62,52 @@ TEST_F(PlatformTest, DatePatternsAreStrict) {
   EXPECT_EQ(formatDescriptionDate(*utc), "2016-09-20 17:00:00 +0000");
   for (const char* bad : {"2016-09-20T17:00:00+02:00", "2016-09-20T17:00:00.5Z",
                           "2016-09-20T17:00:00z", "2016-9-20T17:00:00Z", "2016-02-30T00:00:00Z",
-                          "2016-09-20T24:00:00Z", " 2016-09-20T17:00:00Z", ""}) {
+                          "2016-09-20T24:00:00Z", " 2016-09-20T17:00:00Z", "",
+                          "9999-12-31T23:59:59Z", "1677-01-01T00:00:00Z", "0000-01-01T00:00:00Z"}) {
     EXPECT_FALSE(parseRfc3339Date(bad)) << bad;
   }
-  for (const char* bad : {"2016-09-20 17:00:00", "2016-09-20 17:00:00 GMT",
-                          "2016-09-20 17:00:00 +00:00", "2016-09-20T17:00:00 +0000"}) {
+  for (const char* bad :
+       {"2016-09-20 17:00:00", "2016-09-20 17:00:00 GMT", "2016-09-20 17:00:00 +00:00",
+        "2016-09-20T17:00:00 +0000", "9999-12-31 23:59:59 +0000", "2262-04-12 00:00:00 +0000"}) {
     EXPECT_FALSE(parseArchiveDate(bad)) << bad;
   }
+  EXPECT_TRUE(parseRfc3339Date("2261-12-31T23:59:59Z"));
+  EXPECT_FALSE(Plist::fromBytes("<plist><date>9999-12-31T23:59:59Z</date></plist>", nullptr));
   ::setenv("TZ", "America/New_York", 1);
   tzset();
   EXPECT_EQ(formatArchiveDate(*utc), "2016-09-20 13:00:00 -0400");
   ::unsetenv("TZ");
   tzset();
+}
+
+TEST_F(PlatformTest, OnlyRegularFilesWithinTheLimitAreRead) {
+  const std::string fifo = path("/request.fifo");
+  const std::string zero = path("/zero.plist");
+  const std::string large = path("/large.plist");
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  ASSERT_EQ(::symlink("/dev/zero", zero.c_str()), 0);
+  writeFile(large, std::string(kSmallFileReadLimit + 1, ' '));
+  std::string contents;
+  std::string error;
+  for (const std::string& unreadable : {fifo, zero, path("/")}) {
+    EXPECT_FALSE(readWholeFile(unreadable, &contents, &error)) << unreadable;
+    EXPECT_FALSE(Plist::readFile(unreadable, nullptr)) << unreadable;
+  }
+  EXPECT_FALSE(readWholeFile(large, &contents, &error, kSmallFileReadLimit));
+  EXPECT_EQ(error, fmt::format("file larger than {} bytes", kSmallFileReadLimit));
+  EXPECT_TRUE(readWholeFile(large, &contents, &error));
+}
+
+TEST_F(PlatformTest, ProductIdsThatCouldNameAnotherFolderAreRefused) {
+  for (const char* good : {"041-1234", "zzzz041-1234", "VT.Update_10.12-6", "a"}) {
+    EXPECT_TRUE(isValidProductId(good)) << good;
+  }
+  for (const std::string& bad :
+       {std::string(""), std::string("../x"), std::string("a/b"), std::string(".hidden"),
+        std::string("-x"), std::string("a b"), std::string("a\nb"), std::string(129, 'a')}) {
+    EXPECT_FALSE(isValidProductId(bad)) << bad;
+  }
+  EXPECT_TRUE(isValidProductId(std::string(128, 'a')));
 }
 
 TEST_F(PlatformTest, TaskRunnerReportsExitStatusAndFindsMovedCommands) {

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cmath>
 #include <filesystem>
 #include <thread>
 
@@ -72,23 +73,133 @@ TEST_F(PlistTest, ReadsDocumentsWrittenByOtherTools) {
   EXPECT_EQ((*read)["e"].dataValue(), (Plist::Bytes{0, 1, 2, 253, 254, 255}));
 }
 
-TEST_F(PlistTest, BinaryPropertyListsAreRead) {
-  // A binary property list for {"name": "ondrel", "count": 3, "flag": true}, made by a
-  // conventional writer.
-  const unsigned char binary[] = {
-      0x62, 0x70, 0x6c, 0x69, 0x73, 0x74, 0x30, 0x30, 0xd3, 0x01, 0x02, 0x03, 0x04, 0x05,
-      0x06, 0x55, 0x63, 0x6f, 0x75, 0x6e, 0x74, 0x54, 0x66, 0x6c, 0x61, 0x67, 0x54, 0x6e,
-      0x61, 0x6d, 0x65, 0x10, 0x03, 0x09, 0x56, 0x6f, 0x6e, 0x64, 0x72, 0x65, 0x6c, 0x08,
-      0x0f, 0x15, 0x1a, 0x1f, 0x21, 0x22, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x01,
-      0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x07, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
-      0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x29};
+// Runs python3 with script and the given file; the script's output when it exits 0.
+std::optional<std::string> runPython(const std::string& script, const std::string& file) {
+  std::string command = "python3 -c '" + script + "' '" + file + "' 2>&1";
+  std::FILE* pipe = ::popen(command.c_str(), "r");
+  if (pipe == nullptr) return std::nullopt;
+  std::string output;
+  char buffer[4096];
+  while (std::size_t count = std::fread(buffer, 1, sizeof buffer, pipe))
+    output.append(buffer, count);
+  int status = ::pclose(pipe);
+  if (status != 0) ADD_FAILURE() << output;
+  return status == 0 ? std::optional(output) : std::nullopt;
+}
+
+TEST_F(PlistTest, RoundTripsHoldAgainstAnIndependentReader) {
+  Plist document = Plist::dictionary();
+  document.set("unsigned", Plist::unsignedInteger(18446744073709551615ull));
+  document.set("nan", Plist::real(std::nan("")));
+  document.set("infinity", Plist::real(-INFINITY));
+  document.set("cr\r", "a\r\nb\tc");
+  document.set("invalid", "x\xFFy\xC3");
+  document.set("unwritable", std::string("\x01\x1F\xEF\xBF\xBE\xEF\xBF\xBF") + '\0');
+  document.set("kept", "\xEF\xBF\xBD\xF0\x9F\x98\x80");
+  const std::string file = path("/round.plist");
+  ASSERT_TRUE(document.writeXmlFile(file, nullptr));
+
+  std::optional<Plist> ours = Plist::readFile(file, nullptr);
+  ASSERT_TRUE(ours);
+  EXPECT_EQ((*ours)["unsigned"], document["unsigned"]);
+  EXPECT_EQ((*ours)["unsigned"].integerText(), "18446744073709551615");
+  EXPECT_EQ((*ours)["nan"], document["nan"]);
+  EXPECT_EQ((*ours)["cr\r"], document["cr\r"]);
+
+  // What XML cannot carry comes back as U+FFFD, one per character or stray byte.
+  const std::string check =
+      "import plistlib, sys, math\n"
+      "d = plistlib.load(open(sys.argv[1], \"rb\"))\n"
+      "assert d[\"unsigned\"] == 18446744073709551615, d\n"
+      "assert math.isnan(d[\"nan\"]) and d[\"infinity\"] == -math.inf, d\n"
+      "assert d[\"cr\\r\"] == \"a\\r\\nb\\tc\", d\n"
+      "assert d[\"invalid\"] == \"x\\ufffdy\\ufffd\", d\n"
+      "assert d[\"unwritable\"] == \"\\ufffd\" * 5, d\n"
+      "assert d[\"kept\"] == \"\\ufffd\\U0001F600\", d\n"
+      "d[\"when\"] = __import__(\"datetime\").datetime(2016, 9, 20, 17, 0, 0)\n"
+      "d[\"nested\"] = [{\"k\": b\"\\x00\\xff\", \"n\": -7, \"f\": 0.5, \"t\": True}] * 3\n"
+      "del d[\"nan\"]\n"
+      "plistlib.dump(d, open(sys.argv[1] + \".bin\", \"wb\"), fmt=plistlib.FMT_BINARY)\n";
+  ASSERT_TRUE(runPython(check, file));
+
+  // The same values, written by that other writer as a binary property list, read back.
+  std::optional<Plist> binary = Plist::readFile(file + ".bin", nullptr);
+  ASSERT_TRUE(binary);
+  EXPECT_EQ((*binary)["unsigned"].integerText(), "18446744073709551615");
+  EXPECT_EQ((*binary)["cr\r"], document["cr\r"]);
+  EXPECT_EQ((*binary)["kept"], document["kept"]);
+  EXPECT_EQ((*binary)["infinity"].realValue(), -INFINITY);
+  EXPECT_EQ((*binary)["when"].dateValue(), parseRfc3339Date("2016-09-20T17:00:00Z"));
+  const Plist& nested = (*binary)["nested"];
+  ASSERT_EQ(nested.size(), 3u);
+  EXPECT_EQ(nested[2]["k"].dataValue(), (Plist::Bytes{0, 255}));
+  EXPECT_EQ(nested[2]["n"].integerValue(), -7);
+  EXPECT_EQ(nested[2]["f"].realValue(), 0.5);
+  EXPECT_TRUE(nested[2]["t"].boolValue());
+}
+
+// A binary property list of the given objects (marker and payload bytes each), with references
+// and offsets of four bytes; object 0 is the top.
+std::string binaryPlist(const std::vector<std::string>& objects) {
+  std::string body = "bplist00";
+  std::string table;
+  for (const std::string& object : objects) {
+    for (int shift = 24; shift >= 0; shift -= 8) table += static_cast<char>(body.size() >> shift);
+    body += object;
+  }
+  std::size_t tableOffset = body.size();
+  body += table;
+  std::string trailer(32, '\0');
+  trailer[6] = 4;
+  trailer[7] = 4;
+  for (int i = 0; i < 8; ++i) {
+    trailer[8 + i] = static_cast<char>(static_cast<std::uint64_t>(objects.size()) >> (56 - 8 * i));
+    trailer[24 + i] = static_cast<char>(static_cast<std::uint64_t>(tableOffset) >> (56 - 8 * i));
+  }
+  return body + trailer;
+}
+
+std::string reference(std::uint32_t index) {
+  return {static_cast<char>(index >> 24), static_cast<char>(index >> 16),
+          static_cast<char>(index >> 8), static_cast<char>(index)};
+}
+
+TEST_F(PlistTest, HostileBinaryListsAreRefusedOrReadInLinearTime) {
   std::string error;
-  std::optional<Plist> read = Plist::fromBytes(
-      std::string_view(reinterpret_cast<const char*>(binary), sizeof binary), &error);
-  ASSERT_TRUE(read) << error;
-  EXPECT_EQ((*read)["name"].stringValue(), "ondrel");
-  EXPECT_EQ((*read)["count"].integerValue(), 3);
-  EXPECT_TRUE((*read)["flag"].boolValue());
+  // A dictionary whose only key is a UTF-16 string holding U+0000.
+  std::string nulKey =
+      binaryPlist({"\xD1" + reference(1) + reference(2), std::string("\x61\x00\x00", 3), "\x09"});
+  EXPECT_FALSE(Plist::fromBytes(nulKey, &error));
+
+  // 100,000 nested arrays (about 900 KB), and an array that holds itself.
+  std::vector<std::string> nested;
+  for (std::uint32_t i = 0; i < 100000; ++i) nested.push_back("\xA1" + reference(i + 1));
+  nested.push_back("\x09");
+  error.clear();
+  EXPECT_FALSE(Plist::fromBytes(binaryPlist(nested), &error));
+  EXPECT_NE(error.find("nested too deeply"), std::string::npos) << error;
+  EXPECT_FALSE(Plist::fromBytes(binaryPlist({"\xA1" + reference(0)}), &error));
+
+  // 60 levels of arrays that each hold the next one twice: 2^60 elements if expanded.
+  std::vector<std::string> doubling;
+  for (std::uint32_t i = 0; i < 60; ++i) {
+    doubling.push_back("\xA2" + reference(i + 1) + reference(i + 1));
+  }
+  doubling.push_back("\x08");
+  std::optional<Plist> shared = Plist::fromBytes(binaryPlist(doubling), &error);
+  ASSERT_TRUE(shared) << error;
+  EXPECT_TRUE((*shared)[0].sharesStorageWith((*shared)[1]));
+
+  // Counts larger than the file, references and offsets out of range, dates past the Date range.
+  for (const std::string& bad :
+       {binaryPlist({"\xAF\x13\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF"}),
+        binaryPlist({"\x5F\x13\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF"}),
+        binaryPlist({"\xA1" + reference(9)}),
+        binaryPlist({std::string("\x33\x7F\xEF\xFF\xFF\xFF\xFF\xFF\xFF", 9)}),
+        binaryPlist({std::string("\x33\x42\x00\x00\x00\x00\x00\x00\x00", 9)}),
+        std::string("bplist00") + std::string(32, '\xFF')}) {
+    EXPECT_FALSE(Plist::fromBytes(bad, &error));
+  }
 }
 
 TEST_F(PlistTest, MalformedDocumentsAreRejectedWithAReason) {
