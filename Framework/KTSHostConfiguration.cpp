@@ -1,5 +1,7 @@
 #include "KTSHostConfiguration.h"
 
+#include <algorithm>
+
 #include "Clock.h"
 #include "FileIO.h"
 #include "HostPaths.h"
@@ -179,8 +181,40 @@ void KTSHostConfiguration::setValueForNodePrefixUsingQuotes(const std::string& v
   }
 }
 
+namespace {
+
+// Values written into directives must be valid for them: anything else could end the directive
+// early or add lines of its own to the configuration.
+bool isSafeDirectivePath(const std::string& path) {
+  if (path.empty() || path.front() != '/') return false;
+  return std::none_of(path.begin(), path.end(), [](char c) {
+    return static_cast<unsigned char>(c) < 0x20 || c == 0x7F || c == '"' || c == '\\';
+  });
+}
+
+// The decimal text of a non-negative integer held as a number or as a string of digits.
+std::optional<std::string> nonNegativeIntegerText(const Plist& value) {
+  if (value.type() == Plist::Type::Integer && !value.isLargeUnsignedInteger()) {
+    if (value.integerValue() < 0) return std::nullopt;
+    return value.integerText();
+  }
+  const std::string& text = value.stringValue();
+  if (!value.isString() || text.empty() || text.size() > 18 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
+    return std::nullopt;
+  }
+  return std::to_string(std::stoll(text));
+}
+
+}  // namespace
+
 void KTSHostConfiguration::setDocumentRoot(const std::string& updatesFolder) {
   std::string documentRoot = appendingPathComponent(updatesFolder, "html");
+  if (!isSafeDirectivePath(documentRoot)) {
+    log_.error("Document root \"{}\" is not a usable absolute path; ondrd.conf keeps its value.",
+               documentRoot);
+    return;
+  }
   setValueForPrefixUsingQuotes(documentRoot, "DocumentRoot", true);
   setValueForNodePrefixUsingQuotes(documentRoot, "<Directory", true);
   if (KTSUtilities::directoryExistsAtPath(documentRoot)) return;
@@ -193,12 +227,23 @@ void KTSHostConfiguration::setDocumentRoot(const std::string& updatesFolder) {
 }
 
 void KTSHostConfiguration::setListenPort(const Plist& port) {
-  setValueForPrefix("*:" + port.description(), "Listen");
+  std::optional<std::string> number = nonNegativeIntegerText(port);
+  if (!number || std::stoll(*number) < 1 || std::stoll(*number) > 65535) {
+    log_.error("Port \"{}\" is not a port from 1 to 65535; ondrd.conf keeps its value.", port);
+    return;
+  }
+  setValueForPrefix("*:" + *number, "Listen");
 }
 
 void KTSHostConfiguration::setEnableBandwidthLimitForDocumentRoot(
     bool enable, const Plist& limit, const std::string& updatesFolder) {
   if (!configLines_) return;
+  std::optional<std::string> limitText = nonNegativeIntegerText(limit);
+  if (!limitText) {
+    log_.error("Bandwidth limit \"{}\" is not a non-negative integer; ondrd.conf keeps its value.",
+               limit);
+    return;
+  }
   std::string documentRoot = appendingPathComponent(updatesFolder, "html");
   ConfigLines content = KTSConfigLines::contentForSectionTypeWithIdentifier(
       *configLines_, "<Directory", documentRoot);
@@ -225,7 +270,7 @@ void KTSHostConfiguration::setEnableBandwidthLimitForDocumentRoot(
     envIndex = filterIndex + 1;
   }
   edited.insert(edited.begin() + static_cast<std::ptrdiff_t>(envIndex),
-                marker + "    SetEnv rate-limit " + limit.description());
+                marker + "    SetEnv rate-limit " + *limitText);
   KTSConfigLines::replaceContentForSectionTypeWithIdentifier(*configLines_, edited, "<Directory",
                                                              documentRoot);
 }

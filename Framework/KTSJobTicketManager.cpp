@@ -8,6 +8,7 @@
 #include "HostPaths.h"
 #include "KTSPreferences.h"
 #include "KTSUtilities.h"
+#include "ProductId.h"
 #include "SharedInstance.h"
 
 namespace ondrel {
@@ -84,6 +85,10 @@ bool KTSJobTicketManager::hasTicketOfTypeForProduct(std::int64_t jobType,
 
 void KTSJobTicketManager::addTicketOfTypeForProduct(std::int64_t jobType,
                                                     const std::string& productId) {
+  if (!isValidProductId(productId)) {
+    log_.error("Refusing a job ticket for an invalid product id: \"{}\"", productId);
+    return;
+  }
   if (auto existing = findTicketOfTypeForProduct(jobType, productId)) {
     log_.debug("JTKT: warning: redundant request ignored; ticket (\"{}\") exists for product: {}",
                existing->typeDescription(), productId);

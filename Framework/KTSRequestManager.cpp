@@ -9,6 +9,7 @@
 #include "KTSPreferences.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
+#include "ProductId.h"
 #include "SharedInstance.h"
 
 namespace ondrel {
@@ -52,7 +53,12 @@ bool KTSRequestManager::postChangeRequestForProductItems(const Plist& items) {
   for (const Plist& item : items.elements()) {
     const Plist& productId = item["ProductID"];
     log_.debug("REQM: creating change request for product: {}", productId);
-    if (productId.isString()) byProduct.set(productId.stringValue(), item);
+    if (!productId.isString()) continue;
+    if (!isValidProductId(productId.stringValue())) {
+      log_.warning("Ignoring a change request for an invalid product id: \"{}\"", productId);
+      continue;
+    }
+    byProduct.set(productId.stringValue(), item);
   }
   return postRequestOfType(byProduct, kChangeRequestType);
 }
@@ -74,6 +80,10 @@ Plist KTSRequestManager::mergeChangeRequests(const RequestsByDate& requests) {
   Plist merged = Plist::dictionary();
   for (const auto& [postDate, requestItem] : requests) {
     for (const auto& [productId, item] : requestItem.items()) {
+      if (!isValidProductId(productId)) {
+        log_.warning("Ignoring a change request for an invalid product id: \"{}\"", productId);
+        continue;
+      }
       Plist instruction = Plist::dictionary();
       for (const char* key : {"mirror", "enable", "remove"}) {
         if (item.contains(key)) instruction.set(key, item[key]);
@@ -204,6 +214,11 @@ void KTSRequestManager::createRequestDir() {
 }
 
 bool KTSRequestManager::createArchiveDir() {
+  // Requests are moved into this folder, so it must be the folder itself, never a link to one.
+  if (isSymbolicLink(archiveDirPath_)) {
+    log_.error("Refusing to archive requests into {}: it is a symbolic link", archiveDirPath_);
+    return false;
+  }
   if (KTSUtilities::directoryExistsAtPath(archiveDirPath_)) return true;
   log_.debug("Creating {}", archiveDirPath_);
   return KTSUtilities::createDirectoryAtPath(archiveDirPath_);
@@ -220,7 +235,8 @@ void KTSRequestManager::updateRequestDirPath() {}
 
 void KTSRequestManager::refreshUserDefaults() {
   // Read quietly, as the logger reads the same file: a missing file simply means "off".
-  std::optional<Plist> defaults = Plist::readFile(KTSLogger::userDefaultsPath(), nullptr);
+  std::optional<Plist> defaults =
+      Plist::readFile(KTSLogger::userDefaultsPath(), nullptr, kSmallFileReadLimit);
   archiveDeletedRequests_ = defaults && (*defaults)["archiveRequests"].boolValue();
   log_.debug("REQM: request archiving is {}.", archiveDeletedRequests_ ? "ON" : "OFF");
 }

@@ -73,6 +73,32 @@ TEST_F(ApacheTest, ConfigurationIsAcceptedBeforeAndAfterEdits) {
   EXPECT_NE(conf.find("\n    SetEnv rate-limit 128\n"), std::string::npos);
 }
 
+TEST_F(ApacheTest, InjectedPreferencesNeverReachTheConfiguration) {
+  ApacheServer server(serviceRoot(), confPath());
+  ASSERT_TRUE(preferences_->commitChanges());
+  const std::string accepted = readFile(confPath());
+  const std::string injection = "\nInclude /etc/passwd\n";
+  preferences_->setUpdatesDocRoot(serviceRoot() + "/Data\"" + injection);
+  preferences_->setPortToUse(Plist("80" + injection));
+  preferences_->setLimitBandwidth(true);
+  preferences_->setMaxBandwidth(Plist("1" + injection));
+  ASSERT_TRUE(preferences_->commitChanges());
+  EXPECT_EQ(readFile(confPath()), accepted);
+  preferences_->setUpdatesDocRoot("relative/Data");
+  preferences_->setPortToUse(Plist::dictionary());
+  preferences_->setMaxBandwidth(Plist::integer(-5));
+  ASSERT_TRUE(preferences_->commitChanges());
+  EXPECT_EQ(readFile(confPath()), accepted);
+  std::string output;
+  EXPECT_TRUE(server.checkSyntax(&output)) << output;
+  EXPECT_TRUE(
+      logged("ondrd_test[ERR]: Port \"{\n}\" is not a port from 1 to 65535; "
+             "ondrd.conf keeps its value."));
+  EXPECT_TRUE(
+      logged("ondrd_test[ERR]: Bandwidth limit \"-5\" is not a non-negative integer; "
+             "ondrd.conf keeps its value."));
+}
+
 TEST_F(ApacheTest, ServesTheDocumentRootAndSendsCatalogRequestsToTheCgi) {
   ASSERT_TRUE(preferences_->commitChanges());
   writeFile(htmlPath() + "/content/downloads/a/file.pkg", "package bytes");

@@ -165,6 +165,27 @@ TEST_F(KTSJobTicketTest, AddFindAndDeleteTickets) {
       << "the copy's recorded path was already gone; unread files are untouched";
 }
 
+TEST_F(KTSJobTicketTest, PlantedTicketsCannotReachOutsideTheirFolder) {
+  const std::string outside = path("/outside.txt");
+  writeFile(outside, "precious");
+  writeTicket(".ticket_mirror_A", "A", Plist::integer(0), outside, later());
+  writeTicket(".ticket_enable_B", "B", Plist::integer(1), pending() + "/../../../../outside.txt",
+              later());
+  writeTicket(".ticket_remove_C", "../C", Plist::integer(3), pending() + "/.ticket_remove_C",
+              later());
+  KTSJobTicketManager manager;
+  manager.refresh();
+  EXPECT_TRUE(manager.openJobs().empty());
+  manager.addTicketOfTypeForProduct(KTSJobTicket::Mirror, "../../escaped");
+  EXPECT_TRUE(
+      logged("ondrd_test[ERR]: Refusing a job ticket for an invalid product id: "
+             "\"../../escaped\""));
+  manager.deleteAllTickets();
+  EXPECT_EQ(readFile(outside), "precious");
+  EXPECT_FALSE(std::filesystem::exists(path("/Library/Server/Ondrel/escaped")));
+  EXPECT_FALSE(std::filesystem::exists(path("/Library/Server/Ondrel/Status/escaped")));
+}
+
 TEST_F(KTSJobTicketTest, AnotherProcessWriteInProgressIsLeftAlone) {
   std::filesystem::create_directories(pending());
   const std::string inProgress = pending() + "/.ondrel-write-.ticket_enable_Q.a1b2c3";

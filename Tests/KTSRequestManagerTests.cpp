@@ -167,6 +167,36 @@ TEST_F(KTSRequestManagerTest, ArchivingFollowsTheUserDefaultAtEachCollection) {
   EXPECT_TRUE(spoolEntries().empty());
 }
 
+TEST_F(KTSRequestManagerTest, HostileIdsAndALinkedArchiveAreRefused) {
+  const std::string elsewhere = path("/elsewhere");
+  std::filesystem::create_directories(elsewhere);
+  std::filesystem::create_directories(deletingLastPathComponent(archive()));
+  std::filesystem::create_directory_symlink(elsewhere, archive());
+  setArchiving(true);
+  KTSRequestManager manager;
+  Plist items = Plist::array();
+  items.append(change("../../x", {"mirror"}));
+  items.append(change("P1", {"mirror"}));
+  ASSERT_TRUE(manager.postChangeRequestForProductItems(items));
+  EXPECT_TRUE(
+      logged("ondrd_test[WRN]: Ignoring a change request for an invalid product id: "
+             "\"../../x\""));
+  // A request planted by hand carries the hostile id up to the merge, which drops it too.
+  Plist planted = Plist::dictionary();
+  planted.set("requestType", "productChanges");
+  planted.set("requestItem", Plist::dictionary());
+  planted.mutableValue("requestItem").set("a/../../b", change("a/../../b", {"enable"}));
+  nextSecond();
+  ASSERT_TRUE(planted.writeXmlFile(spool() + "/ondr_req.planted", nullptr));
+
+  Plist merged = manager.getPendingChangeRequestsDeletingSource(true);
+  EXPECT_EQ(merged.size(), 1u);
+  EXPECT_TRUE(merged.contains("P1"));
+  EXPECT_TRUE(std::filesystem::is_empty(elsewhere)) << "nothing is moved through the link";
+  EXPECT_TRUE(logged(fmt::format(
+      "ondrd_test[ERR]: Refusing to archive requests into {}: it is a symbolic link", archive())));
+}
+
 TEST_F(KTSRequestManagerTest, BadRequestFilesAreSkippedAndLeftInPlace) {
   KTSRequestManager manager;
   manager.postChangeRequestForProductItems(Plist(Plist::Array{change("GOOD", {"mirror"})}));
