@@ -203,7 +203,8 @@ class Transfer::Impl {
       description = curl_easy_strerror(result);
       if (errorBuffer_[0] != '\0') description += std::string(" (") + errorBuffer_ + ")";
     }
-    receiver_->transferDidFailWithError({static_cast<int>(result), description});
+    receiver_->transferDidFailWithError(
+        {static_cast<int>(result), description, status_ >= 400 ? status_ : 0});
   }
 
   CURL* easy_;

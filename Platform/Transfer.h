@@ -27,6 +27,8 @@ struct TransferResponse {
 struct TransferError {
   int code = 0;
   std::string description;
+  // The response's status when the failure is an HTTP status of 400 or more, else 0.
+  long httpStatus = 0;
 };
 
 // Receives the events of a transfer, on the thread that runs its event loop.

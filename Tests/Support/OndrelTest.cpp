@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "KTSLogger.h"
+#include "KTSMetadataGenerator.h"
 #include "KTSPreferences.h"
 
 namespace ondrel::test {
@@ -39,12 +40,14 @@ void OndrelTest::SetUp() {
   Clock::install(clock_);
   KTSPreferences::resetDefaultPreferences();
   KTSLogger::resetDefaultLogger();
+  KTSMetadataGenerator::resetDefaultMetadataGenerator();
   KTSLogger::defaultLoggerForSourceLogType("ondrd_test", 0);
 }
 
 void OndrelTest::TearDown() {
   KTSPreferences::resetDefaultPreferences();
   KTSLogger::resetDefaultLogger();
+  KTSMetadataGenerator::resetDefaultMetadataGenerator();
   Clock::install(nullptr);
   SystemLog::installCapture(nullptr);
   std::error_code ignored;

@@ -1,0 +1,365 @@
+// A product's files to mirror: the list built from its catalog entry, the download of each file
+// with retries and the check that keeps every file inside the document root, verification by
+// size, and removal.
+#include <climits>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "KTCatalogKeys.h"
+#include "KTSPreferences.h"
+#include "KTSProduct.h"
+#include "KTSUtilities.h"
+#include "PathString.h"
+
+namespace ondrel {
+
+namespace {
+
+constexpr int kFileDownloadAttempts = 3;
+
+std::string lowercased(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+// True when the URL's path, read the way some servers decode it, holds a "." or ".." segment
+// spelt with percent-encoding ("%2e%2e", "..%2f", ...).
+bool hasEncodedDotSegment(const Url& url) {
+  std::string path = lowercased(url.encodedPath());
+  if (path.find("%2e") == std::string::npos && path.find("%2f") == std::string::npos &&
+      path.find("%5c") == std::string::npos) {
+    return false;
+  }
+  std::string decoded;
+  for (std::size_t i = 0; i < path.size(); ++i) {
+    std::string_view rest(path.data() + i, path.size() - i);
+    if (rest.substr(0, 3) == "%2e") {
+      decoded += '.', i += 2;
+    } else if (rest.substr(0, 3) == "%2f" || rest.substr(0, 3) == "%5c") {
+      decoded += '/', i += 2;
+    } else {
+      decoded += path[i];
+    }
+  }
+  std::size_t start = 0;
+  while (start <= decoded.size()) {
+    std::size_t end = decoded.find('/', start);
+    if (end == std::string::npos) end = decoded.size();
+    std::string_view segment(decoded.data() + start, end - start);
+    if (segment == "." || segment == "..") return true;
+    start = end + 1;
+  }
+  return false;
+}
+
+std::string htmlFolder() {
+  return standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath());
+}
+
+// True when path, read as text, names something inside the html folder.
+bool liesInsideHtmlFolder(const std::string& path) {
+  std::string html = htmlFolder() + "/";
+  return standardizingPath(path).compare(0, html.size(), html) == 0;
+}
+
+std::string notInUpdatesFolder(const std::string& documentRoot) {
+  return fmt::format("file download path is not part of updates folder (should be \"{}\")",
+                     documentRoot);
+}
+
+// Why a transfer from url to destPath is refused on the text of both alone, before any folder
+// is made or resolved: a scheme other than http(s), a path outside the html folder, or a "." or
+// ".." segment hidden by percent-encoding.
+std::optional<std::string> refusalBeforeResolving(const std::optional<Url>& url,
+                                                  const std::string& destPath) {
+  if (!url || url->scheme().rfind("http", 0) != 0) {
+    return "file URL contains invalid scheme (should be \"http\")";
+  }
+  if (!liesInsideHtmlFolder(destPath) || hasEncodedDotSegment(*url)) {
+    return notInUpdatesFolder(KTSPreferences::defaultPreferences()->updatesDocRoot());
+  }
+  return std::nullopt;
+}
+
+std::string sizeText(const Plist& size, const char* none) {
+  return size.isNull() ? none : size.description();
+}
+
+}  // namespace
+
+Plist KTSProduct::makeMirrorFiles() const {
+  Plist files = Plist::array();
+  for (const auto& [language, url] :
+       masterRepresentation_[KTCatalogProductDistributionsDictKey].items()) {
+    files.append(mirrorFileInfoForDistribution(language));
+  }
+  for (const Plist& package : masterRepresentation_[KTCatalogProductPackagesKey].elements()) {
+    Plist records = mirrorFilesForPackage(package);
+    for (const Plist& record : records.elements()) files.append(record);
+  }
+  return files;
+}
+
+Plist KTSProduct::mirrorFileInfoForDistribution(const std::string& language) const {
+  const std::string& urlText =
+      masterRepresentation_[KTCatalogProductDistributionsDictKey][language].stringValue();
+  Plist record = Plist::dictionary();
+  record.set(kFileURLKey, urlText);
+  record.set(kFileLocalPathKey, KTSPath::pathWithString(urlText).asLocalPath().value_or(""));
+  return record;
+}
+
+Plist KTSProduct::mirrorFilesForPackage(const Plist& package) const {
+  Plist records = Plist::array();
+  if (package.contains(KTCatalogPackageMetadataURLStringKey)) {
+    records.append(mirrorFileInfoForPathExpectedSize(
+        package[KTCatalogPackageMetadataURLStringKey].stringValue(), Plist()));
+  }
+  records.append(mirrorFileInfoForPathExpectedSize(
+      package[KTCatalogPackageURLStringKey].stringValue(), package[KTCatalogPackageSizeKey]));
+  return records;
+}
+
+Plist KTSProduct::mirrorFileInfoForPathExpectedSize(const std::string& urlText,
+                                                    const Plist& size) const {
+  Plist record = Plist::dictionary();
+  record.set(kFileURLKey, urlText);
+  record.set(kFileLocalPathKey, KTSPath::pathWithString(urlText).asLocalPath().value_or(""));
+  if (size.isNumber()) record.set(kFileSizeKey, size);
+  record.set(kFileReplaceKey, Plist::boolean(false));
+  return record;
+}
+
+Plist KTSProduct::getTotalMirrorSize() const {
+  std::int64_t total = 0;
+  for (const Plist& record : mirrorFiles_.elements()) {
+    std::int64_t size = record[kFileSizeKey].integerValue();
+    if (size > 0 && total <= INT64_MAX - size) total += size;
+  }
+  return total > 0 ? Plist::integer(total) : Plist();
+}
+
+bool KTSProduct::downloadMirroredFiles() {
+  beginDownload();
+  while (downloadStatus_ != DownloadFinished) {
+    downloadNextFile();
+    if (downloadStatus_ == FileAbsent) return false;
+  }
+  return true;
+}
+
+void KTSProduct::beginDownload() {
+  log_.debug("PROD: {}: ...starting download", id());
+  downloadedSize_ = Plist::integer(0);
+  downloadEnumerator_ = 0;
+  totalDownloadCount_ = 0;
+  downloadStatus_ = DownloadBegun;
+}
+
+void KTSProduct::addToDownloadedSize(std::int64_t bytes) {
+  downloadedSize_ = Plist::integer(downloadedSize_.integerValue() + bytes);
+}
+
+void KTSProduct::downloadNextFile() {
+  if (!downloadEnumerator_ || *downloadEnumerator_ >= mirrorFiles_.size()) {
+    endDownload();
+    return;
+  }
+  const Plist record = mirrorFiles_[(*downloadEnumerator_)++];
+  const std::string& localPath = record[kFileLocalPathKey].stringValue();
+  const std::string fileName = lastPathComponent(localPath);
+  mirror_ = Downloading;
+  downloadStatus_ = FileInTransfer;
+  for (int attempt = 0; attempt < kFileDownloadAttempts; ++attempt) {
+    if (downloadStatus_ == FileSuspect) {
+      log_.debug("PROD: {} ({}) removing suspect file.", id(), fileName);
+      if (!liesInsideHtmlFolder(localPath) || !KTSUtilities::removePath(localPath)) return;
+      downloadStatus_ = FileAbsent;
+    }
+    if (downloadStatus_ == FileAbsent) {
+      log_.debug("PROD: {} ({}) retrying download...", id(), fileName);
+      downloadStatus_ = FileInTransfer;
+    }
+    Plist sizeBefore = downloadedSize_;
+    try {
+      downloadFileWithInfo(record);
+    } catch (const std::exception& failure) {
+      log_.debug("PROD: {} ({}) download failed! Reason: {}", id(), localPath, failure.what());
+    }
+    log_.debug("PROD: {}: ...downloaded {} bytes of total {}", id(), downloadedSize_.integerValue(),
+               totalDownloadSize_.integerValue());
+    if (verifyMirroredFileWithInfo(record)) {
+      downloadStatus_ = FileVerified;
+      ++totalDownloadCount_;
+      return;
+    }
+    downloadStatus_ = KTSUtilities::fileExistsAtPath(localPath) ? FileSuspect : FileAbsent;
+    downloadedSize_ = sizeBefore;
+  }
+  log_.debug("PROD: {} ({}) download retries exhausted, skipping file.", id(), fileName);
+  downloadStatus_ = FileAbsent;
+}
+
+void KTSProduct::endDownload() {
+  log_.info("Finished downloading product: {}", id());
+  downloadStatus_ = DownloadFinished;
+  auto expected = static_cast<std::int64_t>(mirrorFiles_.size());
+  log_.debug("PROD: {}: files downloaded = {}, expected {}", id(), totalDownloadCount_, expected);
+  mirror_ = totalDownloadCount_ == expected ? Mirrored : PleaseMirror;
+  log_.debug("PROD: {}: mirror = {}", id(), mirrorStateDescription());
+  if (mirror_ == Mirrored && enableWhenMirrored_) {
+    log_.debug("PROD: {}: enabled = YES (based on request)", id());
+    enabled_ = true;
+  }
+  downloadEnumerator_.reset();
+}
+
+void KTSProduct::downloadFileWithInfo(const Plist& fileInfo) {
+  std::optional<Url> url = Url::parse(fileInfo[kFileURLKey].stringValue());
+  const std::string& localPath = fileInfo[kFileLocalPathKey].stringValue();
+  const Plist& size = fileInfo[kFileSizeKey];
+  bool replace = fileInfo[kFileReplaceKey].boolValue();
+  const std::string fileName = lastPathComponent(localPath);
+
+  std::optional<std::int64_t> expectedSize;
+  if (size.isNumber()) expectedSize = size.integerValue();
+  if (!replace && liesInsideHtmlFolder(localPath) &&
+      KTSUtilities::fileExistsAtPathWithSize(localPath, expectedSize)) {
+    log_.debug("PROD: {}:   ...download skipped, file exists with expected size: {}", id(),
+               fileName);
+    addToDownloadedSize(expectedSize.value_or(0));
+    return;
+  }
+  auto refuse = [&](const std::string& reason) {
+    log_.error("*** Product file URL contains possible security violation.");
+    log_.error("*** Product ID: \"{}\"; file URL: \"{}\"", id(), fileInfo[kFileURLKey]);
+    log_.error("*** Local path: {}", localPath);
+    log_.error("*** Reason: {}", reason);
+    log_.error("*** The suspect product file will not be downloaded.");
+  };
+  // Nothing is created until the URL and the path are acceptable as text.
+  std::string folder = deletingLastPathComponent(localPath);
+  if (std::optional<std::string> reason = refusalBeforeResolving(url, localPath)) {
+    return refuse(*reason);
+  }
+  if (!KTSUtilities::directoryExistsAtPath(folder)) {
+    KTSUtilities::createDirectoryAtPath(folder);
+    log_.debug("PROD: {}:   ...created download folder: {}", id(), folder);
+  }
+  std::string reason;
+  if (!verifyDownloadFileURLDestPathFailureReason(url, localPath, &reason)) return refuse(reason);
+
+  log_.debug("PROD: {}:   ...download started: {}; expected size={}; replace={}", id(), fileName,
+             sizeText(size, "--"), replace ? "YES" : "NO");
+  try {
+    if (KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(*url, localPath,
+                                                                              replace, false) &&
+        expectedSize) {
+      addToDownloadedSize(*expectedSize);
+    }
+    log_.debug("PROD: {}:   ...download completed: {}", id(), fileName);
+  } catch (const std::exception& failure) {
+    log_.debug("PROD: {}:    ...download exception! {} (reason: {})", id(), "download",
+               failure.what());
+    log_.error("Download failed for product/file: {}/{}", id(), fileName);
+  }
+}
+
+bool KTSProduct::verifyDownloadFileURLDestPathFailureReason(const std::optional<Url>& url,
+                                                            const std::string& destPath,
+                                                            std::string* failureReason) const {
+  auto failWith = [failureReason](std::string reason) {
+    if (failureReason) *failureReason = std::move(reason);
+    return false;
+  };
+  if (std::optional<std::string> reason = refusalBeforeResolving(url, destPath)) {
+    return failWith(*reason);
+  }
+  // The folder with symbolic links resolved, as changing into it and back would show.
+  std::string folder = deletingLastPathComponent(standardizingPath(destPath));
+  char* resolved = ::realpath(folder.c_str(), nullptr);
+  if (resolved == nullptr)
+    return failWith("file download path cannot be reached / does not exist.");
+  std::string resolvedFolder = resolved;
+  std::free(resolved);
+  std::string documentRoot = KTSPreferences::defaultPreferences()->updatesDocRoot();
+  if (resolvedFolder.rfind("/private", 0) == 0 && documentRoot.rfind("/private", 0) != 0) {
+    documentRoot = "/private" + documentRoot;
+  }
+  if (resolvedFolder.rfind(documentRoot, 0) != 0) {
+    return failWith(notInUpdatesFolder(documentRoot));
+  }
+  return true;
+}
+
+bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo) const {
+  const std::string& localPath = fileInfo[kFileLocalPathKey].stringValue();
+  const std::string fileName = lastPathComponent(localPath);
+  const Plist& size = fileInfo[kFileSizeKey];
+  log_.debug("PROD: {}: verifying: {}; size: {}", id(), fileName, sizeText(size, "(N/A)"));
+  if (!liesInsideHtmlFolder(localPath) || !KTSUtilities::fileExistsAtPath(localPath)) {
+    log_.debug("PROD: {}: verification failed; file not found: {}", id(), fileName);
+    return false;
+  }
+  if (!size.isNumber()) return true;
+  std::int64_t actual = KTSUtilities::fileSizeAtPath(localPath).value_or(-1);
+  if (actual == size.integerValue()) return true;
+  log_.debug("PROD: {}: verification failed; incorrect size: {} (expected={}, actual={})", id(),
+             fileName, size, actual);
+  return false;
+}
+
+bool KTSProduct::verifyMirroredFiles() const {
+  bool allVerified = true;
+  for (const Plist& record : mirrorFiles_.elements()) {
+    if (!verifyMirroredFileWithInfo(record)) allVerified = false;
+  }
+  std::string title = "?title?";
+  if (bundleNames_.contains("English")) {
+    title = bundleNames_["English"].stringValue();
+  } else if (bundleNames_.contains("en")) {
+    title = bundleNames_["en"].stringValue();
+  } else if (bundleNames_.size() > 0) {
+    title = bundleNames_.items().begin()->second.stringValue();
+  }
+  if (allVerified) {
+    log_.debug("PROD: {}: ({} {}) verified - all files downloaded", id(), title,
+               version_.value_or(""));
+  } else {
+    log_.debug("PROD: {}: ({} {}) *** one or more files not downloaded ***", id(), title,
+               version_.value_or(""));
+  }
+  return allVerified;
+}
+
+void KTSProduct::removeAllFiles() {
+  std::optional<std::string> metadataPath =
+      smdPath_ ? localPathInsideDocumentRoot(smdPath_->parentServerURL()) : std::nullopt;
+  if (metadataPath) {
+    std::string folder = deletingLastPathComponent(deletingLastPathComponent(*metadataPath));
+    // The folder two levels up must still be a product's folder below the html folder.
+    if (liesInsideHtmlFolder(folder) && KTSUtilities::directoryExistsAtPath(folder)) {
+      log_.debug("PROD: {}: removing product update downloads folder", id());
+      KTSUtilities::removePath(folder);
+    }
+  }
+  enabled_ = false;
+  mirror_ = DoNotMirror;
+}
+
+void KTSProduct::removeAllMirroredFiles() {
+  for (const Plist& record : mirrorFiles_.elements()) {
+    const std::string& localPath = record[kFileLocalPathKey].stringValue();
+    std::string extension = pathExtension(localPath);
+    if (extension == "dist" || extension == "smd" || !liesInsideHtmlFolder(localPath) ||
+        !KTSUtilities::fileExistsAtPath(localPath)) {
+      continue;
+    }
+    log_.debug("PROD: {}: removing product file {}", id(), lastPathComponent(localPath));
+    KTSUtilities::removePath(localPath);
+  }
+  enabled_ = false;
+  mirror_ = DoNotMirror;
+}
+
+}  // namespace ondrel

@@ -1,0 +1,215 @@
+// A product's server metadata: downloaded for active products, found on disk for legacy ones,
+// generated when nothing exists, validated and repaired; and the titles and descriptions taken
+// from it.
+#include <cstdio>
+
+#include "Clock.h"
+#include "FileIO.h"
+#include "KTCatalogKeys.h"
+#include "KTSMetadataGenerator.h"
+#include "KTSPreferences.h"
+#include "KTSProduct.h"
+#include "KTSUtilities.h"
+#include "PathString.h"
+#include "Utf8.h"
+
+namespace ondrel {
+
+namespace {
+
+constexpr int kMetadataDownloadAttempts = 3;
+constexpr std::chrono::seconds kMetadataRetryPause(3);
+// Upstream host recorded for metadata files that legacy products only have on disk.
+constexpr const char* kContentDeliveryHost = "cdn.vantor.example";
+
+std::optional<Url> firstDistributionURL(const Plist& entry) {
+  const Plist& distributions = entry[KTCatalogProductDistributionsDictKey];
+  if (distributions.size() == 0) return std::nullopt;
+  return Url::parse(distributions.items().begin()->second.stringValue());
+}
+
+}  // namespace
+
+std::optional<std::string> KTSProduct::localPathInsideDocumentRoot(const std::optional<Url>& url) {
+  std::optional<std::string> localPath = KTSPath(url).asLocalPath();
+  if (!localPath) return std::nullopt;
+  std::string standardized = standardizingPath(*localPath);
+  std::string html =
+      standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath()) + "/";
+  if (standardized.compare(0, html.size(), html) != 0) return std::nullopt;
+  return standardized;
+}
+
+std::optional<std::string> KTSProduct::enclosingDir() const {
+  std::optional<std::string> local =
+      localPathInsideDocumentRoot(firstDistributionURL(masterRepresentation_));
+  if (!local) return std::nullopt;
+  return deletingLastPathComponent(*local);
+}
+
+std::optional<std::string> KTSProduct::makeGenericServerMetadataLocalPath() const {
+  std::optional<std::string> folder = enclosingDir();
+  if (!folder) return std::nullopt;
+  return standardizingPath(appendingPathComponent(*folder, id() + ".smd"));
+}
+
+Plist KTSProduct::getServerMetadataForURL(const std::optional<Url>& url) {
+  Plist metadata;
+  bool active = isActiveProduct();
+  if (active) {
+    log_.debug("PROD: {}: (active) reading SMD data for product", id());
+    if (url) {
+      metadata = loadActiveServerMetadataAtURL(*url);
+    } else if (std::optional<std::string> generic = makeGenericServerMetadataLocalPath()) {
+      metadata = generateServerMetadataDictionaryAtPath(*generic);
+    }
+  } else {
+    metadata = readLegacyServerMetadata(url);
+  }
+  if (metadata.isDictionary() && validateContentForServerMetadata(metadata)) return metadata;
+
+  Plist repaired = repairMalformedServerMetadata(metadata);
+  if (repaired.isNull()) return metadata;
+  if (!active) {
+    std::optional<std::string> generic = makeGenericServerMetadataLocalPath();
+    if (generic && KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*generic))) {
+      KTSUtilities::writeDictionaryToPath(repaired, *generic);
+    }
+  }
+  return repaired;
+}
+
+Plist KTSProduct::readLegacyServerMetadata(const std::optional<Url>& url) {
+  log_.debug("PROD: {}: (legacy) locating SMD data for product", id());
+  log_.debug("PROD: {}: (legacy) SMD URL = {}", id(), url ? url->text() : "(null)");
+  std::optional<std::string> file;
+  if (std::optional<std::string> mapped = localPathInsideDocumentRoot(url);
+      mapped && KTSUtilities::fileExistsAtPath(*mapped)) {
+    file = mapped;
+    smdPath_ = KTSPath(url);
+  } else {
+    std::optional<std::string> generic = makeGenericServerMetadataLocalPath();
+    log_.debug("PROD: {}: (legacy) generating URL for local SMD file", id());
+    if (generic) {
+      smdPath_ = KTSPath::pathWithLocalFilePathParentHost(*generic, kContentDeliveryHost);
+      if (KTSUtilities::fileExistsAtPath(*generic)) file = generic;
+    }
+  }
+  if (!file) return Plist();
+  log_.debug("PROD: {}: (legacy) reading SMD data for product ({})", id(),
+             lastPathComponent(*file));
+  return KTSUtilities::readPropertyListAtPath(*file);
+}
+
+Plist KTSProduct::loadActiveServerMetadataAtURL(const Url& url) {
+  KTSPath path(url);
+  std::optional<std::string> localPath = localPathInsideDocumentRoot(url);
+  if (!localPath) {
+    log_.error("*** Server metadata URL of product {} lies outside the updates folder: {}", id(),
+               url.text());
+    return Plist();
+  }
+  std::string target = appendingPathExtension(*localPath, "downloading");
+  std::string fileName = lastPathComponent(*localPath);
+  for (int attempt = 1;; ++attempt) {
+    if (KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(url, target, false,
+                                                                              true)) {
+      break;
+    }
+    log_.error("*** Error downloading file {} for product {}. Retrying...", fileName, id());
+    log_.debug("PROD: {}: SMD download attempts remaining {}.", id(),
+               kMetadataDownloadAttempts - attempt);
+    if (attempt == kMetadataDownloadAttempts) return Plist();
+    Clock::sleepFor(kMetadataRetryPause);
+  }
+  // The old file becomes L.previous by a link and the new one replaces it by a rename, so L
+  // always holds a whole file.
+  keepPreviousVersion(*localPath, appendingPathExtension(*localPath, "previous"));
+  std::rename(target.c_str(), localPath->c_str());
+  smdPath_ = path;
+  return KTSUtilities::readPropertyListAtPath(*localPath);
+}
+
+Plist KTSProduct::generateServerMetadataDictionaryAtPath(const std::string& path) {
+  Plist metadata = KTSUtilities::readPropertyListAtPath(path);
+  if (metadata.isNull()) {
+    log_.debug("PROD: {}: generating substitute SMD", id());
+    auto generator = KTSMetadataGenerator::defaultMetadataGenerator();
+    metadata = generator->createMetadataWithDictionaryIdentifier(masterRepresentation_, id());
+    if (metadata.isDictionary() &&
+        KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(path))) {
+      KTSUtilities::writeDictionaryToPath(metadata, path);
+    }
+    if (generator->smdResult() == -2) initStatus_ = -1;
+    if (metadata.isNull()) return Plist();
+  }
+  if (std::optional<Url> distribution = firstDistributionURL(masterRepresentation_)) {
+    std::string besideDistribution = appendingPathComponent(
+        deletingLastPathComponent(distribution->path()), lastPathComponent(path));
+    smdPath_ = KTSPath::pathWithString(
+        fmt::format("http://{}{}", distribution->host(), besideDistribution));
+  }
+  return metadata;
+}
+
+bool KTSProduct::validateContentForServerMetadata(const Plist& metadata) const {
+  if (!metadata.isDictionary()) return false;
+  for (const std::string& key : smdValidationKeys_) {
+    if (!metadata.contains(key)) return false;
+  }
+  return true;
+}
+
+Plist KTSProduct::repairMalformedServerMetadata(const Plist& metadata) const {
+  bool hadMetadata = metadata.isDictionary();
+  Plist repaired = hadMetadata ? metadata : Plist::dictionary();
+  bool changed = false;
+  if (!repaired.contains("localization")) {
+    changed = true;
+    if (repaired.contains("localizations")) {
+      log_.debug("PROD: {}: Attempting self-repair for bad SMD key (localizations).", id());
+      repaired.set("localization", repaired["localizations"]);
+    } else {
+      log_.debug("PROD: {}: Creating substitute data for missing SMD key (localization).", id());
+      const std::string description = "No description available.";
+      Plist english = Plist::dictionary();
+      english.set("description", Plist::data(Plist::Bytes(description.begin(), description.end())));
+      english.set("serverComment", "No comment available.");
+      english.set("title", "_productId Update");
+      Plist localization = Plist::dictionary();
+      localization.set("English", std::move(english));
+      repaired.set("localization", std::move(localization));
+    }
+  }
+  if (!repaired.contains("platforms")) {
+    changed = true;
+    log_.debug("PROD: {}: Creating substitute data for missing SMD key (platforms).", id());
+    Plist platforms = Plist::dictionary();
+    platforms.set("client", Plist::stringArray({"intel"}));
+    repaired.set("platforms", std::move(platforms));
+  }
+  if (!changed) return Plist();
+  log_.debug("PROD: {}: {} incomplete SMD data", id(), hadMetadata ? "repaired" : "generated");
+  return repaired;
+}
+
+Plist KTSProduct::getServerMetadataBundleTitles(const Plist& metadata) {
+  Plist titles = Plist::dictionary();
+  for (const auto& [language, strings] : metadata["localization"].items()) {
+    if (strings.isDictionary() && strings.contains("title")) titles.set(language, strings["title"]);
+  }
+  return titles;
+}
+
+Plist KTSProduct::getServerMetadataDescriptions(const Plist& metadata) {
+  Plist descriptions = Plist::dictionary();
+  for (const auto& [language, strings] : metadata["localization"].items()) {
+    const Plist& description = strings["description"];
+    if (!description.isData()) continue;
+    std::string text(description.dataValue().begin(), description.dataValue().end());
+    if (isValidUtf8(text)) descriptions.set(language, std::move(text));
+  }
+  return descriptions;
+}
+
+}  // namespace ondrel

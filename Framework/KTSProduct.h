@@ -1,0 +1,199 @@
+// KTSProduct is one product of an upstream catalog as the server knows it: identity, what its
+// server metadata says (titles, descriptions, version, family, sizes, restart action), its files
+// to mirror, and the administrative state (mirror state, enabled, enable when mirrored).
+// KTSCatalog builds one per catalog entry in each pass, or restores it from the product index
+// cache; the daemon mirrors and removes its files. Construction reads or writes only files under
+// the document root. One thread uses a product.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "KTSLogger.h"
+#include "KTSPath.h"
+#include "Plist.h"
+#include "Url.h"
+
+namespace ondrel {
+
+class KTSProduct {
+ public:
+  enum MirrorState : std::int32_t {
+    DoNotMirror = 0,
+    PleaseMirror = 1,
+    Downloading = 2,
+    Mirrored = 3,
+    LocalOnly = 4,
+    LocalDeprecated = 5,
+    LocalOrphaned = 6,
+    LocalNotMirrored = 7
+  };
+  enum DownloadStatus : std::int64_t {
+    DownloadBegun = 0,
+    FileInTransfer = 1,
+    FileAbsent = 2,
+    FileSuspect = 3,
+    FileVerified = 4,
+    DownloadFinished = 5
+  };
+
+  // Keys of a mirror file record.
+  static constexpr const char* kFileURLKey = "KTSProductFileURL";
+  static constexpr const char* kFileLocalPathKey = "KTSProductFileLocalPath";
+  static constexpr const char* kFileSizeKey = "KTSProductFileSize";
+  static constexpr const char* kFileReplaceKey = "KTSProductFileReplace";
+
+  // Builds the product from its catalog entry (fetching or generating its server metadata);
+  // never fails outright: callers test initStatus().
+  static std::shared_ptr<KTSProduct> productWithProductIdDictionaryRepresentationServerMetadataURL(
+      const std::string& productId, const Plist& dictionary,
+      const std::optional<Url>& serverMetadataURL);
+  static std::shared_ptr<KTSProduct> productWithArchiveRepresentation(const Plist& archive);
+  // Exact names only; anything else (and none) is DoNotMirror.
+  static std::int32_t mirrorStateForString(const std::optional<std::string>& name);
+  static std::string mirrorStringForState(std::int64_t state);
+
+  KTSProduct(const std::string& productId, const Plist& dictionary,
+             const std::optional<Url>& serverMetadataURL);
+  explicit KTSProduct(const Plist& archive);
+
+  // Compares mirror, enabled and enableWhenMirrored; names the first that differs.
+  bool isEqualState(const KTSProduct& other, std::string* changedKey = nullptr) const;
+  void setStateWithProduct(const KTSProduct& other);
+  std::int64_t getCompositeProductState() const;
+  bool isActiveProduct() const { return getCompositeProductState() < 3; }
+  bool isDownloading() const { return mirror_ == PleaseMirror || mirror_ == Downloading; }
+  bool applyPendingEnable();
+  std::string getEffectiveRestartAction() const;
+  // Newest first: -1 when this product was posted later than other, 0 when at the same time.
+  int reversePostDateCompare(const KTSProduct& other) const;
+  std::string mirrorStateDescription() const { return mirrorStringForState(mirror_); }
+  // The record the product index cache keeps; null after an internal failure.
+  Plist archiveRepresentation() const;
+  void restoreFromArchiveRepresentation(const Plist& archive);
+
+  // Server metadata. Each returns a dictionary, or null where it says "none".
+  Plist getServerMetadataForURL(const std::optional<Url>& url);
+  Plist loadActiveServerMetadataAtURL(const Url& url);
+  Plist generateServerMetadataDictionaryAtPath(const std::string& path);
+  bool validateContentForServerMetadata(const Plist& metadata) const;
+  Plist repairMalformedServerMetadata(const Plist& metadata) const;
+  // The folder of the first distribution's local file, and PRODUCTID.smd in it; none when the
+  // product has no usable distribution under the document root.
+  std::optional<std::string> enclosingDir() const;
+  std::optional<std::string> makeGenericServerMetadataLocalPath() const;
+  static Plist getServerMetadataBundleTitles(const Plist& metadata);
+  static Plist getServerMetadataDescriptions(const Plist& metadata);
+
+  // Files to mirror.
+  Plist makeMirrorFiles() const;
+  Plist mirrorFileInfoForDistribution(const std::string& language) const;
+  Plist mirrorFilesForPackage(const Plist& package) const;
+  Plist mirrorFileInfoForPathExpectedSize(const std::string& urlText, const Plist& size) const;
+  // The sum of the records' sizes; null when it is not above 0.
+  Plist getTotalMirrorSize() const;
+
+  // Mirroring: true when every file was processed, false when one was given up.
+  bool downloadMirroredFiles();
+  void beginDownload();
+  void downloadNextFile();
+  void endDownload();
+  void downloadFileWithInfo(const Plist& fileInfo);
+  // True when a transfer from url to destPath is allowed; otherwise the reason says why.
+  bool verifyDownloadFileURLDestPathFailureReason(const std::optional<Url>& url,
+                                                  const std::string& destPath,
+                                                  std::string* failureReason) const;
+  bool verifyMirroredFiles() const;
+  bool verifyMirroredFileWithInfo(const Plist& fileInfo) const;
+  void removeAllFiles();
+  void removeAllMirroredFiles();
+
+  std::int64_t initStatus() const { return initStatus_; }
+  void setInitStatus(std::int64_t status) { initStatus_ = status; }
+  std::int32_t mirror() const { return mirror_; }
+  void setMirror(std::int32_t state) { mirror_ = state; }
+  bool enabled() const { return enabled_; }
+  void setEnabled(bool enabled) { enabled_ = enabled; }
+  bool enableWhenMirrored() const { return enableWhenMirrored_; }
+  void setEnableWhenMirrored(bool enable) { enableWhenMirrored_ = enable; }
+  const std::optional<std::string>& productId() const { return productId_; }
+  void setProductId(std::optional<std::string> id) { productId_ = std::move(id); }
+  const std::optional<std::string>& productFamily() const { return productFamily_; }
+  void setProductFamily(std::optional<std::string> family) { productFamily_ = std::move(family); }
+  const std::optional<std::string>& version() const { return version_; }
+  void setVersion(std::optional<std::string> version) { version_ = std::move(version); }
+  const Plist& deprecatedProducts() const { return deprecatedProducts_; }
+  void setDeprecatedProducts(Plist products) { deprecatedProducts_ = std::move(products); }
+  const Plist& deprecators() const { return deprecators_; }
+  void setDeprecators(Plist products) { deprecators_ = std::move(products); }
+  const Plist& bundleNames() const { return bundleNames_; }
+  void setBundleNames(Plist names) { bundleNames_ = std::move(names); }
+  const Plist& descriptions() const { return descriptions_; }
+  void setDescriptions(Plist descriptions) { descriptions_ = std::move(descriptions); }
+  const Plist& localization() const { return localization_; }
+  void setLocalization(Plist localization) { localization_ = std::move(localization); }
+  const std::optional<Date>& postDate() const { return postDate_; }
+  void setPostDate(std::optional<Date> date) { postDate_ = date; }
+  const Plist& installedSize() const { return installedSize_; }
+  void setInstalledSize(Plist size) { installedSize_ = std::move(size); }
+  const std::optional<std::string>& restartAction() const { return restartAction_; }
+  void setRestartAction(std::optional<std::string> action) { restartAction_ = std::move(action); }
+  const std::optional<KTSPath>& smdPath() const { return smdPath_; }
+  void setSmdPath(std::optional<KTSPath> path) { smdPath_ = std::move(path); }
+  const Plist& masterRepresentation() const { return masterRepresentation_; }
+  void setMasterRepresentation(Plist entry) { masterRepresentation_ = std::move(entry); }
+  const std::vector<std::string>& smdValidationKeys() const { return smdValidationKeys_; }
+  void setSmdValidationKeys(std::vector<std::string> keys) { smdValidationKeys_ = std::move(keys); }
+  const Plist& mirrorFiles() const { return mirrorFiles_; }
+  void setMirrorFiles(Plist files) { mirrorFiles_ = std::move(files); }
+  const std::optional<std::size_t>& downloadEnumerator() const { return downloadEnumerator_; }
+  std::int64_t totalDownloadCount() const { return totalDownloadCount_; }
+  void setTotalDownloadCount(std::int64_t count) { totalDownloadCount_ = count; }
+  const Plist& totalDownloadSize() const { return totalDownloadSize_; }
+  void setTotalDownloadSize(Plist size) { totalDownloadSize_ = std::move(size); }
+  const Plist& downloadedSize() const { return downloadedSize_; }
+  void setDownloadedSize(Plist size) { downloadedSize_ = std::move(size); }
+  std::int64_t downloadStatus() const { return downloadStatus_; }
+  void setDownloadStatus(std::int64_t status) { downloadStatus_ = status; }
+  const LogHandle& logger() const { return log_; }
+
+ private:
+  const std::string& id() const;
+  void deriveProductFamily();
+  Plist readLegacyServerMetadata(const std::optional<Url>& url);
+  // The standardised local path of an upstream URL when it lies inside the document root's
+  // html folder; none otherwise (a hostile URL never names a file elsewhere).
+  static std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url);
+  void addToDownloadedSize(std::int64_t bytes);
+
+  std::int64_t initStatus_ = 0;
+  std::int32_t mirror_ = DoNotMirror;
+  bool enabled_ = false;
+  bool enableWhenMirrored_ = false;
+  std::optional<std::string> productId_;
+  std::optional<std::string> productFamily_;
+  std::optional<std::string> version_;
+  Plist deprecatedProducts_;
+  Plist deprecators_;
+  Plist bundleNames_;
+  Plist descriptions_;
+  Plist localization_;
+  std::optional<Date> postDate_;
+  Plist installedSize_;
+  std::optional<std::string> restartAction_;
+  std::optional<KTSPath> smdPath_;
+  Plist masterRepresentation_;
+  std::vector<std::string> smdValidationKeys_;
+  Plist mirrorFiles_;
+  std::optional<std::size_t> downloadEnumerator_;
+  std::int64_t totalDownloadCount_ = 0;
+  Plist totalDownloadSize_;
+  Plist downloadedSize_;
+  std::int64_t downloadStatus_ = DownloadBegun;
+  LogHandle log_;
+};
+
+}  // namespace ondrel

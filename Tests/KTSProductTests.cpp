@@ -1,0 +1,326 @@
+// Product construction, server metadata, the generator and the archive form, against a loopback
+// upstream.
+#include <filesystem>
+
+#include "KTCatalogKeys.h"
+#include "KTProductForKTS.h"
+#include "KTSMetadataGenerator.h"
+#include "KTSPreferences.h"
+#include "KTSProduct.h"
+#include "OndrelTest.h"
+#include "UpstreamFiles.h"
+
+namespace ondrel {
+namespace {
+
+using test::OndrelTest;
+using test::PackageSpec;
+using test::UpstreamFiles;
+
+Plist metadata(const std::string& title, const std::string& version) {
+  Plist english = Plist::dictionary();
+  english.set("title", title);
+  english.set("description", Plist::data({'H', 'i', 0xC3, 0xA9}));
+  Plist french = Plist::dictionary();
+  french.set("title", "Mise a jour");
+  french.set("description", "a string, not data");
+  Plist german = Plist::dictionary();
+  german.set("description", Plist::data({0xFF, 0xFE}));
+  Plist localization = Plist::dictionary();
+  localization.set("English", english);
+  localization.set("French", french);
+  localization.set("German", german);
+  Plist smd = Plist::dictionary();
+  smd.set("CFBundleShortVersionString", version);
+  smd.set("IFPkgFlagInstalledSize", Plist::integer(4096));
+  smd.set("IFPkgFlagRestartAction", "RequireRestart");
+  smd.set("localization", localization);
+  Plist platforms = Plist::dictionary();
+  platforms.set("client", Plist::stringArray({"intel"}));
+  smd.set("platforms", platforms);
+  return smd;
+}
+
+class KTSProductTest : public OndrelTest {
+ protected:
+  void SetUp() override {
+    OndrelTest::SetUp();
+    setUserDefaults(true);
+    ASSERT_TRUE(upstream_.start());
+    html_ = KTSPreferences::defaultPreferences()->updatesHtmlPath();
+  }
+
+  // A product with two distributions and two packages, one with a metadata URL.
+  Plist fullEntry() {
+    upstream_.put("/d/P1/English.dist", test::distributionDocument("Vantor OS Update", "10.6.8",
+                                                                   "RequireRestart", "<p>Hi</p>"));
+    upstream_.put(
+        "/d/P1/French.dist",
+        test::distributionDocument("Mise a jour", "10.6.8", "RequireRestart", "<p>Salut</p>"));
+    return upstream_.entry({{"English", "/d/P1/English.dist"}, {"French", "/d/P1/French.dist"}},
+                           {{"/d/P1/a.pkg", 100, "/d/P1/a.pkm"}, {"/d/P1/b.pkg", 250, ""}});
+  }
+
+  std::string local(const std::string& urlPath) const { return html_ + urlPath; }
+
+  UpstreamFiles upstream_;
+  std::string html_;
+};
+
+TEST_F(KTSProductTest, ActiveProductDownloadsItsMetadataAndKeepsThePreviousCopy) {
+  Plist entry = fullEntry();
+  entry.set(KTCatalogProductPostDateKey, Plist::integer(12));
+  upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.8").toXml());
+  auto smdUrl = Url::parse(upstream_.url("/d/P1/P1.smd"));
+  auto first = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      "P1", entry, smdUrl);
+  EXPECT_EQ(first->initStatus(), 1);
+  EXPECT_EQ(first->version(), "10.6.8");
+  EXPECT_EQ(first->productFamily(), "Vantor OS Update (10.6)");
+  EXPECT_EQ(first->restartAction(), "RequireRestart");
+  EXPECT_EQ(first->installedSize().integerValue(), 4096);
+  EXPECT_EQ(first->bundleNames().size(), 2u);
+  EXPECT_EQ(first->descriptions().size(), 1u) << "strings and invalid UTF-8 are left out";
+  EXPECT_EQ(first->descriptions()["English"].stringValue(), "Hi\xC3\xA9");
+  EXPECT_EQ(first->postDate(), clock_->now()) << "a number is no posting date";
+  EXPECT_TRUE(
+      logged("ondrd_test[WRN]: *** Product ID: \"P1\" posted date value is not a valid "
+             "date format. (value = \"12\")"));
+  EXPECT_TRUE(logged("ondrd_test[INF]: *** Product ID: \"P1\" will assume posting date of 'now'."));
+  EXPECT_TRUE(logged("ondrd_test[DBG]: PROD: disambiguated family \"Vantor OS Update (10.6)\""));
+
+  // Distributions first, then each package's metadata file before the package itself.
+  const Plist& files = first->mirrorFiles();
+  ASSERT_EQ(files.size(), 5u);
+  EXPECT_EQ(files[2][KTSProduct::kFileLocalPathKey].stringValue(), local("/d/P1/a.pkm"));
+  EXPECT_FALSE(files[2].contains(KTSProduct::kFileSizeKey));
+  EXPECT_EQ(files[3][KTSProduct::kFileSizeKey].integerValue(), 100);
+  EXPECT_FALSE(files[0].contains(KTSProduct::kFileReplaceKey));
+  EXPECT_EQ(first->totalDownloadSize().integerValue(), 350);
+
+  upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.9").toXml());
+  auto second = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      "P1", entry, smdUrl);
+  EXPECT_EQ(second->version(), "10.6.9");
+  EXPECT_EQ(
+      (*Plist::readFile(local("/d/P1/P1.smd.previous"), nullptr))["CFBundleShortVersionString"]
+          .stringValue(),
+      "10.6.8");
+  EXPECT_FALSE(std::filesystem::exists(local("/d/P1/P1.smd.downloading")));
+  EXPECT_EQ(second->smdPath()->parentServerURL(), smdUrl);
+}
+
+TEST_F(KTSProductTest, MetadataThatCannotBeDownloadedIsReplacedAfterThreeAttempts) {
+  upstream_.putStatus("/d/P1/P1.smd", 500);
+  auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")));
+  EXPECT_EQ(product->initStatus(), 1);
+  EXPECT_EQ(clock_->sleeps(), (std::vector<double>{3.0, 3.0}));
+  for (int remaining : {2, 1, 0}) {
+    EXPECT_TRUE(logged(
+        fmt::format("ondrd_test[DBG]: PROD: P1: SMD download attempts remaining {}.", remaining)));
+  }
+  EXPECT_TRUE(logged("ondrd_test[DBG]: PROD: P1: generated incomplete SMD data"));
+  EXPECT_EQ(product->bundleNames()["English"].stringValue(), "_productId Update");
+  EXPECT_FALSE(std::filesystem::exists(local("/d/P1/P1.smd"))) << "not written for active ones";
+
+  // "localizations" repairs a missing "localization"; the repair is not written back.
+  Plist misspelt = metadata("Vantor Tool", "2.0");
+  misspelt.set("localizations", misspelt["localization"]);
+  misspelt.remove("localization");
+  misspelt.remove("platforms");
+  upstream_.put("/d/P1/P1.smd", misspelt.toXml());
+  product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")));
+  EXPECT_EQ(product->productFamily(), "Vantor Tool");
+  EXPECT_TRUE(logged("ondrd_test[DBG]: PROD: P1: repaired incomplete SMD data"));
+  EXPECT_FALSE(Plist::readFile(local("/d/P1/P1.smd"), nullptr)->contains("platforms"));
+}
+
+TEST_F(KTSProductTest, WithoutAMetadataUrlASubstituteIsGeneratedFromTheDistribution) {
+  auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      "P1", fullEntry(), std::nullopt);
+  EXPECT_EQ(product->initStatus(), 1);
+  std::optional<Plist> written = Plist::readFile(local("/d/P1/P1.smd"), nullptr);
+  ASSERT_TRUE(written);
+  EXPECT_EQ((*written)["IFPkgFlagInstalledSize"].integerValue(), 350);
+  EXPECT_EQ((*written)["IFPkgFlagRestartAction"].stringValue(), "RequireRestart");
+  EXPECT_EQ((*written)["localization"]["French"], (*written)["localization"]["English"]);
+  EXPECT_EQ((*written)["localization"]["English"]["title"].stringValue(), "Vantor OS Update");
+  EXPECT_EQ(product->smdPath()->parentServerURL()->text(),
+            fmt::format("http://127.0.0.1/d/P1/P1.smd"));
+  EXPECT_EQ(product->version(), "10.6.8");
+
+  // A missing distribution makes the generator refuse with -2, and the product unusable.
+  Plist orphan = upstream_.entry({{"English", "/d/P2/English.dist"}}, {{"/d/P2/x.pkg", 1, ""}});
+  auto refused =
+      KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL("P2", orphan, {});
+  EXPECT_EQ(refused->initStatus(), -1);
+  EXPECT_EQ(KTSMetadataGenerator::defaultMetadataGenerator()->smdResult(), -2);
+  EXPECT_FALSE(refused->smdPath());
+  // Any other failure (here status 500) is -1 and leaves the product usable.
+  upstream_.putStatus("/d/P2/English.dist", 500);
+  auto other =
+      KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL("P2", orphan, {});
+  EXPECT_EQ(other->initStatus(), 1);
+  EXPECT_EQ(KTSMetadataGenerator::defaultMetadataGenerator()->smdResult(), -1);
+
+  auto hostile = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      "../P3", fullEntry(), std::nullopt);
+  EXPECT_EQ(hostile->initStatus(), 0);
+  EXPECT_TRUE(logged("ondrd_test[ERR]: Refusing product with an invalid product id: \"../P3\""));
+}
+
+TEST_F(KTSProductTest, LegacyProductsReadWhatIsOnDiskAndNeverDownload) {
+  Plist entry = fullEntry();
+  entry.set("CompositeProductState", "ORPHANED");
+  entry.set("CompositeProductState", Plist::integer(4));
+  auto smdUrl = Url::parse(upstream_.url("/d/P1/mapped.smd"));
+  upstream_.put("/d/P1/mapped.smd", metadata("never fetched", "1").toXml());
+
+  auto bare = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL("P1", entry,
+                                                                                        smdUrl);
+  std::optional<Plist> minimal = Plist::readFile(local("/d/P1/P1.smd"), nullptr);
+  ASSERT_TRUE(minimal) << "the minimal dictionary is written for a legacy product";
+  EXPECT_EQ(bare->bundleNames()["English"].stringValue(), "_productId Update");
+  EXPECT_EQ(bare->smdPath()->parentServerURL()->text(), "http://cdn.vantor.example/d/P1/P1.smd");
+
+  Plist generic = metadata("Vantor OS Update", "10.4.11");
+  ASSERT_TRUE(generic.writeXmlFile(local("/d/P1/P1.smd"), nullptr));
+  auto fromGeneric = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      "P1", entry, smdUrl);
+  EXPECT_EQ(fromGeneric->productFamily(), "Vantor OS Update");
+
+  generic.set("CFBundleShortVersionString", "10");
+  ASSERT_TRUE(generic.writeXmlFile(local("/d/P1/mapped.smd"), nullptr));
+  auto fromMapped = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      "P1", entry, smdUrl);
+  EXPECT_EQ(fromMapped->productFamily(), "Vantor OS Update") << "one version part: unchanged";
+  EXPECT_EQ(fromMapped->smdPath()->parentServerURL(), smdUrl);
+
+  Plist otherLanguages = metadata("x", "10.7");
+  otherLanguages.mutableValue("localization").remove("English");
+  ASSERT_TRUE(otherLanguages.writeXmlFile(local("/d/P1/mapped.smd"), nullptr));
+  EXPECT_FALSE(
+      KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL("P1", entry, smdUrl)
+          ->productFamily());
+  EXPECT_EQ(upstream_.requestCount(), 0);
+}
+
+TEST_F(KTSProductTest, ArchiveRoundTripsAndRestoreToleratesMissingKeys) {
+  upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.7.2").toXml());
+  auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")));
+  product->setMirror(KTSProduct::Mirrored);
+  product->setEnableWhenMirrored(true);
+  Plist archive = product->archiveRepresentation();
+  ASSERT_TRUE(archive.isDictionary());
+  EXPECT_EQ(archive["mirror"].stringValue(), "Mirrored");
+  EXPECT_EQ(archive["mirrorFiles"].size(), 5u);
+  auto restored = KTSProduct::productWithArchiveRepresentation(archive);
+  EXPECT_EQ(restored->archiveRepresentation(), archive);
+  EXPECT_EQ(restored->initStatus(), 0);
+  EXPECT_TRUE(restored->isEqualState(*product));
+  EXPECT_TRUE(restored->applyPendingEnable());
+
+  product->setMirrorFiles(Plist());
+  product->setSmdPath(std::nullopt);
+  Plist bare = product->archiveRepresentation();
+  EXPECT_FALSE(bare.contains("mirrorFiles"));
+  EXPECT_FALSE(bare.contains("smdPath"));
+  EXPECT_EQ(KTSProduct::productWithArchiveRepresentation(bare)->archiveRepresentation(), bare);
+
+  Plist broken = archive;
+  broken.mutableValue("mirrorFiles").mutableElements()[1].remove(KTSProduct::kFileURLKey);
+  EXPECT_TRUE(
+      KTSProduct::productWithArchiveRepresentation(broken)->archiveRepresentation().isNull());
+  EXPECT_TRUE(logged("ondrd_test[ERR]: *** Internal error creating cache data for product P1."));
+
+  clearLog();
+  Plist partial = Plist::dictionary();
+  partial.set("productId", "P9");
+  partial.set("mirror", "mirrored");
+  auto sparse = KTSProduct::productWithArchiveRepresentation(partial);
+  EXPECT_EQ(logLines(),
+            (std::vector<std::string>{
+                "ondrd_test[DBG]: PROD: P9: * * * WARNING! Missing archive value: enabled.",
+                "ondrd_test[DBG]: PROD: P9: * * * WARNING! Missing archive value: smdPath."}));
+  EXPECT_EQ(sparse->mirror(), KTSProduct::DoNotMirror);
+  EXPECT_FALSE(sparse->mirrorFiles().isArray());
+}
+
+TEST_F(KTSProductTest, StatesAndTheirNames) {
+  for (const char* name : {"mirrored", ""}) EXPECT_EQ(KTSProduct::mirrorStateForString(name), 0);
+  EXPECT_EQ(KTSProduct::mirrorStateForString(std::nullopt), 0);
+  EXPECT_EQ(KTSProduct::mirrorStateForString("LocalOrphaned"), 6);
+  for (int state : {0, 8, -1}) EXPECT_EQ(KTSProduct::mirrorStringForState(state), "DoNotMirror");
+  KTSProduct product{Plist::dictionary()};
+  product.setEnableWhenMirrored(true);
+  product.setMirror(KTSProduct::Downloading);
+  EXPECT_FALSE(product.applyPendingEnable());
+  EXPECT_EQ(product.getEffectiveRestartAction(), "IncompleteDownload");
+  product.setMirror(KTSProduct::LocalOrphaned);
+  EXPECT_TRUE(product.applyPendingEnable());
+  EXPECT_EQ(product.getEffectiveRestartAction(), "NoRestart");
+  KTSProduct other{Plist::dictionary()};
+  std::string changed;
+  EXPECT_FALSE(other.isEqualState(product, &changed));
+  EXPECT_EQ(changed, "mirror");
+  other.setStateWithProduct(product);
+  EXPECT_TRUE(other.isEqualState(product, &changed));
+  EXPECT_EQ(changed, "");
+}
+
+TEST_F(KTSProductTest, DistributionFilesAreReadStrictly) {
+  auto read = [this](const std::string& path, KTProductForKTS::Error* error) {
+    Plist entry = upstream_.entry({{"French", "/d/fr.dist"}, {"en", path}}, {});
+    return KTProductForKTS::initWithProductKeyCatalogProductDictionaryLocalization(
+        "P1", entry, std::nullopt, [this](const Url& url) { return local(url.path()); }, error);
+  };
+  KTProductForKTS::Error error;
+  upstream_.put("/d/good.dist", test::distributionDocument("Tool", "2.1", "RequireLogout", "<b>"));
+  auto good = read("/d/good.dist", &error);
+  ASSERT_TRUE(good) << error.description;
+  EXPECT_EQ(good->displayName(), "Tool");
+  EXPECT_EQ(good->restartAction(), 2);
+  std::string mimeType;
+  EXPECT_EQ(good->descriptionDataReturningMIMEType(&mimeType), (Plist::Bytes{'<', 'b', '>'}));
+  EXPECT_EQ(mimeType, "text/html");
+
+  // A mirrored copy is read instead of the upstream file.
+  std::filesystem::create_directories(local("/d"));
+  writeFile(local("/d/local.dist"),
+            "<vantor-distribution><title>Local</title>"
+            "<restart action=\"Sometimes\"/></vantor-distribution>");
+  auto mirrored = read("/d/local.dist", &error);
+  ASSERT_TRUE(mirrored);
+  EXPECT_EQ(mirrored->displayName(), "Local");
+  EXPECT_EQ(mirrored->restartAction(), 0);
+  EXPECT_FALSE(mirrored->displayVersion());
+
+  upstream_.put("/d/broken.dist", "<vantor-distribution><title>");
+  upstream_.put("/d/other.dist", "<other/>");
+  upstream_.put("/d/huge.dist",
+                "<vantor-distribution>" + std::string(2 << 20, ' ') + "</vantor-distribution>");
+  upstream_.putStatus("/d/gone.dist", 410);
+  upstream_.putStatus("/d/failing.dist", 500);
+  for (auto [path, code] :
+       std::vector<std::pair<std::string, std::int64_t>>{{"/d/broken.dist", -1101},
+                                                         {"/d/other.dist", -1101},
+                                                         {"/d/huge.dist", -1101},
+                                                         {"/d/missing.dist", -1100},
+                                                         {"/d/gone.dist", -1100},
+                                                         {"/d/failing.dist", -1102}}) {
+    error = {};
+    EXPECT_FALSE(read(path, &error)) << path;
+    EXPECT_EQ(error.code, code) << path << ": " << error.description;
+    EXPECT_FALSE(error.description.empty());
+  }
+  error = {};
+  EXPECT_FALSE(KTProductForKTS::initWithProductKeyCatalogProductDictionaryLocalization(
+      "P1", Plist::dictionary(), std::nullopt, nullptr, &error));
+  EXPECT_EQ(error.code, -1100);
+}
+
+}  // namespace
+}  // namespace ondrel
