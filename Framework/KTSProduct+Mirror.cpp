@@ -1,6 +1,8 @@
 // A product's files to mirror: the list built from its catalog entry, the download of each file
 // with retries and the check that keeps every file inside the document root, verification by
 // size, and removal.
+#include <unistd.h>
+
 #include <climits>
 #include <cstdlib>
 #include <stdexcept>
@@ -67,16 +69,50 @@ std::string notInUpdatesFolder(const std::string& documentRoot) {
                      documentRoot);
 }
 
-// Why a transfer from url to destPath is refused on the text of both alone, before any folder
-// is made or resolved: a scheme other than http(s), a path outside the html folder, or a "." or
-// ".." segment hidden by percent-encoding.
-std::optional<std::string> refusalBeforeResolving(const std::optional<Url>& url,
-                                                  const std::string& destPath) {
+// Why folder is refused once symbolic links are resolved: it cannot be reached, or it lies
+// outside the document root. With orNearestAncestor, a folder not made yet is judged by its
+// nearest existing ancestor, so that making it cannot create anything through a link.
+bool resolvedFolderRefusal(std::string folder, bool orNearestAncestor, std::string* reason) {
+  while (orNearestAncestor && !folder.empty() && folder != "/" &&
+         ::access(folder.c_str(), F_OK) != 0) {
+    folder = deletingLastPathComponent(folder);
+  }
+  char* resolved = ::realpath(folder.c_str(), nullptr);
+  if (resolved == nullptr) {
+    if (reason) *reason = "file download path cannot be reached / does not exist.";
+    return true;
+  }
+  std::string resolvedFolder = resolved;
+  std::free(resolved);
+  std::string documentRoot = KTSPreferences::defaultPreferences()->updatesDocRoot();
+  if (resolvedFolder.rfind("/private", 0) == 0 && documentRoot.rfind("/private", 0) != 0) {
+    documentRoot = "/private" + documentRoot;
+  }
+  if (resolvedFolder.rfind(documentRoot, 0) == 0) return false;
+  // An ancestor of the document root itself: the folders made below it lead to the root.
+  std::string ancestor = resolvedFolder == "/" ? "/" : resolvedFolder + "/";
+  if (orNearestAncestor && (standardizingPath(documentRoot) + "/").rfind(ancestor, 0) == 0) {
+    return false;
+  }
+  if (reason) *reason = notInUpdatesFolder(documentRoot);
+  return true;
+}
+
+// Why a transfer from url to destPath is refused before its folder is made: the text of both
+// (a scheme other than http(s), a path outside the html folder, a "." or ".." segment hidden by
+// percent-encoding), or an existing folder on the way that resolves outside the document root.
+std::optional<std::string> refusalBeforeCreatingFolder(const std::optional<Url>& url,
+                                                       const std::string& destPath) {
   if (!url || url->scheme().rfind("http", 0) != 0) {
     return "file URL contains invalid scheme (should be \"http\")";
   }
   if (!liesInsideHtmlFolder(destPath) || hasEncodedDotSegment(*url)) {
     return notInUpdatesFolder(KTSPreferences::defaultPreferences()->updatesDocRoot());
+  }
+  std::string reason;
+  if (resolvedFolderRefusal(deletingLastPathComponent(standardizingPath(destPath)), true,
+                            &reason)) {
+    return reason;
   }
   return std::nullopt;
 }
@@ -239,7 +275,7 @@ void KTSProduct::downloadFileWithInfo(const Plist& fileInfo) {
   };
   // Nothing is created until the URL and the path are acceptable as text.
   std::string folder = deletingLastPathComponent(localPath);
-  if (std::optional<std::string> reason = refusalBeforeResolving(url, localPath)) {
+  if (std::optional<std::string> reason = refusalBeforeCreatingFolder(url, localPath)) {
     return refuse(*reason);
   }
   if (!KTSUtilities::directoryExistsAtPath(folder)) {
@@ -272,24 +308,11 @@ bool KTSProduct::verifyDownloadFileURLDestPathFailureReason(const std::optional<
     if (failureReason) *failureReason = std::move(reason);
     return false;
   };
-  if (std::optional<std::string> reason = refusalBeforeResolving(url, destPath)) {
+  if (std::optional<std::string> reason = refusalBeforeCreatingFolder(url, destPath)) {
     return failWith(*reason);
   }
-  // The folder with symbolic links resolved, as changing into it and back would show.
-  std::string folder = deletingLastPathComponent(standardizingPath(destPath));
-  char* resolved = ::realpath(folder.c_str(), nullptr);
-  if (resolved == nullptr)
-    return failWith("file download path cannot be reached / does not exist.");
-  std::string resolvedFolder = resolved;
-  std::free(resolved);
-  std::string documentRoot = KTSPreferences::defaultPreferences()->updatesDocRoot();
-  if (resolvedFolder.rfind("/private", 0) == 0 && documentRoot.rfind("/private", 0) != 0) {
-    documentRoot = "/private" + documentRoot;
-  }
-  if (resolvedFolder.rfind(documentRoot, 0) != 0) {
-    return failWith(notInUpdatesFolder(documentRoot));
-  }
-  return true;
+  return !resolvedFolderRefusal(deletingLastPathComponent(standardizingPath(destPath)), false,
+                                failureReason);
 }
 
 bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo) const {

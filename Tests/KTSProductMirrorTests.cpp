@@ -1,0 +1,241 @@
+// Mirroring a product's files from a loopback upstream: retries, suspect files, the check that
+// keeps every file inside the document root, a killed download, and removal.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <thread>
+
+#include "KTCatalogKeys.h"
+#include "KTSPreferences.h"
+#include "KTSProduct.h"
+#include "OndrelTest.h"
+#include "UpstreamFiles.h"
+
+namespace ondrel {
+namespace {
+
+using test::OndrelTest;
+using test::UpstreamFiles;
+
+std::uintmax_t sizeOf(const std::string& path) {
+  std::error_code error;
+  std::uintmax_t size = std::filesystem::file_size(path, error);
+  return error ? 0 : size;
+}
+
+class KTSProductMirrorTest : public OndrelTest {
+ protected:
+  void SetUp() override {
+    OndrelTest::SetUp();
+    setUserDefaults(true);
+    ASSERT_TRUE(upstream_.start());
+    html_ = KTSPreferences::defaultPreferences()->updatesHtmlPath();
+    upstream_.put("/d/P1/English.dist", test::distributionDocument("Tool", "1", "NoRestart", "x"));
+    upstream_.put("/d/P1/French.dist", test::distributionDocument("Outil", "1", "NoRestart", "x"));
+    upstream_.put("/d/P1/a.pkm", "package metadata");
+    upstream_.put("/d/P1/a.pkg", std::string(3000, 'a'));
+    upstream_.put("/d/P1/b.pkg", std::string(5000, 'b'));
+  }
+
+  // Two distributions and two packages, the first with a metadata URL.
+  std::shared_ptr<KTSProduct> product() {
+    Plist entry =
+        upstream_.entry({{"English", "/d/P1/English.dist"}, {"French", "/d/P1/French.dist"}},
+                        {{"/d/P1/a.pkg", 3000, "/d/P1/a.pkm"}, {"/d/P1/b.pkg", 5000, ""}});
+    return productFor(entry);
+  }
+
+  std::shared_ptr<KTSProduct> productFor(const Plist& entry) {
+    auto made =
+        KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL("P1", entry, {});
+    made->setMirror(KTSProduct::PleaseMirror);
+    return made;
+  }
+
+  // Every file and folder below root_ that lies outside the html folder, other than the ones
+  // the service makes itself.
+  std::vector<std::string> entriesOutsideHtml() const {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(root_)) {
+      std::string name = entry.path().string();
+      if (name.rfind(html_, 0) != 0 && name.rfind(root_ + "/Library", 0) != 0) {
+        found.push_back(name);
+      }
+    }
+    return found;
+  }
+
+  std::string local(const std::string& urlPath) const { return html_ + urlPath; }
+
+  UpstreamFiles upstream_;
+  std::string html_;
+};
+
+TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
+  auto first = product();
+  first->setEnableWhenMirrored(true);
+  EXPECT_TRUE(first->downloadMirroredFiles());
+  EXPECT_EQ(first->mirror(), KTSProduct::Mirrored);
+  EXPECT_TRUE(first->enabled());
+  EXPECT_EQ(first->totalDownloadCount(), 5);
+  EXPECT_EQ(first->downloadedSize().integerValue(), 8000);
+  EXPECT_EQ(readFile(local("/d/P1/b.pkg")), std::string(5000, 'b'));
+  EXPECT_TRUE(first->verifyMirroredFiles());
+  EXPECT_TRUE(logged("ondrd_test[DBG]: PROD: P1: (Tool 1) verified - all files downloaded"));
+
+  int requests = upstream_.requestCount();
+  auto second = product();
+  EXPECT_TRUE(second->downloadMirroredFiles());
+  EXPECT_EQ(upstream_.requestCount(), requests) << "files already present are not fetched again";
+
+  // A file of the wrong size is kept by the fetch, found suspect, deleted and fetched again.
+  writeFile(local("/d/P1/a.pkg"), "short");
+  clearLog();
+  auto third = product();
+  EXPECT_TRUE(third->downloadMirroredFiles());
+  EXPECT_EQ(readFile(local("/d/P1/a.pkg")), std::string(3000, 'a'));
+  EXPECT_TRUE(
+      logged("ondrd_test[DBG]: PROD: P1: verification failed; incorrect size: a.pkg "
+             "(expected=3000, actual=5)"));
+  EXPECT_TRUE(logged("ondrd_test[DBG]: PROD: P1 (a.pkg) removing suspect file."));
+}
+
+TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
+  upstream_.put("/d/P1/b.pkg", std::string(6000, 'b'));  // longer than the catalog says
+  auto longer = product();
+  EXPECT_FALSE(longer->downloadMirroredFiles());
+  EXPECT_EQ(longer->mirror(), KTSProduct::Downloading);
+  EXPECT_EQ(longer->downloadStatus(), KTSProduct::FileAbsent);
+  EXPECT_TRUE(
+      logged("ondrd_test[DBG]: PROD: P1 (b.pkg) download retries exhausted, skipping file."));
+
+  for (int status : {404, 500}) {
+    upstream_.putStatus("/d/P1/b.pkg", status);
+    auto failing = product();
+    EXPECT_FALSE(failing->downloadMirroredFiles()) << status;
+    EXPECT_EQ(failing->mirror(), KTSProduct::Downloading);
+    EXPECT_FALSE(std::filesystem::exists(local("/d/P1/b.pkg")));
+  }
+
+  // Three attempts at a URL of another scheme, each refused, then the file is given up.
+  Plist entry = upstream_.entry({}, {{"/d/P1/a.pkg", 3000, ""}});
+  entry.mutableValue(KTCatalogProductPackagesKey)
+      .mutableElements()[0]
+      .set(KTCatalogPackageURLStringKey, "ftp://127.0.0.1/d/P9/a.pkg");
+  clearLog();
+  auto ftp = productFor(entry);
+  EXPECT_FALSE(ftp->downloadMirroredFiles());
+  EXPECT_EQ(ftp->mirror(), KTSProduct::Downloading);
+  std::vector<std::string> lines = logLines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                       "ondrd_test[ERR]: *** Reason: file URL contains invalid scheme (should be "
+                       "\"http\")"),
+            3);
+}
+
+TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
+  std::filesystem::create_directories(local("/d/linked"));
+  std::filesystem::create_directories(root_ + "/outside");
+  std::filesystem::create_directory_symlink(root_ + "/outside", local("/d/linked/out"));
+  for (const std::string& hostile :
+       {upstream_.url("/d/%2e%2e/%2E%2e/%2e%2e/%2e%2e/%2e%2e/%2e%2e/escaped.pkg"),
+        upstream_.url("/d/..%2f..%2f..%2fescaped.pkg"), upstream_.url("/d/%2e%2e/inside.pkg"),
+        upstream_.url("/d/linked/out/escaped.pkg"),
+        upstream_.url("/d/linked/out/deeper/escaped.pkg"), std::string("file:///etc/passwd"),
+        std::string("gopher://127.0.0.1/escaped.pkg")}) {
+    Plist entry = upstream_.entry({}, {{"/d/P1/a.pkg", 3000, ""}});
+    entry.mutableValue(KTCatalogProductPackagesKey)
+        .mutableElements()[0]
+        .set(KTCatalogPackageURLStringKey, hostile);
+    auto product = productFor(entry);
+    EXPECT_FALSE(product->downloadMirroredFiles()) << hostile;
+    EXPECT_NE(product->mirror(), KTSProduct::Mirrored);
+  }
+  EXPECT_TRUE(std::filesystem::is_empty(root_ + "/outside"));
+  EXPECT_EQ(entriesOutsideHtml(), (std::vector<std::string>{root_ + "/outside"}));
+  EXPECT_FALSE(std::filesystem::exists(local("/d/inside.pkg")));
+  EXPECT_TRUE(logged(fmt::format(
+      "ondrd_test[ERR]: *** Reason: file download path is not part of updates folder (should be "
+      "\"{}\")",
+      KTSPreferences::defaultPreferences()->updatesDocRoot())));
+
+  // A product restored from a planted cache names files outside; nothing there is touched.
+  writeFile(root_ + "/outside/keep.pkg", "precious");
+  Plist archive = product()->archiveRepresentation();
+  archive.mutableValue("mirrorFiles")
+      .mutableElements()[3]
+      .set(KTSProduct::kFileLocalPathKey, root_ + "/outside/keep.pkg");
+  auto restored = KTSProduct::productWithArchiveRepresentation(archive);
+  restored->removeAllMirroredFiles();
+  EXPECT_FALSE(restored->verifyMirroredFiles());
+  EXPECT_EQ(readFile(root_ + "/outside/keep.pkg"), "precious");
+}
+
+TEST_F(KTSProductMirrorTest, AKilledDownloadIsCompletedByTheNextRun) {
+  // A large body that arrives slowly, so the child is killed in the middle of it.
+  upstream_.put("/d/P1/b.pkg", std::string(5000, 'b'));
+  httplib::Server slow;
+  slow.Get("/d/P1/big.pkg", [](const httplib::Request&, httplib::Response& response) {
+    response.set_content_provider(8 << 20, "application/octet-stream",
+                                  [](std::size_t offset, std::size_t, httplib::DataSink& sink) {
+                                    std::string chunk(64 << 10, 'z');
+                                    if (offset > (1 << 20))
+                                      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                                    return sink.write(chunk.data(), chunk.size());
+                                  });
+  });
+  int port = slow.bind_to_any_port("127.0.0.1");
+  std::thread serving([&slow] { slow.listen_after_bind(); });
+  Plist entry = upstream_.entry({}, {{"/d/P1/b.pkg", 5000, ""}});
+  Plist big = Plist::dictionary();
+  big.set(KTCatalogPackageURLStringKey, fmt::format("http://127.0.0.1:{}/d/P1/big.pkg", port));
+  big.set(KTCatalogPackageSizeKey, Plist::integer(8 << 20));
+  entry.mutableValue(KTCatalogProductPackagesKey).append(big);
+
+  pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    productFor(entry)->downloadMirroredFiles();
+    _exit(0);
+  }
+  const std::string partial = local("/d/P1/big.pkg.downloading");
+  for (int i = 0; i < 1000 && sizeOf(partial) < (2 << 20); ++i) usleep(10000);
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  EXPECT_GE(sizeOf(partial), 2 << 20) << "killed in the middle of the file";
+  EXPECT_FALSE(std::filesystem::exists(local("/d/P1/big.pkg")));
+
+  auto again = productFor(entry);
+  EXPECT_TRUE(again->downloadMirroredFiles());
+  EXPECT_EQ(std::filesystem::file_size(local("/d/P1/big.pkg")), 8u << 20);
+  EXPECT_FALSE(std::filesystem::exists(partial));
+  slow.stop();
+  serving.join();
+}
+
+TEST_F(KTSProductMirrorTest, RemovalKeepsDescriptionsOrTakesTheWholeFolder) {
+  upstream_.put("/d/P1/P1.smd", "<plist><dict/></plist>");
+  Plist entry =
+      upstream_.entry({{"English", "/d/P1/English.dist"}}, {{"/d/P1/a.pkg", 3000, "/d/P1/a.pkm"}});
+  auto mirrored = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      "P1", entry, Url::parse(upstream_.url("/d/P1/P1.smd")));
+  ASSERT_TRUE(mirrored->downloadMirroredFiles());
+  mirrored->setEnabled(true);
+  mirrored->removeAllMirroredFiles();
+  EXPECT_FALSE(std::filesystem::exists(local("/d/P1/a.pkg")));
+  EXPECT_FALSE(std::filesystem::exists(local("/d/P1/a.pkm")));
+  EXPECT_TRUE(std::filesystem::exists(local("/d/P1/English.dist")));
+  EXPECT_TRUE(std::filesystem::exists(local("/d/P1/P1.smd")));
+  EXPECT_EQ(mirrored->mirror(), KTSProduct::DoNotMirror);
+  EXPECT_FALSE(mirrored->enabled());
+
+  writeFile(local("/other/file"), "neighbour");
+  mirrored->removeAllFiles();
+  EXPECT_FALSE(std::filesystem::exists(local("/d")));
+  EXPECT_TRUE(std::filesystem::exists(local("/other/file")));
+}
+
+}  // namespace
+}  // namespace ondrel
