@@ -10,6 +10,7 @@
 #include "KTSLogger.h"
 #include "KTSMetadataGenerator.h"
 #include "KTSPreferences.h"
+#include "KTSWorkingSet.h"
 
 namespace ondrel::test {
 
@@ -41,6 +42,7 @@ void OndrelTest::SetUp() {
   KTSPreferences::resetDefaultPreferences();
   KTSLogger::resetDefaultLogger();
   KTSMetadataGenerator::resetDefaultMetadataGenerator();
+  KTSWorkingSet::resetDefaultWorkingSet();
   KTSLogger::defaultLoggerForSourceLogType("ondrd_test", 0);
 }
 
@@ -48,6 +50,7 @@ void OndrelTest::TearDown() {
   KTSPreferences::resetDefaultPreferences();
   KTSLogger::resetDefaultLogger();
   KTSMetadataGenerator::resetDefaultMetadataGenerator();
+  KTSWorkingSet::resetDefaultWorkingSet();
   Clock::install(nullptr);
   SystemLog::installCapture(nullptr);
   std::error_code ignored;

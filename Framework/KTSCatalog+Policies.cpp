@@ -1,0 +1,298 @@
+// What a sync does to the product index after the merge: the automatic mirror and enable
+// policies, the deprecation chains, the check of files on disk with the product index cache,
+// and the served form of a product's entry.
+#include "KTCatalogKeys.h"
+#include "KTSCatalog.h"
+#include "KTSPath.h"
+#include "KTSPreferences.h"
+#include "KTSProduct.h"
+#include "KTSUtilities.h"
+
+namespace ondrel {
+
+void KTSCatalog::applyGlobalProductPreferences() {
+  auto preferences = KTSPreferences::defaultPreferences();
+  bool automatic = preferences->automaticPresetsEnabled();
+  const char* mode = automatic                   ? "AUTOMATIC"
+                     : preferences->autoMirror() ? "MANUAL (auto-download ON)"
+                                                 : "MANUAL (auto-download OFF)";
+  log_.debug("CTLG: Mode is {}.", mode);
+  applyAutoMirrorsForAllProducts();
+  applyAutoEnablesForAllProducts();
+  if (automatic || !products_) return;
+  for (const auto& [productId, product] : *products_) {
+    if (product->mirror() == KTSProduct::PleaseMirror) {
+      cancelPendingAutoRequestsForAllProducts();
+      return;
+    }
+  }
+}
+
+void KTSCatalog::applyAutoMirrorsForAllProducts() {
+  auto preferences = KTSPreferences::defaultPreferences();
+  bool onlyNew = preferences->autoMirrorOnlyNew();
+  if (!preferences->autoMirror() && !onlyNew) {
+    log_.info("* Auto-copy options are OFF. No products were changed.");
+    return;
+  }
+  log_.info("* Auto-copy ({}) option is ON.  Applying option to eligible products.",
+            onlyNew ? "ONLY NEW" : "ALL");
+  log_.debug("CTLG: auto-copy - evaluating {} products.", products_ ? products_->size() : 0);
+  if (!products_) return;
+  for (const auto& [productId, product] : *products_) {
+    std::string outcome;
+    std::int64_t state = compositeStateForProduct(*product);
+    if (product->mirror() != KTSProduct::DoNotMirror) {
+      outcome = fmt::format("SKIPPED (state: {})", product->mirrorStateDescription());
+    } else if (state != Unknown && (!onlyNew || state == New)) {
+      product->setMirror(KTSProduct::PleaseMirror);
+      outcome = "scheduled";
+    } else {
+      outcome = fmt::format("SKIPPED (state: {})", compositeProductStringForStateValue(state));
+    }
+    log_.debug("CTLG: auto-copy - product \"{}\" {}.", productId, outcome);
+  }
+}
+
+void KTSCatalog::applyAutoEnablesForAllProducts() {
+  if (!KTSPreferences::defaultPreferences()->autoEnable()) {
+    log_.info("* Auto-enable option is OFF. No products were changed.");
+    return;
+  }
+  log_.info("* Auto-enable option is ON.  Applying option to eligible products.");
+  log_.debug("CTLG: auto-enable - evaluating {} products.", products_ ? products_->size() : 0);
+  if (!products_) return;
+  for (const auto& [productId, product] : *products_) {
+    std::string outcome;
+    switch (product->mirror()) {
+      case KTSProduct::Mirrored:
+        product->setEnabled(true);
+        outcome = "enabled";
+        break;
+      case KTSProduct::PleaseMirror:
+      case KTSProduct::Downloading:
+      case KTSProduct::LocalOnly:
+        product->setEnableWhenMirrored(true);
+        outcome = "will enable when mirrored";
+        break;
+      default:
+        outcome = fmt::format("SKIPPED (state: {})", product->mirrorStateDescription());
+        break;
+    }
+    log_.debug("CTLG: auto-enable - product \"{}\" {}.", productId, outcome);
+  }
+}
+
+void KTSCatalog::cancelPendingAutoRequestsForAllProducts() {
+  bool autoMirror = KTSPreferences::defaultPreferences()->autoMirror();
+  log_.info("* Manual mode - auto-download {}. Canceling pending {}.",
+            autoMirror ? "is ON, auto-enable option is OFF" : "and auto-enable options are OFF",
+            autoMirror ? "enable requests only" : "download and enable requests");
+  if (!products_) return;
+  for (const auto& [productId, product] : *products_) {
+    if (product->mirror() == KTSProduct::Downloading) {
+      log_.debug("CTLG: canceling pending enable for in-progress download; product {}", productId);
+      product->setEnableWhenMirrored(false);
+    } else if (product->mirror() == KTSProduct::PleaseMirror) {
+      log_.debug("CTLG: canceling pending {} for product {}",
+                 autoMirror ? "enable" : "mirror and enable", productId);
+      product->setEnableWhenMirrored(false);
+      if (!autoMirror) product->setMirror(KTSProduct::DoNotMirror);
+    }
+  }
+}
+
+void KTSCatalog::updateAllDeprecatedProductsStates() {
+  log_.debug("CTLG: updating enable state for deprecated products");
+  if (!products_) return;
+  for (const auto& [productId, product] : *products_) {
+    std::int64_t state = compositeStateForProduct(*product);
+    std::int32_t mirror = product->mirror();
+    if (state == Orphaned) {
+      log_.info("Product {} is no longer available and has no replacement.", productId);
+      product->setMirror(KTSProduct::LocalOrphaned);
+    } else if (state == Deprecated && mirror < KTSProduct::Mirrored) {
+      log_.info(
+          "Product {} (not downloaded) is no longer available and will be removed from the "
+          "catalog.",
+          productId);
+      product->setMirror(KTSProduct::LocalNotMirrored);
+    } else if (state == Deprecated && mirror == KTSProduct::Mirrored) {
+      log_.info("Product {} is no longer available but may still be enabled.", productId);
+      product->setMirror(KTSProduct::LocalOnly);
+    }
+  }
+  for (const auto& [productId, product] : *products_) {
+    if (product->deprecators().size() != 0) continue;
+    std::set<std::string> visited;
+    updateDeprecatedProductsStatesInWalk(*product, nullptr, false, visited);
+  }
+}
+
+void KTSCatalog::updateDeprecatedProductsStatesWithDeprecatorSuperiorEnabled(
+    KTSProduct& product, const KTSProduct* deprecator, bool superiorEnabled) {
+  std::set<std::string> visited;
+  updateDeprecatedProductsStatesInWalk(product, deprecator, superiorEnabled, visited);
+}
+
+// One step of the walk down a deprecation chain. A product already visited in this walk ends
+// it, so a cycle in a hostile deprecations list cannot make the walk endless.
+void KTSCatalog::updateDeprecatedProductsStatesInWalk(KTSProduct& product,
+                                                      const KTSProduct* deprecator,
+                                                      bool superiorEnabled,
+                                                      std::set<std::string>& visited) {
+  const std::string productId = product.productId().value_or("");
+  if (!visited.insert(productId).second) return;
+  bool carry = superiorEnabled;
+  if (deprecator != nullptr) {
+    const std::string deprecatorId = deprecator->productId().value_or("");
+    if (!superiorEnabled && !deprecator->enabled()) {
+      if (product.mirror() == KTSProduct::LocalDeprecated) {
+        log_.info("Product {} may be re-enabled; replacement product {} was disabled.", productId,
+                  deprecatorId);
+        product.setMirror(KTSProduct::LocalOnly);
+      }
+      carry = false;
+    } else {
+      log_.info("Product {} is disabled because replacement product {} was enabled.", productId,
+                deprecatorId);
+      product.setMirror(KTSProduct::LocalDeprecated);
+      product.setEnableWhenMirrored(false);
+      carry = true;
+    }
+  }
+  for (const Plist& deprecatedId : product.deprecatedProducts().elements()) {
+    std::shared_ptr<KTSProduct> deprecated = productForProductId(deprecatedId.stringValue());
+    if (deprecated) updateDeprecatedProductsStatesInWalk(*deprecated, &product, carry, visited);
+  }
+}
+
+bool KTSCatalog::loadProductIndexCache() {
+  if (KTSUtilities::fileExistsAtPath(productsCachePath_)) {
+    log_.debug("CTLG: refreshing product list from saved state");
+    Plist cache = KTSUtilities::readPropertyListAtPath(productsCachePath_);
+    if (!cache.isArray()) {
+      log_.debug("CTLG: *** product index cache restore failed");
+    } else {
+      std::optional<ProductIndex> restored;
+      for (const Plist& element : cache.elements()) {
+        std::shared_ptr<KTSProduct> product =
+            element.isDictionary() ? KTSProduct::productWithArchiveRepresentation(element)
+                                   : nullptr;
+        if (!product || !product->productId()) {
+          log_.debug("CTLG: *** product init from cache item failed! ID = {}",
+                     element["productId"]);
+          continue;
+        }
+        if (!restored) restored.emplace();
+        (*restored)[*product->productId()] = std::move(product);
+      }
+      products_ = std::move(restored);
+    }
+  }
+  return products_.has_value();
+}
+
+void KTSCatalog::saveProductIndexCache() {
+  log_.debug("CTLG: saving product index cache");
+  log_.debug("CTLG: cache path: {}", productsCachePath_);
+  if (KTSUtilities::fileExistsAtPath(productsCachePath_)) {
+    log_.debug("CTLG: removing previous product index cache");
+    KTSUtilities::removePath(productsCachePath_);
+  }
+  Plist archives = Plist::array();
+  if (products_) {
+    for (const auto& [productId, product] : *products_) {
+      Plist archive = product->archiveRepresentation();
+      if (!archive.isNull()) archives.append(std::move(archive));
+    }
+  }
+  if (archives.size() == 0) return;
+  if (!KTSUtilities::writePropertyListToPath(archives, productsCachePath_)) {
+    log_.debug("CTLG: product index cache save failed!");
+  }
+}
+
+std::int64_t KTSCatalog::compositeStateForProduct(const KTSProduct& product) const {
+  if (!product.productId()) return Unknown;
+  const Plist& state =
+      compositeCatalog_[KTCatalogProductsDictKey][*product.productId()]["CompositeProductState"];
+  std::int64_t value = state.isNumber() ? state.integerValue() : Unknown;
+  return value >= New && value <= Orphaned ? value : Unknown;
+}
+
+void KTSCatalog::verifyAllProductDownloadStates() {
+  if (!products_) return;
+  std::vector<std::string> removed;
+  for (const auto& [productId, product] : *products_) {
+    std::int32_t mirror = product->mirror();
+    if (mirror >= KTSProduct::LocalOnly && mirror <= KTSProduct::LocalNotMirrored &&
+        !product->verifyMirroredFiles()) {
+      removed.push_back(productId);
+      log_.debug(
+          "CTLG: WARNING - Removing {} product {} (reason: missing files, no longer "
+          "available).",
+          product->mirrorStateDescription(), productId);
+      log_.info(
+          "Partially copied product {} missing some local files. The product is no longer "
+          "available and will be removed.",
+          productId);
+    } else if (mirror == KTSProduct::Mirrored && !product->verifyMirroredFiles()) {
+      product->setMirror(KTSProduct::PleaseMirror);
+      log_.debug("CTLG: WARNING - {} product {} not found / missing files.",
+                 product->mirrorStateDescription(), productId);
+      log_.info(
+          "Previously copied product {} missing from local storage. This product will be "
+          "re-download.",
+          productId);
+    }
+  }
+  for (const std::string& productId : removed) removeProductForProductId(productId);
+  if (!removed.empty()) commitCatalogProductRemovals();
+}
+
+Plist KTSCatalog::mirrorRepresentationForProduct(KTSProduct& product) const {
+  const Plist& master = product.masterRepresentation();
+  Plist result = master.isDictionary() ? master : Plist::dictionary();
+  auto childURL = [](const Plist& upstream) {
+    return Plist(KTSPath::pathWithString(upstream.stringValue()).asChildServerURL().value_or(""));
+  };
+  Plist distributions = Plist::dictionary();
+  for (const auto& [language, url] : master[KTCatalogProductDistributionsDictKey].items()) {
+    distributions.set(language, childURL(url));
+  }
+  result.set(KTCatalogProductDistributionsDictKey, std::move(distributions));
+  Plist packages = Plist::array();
+  for (const Plist& package : master[KTCatalogProductPackagesKey].elements()) {
+    Plist served = package.isDictionary() ? package : Plist::dictionary();
+    served.set(KTCatalogPackageURLStringKey, childURL(package[KTCatalogPackageURLStringKey]));
+    if (package.contains(KTCatalogPackageMetadataURLStringKey)) {
+      served.set(KTCatalogPackageMetadataURLStringKey,
+                 childURL(package[KTCatalogPackageMetadataURLStringKey]));
+    }
+    packages.append(std::move(served));
+  }
+  result.set(KTCatalogProductPackagesKey, std::move(packages));
+
+  const std::string productId = product.productId().value_or("");
+  if (!product.smdPath() && master["ServerMetadataURL"].isString()) {
+    KTSPath path = KTSPath::pathWithString(master["ServerMetadataURL"].stringValue());
+    if (path.parentServerURL()) {
+      product.setSmdPath(path);
+      log_.debug(
+          "SYNC: (internal) mirror representation required generated smd path for product "
+          "{}",
+          productId);
+    }
+  }
+  if (!product.smdPath()) {
+    log_.debug("CTLG: (internal) mirror representation has no .smd URL for product {}", productId);
+    return result;
+  }
+  if (std::optional<std::string> served = product.smdPath()->asChildServerURL()) {
+    result.set("ServerMetadataURL", *served);
+  }
+  return result;
+}
+
+}  // namespace ondrel

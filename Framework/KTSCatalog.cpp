@@ -1,0 +1,221 @@
+// The catalog's files, its sync and load sequences and the product index rebuild.
+#include "KTSCatalog.h"
+
+#include "Clock.h"
+#include "KTCatalogKeys.h"
+#include "KTSCatalogDownloader.h"
+#include "KTSError.h"
+#include "KTSPreferences.h"
+#include "KTSProduct.h"
+#include "KTSUtilities.h"
+#include "KTSWorkingSet.h"
+#include "PathString.h"
+
+namespace ondrel {
+
+namespace {
+
+constexpr const char* kStateNames[] = {"UNKNOWN", "NEW", "RECURRING", "DEPRECATED", "ORPHANED"};
+
+}  // namespace
+
+std::shared_ptr<KTSCatalog> KTSCatalog::catalogWithUrl(const Url& url) {
+  return std::make_shared<KTSCatalog>(url);
+}
+
+std::string KTSCatalog::compositeProductStringForStateValue(std::int64_t state) {
+  if (state < New || state > Orphaned) return kStateNames[Unknown];
+  return kStateNames[state];
+}
+
+std::string KTSCatalog::compositeProductStringForState(const Plist& state) {
+  return compositeProductStringForStateValue(state.isNumber() ? state.integerValue() : Unknown);
+}
+
+std::int64_t KTSCatalog::compositeProductStateForString(const std::string& name) {
+  for (std::int64_t state = New; state <= Orphaned; ++state) {
+    if (name == kStateNames[state]) return state;
+  }
+  return Unknown;
+}
+
+KTSCatalog::KTSCatalog(const Url& catalogURL) : catalogURL_(catalogURL), log_(LogHandle::shared()) {
+  auto preferences = KTSPreferences::defaultPreferences();
+  updatesDocRoot_ = preferences->updatesDocRoot();
+  // The formats join their parts without a separator of their own: the document root ends in
+  // a slash and the URL path begins with one.
+  const std::string& urlPath = catalogURL_.path();
+  vantorCatalogPath_ = fmt::format("{}html{}.vantor", updatesDocRoot_, urlPath);
+  compositeCatalogPath_ = fmt::format("{}html{}.composite", updatesDocRoot_, urlPath);
+  productsCachePath_ =
+      fmt::format("{}html{}.productscache", updatesDocRoot_, deletingPathExtension(urlPath));
+  catalogPrimePath_ =
+      fmt::format("http://{}:{}{}", preferences->hostName(), preferences->portToUse(), urlPath);
+}
+
+KTSCatalog::~KTSCatalog() = default;
+
+void KTSCatalog::syncCatalogWithDeprecationsForcingUpdate(const Plist& deprecations, bool force) {
+  log_.info("Updating local catalog: {}", lastPathComponent(catalogPrimePath_));
+  log_.debug("CTLG: ==== syncing composite catalog with Vantor server ====");
+  log_.debug("CTLG: URL   = {}", catalogURL_);
+  log_.debug("CTLG: Local = {}", vantorCatalogPath_);
+  setDeprecatedProducts(deprecations);
+  try {
+    loadCompositeCatalog();
+    Plist incoming = downloadCatalogToPathForcingUpdate(vantorCatalogPath_, force);
+    updateCompositeCatalogWithCatalog(incoming);
+  } catch (...) {
+    setDeprecatedProducts(Plist());
+    throw;
+  }
+  loadProductIndexForcingUpdate(true);
+  applyGlobalProductPreferences();
+  updateAllDeprecatedProductsStates();
+  verifyAllProductDownloadStates();
+  if (products_) saveProductIndexCache();
+  throttleDownloads_ = false;
+  setDeprecatedProducts(Plist());
+}
+
+void KTSCatalog::loadCatalog() {
+  log_.debug("CTLG: ==== loading composite catalog from cache ====");
+  throttleDownloads_ = false;
+  loadCompositeCatalog();
+  if (loadProductIndexForcingUpdate(false)) mergeWorkingSetProductsStates();
+}
+
+void KTSCatalog::loadCompositeCatalog() {
+  log_.debug("CTLG: loading composite catalog");
+  std::string previous = appendingPathExtension(vantorCatalogPath_, "previous");
+  if (!KTSUtilities::fileExistsAtPath(compositeCatalogPath_) &&
+      KTSUtilities::fileExistsAtPath(previous)) {
+    KTSUtilities::copyItemAtPathToPath(previous, compositeCatalogPath_);
+  }
+  log_.debug("CTLG: FILE = {}", compositeCatalogPath_);
+  if (KTSUtilities::fileExistsAtPath(compositeCatalogPath_)) {
+    Plist read = KTSUtilities::readPropertyListAtPath(compositeCatalogPath_);
+    compositeCatalog_ = read.isDictionary() ? read : Plist();
+  } else {
+    compositeCatalog_ = Plist::dictionary();
+  }
+}
+
+void KTSCatalog::saveCompositeCatalog() {
+  if (compositeCatalog_.isNull()) return;
+  KTSUtilities::writeDictionaryToPath(compositeCatalog_, compositeCatalogPath_);
+  log_.debug("CTLG: composite catalog saved.");
+}
+
+Plist KTSCatalog::downloadCatalogToPathForcingUpdate(const std::string& path, bool force) {
+  log_.debug("CTLG: URL = {}", catalogURL_);
+  log_.debug("CTLG: FORCE = {}", force ? "YES" : "NO");
+  if (force || !KTSUtilities::fileExistsAtPath(path)) {
+    auto downloader =
+        KTSCatalogDownloader::downloaderWithURLLocalPathArchivePrevious(catalogURL_, path, true);
+    if (downloader->downloadStatus() == 1) downloader->downloadSynchronously();
+  }
+  if (!KTSUtilities::fileExistsAtPath(path)) return Plist();
+  return KTSUtilities::readPropertyListAtPath(path);
+}
+
+bool KTSCatalog::loadProductIndexForcingUpdate(bool force) {
+  if (!force && loadProductIndexCache()) return false;
+  log_.debug("CTLG: rebuilding product list from available data.");
+  ProductIndex rebuilt;
+  for (const auto& [productId, entry] : compositeCatalog_[KTCatalogProductsDictKey].items()) {
+    // Each product is made and released in its own scope; one that fails never ends the rebuild.
+    try {
+      log_.debug("CTLG: creating product instance for {}", productId);
+      std::optional<KTSError> error;
+      std::shared_ptr<KTSProduct> product = makeProductItemForProductIDError(productId, &error);
+      if (product) {
+        rebuilt.emplace(productId, std::move(product));
+      } else if (error && error->code() == -1) {
+        log_.debug("CTLG: detected dead product {}", productId);
+      } else if (error) {
+        log_.debug("CTLG: general initialization failure for product {}", productId);
+      }
+    } catch (const std::exception& failure) {
+      log_.debug("CTLG: Error creating product {}; reason {}", productId, failure.what());
+    }
+  }
+  products_ = std::move(rebuilt);
+  return true;
+}
+
+std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
+    const std::string& productId, std::optional<KTSError>* error) {
+  Date start = Clock::now();
+  const Plist& entry = compositeCatalog_[KTCatalogProductsDictKey][productId];
+  std::optional<Url> metadataURL;
+  if (entry["ServerMetadataURL"].isString()) {
+    metadataURL = Url::parse(entry["ServerMetadataURL"].stringValue());
+  }
+  auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      productId, entry, metadataURL);
+  if (product->initStatus() != 1) {
+    if (error) {
+      Plist userInfo;
+      if (entry.contains("CompositeProductState")) {
+        userInfo = Plist::dictionary();
+        userInfo.set("CompositeProductState", entry["CompositeProductState"]);
+      }
+      error->emplace(KTSError::kDomain, product->initStatus(),
+                     fmt::format("product {} could not be made", productId), userInfo);
+    }
+    return nullptr;
+  }
+  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  if (workingSet->containsProductID(productId)) {
+    product->setMirror(workingSet->mirrorSettingForProductID(productId));
+    product->setEnabled(workingSet->enableSettingForProductID(productId));
+  }
+  if (throttleDownloads_) Clock::sleepFor(Clock::now() - start);
+  return product;
+}
+
+void KTSCatalog::mergeWorkingSetProductsStates() {
+  log_.debug("CTLG: merging existing working set data");
+  if (!products_) return;
+  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  for (const auto& [productId, product] : *products_) {
+    if (!workingSet->containsProductID(productId)) continue;
+    log_.debug("CTLG: transferring working set data for {}", productId);
+    Plist record = workingSet->productDictForID(productId);
+    if (record.contains("mirror")) {
+      product->setMirror(KTSProduct::mirrorStateForString(record["mirror"].stringValue()));
+    }
+    if (record.contains("enable")) product->setEnabled(record["enable"].boolValue());
+    if (record.contains("DownloadedSize")) product->setDownloadedSize(record["DownloadedSize"]);
+    if (record.contains("TotalDownloadSize")) {
+      product->setTotalDownloadSize(record["TotalDownloadSize"]);
+    }
+  }
+}
+
+void KTSCatalog::commitCatalogProductRemovals() {
+  std::vector<std::string> removed;
+  for (const auto& [productId, entry] : compositeCatalog_[KTCatalogProductsDictKey].items()) {
+    if (!products_ || products_->count(productId) == 0) removed.push_back(productId);
+  }
+  if (removed.empty()) return;
+  log_.debug("CTLG: committing changes in product index.");
+  Plist catalog = compositeCatalog_;
+  Plist& entries = catalog.mutableValue(KTCatalogProductsDictKey);
+  for (const std::string& productId : removed) entries.remove(productId);
+  compositeCatalog_ = std::move(catalog);
+  saveCompositeCatalog();
+}
+
+std::shared_ptr<KTSProduct> KTSCatalog::productForProductId(const std::string& productId) const {
+  if (!products_) return nullptr;
+  auto found = products_->find(productId);
+  return found == products_->end() ? nullptr : found->second;
+}
+
+void KTSCatalog::removeProductForProductId(const std::string& productId) {
+  if (products_) products_->erase(productId);
+}
+
+}  // namespace ondrel

@@ -1,0 +1,130 @@
+// KTSCatalog is one upstream catalog as this server keeps it: the last downloaded copy, the
+// composite catalog (every product ever seen, with its state NEW, RECURRING, DEPRECATED or
+// ORPHANED), and the product index built from it with the working set's settings, the automatic
+// policies, the deprecation chains and the check of files on disk. The sync daemon and the
+// administration side create one per catalog of the meta-index and drive it from one thread.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "KTSLogger.h"
+#include "Plist.h"
+#include "Url.h"
+
+namespace ondrel {
+
+class KTSError;
+class KTSProduct;
+
+class KTSCatalog {
+ public:
+  enum CompositeState : std::int64_t {
+    Unknown = 0,
+    New = 1,
+    Recurring = 2,
+    Deprecated = 3,
+    Orphaned = 4
+  };
+  using ProductIndex = std::map<std::string, std::shared_ptr<KTSProduct>>;
+
+  static std::shared_ptr<KTSCatalog> catalogWithUrl(const Url& url);
+  static std::string compositeProductStringForStateValue(std::int64_t state);
+  static std::string compositeProductStringForState(const Plist& state);
+  static std::int64_t compositeProductStateForString(const std::string& name);
+
+  explicit KTSCatalog(const Url& catalogURL);
+  ~KTSCatalog();
+
+  // Restores the product index without the network: from the cache, else rebuilt.
+  void loadCatalog();
+  // Downloads, merges, rebuilds the index and runs the policies. A merge that cannot be made
+  // (no usable upstream catalog) throws KTSError and changes nothing.
+  void syncCatalogWithDeprecationsForcingUpdate(const Plist& deprecations, bool force);
+  void loadCompositeCatalog();
+  void saveCompositeCatalog();
+  // The catalog read from path after an optional download; null when there is none.
+  Plist downloadCatalogToPathForcingUpdate(const std::string& path, bool force);
+
+  // The merge.
+  void updateCompositeCatalogWithCatalog(const Plist& catalog);
+  bool shouldIgnoreProductForDictionaryWithIdentifier(const Plist& dictionary,
+                                                      const std::string& identifier);
+  Plist makeCompositeProductForIDAndDictionaryProductState(const std::string& productId,
+                                                           const Plist& dictionary,
+                                                           std::int64_t state) const;
+
+  // The product index. True when it was rebuilt from the composite catalog.
+  bool loadProductIndexForcingUpdate(bool force);
+  std::shared_ptr<KTSProduct> makeProductItemForProductIDError(const std::string& productId,
+                                                               std::optional<KTSError>* error);
+  void mergeWorkingSetProductsStates();
+  void commitCatalogProductRemovals();
+  std::shared_ptr<KTSProduct> productForProductId(const std::string& productId) const;
+  void removeProductForProductId(const std::string& productId);
+
+  // Deprecations.
+  bool isDeprecatedProductID(const std::string& productId) const;
+  Plist getDeprecatedProductsForProductID(const std::string& productId) const;
+  Plist getDeprecatorsForProductID(const std::string& productId) const;
+  void updateAllDeprecatedProductsStates();
+  void updateDeprecatedProductsStatesWithDeprecatorSuperiorEnabled(KTSProduct& product,
+                                                                   const KTSProduct* deprecator,
+                                                                   bool superiorEnabled);
+
+  // Automatic policies.
+  void applyGlobalProductPreferences();
+  void applyAutoMirrorsForAllProducts();
+  void applyAutoEnablesForAllProducts();
+  void cancelPendingAutoRequestsForAllProducts();
+
+  // The product index cache and the check of files on disk.
+  bool loadProductIndexCache();
+  void saveProductIndexCache();
+  std::int64_t compositeStateForProduct(const KTSProduct& product) const;
+  void verifyAllProductDownloadStates();
+
+  // The product's catalog entry with every URL pointing at this server.
+  Plist mirrorRepresentationForProduct(KTSProduct& product) const;
+
+  const Url& catalogURL() const { return catalogURL_; }
+  const std::string& vantorCatalogPath() const { return vantorCatalogPath_; }
+  const std::string& compositeCatalogPath() const { return compositeCatalogPath_; }
+  const std::string& productsCachePath() const { return productsCachePath_; }
+  const Plist& deprecatedProducts() const { return deprecatedProducts_; }
+  void setDeprecatedProducts(const Plist& deprecations);
+  const std::string& updatesDocRoot() const { return updatesDocRoot_; }
+  const std::string& catalogPrimePath() const { return catalogPrimePath_; }
+  const Plist& compositeCatalog() const { return compositeCatalog_; }
+  void setCompositeCatalog(Plist catalog) { compositeCatalog_ = std::move(catalog); }
+  const std::optional<ProductIndex>& products() const { return products_; }
+  void setProducts(std::optional<ProductIndex> products) { products_ = std::move(products); }
+  bool throttleDownloads() const { return throttleDownloads_; }
+  void setThrottleDownloads(bool throttle) { throttleDownloads_ = throttle; }
+  const LogHandle& logger() const { return log_; }
+
+ private:
+  void updateDeprecatedProductsStatesInWalk(KTSProduct& product, const KTSProduct* deprecator,
+                                            bool superiorEnabled, std::set<std::string>& visited);
+
+  Url catalogURL_;
+  std::string vantorCatalogPath_;
+  std::string compositeCatalogPath_;
+  std::string productsCachePath_;
+  Plist deprecatedProducts_;
+  // Who deprecates each product, in the deprecations' key order: built once per sync, so the
+  // merge does not scan the whole deprecations list for every product.
+  std::map<std::string, std::vector<std::string>, std::less<>> deprecatorsById_;
+  std::string updatesDocRoot_;
+  std::string catalogPrimePath_;
+  Plist compositeCatalog_;
+  std::optional<ProductIndex> products_;
+  bool throttleDownloads_ = false;
+  LogHandle log_;
+};
+
+}  // namespace ondrel

@@ -1,0 +1,321 @@
+#include "KTSWorkingSet.h"
+
+#include "Clock.h"
+#include "DateFormats.h"
+#include "FileIO.h"
+#include "HostPaths.h"
+#include "KTCatalogKeys.h"
+#include "KTSCatalog.h"
+#include "KTSPreferences.h"
+#include "KTSProduct.h"
+#include "KTSUtilities.h"
+#include "PathString.h"
+#include "SharedInstance.h"
+
+namespace ondrel {
+
+namespace {
+
+constexpr const char* kProductsKey = "workingSetProducts";
+constexpr std::chrono::seconds kStatusSaveInterval(1);
+
+const char* yesOrNo(bool value) { return value ? "YES" : "NO"; }
+
+}  // namespace
+
+std::shared_ptr<KTSWorkingSet> KTSWorkingSet::defaultWorkingSet() {
+  return SharedInstance<KTSWorkingSet>::get([] {
+    return workingSetForPath(
+        fixedPath("/Library/Server/Ondrel/Status/com.vantor.server.ondrel.plist"));
+  });
+}
+
+void KTSWorkingSet::resetDefaultWorkingSet() { SharedInstance<KTSWorkingSet>::reset(); }
+
+std::shared_ptr<KTSWorkingSet> KTSWorkingSet::workingSetForPath(const std::string& path) {
+  return std::make_shared<KTSWorkingSet>(path);
+}
+
+KTSWorkingSet::KTSWorkingSet(const std::string& path)
+    : currentPath_(KTSPreferences::defaultPreferences()->statusWorkingPathForPath(path)),
+      log_(LogHandle::shared()) {
+  loadProducts();
+}
+
+KTSWorkingSet::FileStamp KTSWorkingSet::currentFileStamp() const {
+  return {modificationDate(currentPath_, nullptr), fileIdentity(currentPath_)};
+}
+
+void KTSWorkingSet::setProductCache(Plist products) {
+  products_ = std::move(products);
+  cacheDirty_ = true;
+}
+
+bool KTSWorkingSet::initProductCache() {
+  if (KTSUtilities::fileExistsAtPath(currentPath_)) return true;
+  log_.debug("WSET: ==== creating new working set ==== ");
+  setProductCache(Plist::dictionary());
+  if (!saveProductsArchivingPrevious(false)) {
+    log_.debug("WSET: ERROR -- failed to save default working set cache");
+    return false;
+  }
+  return true;
+}
+
+bool KTSWorkingSet::loadProducts() {
+  if (!initProductCache()) {
+    log_.error("Error: Can't create working set cache file: {}", currentPath_);
+    return false;
+  }
+  log_.debug("WSET: loading {}", lastPathComponent(currentPath_));
+  FileStamp stamp = currentFileStamp();
+  Plist root = KTSUtilities::readPropertyListAtPath(currentPath_);
+  const Plist& products = root[kProductsKey];
+  if (!root.isDictionary() || (root.contains(kProductsKey) && !products.isDictionary())) {
+    log_.error("Error: The working set file is inaccessible or corrupt (1): {}", currentPath_);
+    return true;
+  }
+  if (!root.contains(kProductsKey)) return false;
+  products_ = products;
+  cacheDirty_ = false;
+  cacheDate_ = Clock::now();
+  cachedFileStamp_ = stamp;
+  log_.debug("WSET: cache date = {}", Plist::date(*cacheDate_));
+  if (stamp.modified) lastWrite_ = stamp.modified;
+  return false;
+}
+
+bool KTSWorkingSet::saveProductsArchivingPrevious(bool archivePrevious) {
+  KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(currentPath_));
+  std::string previous = appendingPathExtension(currentPath_, "previous");
+  auto keepPrevious = [&] {
+    log_.debug("WSET: archiving {}", lastPathComponent(previous));
+    keepPreviousVersion(currentPath_, previous);
+  };
+  log_.debug("WSET: saving {}", lastPathComponent(currentPath_));
+  Plist root = Plist::dictionary();
+  root.set(kProductsKey, products_.isDictionary() ? products_ : Plist::dictionary());
+  // The replaced file becomes ".previous" just before the new one is renamed into place, so the
+  // working set is never missing, not even for a moment.
+  bool archive = archivePrevious && KTSUtilities::fileExistsAtPath(currentPath_);
+  if (!writeFileAtomically(
+          currentPath_,
+          [&root](std::FILE* file) {
+            std::string xml = root.toXml();
+            return std::fwrite(xml.data(), 1, xml.size(), file) == xml.size();
+          },
+          nullptr, archive ? std::function<void()>(keepPrevious) : std::function<void()>())) {
+    return false;
+  }
+  KTSUtilities::setDefaultFileOwnerAtPath(currentPath_);
+  lastWrite_ = Clock::now();
+  cacheDate_ = lastWrite_;
+  cacheDirty_ = false;
+  cachedFileStamp_ = currentFileStamp();
+  log_.debug("WSET: cache date = {}", Plist::date(*cacheDate_));
+  return true;
+}
+
+void KTSWorkingSet::refreshProducts() {
+  log_.debug("WSET: refreshing working set products");
+  if (!products_.isNull() && cacheDate_) {
+    if (!KTSUtilities::fileExistsAtPath(currentPath_)) {
+      log_.debug("WSET: WARNING! cache file missing or deleted");
+      initProductCache();
+      return;
+    }
+    // Compared at full resolution, and by inode: every save replaces the file, so a save by
+    // the other process within the same second as ours is still seen.
+    FileStamp stamp = currentFileStamp();
+    if (stamp == cachedFileStamp_) return;
+    log_.debug("WSET: detected cache file changed (date={})",
+               stamp.modified ? Plist::date(*stamp.modified) : Plist());
+    log_.debug("WSET: cache date = {}", Plist::date(*cacheDate_));
+  }
+  std::optional<Plist> unsaved;
+  if (cacheDirty_) {
+    log_.debug("WSET: retaining unsaved changes pending cache load");
+    unsaved = products_;
+  }
+  if (loadProducts() && unsaved) {
+    log_.debug("WSET: merging unsaved changes into loaded cache");
+    Plist merged = products_.isDictionary() ? products_ : Plist::dictionary();
+    for (const auto& [productId, record] : unsaved->items()) merged.set(productId, record);
+    setProductCache(std::move(merged));
+  }
+}
+
+bool KTSWorkingSet::updateWithProductsAndRevocationsArchivingPrevious(const ProductsById& products,
+                                                                      const Plist&,
+                                                                      bool archivePrevious) {
+  Plist merged = products_.isDictionary() ? products_ : Plist::dictionary();
+  for (const auto& [key, product] : products) {
+    Plist record = representationForProduct(product.get());
+    if (record.isNull()) continue;
+    const std::string& productId = *product->productId();
+    const Plist& old = products_[productId];
+    if (old.isDictionary()) {
+      for (const char* setting : {"mirror", "enable"}) {
+        if (old.contains(setting)) {
+          record.set(setting, old[setting]);
+        } else {
+          record.remove(setting);
+        }
+      }
+    }
+    merged.set(productId, std::move(record));
+  }
+  setProductCache(std::move(merged));
+  return saveProductsArchivingPrevious(archivePrevious);
+}
+
+void KTSWorkingSet::updateProductStatus(const KTSProduct& product) {
+  if (!product.productId()) return;
+  const std::string& productId = *product.productId();
+  const Plist& record = products_[productId];
+  if (!record.isDictionary()) return;
+  bool changed = false;
+  std::int32_t oldMirror = KTSProduct::mirrorStateForString(record["mirror"].stringValue());
+  if (oldMirror != product.mirror()) {
+    changed = true;
+    log_.debug("WSET: {} mirror state changed: old={}, new={}.", productId,
+               KTSProduct::mirrorStringForState(oldMirror), product.mirrorStateDescription());
+  }
+  std::int64_t oldSize = record["DownloadedSize"].integerValue();
+  std::int64_t newSize = product.downloadedSize().integerValue();
+  if (oldSize != newSize) {
+    changed = true;
+    log_.debug("WSET: {} downloaded size changed: old={}, new={}.", productId, oldSize, newSize);
+  }
+  // The old enabled value is read from "mirror" on purpose (see the class description): state
+  // names read as false, so an enabled product always counts as changed.
+  bool oldEnabled = record["mirror"].boolValue();
+  if (oldEnabled != product.enabled()) {
+    changed = true;
+    log_.debug("WSET: {} enabled state changed: old={}, new={}.", productId, yesOrNo(oldEnabled),
+               yesOrNo(product.enabled()));
+  }
+  std::string oldAction = record["IFPkgFlagRestartAction"].stringValue();
+  std::string newAction = product.getEffectiveRestartAction();
+  if (oldAction != newAction) {
+    changed = true;
+    log_.debug("WSET: {} restart action changed: old={}, new={}.", productId, oldAction, newAction);
+  }
+  if (!changed) return;
+
+  Plist updated = record;
+  updated.set("mirror", product.mirrorStateDescription());
+  updated.set("DownloadedSize", Plist::integer(newSize));
+  updated.set("enable", Plist::boolean(product.enabled()));
+  updated.set("IFPkgFlagRestartAction", newAction);
+  log_.debug("WSET: Updated product {}; mirror={}, d.l.size={}, eanbled={}.", productId,
+             product.mirrorStateDescription(), newSize, yesOrNo(product.enabled()));
+  // Moved out first, so the change costs one record, not a copy of every record.
+  Plist products = std::move(products_);
+  products.set(productId, std::move(updated));
+  setProductCache(std::move(products));
+  if (!lastWrite_ || Clock::now() - *lastWrite_ > kStatusSaveInterval) {
+    saveProductsArchivingPrevious(false);
+  }
+}
+
+Plist KTSWorkingSet::representationForProduct(const KTSProduct* product) const {
+  if (product == nullptr) {
+    log_.debug("WSET: **ERROR** nil product argument!!");
+    return Plist();
+  }
+  if (!product->productId()) {
+    log_.warning("*** Malformed product data: missing product ID (skipped).");
+    return Plist();
+  }
+  const std::string& productId = *product->productId();
+  if (!product->version()) log_.warning("*** Missing version string for product {}", productId);
+  const char* missing = !product->localization().isDictionary() ? "localization"
+                        : !product->postDate()                  ? "post date"
+                                                                : nullptr;
+  if (missing) {
+    log_.debug("Exception creating WS representation for product {} ({})", productId,
+               fmt::format("missing {}", missing));
+    log_.warning("Cannot process catalog item for product {} due to missing/malformed data.",
+                 productId);
+    return Plist();
+  }
+  Plist record = Plist::dictionary();
+  record.set("ProductID", productId);
+  record.set("mirror", product->mirrorStateDescription());
+  record.set("enable", Plist::boolean(product->enabled()));
+  if (product->productFamily()) record.set("IFPkgFlagProductFamily", *product->productFamily());
+  if (product->version()) record.set("CFBundleShortVersionString", *product->version());
+  if (!product->deprecatedProducts().isNull()) {
+    record.set("DeprecatedProducts", product->deprecatedProducts());
+  }
+  if (!product->deprecators().isNull()) record.set("Deprecators", product->deprecators());
+  if (!product->installedSize().isNull()) {
+    record.set("IFPkgFlagInstalledSize", product->installedSize());
+  }
+  record.set("localization", product->localization());
+  record.set(KTCatalogProductPostDateKey, formatDescriptionDate(*product->postDate()));
+  record.set("IFPkgFlagRestartAction", product->getEffectiveRestartAction());
+  if (!product->totalDownloadSize().isNull()) {
+    record.set("TotalDownloadSize", product->totalDownloadSize());
+  }
+  if (!product->downloadedSize().isNull()) record.set("DownloadedSize", product->downloadedSize());
+  const Plist& master = product->masterRepresentation();
+  record.set("CompositeProductState",
+             KTSCatalog::compositeProductStringForState(master["CompositeProductState"]));
+  for (const char* key : {"Internal-BuildVersion", "Internal-StagedPrefix"}) {
+    if (master.contains(key)) record.set(key, master[key]);
+  }
+  return record;
+}
+
+Plist KTSWorkingSet::productDictForID(const std::string& productId) const {
+  return products_[productId];
+}
+
+void KTSWorkingSet::setProductDictForID(const Plist& record, const std::string& productId) {
+  if (record.isNull()) return;
+  Plist products = products_.isDictionary() ? std::move(products_) : Plist::dictionary();
+  products.set(productId, record);
+  setProductCache(std::move(products));
+}
+
+bool KTSWorkingSet::containsProductID(const std::string& productId) const {
+  return products_.contains(productId);
+}
+
+std::int32_t KTSWorkingSet::mirrorSettingForProductID(const std::string& productId) const {
+  const Plist& record = products_[productId];
+  if (!record.isDictionary()) return KTSProduct::DoNotMirror;
+  return KTSProduct::mirrorStateForString(record["mirror"].stringValue());
+}
+
+void KTSWorkingSet::setMirrorSettingForProductID(std::int32_t state,
+                                                 const std::optional<std::string>& productId) {
+  if (!productId) return;
+  Plist record = products_[*productId];
+  if (record.isDictionary()) {
+    record.set("mirror", KTSProduct::mirrorStringForState(state));
+  } else {
+    record = Plist::dictionary();
+  }
+  setProductDictForID(record, *productId);
+}
+
+bool KTSWorkingSet::enableSettingForProductID(const std::string& productId) const {
+  return products_[productId]["enable"].boolValue();
+}
+
+void KTSWorkingSet::setEnableSettingForProductID(bool enable,
+                                                 const std::optional<std::string>& productId) {
+  if (!productId) return;
+  Plist record = products_[*productId];
+  if (record.isDictionary()) {
+    record.set("enable", Plist::boolean(enable));
+  } else {
+    record = Plist::dictionary();
+  }
+  setProductDictForID(record, *productId);
+}
+
+}  // namespace ondrel

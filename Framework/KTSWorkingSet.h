@@ -1,0 +1,82 @@
+// KTSWorkingSet is the product list the sync daemon and the administration side share: every
+// product's states, sizes and settings in one file. The daemon merges each catalog's products
+// into it and records state changes; the administration side edits "mirror" and "enable" and
+// saves; each reloads when the other has rewritten the file. One thread per instance; processes
+// meet only through the file, which is always replaced whole.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "KTSLogger.h"
+#include "Plist.h"
+
+namespace ondrel {
+
+class KTSProduct;
+
+class KTSWorkingSet {
+ public:
+  using ProductsById = std::map<std::string, std::shared_ptr<KTSProduct>>;
+
+  static std::shared_ptr<KTSWorkingSet> defaultWorkingSet();
+  static void resetDefaultWorkingSet();
+  static std::shared_ptr<KTSWorkingSet> workingSetForPath(const std::string& path);
+  // Maps path through the preferences' status working path and loads it.
+  explicit KTSWorkingSet(const std::string& path);
+
+  void refreshProducts();
+  // Inverted on purpose: true when the file exists but cannot be used (the records in memory
+  // stay); false after a successful load, for a file without products, or when no file could
+  // be made.
+  bool loadProducts();
+  bool saveProductsArchivingPrevious(bool archivePrevious);
+  bool initProductCache();
+  void setProductCache(Plist products);
+  // Merges a catalog's products, keeping the administration side's "mirror" and "enable" and
+  // every record of other products, then saves. Revocations are accepted and ignored.
+  bool updateWithProductsAndRevocationsArchivingPrevious(const ProductsById& products,
+                                                         const Plist& revocations,
+                                                         bool archivePrevious);
+  // Records a product's changed state; saves at most once a second.
+  void updateProductStatus(const KTSProduct& product);
+  // The record of a product, or null when it lacks required data.
+  Plist representationForProduct(const KTSProduct* product) const;
+
+  Plist productDictForID(const std::string& productId) const;
+  void setProductDictForID(const Plist& record, const std::string& productId);
+  bool containsProductID(const std::string& productId) const;
+  std::int32_t mirrorSettingForProductID(const std::string& productId) const;
+  void setMirrorSettingForProductID(std::int32_t state,
+                                    const std::optional<std::string>& productId);
+  bool enableSettingForProductID(const std::string& productId) const;
+  void setEnableSettingForProductID(bool enable, const std::optional<std::string>& productId);
+
+  const std::string& currentPath() const { return currentPath_; }
+  const Plist& products() const { return products_; }
+  const std::optional<Date>& cacheDate() const { return cacheDate_; }
+  bool cacheDirty() const { return cacheDirty_; }
+  const std::optional<Date>& lastWrite() const { return lastWrite_; }
+
+ private:
+  // The file as this process last loaded or saved it: its modification time at full resolution
+  // and its inode (every save replaces the file, so another process's save changes it).
+  struct FileStamp {
+    std::optional<Date> modified;
+    std::optional<std::uint64_t> identity;
+    bool operator==(const FileStamp&) const = default;
+  };
+  FileStamp currentFileStamp() const;
+
+  std::string currentPath_;
+  Plist products_;
+  std::optional<Date> cacheDate_;
+  bool cacheDirty_ = false;
+  std::optional<Date> lastWrite_;
+  FileStamp cachedFileStamp_;
+  LogHandle log_;
+};
+
+}  // namespace ondrel
