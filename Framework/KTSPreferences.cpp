@@ -299,6 +299,22 @@ void KTSPreferences::setUpdatesDocRoot(const std::optional<std::string>& value) 
   setObjectValue("updatesDocRoot", value ? Plist(*value) : Plist());
 }
 
+std::optional<std::string> KTSPreferences::publicHostName() const {
+  const Plist& name = prefs_["publicHostName"];
+  if (!name.isString() || name.stringValue().empty()) return std::nullopt;
+  return name.stringValue();
+}
+
+void KTSPreferences::setPublicHostName(const std::optional<std::string>& name) {
+  if (name && !name->empty()) {
+    prefs_.set("publicHostName", *name);
+  } else {
+    prefs_.remove("publicHostName");
+  }
+}
+
+std::string KTSPreferences::hostName() const { return publicHostName().value_or(hostName_); }
+
 Plist KTSPreferences::otherCatalogs() const { return prefs_["otherCatalogs"]; }
 void KTSPreferences::setOtherCatalogs(const Plist& value) {
   setObjectValue("otherCatalogs", value);

@@ -86,6 +86,9 @@ class KTSPreferences {
   // The configured catalog names, or null when none are configured.
   Plist otherCatalogs() const;
   void setOtherCatalogs(const Plist& value);
+  // The host name clients use for this server (see hostName()); none when not set.
+  std::optional<std::string> publicHostName() const;
+  void setPublicHostName(const std::optional<std::string>& name);
   bool serviceState() const;
   void setServiceState(bool value);
   Plist volumeReserve() const;
@@ -101,7 +104,9 @@ class KTSPreferences {
 
   const std::string& prefsPath() const { return prefsPath_; }
   void setPrefsPath(std::string path) { prefsPath_ = std::move(path); }
-  const std::string& hostName() const { return hostName_; }
+  // The name clients reach this server by: "publicHostName" when the preferences hold a
+  // non-empty string there, else the machine's host name.
+  std::string hostName() const;
   void setHostName(std::string name) { hostName_ = std::move(name); }
   // The loaded settings, or null before the first load.
   const Plist& prefs() const { return prefs_; }

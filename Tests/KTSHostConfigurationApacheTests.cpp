@@ -133,6 +133,47 @@ TEST_F(ApacheTest, ServesTheDocumentRootAndSendsCatalogRequestsToTheCgi) {
   EXPECT_EQ(unrouted->status, 404) << "the oldest catalog is not configured by default";
 }
 
+TEST_F(ApacheTest, PublishedCatalogsAreServedAndInternalFilesAreNot) {
+  ASSERT_TRUE(preferences_->commitChanges());
+  const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
+  const std::string others = htmlPath() + "/content/catalogs/others/";
+  writeFile(others + newest, "served catalog");
+  ASSERT_TRUE(KTSMetaIndex::defaultMetaIndex()->downloadForcingUpdate(true));
+  for (const std::string& internal :
+       {others + newest + ".vantor", others + newest + ".composite",
+        others + "index-10.12.productscache", htmlPath() + "/catalogs.ktcatalog.alternate",
+        htmlPath() + "/content/downloads/a.pkg.downloading",
+        htmlPath() + "/content/downloads/a.pkg.previous",
+        htmlPath() + "/content/downloads/.ondrel-write-a.pkg.XXXXXX"}) {
+    writeFile(internal, "internal");
+  }
+  writeFile(htmlPath() + "/content/downloads/a.pkg", "package");
+  ApacheServer server(serviceRoot(), confPath());
+  std::string failure;
+  ASSERT_TRUE(server.start(port_, &failure)) << failure;
+
+  for (const std::string& served :
+       {"/" + newest, std::string("/catalogs.ktcatalog"), "/content/catalogs/others/" + newest,
+        std::string("/content/downloads/a.pkg")}) {
+    auto response = client().Get(served.c_str());
+    ASSERT_TRUE(response) << served;
+    EXPECT_EQ(response->status, 200) << served;
+  }
+  EXPECT_EQ(client().Get(("/" + newest).c_str())->body, "served catalog") << "through the link";
+  for (const std::string& internal :
+       {"/content/catalogs/others/" + newest + ".vantor",
+        "/content/catalogs/others/" + newest + ".composite",
+        std::string("/content/catalogs/others/index-10.12.productscache"),
+        std::string("/catalogs.ktcatalog.alternate"),
+        std::string("/content/downloads/a.pkg.downloading"),
+        std::string("/content/downloads/a.pkg.previous"),
+        std::string("/content/downloads/.ondrel-write-a.pkg.XXXXXX")}) {
+    auto response = client().Get(internal.c_str());
+    ASSERT_TRUE(response) << internal;
+    EXPECT_EQ(response->status, 403) << internal;
+  }
+}
+
 TEST_F(ApacheTest, BandwidthLimitTakesEffect) {
   writeFile(htmlPath() + "/big.pkg", std::string(1 << 20, 'b'));
   std::size_t bytes = 0;

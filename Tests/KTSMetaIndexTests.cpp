@@ -1,12 +1,39 @@
+#include <unistd.h>
+
+#include <filesystem>
+
 #include "KTSMetaIndex.h"
+#include "KTSPreferences.h"
 #include "OndrelTest.h"
+#include "PathString.h"
 
 namespace ondrel {
 namespace {
 
 using test::OndrelTest;
 
-class KTSMetaIndexTest : public OndrelTest {};
+class KTSMetaIndexTest : public OndrelTest {
+ protected:
+  void SetUp() override {
+    OndrelTest::SetUp();
+    setUserDefaults(true);
+    preferences_ = KTSPreferences::defaultPreferences();
+    preferences_->setMetaIndexURL(Url::parse("http://127.0.0.1:8181/content/meta/config.plist"));
+    preferences_->setOtherCatalogs(Plist::array());
+    html_ = preferences_->updatesHtmlPath();
+  }
+
+  std::string vendor(const std::string& name) const {
+    return "http://127.0.0.1:8181/content/catalogs/others/" + name;
+  }
+
+  Plist file(const std::string& name) const {
+    return Plist::readFile(html_ + "/" + name, nullptr).value_or(Plist());
+  }
+
+  std::shared_ptr<KTSPreferences> preferences_;
+  std::string html_;
+};
 
 TEST_F(KTSMetaIndexTest, CatalogVersionTables) {
   const auto& supported = KTSMetaIndex::supportedCatalogNames();
@@ -30,6 +57,93 @@ TEST_F(KTSMetaIndexTest, CatalogVersionTables) {
 
   EXPECT_EQ(*KTSMetaIndex::defaultCatalogsForVersion("10.6"),
             (std::vector<std::string>{supported[1], supported[0], "index.ktcatalog"}));
+}
+
+TEST_F(KTSMetaIndexTest, DefaultListIsSavedExportedAndLinked) {
+  preferences_->setPublicHostName("mirror.example");
+  preferences_->setPortToUse(Plist::integer(8088));
+  auto metaIndex = KTSMetaIndex::defaultMetaIndex();
+  ASSERT_TRUE(metaIndex->downloadForcingUpdate(false));
+  EXPECT_TRUE(
+      logged("ondrd_test[ERR]: Catalog meta-index load failed!  Unable to initialize list "
+             "of catalogs."));
+  const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
+  EXPECT_EQ(file("catalogs.ktcatalog.alternate")["CatalogsList"],
+            Plist::stringArray({vendor(newest)}));
+  EXPECT_EQ(file("catalogs.ktcatalog.alternate")["PrimaryCatalog"].stringValue(), vendor(newest));
+  EXPECT_EQ(file("catalogs.ktcatalog")["PrimaryCatalog"].stringValue(),
+            "http://mirror.example:8088/content/catalogs/others/" + newest);
+  EXPECT_EQ(std::filesystem::read_symlink(html_ + "/" + newest),
+            html_ + "/content/catalogs/others/" + newest);
+  EXPECT_EQ(*metaIndex->deprecationsLocalPath(), html_ + "/content/catalogs/Deprecations.plist");
+  EXPECT_EQ(metaIndex->deprecationsURL()->text(),
+            "http://127.0.0.1:8181/content/catalogs/Deprecations.plist");
+
+  // Other catalogs: one already listed adds nothing; a retired one is added, then removed.
+  preferences_->setOtherCatalogs(
+      Plist::stringArray({newest, "index-10.9-dogwood-cedar-birch-alder.merged-1.ktcatalog",
+                          "index.ktcatalog", "../../escape"}));
+  clearLog();
+  auto forced = KTSMetaIndex::metaIndex();
+  ASSERT_TRUE(forced->downloadForcingUpdate(true));
+  EXPECT_EQ(forced->catalogs().size(), 2u);
+  EXPECT_TRUE(
+      logged("ondrd_test[NOT]: Support for 10.4 updates is no longer available in this "
+             "version of ondrd_syncd."));
+  Plist exported = file("catalogs.ktcatalog")["CatalogsList"];
+  Plist alternate = file("catalogs.ktcatalog.alternate")["CatalogsList"];
+  ASSERT_EQ(exported.size(), 2u);
+  for (std::size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(lastPathComponent(exported[i].stringValue()),
+              lastPathComponent(alternate[i].stringValue()));
+    EXPECT_EQ(exported[i].stringValue().rfind("http://mirror.example:8088/", 0), 0u);
+  }
+  EXPECT_FALSE(std::filesystem::exists(html_ + "/escape"));
+
+  // A reload republishes without rebuilding; the links are replaced, never missing.
+  auto reloaded = KTSMetaIndex::metaIndex();
+  ASSERT_TRUE(reloaded->downloadForcingUpdate(false));
+  EXPECT_TRUE(logged("ondrd_test[DBG]: METX: initialized from existing local file"));
+  EXPECT_EQ(reloaded->catalogs().size(), 2u);
+}
+
+TEST_F(KTSMetaIndexTest, BadAlternateFilesFallBackToTheDefaults) {
+  auto metaIndex = KTSMetaIndex::metaIndex();
+  metaIndex->updateLocalPaths();
+  const std::string alternate = *metaIndex->localPathAlternate();
+  const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
+  for (const std::string& bad :
+       {std::string("not a plist"),
+        std::string("<plist><dict><key>CatalogsList</key><string>x</string></dict></plist>"),
+        std::string("<plist><dict><key>CatalogsList</key><array><integer>1</integer></array>"
+                    "</dict></plist>"),
+        std::string("<plist><dict><key>CatalogsList</key><array><string>::</string></array>"
+                    "</dict></plist>"),
+        std::string("<plist><dict><key>CatalogsList</key><array><string>http://h/a/..</string>"
+                    "</array></dict></plist>")}) {
+    writeFile(alternate, bad);
+    auto loaded = KTSMetaIndex::metaIndex();
+    ASSERT_TRUE(loaded->downloadForcingUpdate(false)) << bad;
+    ASSERT_EQ(loaded->catalogs().size(), 1u) << bad;
+    EXPECT_EQ(loaded->primaryCatalog()->description(), vendor(newest)) << bad;
+  }
+  Plist list = Plist::dictionary();
+  list.set("CatalogsList", Plist::stringArray({vendor("a.ktcatalog"), vendor("b.ktcatalog")}));
+  list.set("PrimaryCatalog", vendor("c.ktcatalog"));
+  ASSERT_TRUE(list.writeXmlFile(alternate, nullptr));
+  ASSERT_TRUE(metaIndex->refresh());
+  EXPECT_EQ(metaIndex->primaryCatalog()->description(), vendor("a.ktcatalog"));
+  EXPECT_TRUE(
+      logged("ondrd_test[WRN]: Metaindex PrimaryCatalog is not a member of CatalogsList.  "
+             "PrimaryCatalog has been assigned from the first item from that list."));
+
+  // A retired primary gives way to the first remaining catalog.
+  metaIndex->setCatalogs({KTSURL::URLWithString(vendor("index-alder.merged-1.ktcatalog")),
+                          KTSURL::URLWithString(vendor("b.ktcatalog"))});
+  metaIndex->setPrimaryCatalog(metaIndex->catalogs().front());
+  preferences_->setOtherCatalogs(Plist::stringArray({"b.ktcatalog"}));
+  EXPECT_TRUE(metaIndex->mergeOtherCatalogsSetting());
+  EXPECT_EQ(metaIndex->primaryCatalog()->description(), vendor("b.ktcatalog"));
 }
 
 }  // namespace

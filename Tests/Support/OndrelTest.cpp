@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "KTSLogger.h"
+#include "KTSMetaIndex.h"
 #include "KTSMetadataGenerator.h"
 #include "KTSPreferences.h"
 #include "KTSWorkingSet.h"
@@ -43,6 +44,7 @@ void OndrelTest::SetUp() {
   KTSLogger::resetDefaultLogger();
   KTSMetadataGenerator::resetDefaultMetadataGenerator();
   KTSWorkingSet::resetDefaultWorkingSet();
+  KTSMetaIndex::resetDefaultMetaIndex();
   KTSLogger::defaultLoggerForSourceLogType("ondrd_test", 0);
 }
 
@@ -51,6 +53,7 @@ void OndrelTest::TearDown() {
   KTSLogger::resetDefaultLogger();
   KTSMetadataGenerator::resetDefaultMetadataGenerator();
   KTSWorkingSet::resetDefaultWorkingSet();
+  KTSMetaIndex::resetDefaultMetaIndex();
   Clock::install(nullptr);
   SystemLog::installCapture(nullptr);
   std::error_code ignored;
