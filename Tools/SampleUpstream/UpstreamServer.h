@@ -1,0 +1,19 @@
+// Serves a sample tree with a real Apache httpd on a loopback address: the configuration, PID
+// file and error log live in the tree's own ".sample-upstream" folder, which is never served.
+// Used by the sample upstream's serve and stop commands. One thread.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace ondrel::sample {
+
+// Starts Apache for folder on address:port and returns its PID; throws std::runtime_error with
+// a message when the address is not a loopback one, the port is taken or Apache does not start.
+pid_t serveTree(const std::string& folder, const std::string& address, int port);
+
+// Stops the Apache serving folder, if any; true when one was running.
+bool stopServingTree(const std::string& folder);
+
+}  // namespace ondrel::sample
