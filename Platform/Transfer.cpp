@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -46,6 +47,9 @@ bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
   }
   return true;
 }
+
+// Set from a signal handler to end every transfer of the process at its next slice.
+std::atomic<bool> transfersCancelled{false};
 
 std::string_view trimmed(std::string_view text) {
   while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
@@ -104,6 +108,10 @@ class Transfer::Impl {
     CURLM* multi = TransferSession::shared().multi();
     auto deadline = std::chrono::steady_clock::now() + slice;
     for (;;) {
+      if (transfersCancelled.load(std::memory_order_relaxed)) {
+        failure_ = "interrupted";
+        return complete(CURLE_ABORTED_BY_CALLBACK);
+      }
       int running = 0;
       curl_multi_perform(multi, &running);
       int queued = 0;
@@ -237,6 +245,8 @@ Transfer::~Transfer() = default;
 void Transfer::setDestination(std::string path) { impl_->setDestination(std::move(path)); }
 void Transfer::start() { impl_->start(); }
 void Transfer::runEventLoopFor(std::chrono::milliseconds slice) { impl_->runEventLoopFor(slice); }
+void Transfer::cancelAll() { transfersCancelled.store(true, std::memory_order_relaxed); }
+bool Transfer::isCancelled() { return transfersCancelled.load(std::memory_order_relaxed); }
 bool Transfer::isFinished() const { return impl_->isFinished(); }
 
 }  // namespace ondrel

@@ -60,6 +60,11 @@ class Transfer {
   void runEventLoopFor(std::chrono::milliseconds slice);
   bool isFinished() const;
 
+  // Ends every transfer of the process at its next slice, and every later one at once, with the
+  // failure "interrupted". Safe to call from a signal handler; there is no way back.
+  static void cancelAll();
+  static bool isCancelled();
+
  private:
   class Impl;
   explicit Transfer(std::unique_ptr<Impl> impl);

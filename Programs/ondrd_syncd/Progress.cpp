@@ -1,0 +1,54 @@
+#include "Progress.h"
+
+#include <fmt/format.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace ondrel::syncd {
+
+Progress::Progress() : terminal_(::isatty(STDOUT_FILENO) == 1) {}
+
+void Progress::catalog(std::size_t number, std::size_t count, const std::string& name) {
+  catalogLabel_ = fmt::format("catalog {} of {}", number, count);
+  notifySystemd("syncing " + catalogLabel_);
+  note(fmt::format("Syncing {}: {}", catalogLabel_, name));
+}
+
+void Progress::product(const std::string& productId, std::size_t files, std::uint64_t bytes,
+                       std::chrono::duration<double> took) {
+  double rate = took.count() > 0 ? static_cast<double>(bytes) / 1048576.0 / took.count() : 0;
+  std::string text = fmt::format("Mirrored {}: {} files, {:.1f} MiB, {:.1f} MiB/s", productId,
+                                 files, static_cast<double>(bytes) / 1048576.0, rate);
+  notifySystemd("mirroring " + productId);
+  if (terminal_) {
+    live(text);
+  } else {
+    note(text);
+  }
+}
+
+void Progress::note(const std::string& text) {
+  finish();
+  std::printf("%s\n", text.c_str());
+  std::fflush(stdout);
+}
+
+void Progress::finish() {
+  if (!lineOpen_) return;
+  std::printf("\n");
+  lineOpen_ = false;
+}
+
+void Progress::live(const std::string& text) {
+  std::printf("\r\033[K%s", text.c_str());
+  std::fflush(stdout);
+  lineOpen_ = true;
+}
+
+void Progress::notifySystemd(const std::string& status) const {
+  sd_notify(0, ("STATUS=" + status).c_str());
+}
+
+}  // namespace ondrel::syncd

@@ -1,0 +1,33 @@
+// Progress tells a person (and systemd) what a pass is doing: on a terminal one live line that is
+// rewritten (catalog n of m, product, files, bytes, rate); otherwise one line per step on
+// standard output. Status lines also go to systemd when the daemon runs as a notify service.
+// Used by SyncPass and main; one thread.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+namespace ondrel::syncd {
+
+class Progress {
+ public:
+  Progress();
+  void catalog(std::size_t number, std::size_t count, const std::string& name);
+  void product(const std::string& productId, std::size_t files, std::uint64_t bytes,
+               std::chrono::duration<double> took);
+  // A line that stays (a step, a warning); ends a live line first.
+  void note(const std::string& text);
+  // Ends a live line, if any.
+  void finish();
+
+ private:
+  void live(const std::string& text);
+  void notifySystemd(const std::string& status) const;
+
+  bool terminal_;
+  bool lineOpen_ = false;
+  std::string catalogLabel_;
+};
+
+}  // namespace ondrel::syncd

@@ -1,0 +1,383 @@
+#include "SyncPass.h"
+
+#include <sys/statvfs.h>
+
+#include "FileIO.h"
+#include "HostPaths.h"
+#include "KTCatalogKeys.h"
+#include "KTSError.h"
+#include "KTSJobTicket.h"
+#include "KTSJobTicketManager.h"
+#include "KTSMetaIndex.h"
+#include "KTSPreferences.h"
+#include "KTSProduct.h"
+#include "KTSRequestManager.h"
+#include "KTSSyncStatus.h"
+#include "KTSUtilities.h"
+#include "KTSWorkingSet.h"
+#include "PathString.h"
+#include "Transfer.h"
+
+namespace ondrel::syncd {
+
+namespace {
+
+bool isServedState(std::int32_t mirror) {
+  return mirror == KTSProduct::Mirrored || mirror == KTSProduct::LocalOnly ||
+         mirror == KTSProduct::LocalOrphaned;
+}
+
+std::string catalogName(const Url& url) { return lastPathComponent(url.path()); }
+
+std::string megabytes(std::uint64_t bytes) {
+  return fmt::format("{:.1f} MB", static_cast<double>(bytes) / 1e6);
+}
+
+}  // namespace
+
+std::string PassOutcome::note() const {
+  if (interrupted) return "interrupted";
+  std::string text = "failed: ";
+  for (std::size_t i = 0; i < failures.size(); ++i) {
+    text += (i > 0 ? "; " : "") + failures[i];
+  }
+  return text;
+}
+
+SyncPass::SyncPass(Progress& progress) : progress_(progress), log_(LogHandle::shared()) {}
+
+std::string SyncPass::servedCatalogPath(const Url& catalogURL) {
+  return standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath() +
+                           catalogURL.path());
+}
+
+bool SyncPass::interrupted() const { return Transfer::isCancelled(); }
+
+PassOutcome SyncPass::runFullPass() { return run(true); }
+
+PassOutcome SyncPass::runProductChanges() { return run(false); }
+
+PassOutcome SyncPass::run(bool fullSync) {
+  PassOutcome outcome;
+  auto status = KTSSyncStatus::defaultStatus();
+  if (fullSync) {
+    status->setSyncStatus(KTSSyncStatus::InProgress);
+    status->setStartTime();
+  }
+  collectChanges();
+  recordChangesInWorkingSet();
+
+  auto metaIndex = KTSMetaIndex::defaultMetaIndex();
+  if (!metaIndex->downloadForcingUpdate(fullSync && catalogSettingsChanged())) {
+    outcome.failures.push_back("the meta-index names no catalog");
+  } else if (fullSync) {
+    rememberCatalogSettings();
+  }
+  Plist deprecations = fullSync ? fetchDeprecations() : Plist();
+  loadCatalogs(fullSync, deprecations, outcome);
+  applyChangesToProducts();
+  mirrorProducts();
+  for (const auto& catalog : catalogs_) {
+    if (!catalog->products()) continue;
+    for (const auto& [productId, product] : *catalog->products()) product->applyPendingEnable();
+  }
+  saveState();
+  writeServedCatalogs(outcome);
+  outcome.interrupted = interrupted();
+  if (!outcome.interrupted) finishTickets();
+  progress_.finish();
+
+  if (fullSync) {
+    status->setUpdateErrorWithNote(outcome.failed(),
+                                   outcome.failed() ? std::optional(outcome.note()) : std::nullopt);
+    status->setSyncStatus(KTSSyncStatus::Done);
+  } else if (outcome.failed()) {
+    status->setUpdateErrorWithNote(true, outcome.note());
+  }
+  return outcome;
+}
+
+void SyncPass::collectChanges() {
+  Plist requested =
+      KTSRequestManager::defaultManager()->getPendingChangeRequestsDeletingSource(true);
+  for (const auto& [productId, item] : requested.items()) {
+    ProductChange& change = changes_[productId];
+    if (item.contains("mirror")) change.mirror = item["mirror"].boolValue();
+    if (item.contains("enable")) change.enable = item["enable"].boolValue();
+    if (item["remove"].boolValue()) change.remove = true;
+  }
+  auto tickets = KTSJobTicketManager::defaultManager();
+  tickets->refresh();
+  for (const auto& ticket : tickets->openJobs()) {
+    const std::string productId = ticket->productId().value_or("");
+    ProductChange& change = changes_[productId];
+    switch (ticket->jobType()) {
+      case KTSJobTicket::Mirror:
+        change.mirror = true;
+        break;
+      case KTSJobTicket::Enable:
+        change.enable = true;
+        break;
+      case KTSJobTicket::Disable:
+        change.enable = false;
+        break;
+      case KTSJobTicket::Remove:
+        change.remove = true;
+        break;
+      default:
+        continue;
+    }
+    ticketsDone_.emplace_back(ticket->jobType(), productId);
+  }
+  for (const auto& [productId, change] : changes_) {
+    log_.info("Carrying out the requested change of product {}", productId);
+  }
+}
+
+// The settings go into the working set first, so that products built from the catalogs in this
+// pass take them, and so that they survive a pass that fails.
+void SyncPass::recordChangesInWorkingSet() {
+  if (changes_.empty()) return;
+  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  workingSet->refreshProducts();
+  for (const auto& [productId, change] : changes_) {
+    if (!workingSet->containsProductID(productId)) continue;
+    std::int32_t mirror = workingSet->mirrorSettingForProductID(productId);
+    if (change.remove) {
+      workingSet->setMirrorSettingForProductID(KTSProduct::DoNotMirror, productId);
+      workingSet->setEnableSettingForProductID(false, productId);
+      continue;
+    }
+    bool wantsFiles = change.mirror.value_or(false) || change.enable.value_or(false);
+    if (wantsFiles && mirror == KTSProduct::DoNotMirror) {
+      workingSet->setMirrorSettingForProductID(KTSProduct::PleaseMirror, productId);
+    } else if (change.mirror == false) {
+      workingSet->setMirrorSettingForProductID(KTSProduct::DoNotMirror, productId);
+    }
+    if (change.enable) workingSet->setEnableSettingForProductID(*change.enable, productId);
+  }
+  workingSet->saveProductsArchivingPrevious(false);
+}
+
+void SyncPass::applyChangesToProducts() {
+  std::set<std::string> removed;
+  for (const auto& catalog : catalogs_) {
+    for (const auto& [productId, change] : changes_) {
+      std::shared_ptr<KTSProduct> product = catalog->productForProductId(productId);
+      if (!product) continue;
+      if (change.remove) {
+        // The files are shared by every catalog that lists the product: removed once.
+        if (removed.insert(productId).second) {
+          log_.info("Removing the files of product {}", productId);
+          product->removeAllMirroredFiles();
+        }
+        product->setMirror(KTSProduct::DoNotMirror);
+        product->setEnabled(false);
+        product->setEnableWhenMirrored(false);
+        continue;
+      }
+      bool wantsFiles = change.mirror.value_or(false) || change.enable.value_or(false);
+      if (wantsFiles && product->mirror() == KTSProduct::DoNotMirror) {
+        product->setMirror(KTSProduct::PleaseMirror);
+      } else if (change.mirror == false && product->mirror() <= KTSProduct::Mirrored) {
+        product->setMirror(KTSProduct::DoNotMirror);
+      }
+      if (change.enable == true) {
+        if (product->mirror() >= KTSProduct::Mirrored) {
+          product->setEnabled(true);
+        } else {
+          product->setEnableWhenMirrored(true);
+        }
+      } else if (change.enable == false) {
+        product->setEnabled(false);
+        product->setEnableWhenMirrored(false);
+      }
+    }
+  }
+}
+
+bool SyncPass::catalogSettingsChanged() const {
+  auto preferences = KTSPreferences::defaultPreferences();
+  std::optional<Url> metaIndexURL = preferences->metaIndexURL();
+  std::string settings =
+      fmt::format("{}\n{}", metaIndexURL ? metaIndexURL->text() : "", preferences->otherCatalogs());
+  std::string recorded;
+  std::string path = preferences->statusWorkingPathForPath(
+      fixedPath("/Library/Server/Ondrel/Status/.catalog_settings"));
+  return !readWholeFile(path, &recorded, nullptr, kSmallFileReadLimit) || recorded != settings;
+}
+
+void SyncPass::rememberCatalogSettings() const {
+  auto preferences = KTSPreferences::defaultPreferences();
+  std::optional<Url> metaIndexURL = preferences->metaIndexURL();
+  std::string settings =
+      fmt::format("{}\n{}", metaIndexURL ? metaIndexURL->text() : "", preferences->otherCatalogs());
+  KTSUtilities::writeStringToPath(
+      settings, preferences->statusWorkingPathForPath(
+                    fixedPath("/Library/Server/Ondrel/Status/.catalog_settings")));
+}
+
+Plist SyncPass::fetchDeprecations() {
+  auto metaIndex = KTSMetaIndex::defaultMetaIndex();
+  std::optional<Url> url = metaIndex->deprecationsURL();
+  std::optional<std::string> path = metaIndex->deprecationsLocalPath();
+  std::string html = standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath());
+  if (!url || !path || standardizingPath(*path).rfind(html + "/", 0) != 0) return Plist();
+  if (!KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*path)) ||
+      !KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(*url, *path, true,
+                                                                             true)) {
+    log_.warning("The deprecations list could not be fetched; this pass goes on without it.");
+    return Plist::dictionary();
+  }
+  Plist deprecations = KTSUtilities::readPropertyListAtPath(*path);
+  if (!deprecations.isDictionary()) {
+    log_.warning("The deprecations list is not a property list; this pass goes on without it.");
+    return Plist::dictionary();
+  }
+  return deprecations;
+}
+
+void SyncPass::loadCatalogs(bool fullSync, const Plist& deprecations, PassOutcome& outcome) {
+  const std::vector<KTSURL>& urls = KTSMetaIndex::defaultMetaIndex()->catalogs();
+  for (std::size_t i = 0; i < urls.size() && !interrupted(); ++i) {
+    const Url& url = *urls[i].url();
+    progress_.catalog(i + 1, urls.size(), catalogName(url));
+    auto catalog = KTSCatalog::catalogWithUrl(url);
+    if (fullSync) {
+      try {
+        catalog->syncCatalogWithDeprecationsForcingUpdate(deprecations, true);
+      } catch (const KTSError& failure) {
+        if (!interrupted()) {
+          outcome.failures.push_back(fmt::format("{} ({})", catalogName(url), failure.what()));
+          log_.error("Catalog {} could not be synced: {}", catalogName(url), failure.what());
+        }
+        // What was known before still serves clients.
+        catalog->loadCatalog();
+      }
+    } else {
+      catalog->loadCatalog();
+    }
+    catalogs_.push_back(std::move(catalog));
+  }
+}
+
+bool SyncPass::fitsOnVolume(const KTSProduct& product) {
+  auto preferences = KTSPreferences::defaultPreferences();
+  struct statvfs volume {};
+  if (::statvfs(preferences->updatesDocRoot().c_str(), &volume) != 0) return true;
+  std::uint64_t total = static_cast<std::uint64_t>(volume.f_blocks) * volume.f_frsize;
+  std::uint64_t free = static_cast<std::uint64_t>(volume.f_bavail) * volume.f_frsize;
+  std::uint64_t reserve = total / 100 *
+                          static_cast<std::uint64_t>(std::clamp<std::int64_t>(
+                              preferences->volumeReserve().integerValue(), 0, 100));
+  std::uint64_t needed = 0;
+  for (const Plist& record : product.mirrorFiles().elements()) {
+    const Plist& size = record[KTSProduct::kFileSizeKey];
+    if (!size.isNumber() || size.integerValue() <= 0) continue;
+    if (!KTSUtilities::fileExistsAtPathWithSize(record[KTSProduct::kFileLocalPathKey].stringValue(),
+                                                size.integerValue())) {
+      needed += static_cast<std::uint64_t>(size.integerValue());
+    }
+  }
+  if (needed + reserve <= free) return true;
+  log_.warning(
+      "Skipping product {}: it needs {} and {} are free, of which {} are kept in reserve "
+      "(volumeReserve {}%).",
+      product.productId().value_or(""), megabytes(needed), megabytes(free), megabytes(reserve),
+      preferences->volumeReserve().integerValue());
+  return false;
+}
+
+void SyncPass::mirrorProducts() {
+  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  std::set<std::string> seen;
+  for (const auto& catalog : catalogs_) {
+    if (!catalog->products()) continue;
+    for (const auto& [productId, product] : *catalog->products()) {
+      if (interrupted()) return;
+      if (!product->isDownloading() || !seen.insert(productId).second) continue;
+      if (!fitsOnVolume(*product)) continue;
+      auto start = std::chrono::steady_clock::now();
+      bool complete = product->downloadMirroredFiles();
+      if (complete) {
+        progress_.product(productId, static_cast<std::size_t>(product->totalDownloadCount()),
+                          static_cast<std::uint64_t>(product->downloadedSize().integerValue()),
+                          std::chrono::steady_clock::now() - start);
+      }
+      // One product's failure never fails the pass: it is told and tried again next time.
+      if (!complete && !interrupted()) {
+        log_.warning("Product {} could not be mirrored completely; the next pass tries again.",
+                     productId);
+      }
+      carryStateToOtherInstances(*product);
+      workingSet->updateProductStatus(*product);
+    }
+  }
+}
+
+void SyncPass::carryStateToOtherInstances(const KTSProduct& mirrored) {
+  const std::string& productId = *mirrored.productId();
+  for (const auto& catalog : catalogs_) {
+    std::shared_ptr<KTSProduct> other = catalog->productForProductId(productId);
+    if (!other || other.get() == &mirrored) continue;
+    other->setStateWithProduct(mirrored);
+    other->setDownloadedSize(mirrored.downloadedSize());
+    other->setDownloadStatus(mirrored.downloadStatus());
+  }
+}
+
+void SyncPass::saveState() {
+  KTSWorkingSet::ProductsById all;
+  for (const auto& catalog : catalogs_) {
+    if (catalog->products()) all.insert(catalog->products()->begin(), catalog->products()->end());
+  }
+  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  workingSet->refreshProducts();
+  workingSet->updateWithProductsAndRevocationsArchivingPrevious(all, Plist(), true);
+  // The merge keeps the settings already recorded; the states after this pass replace them.
+  for (const auto& [productId, product] : all) workingSet->updateProductStatus(*product);
+  workingSet->saveProductsArchivingPrevious(false);
+  for (const auto& catalog : catalogs_) {
+    if (catalog->products()) catalog->saveProductIndexCache();
+  }
+}
+
+void SyncPass::writeServedCatalogs(PassOutcome& outcome) {
+  std::string html = standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath());
+  for (const auto& catalog : catalogs_) {
+    std::string path = servedCatalogPath(catalog->catalogURL());
+    if (path.rfind(html + "/", 0) != 0) continue;
+    Plist served = catalog->compositeCatalog().isDictionary() ? catalog->compositeCatalog()
+                                                              : Plist::dictionary();
+    Plist products = Plist::dictionary();
+    if (catalog->products()) {
+      for (const auto& [productId, product] : *catalog->products()) {
+        if (!product->enabled() || !isServedState(product->mirror())) continue;
+        auto verified = verified_.find(productId);
+        if (verified == verified_.end()) {
+          verified = verified_.emplace(productId, product->verifyMirroredFiles()).first;
+        }
+        if (verified->second) {
+          products.set(productId, catalog->mirrorRepresentationForProduct(*product));
+        }
+      }
+    }
+    served.set(KTCatalogProductsDictKey, std::move(products));
+    if (!KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(path)) ||
+        !KTSUtilities::writeDictionaryToPath(served, path)) {
+      outcome.failures.push_back(
+          fmt::format("served catalog {} not written", catalogName(catalog->catalogURL())));
+      continue;
+    }
+    KTSUtilities::setDefaultFileOwnerAtPath(path);
+  }
+}
+
+void SyncPass::finishTickets() {
+  auto tickets = KTSJobTicketManager::defaultManager();
+  for (const auto& [jobType, productId] : ticketsDone_) {
+    tickets->deleteTicketOfTypeForProduct(jobType, productId);
+  }
+}
+
+}  // namespace ondrel::syncd

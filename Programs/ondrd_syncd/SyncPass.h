@@ -1,0 +1,76 @@
+// SyncPass is one run of the sync daemon: it applies the administration side's requests and
+// tickets, builds and publishes the meta-index, syncs every catalog, mirrors and removes
+// products, saves the working set and the caches, writes the catalogs served to clients and
+// records the outcome in the status files. A changes-only run does the same from the catalogs'
+// caches, without the network. Used by ondrd_syncd's main; one thread, one pass at a time.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "KTSCatalog.h"
+#include "KTSLogger.h"
+#include "Plist.h"
+#include "Progress.h"
+
+namespace ondrel {
+class KTSProduct;
+}
+
+namespace ondrel::syncd {
+
+struct PassOutcome {
+  bool interrupted = false;
+  std::vector<std::string> failures;  // one short line per failed step
+  bool failed() const { return interrupted || !failures.empty(); }
+  // The error note recorded in the status files.
+  std::string note() const;
+};
+
+class SyncPass {
+ public:
+  explicit SyncPass(Progress& progress);
+
+  // A whole pass: the catalogs are downloaded and merged.
+  PassOutcome runFullPass();
+  // Only the pending product changes: the catalogs are loaded from their caches.
+  PassOutcome runProductChanges();
+
+  // Path of the served catalog of an upstream catalog URL, under the document root.
+  static std::string servedCatalogPath(const Url& catalogURL);
+
+ private:
+  struct ProductChange {
+    std::optional<bool> mirror;
+    std::optional<bool> enable;
+    bool remove = false;
+  };
+
+  PassOutcome run(bool fullSync);
+  void collectChanges();
+  void recordChangesInWorkingSet();
+  bool catalogSettingsChanged() const;
+  void rememberCatalogSettings() const;
+  Plist fetchDeprecations();
+  void loadCatalogs(bool fullSync, const Plist& deprecations, PassOutcome& outcome);
+  void applyChangesToProducts();
+  void mirrorProducts();
+  bool fitsOnVolume(const KTSProduct& product);
+  void carryStateToOtherInstances(const KTSProduct& mirrored);
+  void saveState();
+  void writeServedCatalogs(PassOutcome& outcome);
+  void finishTickets();
+  bool interrupted() const;
+
+  Progress& progress_;
+  LogHandle log_;
+  std::map<std::string, ProductChange> changes_;
+  std::vector<std::pair<std::int64_t, std::string>> ticketsDone_;
+  std::vector<std::shared_ptr<KTSCatalog>> catalogs_;
+  std::map<std::string, bool> verified_;
+};
+
+}  // namespace ondrel::syncd

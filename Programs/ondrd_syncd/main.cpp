@@ -1,0 +1,143 @@
+// ondrd_syncd: the Ondrel Server sync daemon.
+//   ondrd_syncd --once              one pass, then exit
+//   ondrd_syncd [--interval SECS]   the service: a pass when one is due (the interval after the
+//                                   last run), at once when a sync is requested, and product
+//                                   changes as soon as they are posted
+// Exit status: 0 a clean pass (or a clean stop of the service), 1 the pass failed or was
+// interrupted, 2 bad usage, 75 another ondrd_syncd holds the pass lock.
+#include <signal.h>
+#include <systemd/sd-daemon.h>
+
+#include <CLI/CLI.hpp>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "Clock.h"
+#include "HostPaths.h"
+#include "KTSJobTicketManager.h"
+#include "KTSLogger.h"
+#include "KTSMetaIndex.h"
+#include "KTSMetadataGenerator.h"
+#include "KTSPreferences.h"
+#include "KTSRequestManager.h"
+#include "KTSSyncStatus.h"
+#include "KTSWorkingSet.h"
+#include "PassLock.h"
+#include "Progress.h"
+#include "SyncPass.h"
+#include "Transfer.h"
+
+namespace {
+
+constexpr int kExitFailed = 1;
+constexpr int kExitUsage = 2;
+constexpr int kExitBusy = 75;
+
+std::atomic<bool> stopRequested{false};
+
+void onStopSignal(int) {
+  stopRequested.store(true);
+  ondrel::Transfer::cancelAll();
+}
+
+void installSignalHandlers() {
+  struct sigaction action {};
+  action.sa_handler = onStopSignal;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGTERM, &action, nullptr);
+  sigaction(SIGINT, &action, nullptr);
+}
+
+// Every pass starts from the files as they are now: the administration side may have changed
+// the preferences, the working set or the requests since the last one.
+void freshSharedInstances() {
+  using namespace ondrel;
+  KTSPreferences::resetDefaultPreferences();
+  KTSMetaIndex::resetDefaultMetaIndex();
+  KTSSyncStatus::resetDefaultStatus();
+  KTSWorkingSet::resetDefaultWorkingSet();
+  KTSRequestManager::resetDefaultManager();
+  KTSJobTicketManager::resetDefaultManager();
+  KTSMetadataGenerator::resetDefaultMetadataGenerator();
+  KTSPreferences::defaultPreferences();
+}
+
+std::string lockPath() {
+  return ondrel::KTSPreferences::defaultPreferences()->statusWorkingPathForPath(
+      ondrel::fixedPath("/Library/Server/Ondrel/Status/ondrd_syncd.lock"));
+}
+
+int report(const ondrel::syncd::PassOutcome& outcome, ondrel::syncd::Progress& progress) {
+  if (!outcome.failed()) {
+    progress.note("Pass complete.");
+    return 0;
+  }
+  std::fprintf(stderr, "ondrd_syncd: pass %s\n",
+               outcome.interrupted ? "interrupted" : outcome.note().c_str());
+  return kExitFailed;
+}
+
+bool productChangesPending() {
+  using namespace ondrel;
+  if (KTSRequestManager::defaultManager()->hasPendingRequests()) return true;
+  auto tickets = KTSJobTicketManager::defaultManager();
+  tickets->refresh();
+  return !tickets->openJobs().empty();
+}
+
+int runService(std::chrono::seconds interval, ondrel::syncd::Progress& progress) {
+  using namespace ondrel;
+  sd_notify(0, "READY=1\nSTATUS=waiting for the next pass");
+  progress.note(fmt::format("ondrd_syncd running; a pass every {} s.", interval.count()));
+  while (!stopRequested.load()) {
+    freshSharedInstances();
+    std::optional<Date> lastRun = KTSSyncStatus::defaultStatus()->getLastRunTime();
+    bool due = !lastRun || Clock::now() - *lastRun >= interval;
+    bool requested =
+        KTSRequestManager::defaultManager()->getPendingSyncRequestsDeletingSource(true);
+    if (due || requested) {
+      syncd::SyncPass(progress).runFullPass();
+      sd_notify(0, "STATUS=waiting for the next pass");
+    } else if (productChangesPending()) {
+      syncd::SyncPass(progress).runProductChanges();
+      sd_notify(0, "STATUS=waiting for the next pass");
+    }
+    for (int slice = 0; slice < 10 && !stopRequested.load(); ++slice) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+  }
+  sd_notify(0, "STOPPING=1");
+  progress.note("ondrd_syncd stopped.");
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"Ondrel Server sync daemon: mirrors the upstream catalogs and products."};
+  bool once = false;
+  long intervalSeconds = 24 * 3600;
+  app.add_flag("--once", once, "Run one pass and exit");
+  app.add_option("--interval", intervalSeconds, "Seconds from one pass to the next (service)")
+      ->check(CLI::Range(1L, 365L * 24 * 3600));
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kExitUsage;
+  }
+
+  ondrel::KTSLogger::defaultLoggerForSourceLogType("ondrd_syncd", 1);
+  installSignalHandlers();
+  freshSharedInstances();
+  ondrel::syncd::PassLock lock(lockPath());
+  if (!lock.held()) {
+    std::fprintf(stderr, "ondrd_syncd: another ondrd_syncd is running (PID %d); try again later\n",
+                 static_cast<int>(lock.holder().value_or(0)));
+    return kExitBusy;
+  }
+  ondrel::syncd::Progress progress;
+  if (once) return report(ondrel::syncd::SyncPass(progress).runFullPass(), progress);
+  return runService(std::chrono::seconds(intervalSeconds), progress);
+}
