@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <thread>
 
+#include "CatalogCgi.h"
 #include "Clock.h"
 #include "HostPaths.h"
 #include "KTSJobTicketManager.h"
@@ -137,6 +138,7 @@ int main(int argc, char** argv) {
                  static_cast<int>(lock.holder().value_or(0)));
     return kExitBusy;
   }
+  ondrel::programs::installCatalogCgi();
   ondrel::syncd::Progress progress;
   if (once) return report(ondrel::syncd::SyncPass(progress).runFullPass(), progress);
   return runService(std::chrono::seconds(intervalSeconds), progress);

@@ -1,0 +1,126 @@
+// OndrelServerGetCatalog: the CGI to which Apache's rewrite rules send each client's catalog
+// request ("?/NAME"). It answers the served catalog of that name with its length, date and
+// entity tag, honours conditional requests and HEAD, and streams the file. A name that is not a
+// supported catalog gets 404 without a look at the disk; before the first pass has finished a
+// missing catalog gets 503 with Retry-After. It finds its service root from its own place
+// (ROOT/Library/Server/Ondrel/cgi-bin), so it needs nothing from Apache's environment.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "KTSMetaIndex.h"
+#include "KTSPreferences.h"
+#include "KTSSyncStatus.h"
+
+namespace {
+
+constexpr const char* kServiceTail = "/Library/Server/Ondrel/cgi-bin/";
+
+std::string environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value ? value : "";
+}
+
+void answer(int status, const char* reason, const std::string& headers = "") {
+  std::printf("Status: %d %s\r\nContent-Type: text/plain\r\n%s\r\n%d %s\n", status, reason,
+              headers.c_str(), status, reason);
+}
+
+std::string httpDate(std::time_t moment) {
+  std::tm utc{};
+  gmtime_r(&moment, &utc);
+  char text[64];
+  std::strftime(text, sizeof text, "%a, %d %b %Y %H:%M:%S GMT", &utc);
+  return text;
+}
+
+std::time_t parseHttpDate(const std::string& text) {
+  std::tm utc{};
+  const char* end = strptime(text.c_str(), "%a, %d %b %Y %H:%M:%S GMT", &utc);
+  return end != nullptr ? timegm(&utc) : -1;
+}
+
+bool isSupportedCatalogName(const std::string& name) {
+  for (const std::string& supported : ondrel::KTSMetaIndex::supportedCatalogNames()) {
+    if (name == supported) return true;
+  }
+  return false;
+}
+
+// The service root is the part of this program's path before the fixed tail.
+void locateServiceRoot(const char* argv0) {
+  std::string self = environment("SCRIPT_FILENAME");
+  if (self.empty()) self = argv0;
+  std::size_t tail = self.rfind(kServiceTail);
+  if (tail != std::string::npos && environment("ONDREL_ROOT").empty()) {
+    ::setenv("ONDREL_ROOT", self.substr(0, tail).c_str(), 1);
+  }
+}
+
+int serve(const std::string& path, bool headOnly) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  struct stat status {};
+  if (fd < 0 || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+    if (fd >= 0) ::close(fd);
+    bool firstPassDone =
+        ondrel::KTSSyncStatus::syncStatus()->getSyncStatus() == ondrel::KTSSyncStatus::Done ||
+        ondrel::KTSSyncStatus::syncStatus()->getLastRunTime().has_value();
+    if (firstPassDone) {
+      answer(404, "Not Found");
+    } else {
+      answer(503, "Service Unavailable", "Retry-After: 60\r\n");
+    }
+    return 0;
+  }
+  std::string tag = "\"" + std::to_string(status.st_size) + "-" +
+                    std::to_string(status.st_mtim.tv_sec) + "." +
+                    std::to_string(status.st_mtim.tv_nsec) + "\"";
+  std::string ifNoneMatch = environment("HTTP_IF_NONE_MATCH");
+  std::time_t ifModifiedSince = parseHttpDate(environment("HTTP_IF_MODIFIED_SINCE"));
+  bool notModified = !ifNoneMatch.empty()
+                         ? (ifNoneMatch == tag || ifNoneMatch == "*")
+                         : ifModifiedSince >= 0 && status.st_mtim.tv_sec <= ifModifiedSince;
+  std::string validators =
+      "Last-Modified: " + httpDate(status.st_mtim.tv_sec) + "\r\nETag: " + tag + "\r\n";
+  if (notModified) {
+    std::printf("Status: 304 Not Modified\r\n%s\r\n", validators.c_str());
+    ::close(fd);
+    return 0;
+  }
+  std::printf("Status: 200 OK\r\nContent-Type: text/xml\r\nContent-Length: %lld\r\n%s\r\n",
+              static_cast<long long>(status.st_size), validators.c_str());
+  std::fflush(stdout);
+  if (!headOnly) {
+    char buffer[1 << 16];
+    for (ssize_t count; (count = ::read(fd, buffer, sizeof buffer)) > 0;) {
+      if (std::fwrite(buffer, 1, static_cast<std::size_t>(count), stdout) !=
+          static_cast<std::size_t>(count)) {
+        break;
+      }
+    }
+  }
+  ::close(fd);
+  return 0;
+}
+
+}  // namespace
+
+int main(int, char** argv) {
+  std::string query = environment("QUERY_STRING");
+  std::string name = query.rfind('/', 0) == 0 ? query.substr(1) : query;
+  // Only a supported catalog's plain name reaches the disk.
+  if (!isSupportedCatalogName(name)) {
+    answer(404, "Not Found");
+    return 0;
+  }
+  locateServiceRoot(argv[0]);
+  std::string path = ondrel::KTSPreferences::defaultPreferences()->updatesHtmlPath() +
+                     "/content/catalogs/others/" + name;
+  return serve(path, environment("REQUEST_METHOD") == "HEAD");
+}

@@ -1,0 +1,322 @@
+// What ondrelctl changes: product changes and sync requests posted to the daemon, settings
+// through the preferences, and the web server.
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <thread>
+
+#include "CatalogCgi.h"
+#include "Clock.h"
+#include "Ctl.h"
+#include "DateFormats.h"
+#include "HostPaths.h"
+#include "KTSJobTicket.h"
+#include "KTSJobTicketManager.h"
+#include "KTSMetaIndex.h"
+#include "KTSPreferences.h"
+#include "KTSRequestManager.h"
+#include "KTSSyncStatus.h"
+#include "KTSWorkingSet.h"
+#include "PathString.h"
+#include "ProductId.h"
+#include "TaskRunner.h"
+
+namespace ondrel::ctl {
+
+namespace {
+
+std::string serviceRoot() { return fixedPath("/Library/Server/Ondrel"); }
+std::string configPath() {
+  return deletingLastPathComponent(KTSPreferences::defaultPreferences()->prefsPath()) +
+         "/ondrd.conf";
+}
+std::string pidPath() { return serviceRoot() + "/Status/httpd.pid"; }
+
+pid_t webServerPid() {
+  pid_t pid = 0;
+  std::ifstream(pidPath()) >> pid;
+  return pid > 0 && ::kill(pid, 0) == 0 ? pid : 0;
+}
+
+int apache(const std::vector<std::string>& arguments) {
+  std::vector<std::string> all = {"-d", serviceRoot(), "-f", configPath()};
+  all.insert(all.end(), arguments.begin(), arguments.end());
+  return TaskRunner::run("/usr/sbin/apache2", all);
+}
+
+// A request file is named by the second it was posted in; a second post in the same second
+// would replace the first, so it waits for the next second.
+void waitForAFreshSecond() {
+  for (;;) {
+    auto seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
+    if (!std::filesystem::exists(
+            fixedPath("/var/spool/ondrd/ondr_req." + std::to_string(seconds)))) {
+      return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+}
+
+bool parseBoolean(const std::string& text, bool* value) {
+  if (text == "true" || text == "yes") return *value = true, true;
+  if (text == "false" || text == "no") return *value = false, true;
+  return false;
+}
+
+bool parseInteger(const std::string& text, std::int64_t low, std::int64_t high,
+                  std::int64_t* value) {
+  if (text.empty() || text.size() > 12 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
+    return false;
+  }
+  *value = std::stoll(text);
+  return *value >= low && *value <= high;
+}
+
+bool isSupportedCatalog(const std::string& name) {
+  for (const std::string& supported : KTSMetaIndex::supportedCatalogNames()) {
+    if (supported == name) return true;
+  }
+  return false;
+}
+
+enum class Kind { Boolean, Port, Integer, Percent, HttpURL, CatalogList, HostName, AbsolutePath };
+
+const std::map<std::string, Kind>& settableKeys() {
+  static const std::map<std::string, Kind> keys = {
+      {"autoMirror", Kind::Boolean},         {"autoEnable", Kind::Boolean},
+      {"autoMirrorOnlyNew", Kind::Boolean},  {"PurgeUnused", Kind::Boolean},
+      {"limitBandwidth", Kind::Boolean},     {"portToUse", Kind::Port},
+      {"valueBandwidth", Kind::Integer},     {"syncBandwidth", Kind::Integer},
+      {"volumeReserve", Kind::Percent},      {"metaIndexURL", Kind::HttpURL},
+      {"otherCatalogs", Kind::CatalogList},  {"publicHostName", Kind::HostName},
+      {"updatesDocRoot", Kind::AbsolutePath}};
+  return keys;
+}
+
+// The setting's value from its text, or null with the reason in *why.
+Plist settingValue(Kind kind, const std::string& text, std::string* why) {
+  bool flag = false;
+  std::int64_t number = 0;
+  switch (kind) {
+    case Kind::Boolean:
+      if (parseBoolean(text, &flag)) return Plist::boolean(flag);
+      *why = "takes true, false, yes or no";
+      break;
+    case Kind::Port:
+      if (parseInteger(text, 1, 65535, &number)) return Plist::integer(number);
+      *why = "takes a port from 1 to 65535";
+      break;
+    case Kind::Integer:
+      if (parseInteger(text, 0, 1'000'000'000, &number)) return Plist::integer(number);
+      *why = "takes a whole number of KB/s, 0 for no limit";
+      break;
+    case Kind::Percent:
+      if (parseInteger(text, 0, 100, &number)) return Plist::integer(number);
+      *why = "takes a percentage from 0 to 100";
+      break;
+    case Kind::HttpURL: {
+      std::optional<Url> url = Url::parse(text);
+      if (url && (url->scheme() == "http" || url->scheme() == "https") && !url->host().empty()) {
+        return Plist(url->text());
+      }
+      *why = "takes an http or https URL";
+      break;
+    }
+    case Kind::CatalogList: {
+      Plist names = Plist::array();
+      std::size_t start = 0;
+      while (start <= text.size()) {
+        std::size_t comma = text.find(',', start);
+        std::string name = text.substr(start, comma == std::string::npos ? comma : comma - start);
+        if (!name.empty() && !isSupportedCatalog(name)) {
+          *why = "names a catalog that is not supported: " + name;
+          return Plist();
+        }
+        if (!name.empty()) names.append(Plist(name));
+        if (comma == std::string::npos) break;
+        start = comma + 1;
+      }
+      return names;
+    }
+    case Kind::HostName:
+      if (!text.empty() && text.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTU"
+                                                  "VWXYZ0123456789.-:[]") == std::string::npos) {
+        return Plist(text);
+      }
+      *why = "takes a host name or address";
+      break;
+    case Kind::AbsolutePath:
+      if (!text.empty() && text.front() == '/' &&
+          text.find_first_of("\"\\\n\r\t") == std::string::npos) {
+        return Plist(text.back() == '/' ? text : text + "/");
+      }
+      *why = "takes an absolute path";
+      break;
+  }
+  return Plist();
+}
+
+}  // namespace
+
+int postChanges(const std::string& action, const std::vector<std::string>& productIds) {
+  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  for (const std::string& productId : productIds) {
+    if (!isValidProductId(productId)) return fail("\"" + productId + "\" is not a product id");
+    if (!workingSet->containsProductID(productId)) {
+      return fail("no product " + productId + " in the working set; nothing was posted");
+    }
+  }
+  Plist items = Plist::array();
+  std::int64_t ticketType = KTSJobTicket::Undefined;
+  for (const std::string& productId : productIds) {
+    Plist item = Plist::dictionary();
+    item.set("ProductID", productId);
+    if (action == "mirror") {
+      item.set("mirror", Plist::boolean(true));
+      ticketType = KTSJobTicket::Mirror;
+    } else if (action == "enable") {
+      item.set("enable", Plist::boolean(true));
+      ticketType = KTSJobTicket::Enable;
+    } else if (action == "disable") {
+      item.set("enable", Plist::boolean(false));
+      ticketType = KTSJobTicket::Disable;
+    } else {
+      item.set("remove", Plist::boolean(true));
+      ticketType = KTSJobTicket::Remove;
+    }
+    items.append(item);
+  }
+  waitForAFreshSecond();
+  if (!KTSRequestManager::defaultManager()->postChangeRequestForProductItems(items)) {
+    return fail("the request could not be posted to the spool");
+  }
+  auto tickets = KTSJobTicketManager::defaultManager();
+  tickets->refresh();
+  for (const std::string& productId : productIds) {
+    tickets->addTicketOfTypeForProduct(ticketType, productId);
+  }
+  std::printf("Posted: %s %zu product%s.\n", action.c_str(), productIds.size(),
+              productIds.size() == 1 ? "" : "s");
+  return 0;
+}
+
+int sync(bool wait) {
+  auto status = KTSSyncStatus::defaultStatus();
+  std::optional<Date> before = status->getLastRunTime();
+  waitForAFreshSecond();
+  if (!KTSRequestManager::defaultManager()->postSyncRequest()) {
+    return fail("the sync request could not be posted to the spool");
+  }
+  std::printf("Sync requested.\n");
+  if (!wait) return 0;
+  bool started = false;
+  for (int seconds = 0;; ++seconds) {
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    std::optional<Date> lastRun = status->getLastRunTime();
+    started = started || (lastRun && lastRun != before);
+    if (started && status->getSyncStatus() == KTSSyncStatus::Done) break;
+    if (!started && seconds == 120) {
+      return fail("no pass started within two minutes; is ondrd_syncd running?");
+    }
+    std::printf("  %s (%d s)\n", started ? "syncing" : "waiting for ondrd_syncd", seconds + 1);
+    std::fflush(stdout);
+  }
+  if (status->getUpdateError())
+    return fail("the pass failed: " + status->getErrorNote().value_or(""));
+  std::printf("The pass is done.\n");
+  return 0;
+}
+
+int configShow(bool json) {
+  Plist settings = KTSPreferences::defaultPreferences()->prefs();
+  if (json) {
+    printJson(settings);
+    return 0;
+  }
+  for (const auto& [key, value] : settings.items()) {
+    std::printf("%-22s %s\n", key.c_str(), toJson(value).c_str());
+  }
+  return 0;
+}
+
+int configGet(const std::string& key, bool json) {
+  Plist settings = KTSPreferences::defaultPreferences()->prefs();
+  if (!settings.contains(key)) return fail("no setting " + key);
+  if (json) {
+    printJson(settings[key]);
+  } else {
+    std::printf("%s\n", settings[key].isString() ? settings[key].stringValue().c_str()
+                                                 : toJson(settings[key]).c_str());
+  }
+  return 0;
+}
+
+int configSet(const std::string& key, const std::string& text) {
+  auto found = settableKeys().find(key);
+  if (found == settableKeys().end()) {
+    std::string keys;
+    for (const auto& [name, kind] : settableKeys()) keys += (keys.empty() ? "" : ", ") + name;
+    return fail(key + " cannot be set here; settable: " + keys);
+  }
+  std::string why;
+  Plist value = settingValue(found->second, text, &why);
+  if (value.isNull()) return fail(key + " " + why + "; nothing was changed");
+  auto preferences = KTSPreferences::defaultPreferences();
+  Plist settings = preferences->prefs();
+  settings.set(key, value);
+  preferences->setPrefs(settings);
+  if (!preferences->commitChanges()) return fail("the preferences could not be saved");
+  std::printf("%s set.\n", key.c_str());
+  if (webServerPid() == 0) return 0;
+  if (apache({"-t"}) != 0) {
+    return fail("Apache refuses the new ondrd.conf; the running server keeps the old one");
+  }
+  if (apache({"-k", "graceful"}) != 0) return fail("Apache could not be reloaded");
+  std::printf("Web server reloaded.\n");
+  return 0;
+}
+
+int web(const std::string& action) {
+  pid_t running = webServerPid();
+  if (action == "status") {
+    if (running) {
+      std::printf("running (PID %d)\n", static_cast<int>(running));
+    } else {
+      std::printf("stopped\n");
+    }
+    return 0;
+  }
+  if (action == "start") {
+    if (running) return std::printf("already running (PID %d)\n", static_cast<int>(running)), 0;
+    // The configuration names the document root, which must exist; a commit writes both.
+    KTSPreferences::defaultPreferences()->commitChanges();
+    programs::installCatalogCgi();
+    if (apache({"-k", "start"}) != 0) {
+      return fail("Apache did not start; see " + serviceRoot() + "/Status/httpd_error.log");
+    }
+    for (int attempt = 0; attempt < 100 && webServerPid() == 0; ++attempt) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    std::printf("started (PID %d)\n", static_cast<int>(webServerPid()));
+    return webServerPid() ? 0 : kExitFailed;
+  }
+  if (!running) return fail("the web server is not running");
+  if (action == "reload") {
+    if (apache({"-t"}) != 0) return fail("Apache refuses ondrd.conf; nothing was reloaded");
+    return apache({"-k", "graceful"}) == 0 ? 0 : fail("Apache could not be reloaded");
+  }
+  ::kill(running, SIGTERM);
+  for (int attempt = 0; attempt < 200 && ::kill(running, 0) == 0; ++attempt) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  std::printf("stopped\n");
+  return 0;
+}
+
+}  // namespace ondrel::ctl

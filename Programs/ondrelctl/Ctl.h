@@ -1,0 +1,42 @@
+// The pieces of ondrelctl, the administration command: each command reads the files the sync
+// daemon shares (working set, status files, caches, preferences) or posts requests to it, and
+// prints text, or JSON with --json. A command returns the process's exit status: 0 done,
+// 1 the job failed (after one line on standard error), 2 bad usage. One thread.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Plist.h"
+
+namespace ondrel::ctl {
+
+inline constexpr int kExitFailed = 1;
+inline constexpr int kExitUsage = 2;
+
+// Prints "ondrelctl: <message>" on standard error and gives kExitFailed.
+int fail(const std::string& message);
+// A property-list value as JSON: dates as RFC 3339 text, data as base64 text.
+std::string toJson(const Plist& value, int indent = 0);
+void printJson(const Plist& value);
+
+struct ProductFilter {
+  std::string state;
+  bool enabledOnly = false;
+  std::string catalog;
+  std::string search;
+};
+
+int status(bool json);
+int products(const ProductFilter& filter, bool json);
+int product(const std::string& productId, bool json);
+int metrics();
+int plan(bool json);
+int postChanges(const std::string& action, const std::vector<std::string>& productIds);
+int sync(bool wait);
+int configShow(bool json);
+int configGet(const std::string& key, bool json);
+int configSet(const std::string& key, const std::string& value);
+int web(const std::string& action);
+
+}  // namespace ondrel::ctl

@@ -1,0 +1,188 @@
+// ondrelctl: the Ondrel Server administration command. It meets the sync daemon only through the
+// files they share: it reads the working set and the status files, posts change and sync
+// requests with job tickets, edits the preferences and drives the web server.
+// Exit status: 0 done, 1 the job failed (one line on standard error says why), 2 bad usage.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+
+#include "Ctl.h"
+#include "DateFormats.h"
+#include "KTSLogger.h"
+
+namespace ondrel::ctl {
+
+int fail(const std::string& message) {
+  std::fprintf(stderr, "ondrelctl: %s\n", message.c_str());
+  return kExitFailed;
+}
+
+namespace {
+
+std::string quoted(const std::string& text) {
+  std::string out = "\"";
+  for (unsigned char c : text) {
+    switch (c) {
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      default:
+        if (c < 0x20) {
+          out += fmt::format("\\u{:04x}", c);
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  return out + "\"";
+}
+
+std::string base64(const Plist::Bytes& bytes) {
+  static constexpr char kAlphabet[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  for (std::size_t i = 0; i < bytes.size(); i += 3) {
+    std::uint32_t group = static_cast<std::uint32_t>(bytes[i]) << 16;
+    if (i + 1 < bytes.size()) group |= static_cast<std::uint32_t>(bytes[i + 1]) << 8;
+    if (i + 2 < bytes.size()) group |= bytes[i + 2];
+    out += kAlphabet[(group >> 18) & 63];
+    out += kAlphabet[(group >> 12) & 63];
+    out += i + 1 < bytes.size() ? kAlphabet[(group >> 6) & 63] : '=';
+    out += i + 2 < bytes.size() ? kAlphabet[group & 63] : '=';
+  }
+  return out;
+}
+
+}  // namespace
+
+std::string toJson(const Plist& value, int indent) {
+  std::string pad(static_cast<std::size_t>(indent + 2), ' ');
+  std::string close(static_cast<std::size_t>(indent), ' ');
+  switch (value.type()) {
+    case Plist::Type::Null:
+      return "null";
+    case Plist::Type::String:
+      return quoted(value.stringValue());
+    case Plist::Type::Integer:
+      return value.integerText();
+    case Plist::Type::Real:
+      return std::isfinite(value.realValue()) ? fmt::format("{}", value.realValue()) : "null";
+    case Plist::Type::Boolean:
+      return value.boolValue() ? "true" : "false";
+    case Plist::Type::Date:
+      return quoted(formatRfc3339Date(*value.dateValue()));
+    case Plist::Type::Data:
+      return quoted(base64(value.dataValue()));
+    case Plist::Type::Array: {
+      if (value.size() == 0) return "[]";
+      std::string out = "[\n";
+      for (std::size_t i = 0; i < value.size(); ++i) {
+        out += pad + toJson(value[i], indent + 2) + (i + 1 < value.size() ? ",\n" : "\n");
+      }
+      return out + close + "]";
+    }
+    case Plist::Type::Dictionary: {
+      if (value.size() == 0) return "{}";
+      std::string out = "{\n";
+      std::size_t i = 0;
+      for (const auto& [key, item] : value.items()) {
+        out += pad + quoted(key) + ": " + toJson(item, indent + 2) +
+               (++i < value.size() ? ",\n" : "\n");
+      }
+      return out + close + "}";
+    }
+  }
+  return "null";
+}
+
+void printJson(const Plist& value) { std::printf("%s\n", toJson(value).c_str()); }
+
+}  // namespace ondrel::ctl
+
+int main(int argc, char** argv) {
+  using namespace ondrel::ctl;
+  CLI::App app{
+      "Ondrel Server administration. Output is text; with --json it is JSON: status an object, "
+      "products an array of working-set records, product one record, plan an object with "
+      "\"products\", \"files\", \"bytes\", \"freeBytes\", \"reserveBytes\" and \"fits\"."};
+  app.require_subcommand(1);
+  bool json = false;
+  auto withJson = [&json](CLI::App* command) {
+    command->add_flag("--json", json, "Print JSON");
+    return command;
+  };
+
+  CLI::App* statusCommand = withJson(app.add_subcommand("status", "Sync state, products, space"));
+  ProductFilter filter;
+  CLI::App* productsCommand = withJson(app.add_subcommand("products", "List the products"));
+  productsCommand->add_option("--state", filter.state, "Mirror state or catalog state");
+  productsCommand->add_flag("--enabled", filter.enabledOnly, "Only products offered to clients");
+  productsCommand->add_option("--catalog", filter.catalog, "Only products of this catalog");
+  productsCommand->add_option("--search", filter.search, "Text in id, family, version or title");
+  std::string productId;
+  CLI::App* productCommand = withJson(app.add_subcommand("product", "One product in detail"));
+  productCommand->add_option("ID", productId, "Product id")->required();
+  std::vector<std::string> productIds;
+  std::string action;
+  for (const char* name : {"mirror", "enable", "disable", "remove"}) {
+    CLI::App* change =
+        app.add_subcommand(name, std::string("Ask the daemon to ") + name + " products");
+    change->add_option("ID", productIds, "Product ids")->required();
+    change->callback([&action, name] { action = name; });
+  }
+  bool wait = false;
+  CLI::App* syncCommand = app.add_subcommand("sync", "Ask the daemon for a pass now");
+  syncCommand->add_flag("--wait", wait, "Follow the pass and exit with its outcome");
+  CLI::App* configCommand = app.add_subcommand("config", "Show, get or set preferences");
+  configCommand->require_subcommand(1);
+  CLI::App* configShowCommand = withJson(configCommand->add_subcommand("show", "All settings"));
+  std::string key;
+  std::string value;
+  CLI::App* configGetCommand = withJson(configCommand->add_subcommand("get", "One setting"));
+  configGetCommand->add_option("KEY", key)->required();
+  CLI::App* configSetCommand =
+      configCommand->add_subcommand("set", "Set one setting (checked), rewrite ondrd.conf");
+  configSetCommand->add_option("KEY", key)->required();
+  configSetCommand->add_option("VALUE", value)->required();
+  std::string webAction;
+  CLI::App* webCommand = app.add_subcommand("web", "The Apache httpd that serves clients");
+  webCommand->add_option("ACTION", webAction, "start, stop, reload or status")
+      ->required()
+      ->check(CLI::IsMember({"start", "stop", "reload", "status"}));
+  CLI::App* planCommand = withJson(app.add_subcommand("plan", "What the next pass downloads"));
+  CLI::App* metricsCommand = app.add_subcommand("metrics", "Status as Prometheus text");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : kExitUsage;
+  }
+  try {
+    if (*statusCommand) return status(json);
+    if (*productsCommand) return products(filter, json);
+    if (*productCommand) return product(productId, json);
+    if (!action.empty()) return postChanges(action, productIds);
+    if (*syncCommand) return sync(wait);
+    if (*configShowCommand) return configShow(json);
+    if (*configGetCommand) return configGet(key, json);
+    if (*configSetCommand) return configSet(key, value);
+    if (*webCommand) return web(webAction);
+    if (*planCommand) return plan(json);
+    if (*metricsCommand) return metrics();
+  } catch (const std::exception&) {
+    return fail("the command could not be completed; see the system log");
+  }
+  return kExitUsage;
+}

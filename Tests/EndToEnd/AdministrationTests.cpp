@@ -1,0 +1,210 @@
+// ondrelctl and the catalog CGI as programs: what an administrator sees and steers, and what a
+// client fetches through a real Apache.
+#include <httplib.h>
+
+#include <filesystem>
+#include <regex>
+#include <set>
+
+#include "ApacheServer.h"
+#include "DateFormats.h"
+#include "KTSJobTicketManager.h"
+#include "KTSPreferences.h"
+#include "KTSProduct.h"
+#include "KTSRequestManager.h"
+#include "KTSWorkingSet.h"
+#include "OndrelTest.h"
+#include "ProgramRunner.h"
+#include "SampleTree.h"
+#include "UpstreamServer.h"
+
+namespace ondrel {
+namespace {
+
+using test::OndrelTest;
+using test::runProgram;
+
+const std::string kNewest =
+    "index-10.12-10.11-10.10-10.9-dogwood-cedar-birch-alder.merged-1.ktcatalog";
+
+test::ProgramResult ctl(const std::vector<std::string>& arguments) {
+  return runProgram(ONDREL_CTL, arguments);
+}
+
+class AdministrationTest : public OndrelTest {
+ protected:
+  // A working set of three products, written by the library as the daemon would.
+  void writeWorkingSet() {
+    KTSWorkingSet::ProductsById products;
+    for (const auto& [id, mirror, enabled] :
+         std::vector<std::tuple<std::string, const char*, bool>>{
+             {"VT-000001", "Mirrored", true},
+             {"VT-000002", "PleaseMirror", false},
+             {"VT-000003", "DoNotMirror", false}}) {
+      Plist archive = Plist::dictionary();
+      archive.set("productId", id);
+      archive.set("mirror", mirror);
+      archive.set("enabled", Plist::boolean(enabled));
+      archive.set("enableWhenMirrored", Plist::boolean(false));
+      archive.set("version", "1.2");
+      Plist english = Plist::dictionary();
+      english.set("title", id == "VT-000002" ? "Vantor Maps Update" : "Vantor Mail Update");
+      Plist localization = Plist::dictionary();
+      localization.set("English", english);
+      archive.set("localization", localization);
+      archive.set("postDate", Plist::date(*parseRfc3339Date("2016-09-20T17:00:00Z")));
+      archive.set("totalDownloadSize", Plist::integer(4096));
+      products[id] = KTSProduct::productWithArchiveRepresentation(archive);
+    }
+    auto workingSet = KTSWorkingSet::defaultWorkingSet();
+    ASSERT_TRUE(
+        workingSet->updateWithProductsAndRevocationsArchivingPrevious(products, Plist(), false));
+    for (const auto& [id, product] : products) workingSet->updateProductStatus(*product);
+    ASSERT_TRUE(workingSet->saveProductsArchivingPrevious(false));
+  }
+};
+
+TEST_F(AdministrationTest, StatusProductsAndMetricsReadTheSharedFiles) {
+  test::ProgramResult fresh = ctl({"status", "--json"});
+  ASSERT_EQ(fresh.exitStatus, 0) << fresh.output;
+  EXPECT_NE(fresh.output.find("\"syncState\": \"never run\""), std::string::npos) << fresh.output;
+
+  writeWorkingSet();
+  test::ProgramResult status = ctl({"status"});
+  EXPECT_NE(status.output.find("Products:        3, 1 enabled"), std::string::npos)
+      << status.output;
+  EXPECT_NE(status.output.find("1 DoNotMirror, 1 Mirrored, 1 PleaseMirror"), std::string::npos);
+
+  test::ProgramResult mirrored = ctl({"products", "--state", "mirrored", "--json"});
+  EXPECT_NE(mirrored.output.find("VT-000001"), std::string::npos);
+  EXPECT_EQ(mirrored.output.find("VT-000002"), std::string::npos);
+  test::ProgramResult search = ctl({"products", "--search", "maps"});
+  EXPECT_NE(search.output.find("VT-000002"), std::string::npos);
+  EXPECT_NE(search.output.find("1 products"), std::string::npos) << search.output;
+  EXPECT_EQ(ctl({"products", "--enabled"}).output.find("VT-000003"), std::string::npos);
+  EXPECT_NE(ctl({"product", "VT-000002"}).output.find("Vantor Maps Update"), std::string::npos);
+  EXPECT_EQ(ctl({"product", "VT-999999"}).exitStatus, 1);
+  EXPECT_EQ(ctl({"products", "--bogus"}).exitStatus, 2);
+
+  // Prometheus text: every sample line names a metric declared by HELP and TYPE lines.
+  test::ProgramResult metrics = ctl({"metrics"});
+  ASSERT_EQ(metrics.exitStatus, 0);
+  std::regex sample(R"(^([a-zA-Z_:][a-zA-Z0-9_:]*)(\{[a-z_]+="[^"]*"\})? -?[0-9.e+]+$)");
+  std::set<std::string> declared;
+  std::istringstream lines(metrics.output);
+  std::size_t samples = 0;
+  for (std::string line; std::getline(lines, line);) {
+    std::smatch match;
+    if (line.rfind("# TYPE ", 0) == 0) {
+      declared.insert(line.substr(7, line.find(' ', 7) - 7));
+    } else if (line.rfind("# HELP ", 0) != 0) {
+      ASSERT_TRUE(std::regex_match(line, match, sample)) << line;
+      EXPECT_TRUE(declared.count(match[1])) << line;
+      ++samples;
+    }
+  }
+  EXPECT_GT(samples, 10u);
+  EXPECT_NE(metrics.output.find("ondrel_products{mirror_state=\"PleaseMirror\"} 1"),
+            std::string::npos);
+}
+
+TEST_F(AdministrationTest, ChangesArePostedMergedWithTicketsAndNeverLost) {
+  writeWorkingSet();
+  test::ProgramResult unknown = ctl({"mirror", "VT-000001", "VT-404"});
+  EXPECT_EQ(unknown.exitStatus, 1);
+  EXPECT_NE(unknown.output.find("no product VT-404"), std::string::npos) << unknown.output;
+  EXPECT_EQ(ctl({"enable", "../x"}).exitStatus, 1);
+  EXPECT_FALSE(KTSRequestManager::requestManager()->hasPendingRequests()) << "nothing posted";
+
+  ASSERT_EQ(ctl({"mirror", "VT-000002", "VT-000003"}).exitStatus, 0);
+  ASSERT_EQ(ctl({"enable", "VT-000003"}).exitStatus, 0) << "in the same second, kept too";
+  Plist merged = KTSRequestManager::requestManager()->getPendingChangeRequestsDeletingSource(true);
+  EXPECT_TRUE(merged["VT-000002"]["mirror"].boolValue());
+  EXPECT_TRUE(merged["VT-000003"]["enable"].boolValue());
+  auto tickets = KTSJobTicketManager::defaultManager();
+  tickets->refresh();
+  EXPECT_TRUE(tickets->hasTicketOfTypeForProduct(KTSJobTicket::Mirror, "VT-000002"));
+  EXPECT_TRUE(tickets->hasTicketOfTypeForProduct(KTSJobTicket::Enable, "VT-000003"));
+}
+
+TEST_F(AdministrationTest, ConfigSetChecksValuesAndRewritesTheWebConfiguration) {
+  ASSERT_EQ(ctl({"config", "set", "portToUse", "8484"}).exitStatus, 0);
+  const std::string conf = path("/Library/Server/Ondrel/Config/ondrd.conf");
+  const std::string prefs = path("/Library/Server/Ondrel/Config/ondrd.plist");
+  std::string confBefore = readFile(conf);
+  std::string prefsBefore = readFile(prefs);
+  EXPECT_NE(confBefore.find("\nListen *:8484\n"), std::string::npos);
+  for (const std::vector<std::string>& bad : {std::vector<std::string>{"portToUse", "70000"},
+                                              {"portToUse", "80\nInclude /x"},
+                                              {"autoMirror", "maybe"},
+                                              {"metaIndexURL", "ftp://host/x"},
+                                              {"otherCatalogs", "index-made-up.ktcatalog"},
+                                              {"volumeReserve", "101"},
+                                              {"noSuchKey", "1"}}) {
+    test::ProgramResult refused = ctl({"config", "set", bad[0], bad[1]});
+    EXPECT_EQ(refused.exitStatus, 1) << bad[0];
+    EXPECT_NE(refused.output.find("ondrelctl: "), std::string::npos);
+  }
+  EXPECT_EQ(readFile(conf), confBefore);
+  EXPECT_EQ(readFile(prefs), prefsBefore);
+  EXPECT_EQ(ctl({"config", "get", "portToUse"}).output, "8484\n");
+}
+
+TEST_F(AdministrationTest, ClientsFetchServedCatalogsThroughApacheAndTheCgi) {
+  int upstreamPort = test::freeLoopbackPort();
+  const std::string upstream = root_ + "/upstream";
+  sample::TreeOptions tree;
+  tree.outputFolder = upstream;
+  tree.baseURL = fmt::format("http://127.0.0.1:{}", upstreamPort);
+  tree.products = 20;
+  sample::generateTree(tree);
+  sample::serveTree(upstream, "127.0.0.1", upstreamPort);
+  int port = test::freeLoopbackPort();
+  auto preferences = KTSPreferences::defaultPreferences();
+  preferences->setMetaIndexURL(Url::parse(tree.baseURL + "/content/meta/config.plist"));
+  preferences->setPublicHostName("127.0.0.1");
+  preferences->setPortToUse(Plist::integer(port));
+  for (bool automatic : {true}) {
+    preferences->setAutoMirror(automatic);
+    preferences->setAutoEnable(automatic);
+    preferences->setPurgeUnused(automatic);
+  }
+  ASSERT_TRUE(preferences->commitChanges());
+
+  ASSERT_EQ(ctl({"web", "start"}).exitStatus, 0);
+  httplib::Client client("127.0.0.1", port);
+  client.set_follow_location(true);
+  httplib::Headers taltos16 = {{"User-Agent", "Vantor-Update/1.0 Taltos/16.0.0"}};
+  auto early = client.Get("/index.ktcatalog", taltos16);
+  ASSERT_TRUE(early);
+  EXPECT_EQ(early->status, 503) << "before the first pass";
+
+  test::ProgramResult pass = runProgram(ONDREL_SYNCD, {"--once"});
+  ASSERT_EQ(pass.exitStatus, 0) << pass.output;
+  test::ProgramResult status = ctl({"status", "--json"});
+  EXPECT_NE(status.output.find("\"syncState\": \"done\""), std::string::npos) << status.output;
+
+  auto catalog = client.Get("/index.ktcatalog", taltos16);
+  ASSERT_TRUE(catalog);
+  ASSERT_EQ(catalog->status, 200);
+  EXPECT_EQ(catalog->get_header_value("Content-Type"), "text/xml");
+  std::optional<Plist> served = Plist::fromBytes(catalog->body, nullptr);
+  ASSERT_TRUE(served);
+  EXPECT_EQ((*served)["Products"].size(), 18u);
+  httplib::Headers conditional = {{"If-None-Match", catalog->get_header_value("ETag")}};
+  httplib::Client direct("127.0.0.1", port);
+  auto again = direct.Get(("/cgi-bin/OndrelServerGetCatalog?/" + kNewest).c_str(), conditional);
+  ASSERT_TRUE(again);
+  EXPECT_EQ(again->status, 304);
+  for (const char* hostile : {"/cgi-bin/OndrelServerGetCatalog?/../../Config/ondrd.plist",
+                              "/cgi-bin/OndrelServerGetCatalog?/index-made-up.ktcatalog"}) {
+    auto refused = client.Get(hostile);
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->status, 404) << hostile;
+  }
+  EXPECT_EQ(ctl({"web", "stop"}).exitStatus, 0);
+  sample::stopServingTree(upstream);
+}
+
+}  // namespace
+}  // namespace ondrel
