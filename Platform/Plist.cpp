@@ -258,21 +258,21 @@ std::size_t Plist::size() const {
   return 0;
 }
 
-const Plist::Dictionary& Plist::items() const {
+const Plist::Dictionary& Plist::items() const& {
   return type_ == Type::Dictionary ? static_cast<DictionaryNode*>(node_)->value : kEmptyDictionary;
 }
 
-const Plist::Array& Plist::elements() const {
+const Plist::Array& Plist::elements() const& {
   return type_ == Type::Array ? static_cast<ArrayNode*>(node_)->value : kEmptyArray;
 }
 
-const Plist& Plist::operator[](std::string_view key) const {
+const Plist& Plist::operator[](std::string_view key) const& {
   const Dictionary& dictionary = items();
   auto found = dictionary.find(key);
   return found == dictionary.end() ? kNull : found->second;
 }
 
-const Plist& Plist::operator[](std::size_t index) const {
+const Plist& Plist::operator[](std::size_t index) const& {
   const Array& array = elements();
   return index < array.size() ? array[index] : kNull;
 }

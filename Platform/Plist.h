@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "FileIO.h"
@@ -90,12 +91,18 @@ class Plist {
 
   // Collections. Reading a missing key, an index out of range, or a value that is not a
   // collection gives a null value.
+  // On a temporary these give values, not references into it, so that
+  // "for (auto& item : readSomething()["key"].items())" cannot run over freed storage.
   std::size_t size() const;
-  const Plist& operator[](std::string_view key) const;
-  const Plist& operator[](std::size_t index) const;
+  const Plist& operator[](std::string_view key) const&;
+  const Plist& operator[](std::size_t index) const&;
+  Plist operator[](std::string_view key) && { return std::as_const(*this)[key]; }
+  Plist operator[](std::size_t index) && { return std::as_const(*this)[index]; }
   bool contains(std::string_view key) const;
-  const Dictionary& items() const;
-  const Array& elements() const;
+  const Dictionary& items() const&;
+  const Array& elements() const&;
+  Dictionary items() && { return std::as_const(*this).items(); }
+  Array elements() && { return std::as_const(*this).elements(); }
   bool containsElement(const Plist& element) const;
 
   // Changing a collection. A value that is not yet a dictionary (or array) becomes an empty one
