@@ -114,6 +114,7 @@ Plist KTSCatalog::downloadCatalogToPathForcingUpdate(const std::string& path, bo
     auto downloader =
         KTSCatalogDownloader::downloaderWithURLLocalPathArchivePrevious(catalogURL_, path, true);
     if (downloader->downloadStatus() == 1) downloader->downloadSynchronously();
+    lastDownloadSucceeded_ = downloader->downloadStatus() == 1;
   }
   if (!KTSUtilities::fileExistsAtPath(path)) return Plist();
   return KTSUtilities::readPropertyListAtPath(path);

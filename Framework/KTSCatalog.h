@@ -103,6 +103,9 @@ class KTSCatalog {
   void setCompositeCatalog(Plist catalog) { compositeCatalog_ = std::move(catalog); }
   const std::optional<ProductIndex>& products() const { return products_; }
   void setProducts(std::optional<ProductIndex> products) { products_ = std::move(products); }
+  // False when the last download of the upstream catalog failed (the sync then merged the copy
+  // it had, if any); true before any download.
+  bool lastDownloadSucceeded() const { return lastDownloadSucceeded_; }
   bool throttleDownloads() const { return throttleDownloads_; }
   void setThrottleDownloads(bool throttle) { throttleDownloads_ = throttle; }
   const LogHandle& logger() const { return log_; }
@@ -124,6 +127,7 @@ class KTSCatalog {
   Plist compositeCatalog_;
   std::optional<ProductIndex> products_;
   bool throttleDownloads_ = false;
+  bool lastDownloadSucceeded_ = true;
   LogHandle log_;
 };
 

@@ -1,6 +1,7 @@
 #include "SyncPass.h"
 
 #include <sys/statvfs.h>
+#include <unistd.h>
 
 #include "FileIO.h"
 #include "HostPaths.h"
@@ -28,6 +29,39 @@ bool isServedState(std::int32_t mirror) {
 }
 
 std::string catalogName(const Url& url) { return lastPathComponent(url.path()); }
+
+// Answers whether the upstream's web server answers at all (any HTTP status counts), so that a
+// pass against an upstream that is down fails at once instead of retrying every product.
+class UpstreamProbe : public TransferReceiver {
+ public:
+  bool answers(const Url& url) {
+    char path[] = "/tmp/ondrd-probe-XXXXXX";
+    int fd = ::mkstemp(path);
+    if (fd < 0) return true;
+    ::close(fd);
+    std::unique_ptr<Transfer> transfer = Transfer::create(url, std::chrono::seconds(30), this);
+    if (transfer) {
+      transfer->setDestination(path);
+      transfer->start();
+      while (!done_) transfer->runEventLoopFor(std::chrono::milliseconds(100));
+    }
+    ::unlink(path);
+    return answered_;
+  }
+
+ private:
+  void transferDidReceiveResponse(const TransferResponse&) override { answered_ = true; }
+  void transferDidReceiveDataOfLength(std::uint64_t) override {}
+  void transferDidFinish() override { done_ = true; }
+  void transferDidFailWithError(const TransferError& error) override {
+    answered_ = answered_ || error.httpStatus != 0;
+    done_ = true;
+  }
+  void transferWillRedirect(const std::string&) override {}
+
+  bool done_ = false;
+  bool answered_ = false;
+};
 
 std::string megabytes(std::uint64_t bytes) {
   return fmt::format("{:.1f} MB", static_cast<double>(bytes) / 1e6);
@@ -73,8 +107,17 @@ PassOutcome SyncPass::run(bool fullSync) {
   } else if (fullSync) {
     rememberCatalogSettings();
   }
-  Plist deprecations = fullSync ? fetchDeprecations() : Plist();
-  loadCatalogs(fullSync, deprecations, outcome);
+  const std::vector<KTSURL>& urls = metaIndex->catalogs();
+  bool reachable = !fullSync || urls.empty() || UpstreamProbe().answers(*urls.front().url());
+  if (!reachable) {
+    outcome.failures.push_back(
+        fmt::format("the upstream {} does not answer; catalogs served as they were",
+                    urls.front().url()->host()));
+    log_.error("The upstream {} does not answer; the catalogs are served as they were.",
+               urls.front().url()->host());
+  }
+  Plist deprecations = fullSync && reachable ? fetchDeprecations() : Plist();
+  loadCatalogs(fullSync && reachable, deprecations, outcome);
   applyChangesToProducts();
   mirrorProducts();
   for (const auto& catalog : catalogs_) {
@@ -246,6 +289,10 @@ void SyncPass::loadCatalogs(bool fullSync, const Plist& deprecations, PassOutcom
     if (fullSync) {
       try {
         catalog->syncCatalogWithDeprecationsForcingUpdate(deprecations, true);
+        if (!catalog->lastDownloadSucceeded() && !interrupted()) {
+          outcome.failures.push_back(
+              fmt::format("{} (download failed; the last copy was used)", catalogName(url)));
+        }
       } catch (const KTSError& failure) {
         if (!interrupted()) {
           outcome.failures.push_back(fmt::format("{} ({})", catalogName(url), failure.what()));

@@ -1,0 +1,288 @@
+// The whole system through its programs: a sample upstream and mirrors on real Apache servers,
+// across the vendor's days, with an administrator, a child server, and faults at pass level.
+#include <httplib.h>
+#include <signal.h>
+
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include "ApacheServer.h"
+#include "KTCatalogKeys.h"
+#include "OndrelTest.h"
+#include "ProgramRunner.h"
+#include "SampleTree.h"
+#include "UpstreamServer.h"
+
+namespace ondrel {
+namespace {
+
+using test::OndrelTest;
+using test::ProgramResult;
+using test::runProgram;
+
+const std::string kNewest =
+    "index-10.12-10.11-10.10-10.9-dogwood-cedar-birch-alder.merged-1.ktcatalog";
+
+// One Ondrel Server with a service root of its own, driven only through its programs.
+class Mirror {
+ public:
+  Mirror(std::string root, int port) : root_(std::move(root)), port_(port) {
+    std::filesystem::create_directories(root_ + "/Library/Server");
+    std::filesystem::create_directories(root_ + "/Library/Preferences");
+  }
+  ~Mirror() { ctl({"web", "stop"}); }
+
+  ProgramResult run(const char* program, const std::vector<std::string>& arguments) const {
+    std::string saved = std::getenv("ONDREL_ROOT");
+    ::setenv("ONDREL_ROOT", root_.c_str(), 1);
+    ProgramResult result = runProgram(program, arguments);
+    ::setenv("ONDREL_ROOT", saved.c_str(), 1);
+    return result;
+  }
+  ProgramResult ctl(const std::vector<std::string>& arguments) const {
+    return run(ONDREL_CTL, arguments);
+  }
+  ProgramResult pass() const { return run(ONDREL_SYNCD, {"--once"}); }
+
+  // Points the mirror at an upstream (the vendor or a parent mirror) and sets its mode.
+  void configure(int upstreamPort, bool automatic) const {
+    for (const std::vector<std::string>& setting :
+         {std::vector<std::string>{
+              "metaIndexURL",
+              fmt::format("http://127.0.0.1:{}/content/meta/config.plist", upstreamPort)},
+          {"publicHostName", "127.0.0.1"},
+          {"portToUse", std::to_string(port_)},
+          {"autoMirror", automatic ? "true" : "false"},
+          {"autoEnable", automatic ? "true" : "false"},
+          {"PurgeUnused", automatic ? "true" : "false"}}) {
+      ProgramResult set = ctl({"config", "set", setting[0], setting[1]});
+      ASSERT_EQ(set.exitStatus, 0) << set.output;
+    }
+  }
+
+  std::string html() const { return root_ + "/Library/Server/Ondrel/Data/html"; }
+  Plist served(const std::string& name = kNewest) const {
+    return Plist::readFile(html() + "/content/catalogs/others/" + name, nullptr).value_or(Plist());
+  }
+  Plist composite(const std::string& name = kNewest) const {
+    return Plist::readFile(html() + "/content/catalogs/others/" + name + ".composite", nullptr)
+        .value_or(Plist())[KTCatalogProductsDictKey];
+  }
+  int port() const { return port_; }
+
+ private:
+  std::string root_;
+  int port_;
+};
+
+class WholeSystemTest : public OndrelTest {
+ protected:
+  void SetUp() override {
+    OndrelTest::SetUp();
+    upstreamPort_ = test::freeLoopbackPort();
+    upstream_ = root_ + "/upstream";
+  }
+  void TearDown() override {
+    sample::stopServingTree(upstream_);
+    OndrelTest::TearDown();
+  }
+
+  void publishEpoch(int epoch, std::uint64_t packageSize = 2048) {
+    sample::TreeOptions tree;
+    tree.outputFolder = upstream_;
+    tree.baseURL = fmt::format("http://127.0.0.1:{}", upstreamPort_);
+    tree.products = 40;
+    tree.epoch = epoch;
+    tree.packageSize = packageSize;
+    sample::generateTree(tree);
+    if (epoch == 0) sample::serveTree(upstream_, "127.0.0.1", upstreamPort_);
+  }
+
+  Plist manifest() const {
+    return Plist::readFile(upstream_ + "/manifest.plist", nullptr).value_or(Plist());
+  }
+  Plist upstreamCatalog() const {
+    return Plist::readFile(upstream_ + "/content/catalogs/others/" + kNewest, nullptr)
+        .value_or(Plist())[KTCatalogProductsDictKey];
+  }
+
+  int upstreamPort_ = 0;
+  std::string upstream_;
+};
+
+// Products a mirror can serve: listed upstream, not a test package, with every file present.
+std::size_t servableCount(const Plist& products, const Plist& manifest) {
+  std::size_t count = 0;
+  for (const auto& [productId, entry] : products.items()) {
+    if (!manifest["cases"]["testUpdate"].containsElement(Plist(productId)) &&
+        !manifest["cases"]["missingDistribution"].containsElement(Plist(productId))) {
+      ++count;
+    }
+  }
+  return count;
+}
+
+TEST_F(WholeSystemTest, AutomaticModeFollowsTheVendorDayByDay) {
+  Mirror mirror(root_ + "/mirror", test::freeLoopbackPort());
+  publishEpoch(0);
+  mirror.configure(upstreamPort_, true);
+  for (int epoch = 0; epoch <= 2; ++epoch) {
+    if (epoch > 0) publishEpoch(epoch);
+    ProgramResult pass = mirror.pass();
+    ASSERT_EQ(pass.exitStatus, 0) << "epoch " << epoch << ": " << pass.output;
+    Plist served = mirror.served()[KTCatalogProductsDictKey];
+    EXPECT_EQ(served.size(), servableCount(upstreamCatalog(), manifest())) << epoch;
+    for (const Plist& withdrawn : manifest()["withdrawnThisEpoch"].elements()) {
+      EXPECT_FALSE(served.contains(withdrawn.stringValue())) << withdrawn.stringValue();
+      EXPECT_FALSE(mirror.composite().contains(withdrawn.stringValue())) << "purged";
+    }
+    for (const Plist& added : manifest()["addedThisEpoch"].elements()) {
+      EXPECT_EQ(mirror.composite()[added.stringValue()]["CompositeProductState"].integerValue(), 1)
+          << added.stringValue();
+    }
+  }
+}
+
+TEST_F(WholeSystemTest, ManualModeRemembersAndAnAdministratorChooses) {
+  Mirror mirror(root_ + "/mirror", test::freeLoopbackPort());
+  publishEpoch(0);
+  mirror.configure(upstreamPort_, false);
+  ASSERT_EQ(mirror.pass().exitStatus, 0);
+  EXPECT_EQ(mirror.served()[KTCatalogProductsDictKey].size(), 0u);
+  ASSERT_EQ(mirror.ctl({"web", "start"}).exitStatus, 0);
+
+  // The administrator mirrors and enables one product; the next pass carries it out.
+  const std::string chosen = "VT-000020";
+  ASSERT_EQ(mirror.ctl({"mirror", chosen}).exitStatus, 0);
+  ASSERT_EQ(mirror.ctl({"enable", chosen}).exitStatus, 0);
+  ASSERT_EQ(mirror.pass().exitStatus, 0);
+  Plist served = mirror.served()[KTCatalogProductsDictKey];
+  ASSERT_EQ(served.size(), 1u);
+  httplib::Client client("127.0.0.1", mirror.port());
+  std::string packageURL = served[chosen][KTCatalogProductPackagesKey][0]["URL"].stringValue();
+  std::string packagePath = packageURL.substr(packageURL.find("/content/"));
+  auto package = client.Get(packagePath.c_str());
+  ASSERT_TRUE(package);
+  EXPECT_EQ(package->status, 200);
+  EXPECT_EQ(package->body, readFile(upstream_ + packagePath));
+
+  ASSERT_EQ(mirror.ctl({"disable", chosen}).exitStatus, 0);
+  ASSERT_EQ(mirror.pass().exitStatus, 0);
+  EXPECT_EQ(mirror.served()[KTCatalogProductsDictKey].size(), 0u) << "withdrawn";
+  EXPECT_TRUE(std::filesystem::exists(mirror.html() + packagePath)) << "files kept";
+  ASSERT_EQ(mirror.ctl({"remove", chosen}).exitStatus, 0);
+  ASSERT_EQ(mirror.pass().exitStatus, 0);
+  EXPECT_FALSE(std::filesystem::exists(mirror.html() + packagePath)) << "packages removed";
+
+  // The vendor's next day: withdrawn products that were never mirrored leave the memory;
+  // new ones arrive as NEW and wait for the administrator.
+  publishEpoch(1);
+  ASSERT_EQ(mirror.pass().exitStatus, 0);
+  Plist composite = mirror.composite();
+  for (const Plist& added : manifest()["addedThisEpoch"].elements()) {
+    EXPECT_EQ(composite[added.stringValue()]["CompositeProductState"].integerValue(), 1);
+  }
+  for (const Plist& withdrawn : manifest()["withdrawnThisEpoch"].elements()) {
+    EXPECT_FALSE(composite.contains(withdrawn.stringValue())) << withdrawn.stringValue();
+  }
+  EXPECT_EQ(mirror.served()[KTCatalogProductsDictKey].size(), 0u);
+}
+
+TEST_F(WholeSystemTest, AChildServerMirrorsOnlyWhatItsParentServes) {
+  Mirror parent(root_ + "/parent", test::freeLoopbackPort());
+  Mirror child(root_ + "/child", test::freeLoopbackPort());
+  publishEpoch(0);
+  parent.configure(upstreamPort_, true);
+  ASSERT_EQ(parent.pass().exitStatus, 0);
+  ASSERT_EQ(parent.ctl({"web", "start"}).exitStatus, 0);
+  ASSERT_EQ(parent.ctl({"disable", "VT-000030"}).exitStatus, 0);
+  ASSERT_EQ(parent.pass().exitStatus, 0);
+  Plist parentServed = parent.served()[KTCatalogProductsDictKey];
+  ASSERT_FALSE(parentServed.contains("VT-000030"));
+
+  child.configure(parent.port(), true);
+  ProgramResult childPass = child.pass();
+  ASSERT_EQ(childPass.exitStatus, 0) << childPass.output;
+  Plist childServed = child.served()[KTCatalogProductsDictKey];
+  EXPECT_EQ(childServed.size(), parentServed.size());
+  for (const auto& [productId, entry] : childServed.items()) {
+    EXPECT_TRUE(parentServed.contains(productId)) << productId;
+  }
+
+  // With the vendor and the parent gone, a client of the child installs from the child alone.
+  ASSERT_EQ(parent.ctl({"web", "stop"}).exitStatus, 0);
+  sample::stopServingTree(upstream_);
+  ASSERT_EQ(child.ctl({"web", "start"}).exitStatus, 0);
+  httplib::Client client("127.0.0.1", child.port());
+  client.set_follow_location(true);
+  auto catalog =
+      client.Get("/index.ktcatalog", {{"User-Agent", "Vantor-Update/1.0 Taltos/16.0.0"}});
+  ASSERT_TRUE(catalog);
+  ASSERT_EQ(catalog->status, 200);
+  Plist clientView = Plist::fromBytes(catalog->body, nullptr).value_or(Plist());
+  const Plist& product = clientView[KTCatalogProductsDictKey]["VT-000020"];
+  std::vector<std::string> urls = {product["ServerMetadataURL"].stringValue()};
+  for (const auto& [language, url] : product[KTCatalogProductDistributionsDictKey].items()) {
+    urls.push_back(url.stringValue());
+  }
+  for (const Plist& package : product[KTCatalogProductPackagesKey].elements()) {
+    urls.push_back(package["URL"].stringValue());
+  }
+  for (const std::string& url : urls) {
+    ASSERT_EQ(url.rfind(fmt::format("http://127.0.0.1:{}/", child.port()), 0), 0u) << url;
+    std::string path = url.substr(url.find("/content/"));
+    auto file = client.Get(path.c_str());
+    ASSERT_TRUE(file) << url;
+    EXPECT_EQ(file->status, 200) << url;
+    if (path.size() > 4 && path.substr(path.size() - 4) == ".pkg") {
+      EXPECT_EQ(file->body, readFile(upstream_ + path));
+    }
+  }
+  child.ctl({"web", "stop"});
+}
+
+TEST_F(WholeSystemTest, PassLevelFaultsAreToldAndMended) {
+  Mirror mirror(root_ + "/mirror", test::freeLoopbackPort());
+  publishEpoch(0);
+  mirror.configure(upstreamPort_, true);
+  ASSERT_EQ(mirror.pass().exitStatus, 0);
+  Plist before = mirror.served()[KTCatalogProductsDictKey];
+
+  // The upstream goes away: the pass fails and says so, and clients keep the catalogs they had.
+  sample::stopServingTree(upstream_);
+  ProgramResult offline = mirror.pass();
+  EXPECT_EQ(offline.exitStatus, 1) << offline.output;
+  ProgramResult status = mirror.ctl({"status", "--json"});
+  EXPECT_NE(status.output.find("\"updateError\": true"), std::string::npos) << status.output;
+  EXPECT_NE(status.output.find("does not answer"), std::string::npos) << status.output;
+  EXPECT_EQ(mirror.served()[KTCatalogProductsDictKey], before);
+
+  // Back again, with one package changed to another size: it is fetched anew.
+  sample::serveTree(upstream_, "127.0.0.1", upstreamPort_);
+  Plist catalog =
+      Plist::readFile(upstream_ + "/content/catalogs/others/" + kNewest, nullptr).value_or(Plist());
+  Plist& entry = catalog.mutableValue(KTCatalogProductsDictKey).mutableValue("VT-000020");
+  Plist& package = entry.mutableValue(KTCatalogProductPackagesKey).mutableElements()[0];
+  package.set(KTCatalogPackageSizeKey, Plist::integer(5000));
+  std::string packagePath =
+      package["URL"].stringValue().substr(package["URL"].stringValue().find("/content/"));
+  writeFile(upstream_ + packagePath, std::string(5000, 'n'));
+  ASSERT_TRUE(catalog.writeXmlFile(upstream_ + "/content/catalogs/others/" + kNewest, nullptr));
+  ProgramResult mended = mirror.pass();
+  EXPECT_EQ(mended.exitStatus, 0) << mended.output;
+  EXPECT_EQ(readFile(mirror.html() + packagePath), std::string(5000, 'n'));
+
+  // A catalog replaced by garbage: the memory of it stays, the error is told.
+  std::string composite =
+      readFile(mirror.html() + "/content/catalogs/others/" + kNewest + ".composite");
+  writeFile(upstream_ + "/content/catalogs/others/" + kNewest, "garbage, not a catalog");
+  ProgramResult garbage = mirror.pass();
+  EXPECT_EQ(garbage.exitStatus, 1);
+  EXPECT_EQ(readFile(mirror.html() + "/content/catalogs/others/" + kNewest + ".composite"),
+            composite);
+  EXPECT_GT(mirror.served()[KTCatalogProductsDictKey].size(), 0u) << "still served";
+}
+
+}  // namespace
+}  // namespace ondrel
