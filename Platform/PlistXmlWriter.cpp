@@ -2,6 +2,7 @@
 // a large catalog costs no more than its buffered output.
 #include <algorithm>
 
+#include "Base64.h"
 #include "DateFormats.h"
 #include "FileIO.h"
 #include "Plist.h"
@@ -151,26 +152,14 @@ class PlistXmlWriter {
     put("</dict>\n");
   }
 
+  // 68 characters of base64 (51 bytes) a line.
   void writeData(const Plist::Bytes& bytes, int depth) {
-    static constexpr char kAlphabet[] =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     indent(depth);
     put("<data>\n");
-    std::string line;
-    for (std::size_t i = 0; i < bytes.size(); i += 3) {
-      std::uint32_t group = static_cast<std::uint32_t>(bytes[i]) << 16;
-      if (i + 1 < bytes.size()) group |= static_cast<std::uint32_t>(bytes[i + 1]) << 8;
-      if (i + 2 < bytes.size()) group |= bytes[i + 2];
-      line += kAlphabet[(group >> 18) & 63];
-      line += kAlphabet[(group >> 12) & 63];
-      line += i + 1 < bytes.size() ? kAlphabet[(group >> 6) & 63] : '=';
-      line += i + 2 < bytes.size() ? kAlphabet[group & 63] : '=';
-      if (line.size() >= 68 || i + 3 >= bytes.size()) {
-        indent(depth);
-        put(line);
-        put("\n");
-        line.clear();
-      }
+    for (std::size_t i = 0; i < bytes.size(); i += 51) {
+      indent(depth);
+      put(base64Encoded(bytes.data() + i, std::min<std::size_t>(51, bytes.size() - i)));
+      put("\n");
     }
     indent(depth);
     put("</data>\n");

@@ -14,7 +14,7 @@ namespace ondrel {
 namespace {
 
 using test::OndrelTest;
-using test::PackageSpec;
+using test::PackageFiles;
 using test::UpstreamFiles;
 
 Plist metadata(const std::string& title, const std::string& version) {

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "Base64.h"
 #include "Ctl.h"
 #include "DateFormats.h"
 #include "KTSLogger.h"
@@ -49,22 +50,6 @@ std::string quoted(const std::string& text) {
   return out + "\"";
 }
 
-std::string base64(const Plist::Bytes& bytes) {
-  static constexpr char kAlphabet[] =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string out;
-  for (std::size_t i = 0; i < bytes.size(); i += 3) {
-    std::uint32_t group = static_cast<std::uint32_t>(bytes[i]) << 16;
-    if (i + 1 < bytes.size()) group |= static_cast<std::uint32_t>(bytes[i + 1]) << 8;
-    if (i + 2 < bytes.size()) group |= bytes[i + 2];
-    out += kAlphabet[(group >> 18) & 63];
-    out += kAlphabet[(group >> 12) & 63];
-    out += i + 1 < bytes.size() ? kAlphabet[(group >> 6) & 63] : '=';
-    out += i + 2 < bytes.size() ? kAlphabet[group & 63] : '=';
-  }
-  return out;
-}
-
 }  // namespace
 
 std::string toJson(const Plist& value, int indent) {
@@ -84,7 +69,7 @@ std::string toJson(const Plist& value, int indent) {
     case Plist::Type::Date:
       return quoted(formatRfc3339Date(*value.dateValue()));
     case Plist::Type::Data:
-      return quoted(base64(value.dataValue()));
+      return quoted(base64Encoded(value.dataValue().data(), value.dataValue().size()));
     case Plist::Type::Array: {
       if (value.size() == 0) return "[]";
       std::string out = "[\n";

@@ -39,18 +39,18 @@ void UpstreamFiles::remove(const std::string& path) {
 }
 
 Plist UpstreamFiles::entry(const std::vector<std::pair<std::string, std::string>>& distributions,
-                           const std::vector<PackageSpec>& packages) const {
+                           const std::vector<PackageFiles>& packages) const {
   Plist entry = Plist::dictionary();
   Plist languages = Plist::dictionary();
   for (const auto& [language, path] : distributions) languages.set(language, url(path));
   entry.set(KTCatalogProductDistributionsDictKey, languages);
   Plist list = Plist::array();
-  for (const PackageSpec& spec : packages) {
+  for (const PackageFiles& files : packages) {
     Plist package = Plist::dictionary();
-    package.set(KTCatalogPackageURLStringKey, url(spec.path));
-    if (spec.size) package.set(KTCatalogPackageSizeKey, Plist::integer(*spec.size));
-    if (!spec.metadataPath.empty()) {
-      package.set(KTCatalogPackageMetadataURLStringKey, url(spec.metadataPath));
+    package.set(KTCatalogPackageURLStringKey, url(files.path));
+    if (files.size) package.set(KTCatalogPackageSizeKey, Plist::integer(*files.size));
+    if (!files.metadataPath.empty()) {
+      package.set(KTCatalogPackageMetadataURLStringKey, url(files.metadataPath));
     }
     list.append(package);
   }

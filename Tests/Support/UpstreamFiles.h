@@ -12,7 +12,7 @@
 
 namespace ondrel::test {
 
-struct PackageSpec {
+struct PackageFiles {
   std::string path;
   std::optional<std::int64_t> size;
   std::string metadataPath;  // empty: no metadata URL
@@ -29,7 +29,7 @@ class UpstreamFiles {
   int requestCount() const { return server_.requestCount(); }
   // A catalog entry with these distributions (language to path) and packages.
   Plist entry(const std::vector<std::pair<std::string, std::string>>& distributions,
-              const std::vector<PackageSpec>& packages) const;
+              const std::vector<PackageFiles>& packages) const;
 
  private:
   LoopbackServer server_;
