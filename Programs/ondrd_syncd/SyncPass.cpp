@@ -119,7 +119,7 @@ PassOutcome SyncPass::run(bool fullSync) {
   Plist deprecations = fullSync && reachable ? fetchDeprecations() : Plist();
   loadCatalogs(fullSync && reachable, deprecations, outcome);
   applyChangesToProducts();
-  mirrorProducts();
+  mirrorProducts(outcome);
   for (const auto& catalog : catalogs_) {
     if (!catalog->products()) continue;
     for (const auto& [productId, product] : *catalog->products()) product->applyPendingEnable();
@@ -335,7 +335,7 @@ bool SyncPass::fitsOnVolume(const KTSProduct& product) {
   return false;
 }
 
-void SyncPass::mirrorProducts() {
+void SyncPass::mirrorProducts(PassOutcome& outcome) {
   auto workingSet = KTSWorkingSet::defaultWorkingSet();
   std::set<std::string> seen;
   for (const auto& catalog : catalogs_) {
@@ -351,10 +351,19 @@ void SyncPass::mirrorProducts() {
                           static_cast<std::uint64_t>(product->downloadedSize().integerValue()),
                           std::chrono::steady_clock::now() - start);
       }
-      // One product's failure never fails the pass: it is told and tried again next time.
+      // One product's failure never fails the pass: it is told and tried again next time. An
+      // upstream that stopped answering does, and the products after it wait for the next pass.
       if (!complete && !interrupted()) {
         log_.warning("Product {} could not be mirrored completely; the next pass tries again.",
                      productId);
+        const Url& upstream = *KTSMetaIndex::defaultMetaIndex()->catalogs().front().url();
+        if (!UpstreamProbe().answers(upstream)) {
+          outcome.failures.push_back(fmt::format(
+              "the upstream {} stopped answering while products were mirrored", upstream.host()));
+          log_.error("The upstream {} stopped answering; mirroring waits for the next pass.",
+                     upstream.host());
+          return;
+        }
       }
       carryStateToOtherInstances(*product);
       workingSet->updateProductStatus(*product);

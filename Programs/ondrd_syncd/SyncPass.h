@@ -57,7 +57,7 @@ class SyncPass {
   Plist fetchDeprecations();
   void loadCatalogs(bool fullSync, const Plist& deprecations, PassOutcome& outcome);
   void applyChangesToProducts();
-  void mirrorProducts();
+  void mirrorProducts(PassOutcome& outcome);
   bool fitsOnVolume(const KTSProduct& product);
   void carryStateToOtherInstances(const KTSProduct& mirrored);
   void saveState();

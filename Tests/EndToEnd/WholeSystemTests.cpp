@@ -258,6 +258,44 @@ TEST_F(WholeSystemTest, PassLevelFaultsAreToldAndMended) {
   EXPECT_NE(status.output.find("does not answer"), std::string::npos) << status.output;
   EXPECT_EQ(mirror.served()[KTCatalogProductsDictKey], before);
 
+  // Back again, then gone in the middle of a pass that mirrors a large new package.
+  sample::serveTree(upstream_, "127.0.0.1", upstreamPort_);
+  Plist bigCatalog =
+      Plist::readFile(upstream_ + "/content/catalogs/others/" + kNewest, nullptr).value_or(Plist());
+  Plist& bigPackage = bigCatalog.mutableValue(KTCatalogProductsDictKey)
+                          .mutableValue("VT-000021")
+                          .mutableValue(KTCatalogProductPackagesKey)
+                          .mutableElements()[0];
+  std::string bigPath =
+      bigPackage["URL"].stringValue().substr(bigPackage["URL"].stringValue().find("/content/"));
+  writeFile(upstream_ + bigPath, std::string(24 << 20, 'b'));
+  bigPackage.set(KTCatalogPackageSizeKey, Plist::integer(24 << 20));
+  ASSERT_TRUE(bigCatalog.writeXmlFile(upstream_ + "/content/catalogs/others/" + kNewest, nullptr));
+  ASSERT_EQ(mirror.ctl({"config", "set", "syncBandwidth", "4096"}).exitStatus, 0);
+  std::string saved = std::getenv("ONDREL_ROOT");
+  ::setenv("ONDREL_ROOT", (root_ + "/mirror").c_str(), 1);
+  test::BackgroundProgram running(ONDREL_SYNCD, {"--once"});
+  ::setenv("ONDREL_ROOT", saved.c_str(), 1);
+  auto partialSize = [&] {
+    std::error_code error;
+    std::uintmax_t size =
+        std::filesystem::file_size(mirror.html() + bigPath + ".downloading", error);
+    return error ? 0 : size;
+  };
+  for (int wait = 0; wait < 600 && partialSize() < (1 << 20); ++wait) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  ASSERT_GE(partialSize(), 1u << 20) << "the large package never started";
+  sample::stopServingTree(upstream_);
+  ProgramResult cut = running.wait(std::chrono::seconds(60));
+  EXPECT_EQ(cut.exitStatus, 1) << cut.output;
+  EXPECT_NE(cut.output.find("stopped answering"), std::string::npos) << cut.output;
+  EXPECT_FALSE(std::filesystem::exists(mirror.html() + bigPath)) << "no partial file in place";
+  // The product whose new package is incomplete is not served; the others are as they were.
+  EXPECT_FALSE(mirror.served()[KTCatalogProductsDictKey].contains("VT-000021"));
+  EXPECT_EQ(mirror.served()[KTCatalogProductsDictKey].size(), before.size() - 1);
+  ASSERT_EQ(mirror.ctl({"config", "set", "syncBandwidth", "0"}).exitStatus, 0);
+
   // Back again, with one package changed to another size: it is fetched anew.
   sample::serveTree(upstream_, "127.0.0.1", upstreamPort_);
   Plist catalog =
@@ -272,6 +310,8 @@ TEST_F(WholeSystemTest, PassLevelFaultsAreToldAndMended) {
   ProgramResult mended = mirror.pass();
   EXPECT_EQ(mended.exitStatus, 0) << mended.output;
   EXPECT_EQ(readFile(mirror.html() + packagePath), std::string(5000, 'n'));
+  EXPECT_EQ(std::filesystem::file_size(mirror.html() + bigPath), 24u << 20) << "completed";
+  EXPECT_TRUE(mirror.served()[KTCatalogProductsDictKey].contains("VT-000021"));
 
   // A catalog replaced by garbage: the memory of it stays, the error is told.
   std::string composite =
