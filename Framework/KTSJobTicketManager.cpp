@@ -40,8 +40,22 @@ bool KTSJobTicketManager::isWriteInProgress(const std::string& fileName,
   return modified && Clock::now() - *modified < kWriteInProgressAge;
 }
 
+std::vector<std::shared_ptr<KTSJobTicket>> KTSJobTicketManager::openJobs() const {
+  std::vector<std::shared_ptr<KTSJobTicket>> tickets;
+  tickets.reserve(openJobs_.size());
+  for (const auto& [arrival, ticket] : openJobs_) tickets.push_back(ticket);
+  return tickets;
+}
+
+void KTSJobTicketManager::remember(std::shared_ptr<KTSJobTicket> ticket) {
+  std::uint64_t arrival = nextArrival_++;
+  arrivalsByKey_[{ticket->jobType(), ticket->productId().value_or("")}].insert(arrival);
+  openJobs_.emplace(arrival, std::move(ticket));
+}
+
 void KTSJobTicketManager::refresh() {
   openJobs_.clear();
+  arrivalsByKey_.clear();
   if (!KTSUtilities::directoryExistsAtPath(jobsPath_)) return;
   std::error_code error;
   std::filesystem::directory_iterator entries(jobsPath_, error);
@@ -62,7 +76,7 @@ void KTSJobTicketManager::refresh() {
       log_.debug("JTKT: warning - discarding file: {} (invalid/expired ticket)", name);
       if (judged) discarded.emplace_back(fullPath, *judged);
     } else {
-      openJobs_.push_back(ticket);
+      remember(ticket);
     }
   }
   for (const auto& [fullPath, identity] : discarded) {
@@ -72,10 +86,9 @@ void KTSJobTicketManager::refresh() {
 
 std::shared_ptr<KTSJobTicket> KTSJobTicketManager::findTicketOfTypeForProduct(
     std::int64_t jobType, const std::string& productId) const {
-  auto found = std::find_if(openJobs_.begin(), openJobs_.end(), [&](const auto& ticket) {
-    return ticket->jobType() == jobType && ticket->productId() == productId;
-  });
-  return found == openJobs_.end() ? nullptr : *found;
+  auto arrivals = arrivalsByKey_.find({jobType, productId});
+  if (arrivals == arrivalsByKey_.end() || arrivals->second.empty()) return nullptr;
+  return openJobs_.at(*arrivals->second.begin());
 }
 
 bool KTSJobTicketManager::hasTicketOfTypeForProduct(std::int64_t jobType,
@@ -98,7 +111,7 @@ void KTSJobTicketManager::addTicketOfTypeForProduct(std::int64_t jobType,
   auto ticket = KTSJobTicket::ticketWithProductIdJobTypeInDirectory(productId, jobType, jobsPath_);
   log_.debug("JTKT: adding new ticket (\"{}\") for product: {}", ticket->typeDescription(),
              productId);
-  if (ticket->saveAsDictionary()) openJobs_.push_back(ticket);
+  if (ticket->saveAsDictionary()) remember(ticket);
 }
 
 void KTSJobTicketManager::deleteTicketOfTypeForProduct(std::int64_t jobType,
@@ -108,17 +121,21 @@ void KTSJobTicketManager::deleteTicketOfTypeForProduct(std::int64_t jobType,
   log_.debug("JTKT: removing pending ticket (\"{}\") for product: {}", ticket->typeDescription(),
              productId);
   ticket->removeDictionary();
-  openJobs_.erase(std::find(openJobs_.begin(), openJobs_.end(), ticket));
+  auto arrivals = arrivalsByKey_.find({jobType, productId});
+  openJobs_.erase(*arrivals->second.begin());
+  arrivals->second.erase(arrivals->second.begin());
+  if (arrivals->second.empty()) arrivalsByKey_.erase(arrivals);
 }
 
 void KTSJobTicketManager::deleteAllTickets() {
   log_.debug("JTKT: removing all pending job tickets (total {})", openJobs_.size());
-  for (const auto& ticket : openJobs_) {
+  for (const auto& [arrival, ticket] : openJobs_) {
     log_.debug("JTKT: removing pending ticket for \"{} {}\"", ticket->typeDescription(),
                ticket->productId().value_or(""));
     ticket->removeDictionary();
   }
   openJobs_.clear();
+  arrivalsByKey_.clear();
 }
 
 }  // namespace ondrel

@@ -5,8 +5,11 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "KTSJobTicket.h"
@@ -38,15 +41,22 @@ class KTSJobTicketManager {
 
   const std::string& jobsPath() const { return jobsPath_; }
   void setJobsPath(std::string path) { jobsPath_ = std::move(path); }
-  const std::vector<std::shared_ptr<KTSJobTicket>>& openJobs() const { return openJobs_; }
+  // The open tickets, in the order they were read or added.
+  std::vector<std::shared_ptr<KTSJobTicket>> openJobs() const;
   const std::shared_ptr<KTSPreferences>& prefs() const { return prefs_; }
   void setPrefs(std::shared_ptr<KTSPreferences> prefs) { prefs_ = std::move(prefs); }
 
  private:
+  using TicketKey = std::pair<std::int64_t, std::string>;
   bool isWriteInProgress(const std::string& fileName, const std::string& fullPath) const;
+  void remember(std::shared_ptr<KTSJobTicket> ticket);
 
   std::string jobsPath_;
-  std::vector<std::shared_ptr<KTSJobTicket>> openJobs_;
+  // The open tickets by arrival, and their arrival numbers by type and product, so that finding,
+  // adding and deleting one costs a lookup, not a scan of them all.
+  std::map<std::uint64_t, std::shared_ptr<KTSJobTicket>> openJobs_;
+  std::map<TicketKey, std::set<std::uint64_t>> arrivalsByKey_;
+  std::uint64_t nextArrival_ = 0;
   std::shared_ptr<KTSPreferences> prefs_;
   LogHandle log_;
 };

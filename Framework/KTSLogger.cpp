@@ -1,5 +1,7 @@
 #include "KTSLogger.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 
 #include "HostPaths.h"
@@ -120,6 +122,14 @@ void KTSLogger::logMessageWithLevelSource(const std::string& message, std::int64
 }
 
 void KTSLogger::refreshUserDefaults() {
+  struct stat status {};
+  std::string stamp = "missing";
+  if (::stat(userDefaultsPath().c_str(), &status) == 0) {
+    stamp = fmt::format("{}.{}:{}:{}", status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_ino,
+                        status.st_size);
+  }
+  if (stamp == userDefaultsStamp_) return;
+  userDefaultsStamp_ = stamp;
   // Read quietly: the utilities that would report a bad file log through this very logger.
   std::optional<Plist> defaults = Plist::readFile(userDefaultsPath(), nullptr, kSmallFileReadLimit);
   const Plist& settings = defaults ? *defaults : Plist();

@@ -48,7 +48,14 @@ class KTSLogger {
   void logBreak();
   void logMessageWithLevelSource(const std::string& message, std::int64_t level,
                                  const std::optional<std::string>& source);
+  // Reads the switches again when the user-defaults file changed since the last read (its
+  // modification time at full resolution, its inode or its size).
   void refreshUserDefaults();
+  // Refreshes the switches and tells whether debug messages are written.
+  bool isDebugLoggingOn() {
+    refreshUserDefaults();
+    return enableDebugLogging_;
+  }
   bool openVSLLog();
   void closeVSLLog();
 
@@ -68,6 +75,7 @@ class KTSLogger {
   std::unique_ptr<JournalConnection> vslClient_;
   bool enableDebugLogging_ = false;
   bool showLogSource_ = false;
+  std::optional<std::string> userDefaultsStamp_;
 };
 
 // A class's hold on the logger it found at construction. Formats with fmt and forwards to the
@@ -97,9 +105,12 @@ class LogHandle {
   void error(fmt::format_string<Args...> format, Args&&... args) const {
     if (logger_) logger_->logError(fmt::format(format, std::forward<Args>(args)...));
   }
+  // The message is formatted only when debug logging is on.
   template <typename... Args>
   void debug(fmt::format_string<Args...> format, Args&&... args) const {
-    if (logger_) logger_->logDebug(fmt::format(format, std::forward<Args>(args)...), std::nullopt);
+    if (!logger_ || !logger_->isDebugLoggingOn()) return;
+    logger_->logMessageWithLevelSource(fmt::format(format, std::forward<Args>(args)...),
+                                       KTSLogger::Debug, std::nullopt);
   }
 
  private:
