@@ -201,7 +201,8 @@ TEST_F(KTSProductMirrorTest, AKilledDownloadIsCompletedByTheNextRun) {
     _exit(0);
   }
   const std::string partial = local("/d/P1/big.pkg.downloading");
-  for (int i = 0; i < 1000 && sizeOf(partial) < (2 << 20); ++i) usleep(10000);
+  // Generous: under the sanitizers on a busy machine the child may start slowly.
+  for (int i = 0; i < 1200 && sizeOf(partial) < (2 << 20); ++i) usleep(50000);
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
   EXPECT_GE(sizeOf(partial), 2 << 20) << "killed in the middle of the file";
