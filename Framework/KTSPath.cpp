@@ -17,6 +17,12 @@ KTSPath KTSPath::pathWithLocalFilePathParentHost(const std::string& localPath,
   return KTSPath(Url::parse(fmt::format("http://{}/{}", parentHost, rest)));
 }
 
+bool KTSPath::isInsideHtmlFolder(const std::string& path) {
+  std::string html =
+      standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath()) + "/";
+  return standardizingPath(path).compare(0, html.size(), html) == 0;
+}
+
 std::optional<std::string> KTSPath::asLocalPath() const {
   if (!parentServerURL_) return std::nullopt;
   return appendingPathComponent(KTSPreferences::defaultPreferences()->updatesHtmlPath(),

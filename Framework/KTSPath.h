@@ -23,6 +23,10 @@ class KTSPath {
   explicit KTSPath(std::optional<Url> parentServerURL)
       : parentServerURL_(std::move(parentServerURL)) {}
 
+  // True when path, standardised as text, names something below the document root's html
+  // folder. Every file the server writes, reads or removes for a URL from outside passes this.
+  static bool isInsideHtmlFolder(const std::string& path);
+
   // The local file: the document root's html folder joined with the parent URL's path.
   // None for a null parent URL.
   std::optional<std::string> asLocalPath() const;

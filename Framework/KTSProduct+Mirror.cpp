@@ -54,16 +54,6 @@ bool hasEncodedDotSegment(const Url& url) {
   return false;
 }
 
-std::string htmlFolder() {
-  return standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath());
-}
-
-// True when path, read as text, names something inside the html folder.
-bool liesInsideHtmlFolder(const std::string& path) {
-  std::string html = htmlFolder() + "/";
-  return standardizingPath(path).compare(0, html.size(), html) == 0;
-}
-
 std::string notInUpdatesFolder(const std::string& documentRoot) {
   return fmt::format("file download path is not part of updates folder (should be \"{}\")",
                      documentRoot);
@@ -106,7 +96,7 @@ std::optional<std::string> refusalBeforeCreatingFolder(const std::optional<Url>&
   if (!url || url->scheme().rfind("http", 0) != 0) {
     return "file URL contains invalid scheme (should be \"http\")";
   }
-  if (!liesInsideHtmlFolder(destPath) || hasEncodedDotSegment(*url)) {
+  if (!KTSPath::isInsideHtmlFolder(destPath) || hasEncodedDotSegment(*url)) {
     return notInUpdatesFolder(KTSPreferences::defaultPreferences()->updatesDocRoot());
   }
   std::string reason;
@@ -209,7 +199,7 @@ void KTSProduct::downloadNextFile() {
   for (int attempt = 0; attempt < kFileDownloadAttempts; ++attempt) {
     if (downloadStatus_ == FileSuspect) {
       log_.debug("PROD: {} ({}) removing suspect file.", id(), fileName);
-      if (!liesInsideHtmlFolder(localPath) || !KTSUtilities::removePath(localPath)) return;
+      if (!KTSPath::isInsideHtmlFolder(localPath) || !KTSUtilities::removePath(localPath)) return;
       downloadStatus_ = FileAbsent;
     }
     if (downloadStatus_ == FileAbsent) {
@@ -259,7 +249,7 @@ void KTSProduct::downloadFileWithInfo(const Plist& fileInfo) {
 
   std::optional<std::int64_t> expectedSize;
   if (size.isNumber()) expectedSize = size.integerValue();
-  if (!replace && liesInsideHtmlFolder(localPath) &&
+  if (!replace && KTSPath::isInsideHtmlFolder(localPath) &&
       KTSUtilities::fileExistsAtPathWithSize(localPath, expectedSize)) {
     log_.debug("PROD: {}:   ...download skipped, file exists with expected size: {}", id(),
                fileName);
@@ -320,7 +310,7 @@ bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo) const {
   const std::string fileName = lastPathComponent(localPath);
   const Plist& size = fileInfo[kFileSizeKey];
   log_.debug("PROD: {}: verifying: {}; size: {}", id(), fileName, sizeText(size, "(N/A)"));
-  if (!liesInsideHtmlFolder(localPath) || !KTSUtilities::fileExistsAtPath(localPath)) {
+  if (!KTSPath::isInsideHtmlFolder(localPath) || !KTSUtilities::fileExistsAtPath(localPath)) {
     log_.debug("PROD: {}: verification failed; file not found: {}", id(), fileName);
     return false;
   }
@@ -361,7 +351,7 @@ void KTSProduct::removeAllFiles() {
   if (metadataPath) {
     std::string folder = deletingLastPathComponent(deletingLastPathComponent(*metadataPath));
     // The folder two levels up must still be a product's folder below the html folder.
-    if (liesInsideHtmlFolder(folder) && KTSUtilities::directoryExistsAtPath(folder)) {
+    if (KTSPath::isInsideHtmlFolder(folder) && KTSUtilities::directoryExistsAtPath(folder)) {
       log_.debug("PROD: {}: removing product update downloads folder", id());
       KTSUtilities::removePath(folder);
     }
@@ -374,7 +364,7 @@ void KTSProduct::removeAllMirroredFiles() {
   for (const Plist& record : mirrorFiles_.elements()) {
     const std::string& localPath = record[kFileLocalPathKey].stringValue();
     std::string extension = pathExtension(localPath);
-    if (extension == "dist" || extension == "smd" || !liesInsideHtmlFolder(localPath) ||
+    if (extension == "dist" || extension == "smd" || !KTSPath::isInsideHtmlFolder(localPath) ||
         !KTSUtilities::fileExistsAtPath(localPath)) {
       continue;
     }

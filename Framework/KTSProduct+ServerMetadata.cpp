@@ -32,12 +32,8 @@ std::optional<Url> firstDistributionURL(const Plist& entry) {
 
 std::optional<std::string> KTSProduct::localPathInsideDocumentRoot(const std::optional<Url>& url) {
   std::optional<std::string> localPath = KTSPath(url).asLocalPath();
-  if (!localPath) return std::nullopt;
-  std::string standardized = standardizingPath(*localPath);
-  std::string html =
-      standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath()) + "/";
-  if (standardized.compare(0, html.size(), html) != 0) return std::nullopt;
-  return standardized;
+  if (!localPath || !KTSPath::isInsideHtmlFolder(*localPath)) return std::nullopt;
+  return standardizingPath(*localPath);
 }
 
 std::optional<std::string> KTSProduct::enclosingDir() const {

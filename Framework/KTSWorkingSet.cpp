@@ -292,10 +292,16 @@ std::int32_t KTSWorkingSet::mirrorSettingForProductID(const std::string& product
 
 void KTSWorkingSet::setMirrorSettingForProductID(std::int32_t state,
                                                  const std::optional<std::string>& productId) {
+  setSettingForProductID("mirror", Plist(KTSProduct::mirrorStringForState(state)), productId);
+}
+
+// The copy of a missing record is empty and gets no setting; it is stored all the same.
+void KTSWorkingSet::setSettingForProductID(const char* key, Plist value,
+                                           const std::optional<std::string>& productId) {
   if (!productId) return;
   Plist record = products_[*productId];
   if (record.isDictionary()) {
-    record.set("mirror", KTSProduct::mirrorStringForState(state));
+    record.set(key, std::move(value));
   } else {
     record = Plist::dictionary();
   }
@@ -308,14 +314,7 @@ bool KTSWorkingSet::enableSettingForProductID(const std::string& productId) cons
 
 void KTSWorkingSet::setEnableSettingForProductID(bool enable,
                                                  const std::optional<std::string>& productId) {
-  if (!productId) return;
-  Plist record = products_[*productId];
-  if (record.isDictionary()) {
-    record.set("enable", Plist::boolean(enable));
-  } else {
-    record = Plist::dictionary();
-  }
-  setProductDictForID(record, *productId);
+  setSettingForProductID("enable", Plist::boolean(enable), productId);
 }
 
 }  // namespace ondrel

@@ -69,6 +69,8 @@ class KTSWorkingSet {
     bool operator==(const FileStamp&) const = default;
   };
   FileStamp currentFileStamp() const;
+  void setSettingForProductID(const char* key, Plist value,
+                              const std::optional<std::string>& productId);
 
   std::string currentPath_;
   Plist products_;

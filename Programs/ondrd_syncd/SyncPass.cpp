@@ -10,6 +10,7 @@
 #include "KTSJobTicket.h"
 #include "KTSJobTicketManager.h"
 #include "KTSMetaIndex.h"
+#include "KTSPath.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSRequestManager.h"
@@ -239,33 +240,38 @@ void SyncPass::applyChangesToProducts() {
   }
 }
 
-bool SyncPass::catalogSettingsChanged() const {
+namespace {
+
+// What the meta-index is built from, and where the last pass that built it recorded it.
+std::string catalogSettings() {
   auto preferences = KTSPreferences::defaultPreferences();
   std::optional<Url> metaIndexURL = preferences->metaIndexURL();
-  std::string settings =
-      fmt::format("{}\n{}", metaIndexURL ? metaIndexURL->text() : "", preferences->otherCatalogs());
-  std::string recorded;
-  std::string path = preferences->statusWorkingPathForPath(
+  return fmt::format("{}\n{}", metaIndexURL ? metaIndexURL->text() : "",
+                     preferences->otherCatalogs());
+}
+
+std::string catalogSettingsPath() {
+  return KTSPreferences::defaultPreferences()->statusWorkingPathForPath(
       fixedPath("/Library/Server/Ondrel/Status/.catalog_settings"));
-  return !readWholeFile(path, &recorded, nullptr, kSmallFileReadLimit) || recorded != settings;
+}
+
+}  // namespace
+
+bool SyncPass::catalogSettingsChanged() const {
+  std::string recorded;
+  return !readWholeFile(catalogSettingsPath(), &recorded, nullptr, kSmallFileReadLimit) ||
+         recorded != catalogSettings();
 }
 
 void SyncPass::rememberCatalogSettings() const {
-  auto preferences = KTSPreferences::defaultPreferences();
-  std::optional<Url> metaIndexURL = preferences->metaIndexURL();
-  std::string settings =
-      fmt::format("{}\n{}", metaIndexURL ? metaIndexURL->text() : "", preferences->otherCatalogs());
-  KTSUtilities::writeStringToPath(
-      settings, preferences->statusWorkingPathForPath(
-                    fixedPath("/Library/Server/Ondrel/Status/.catalog_settings")));
+  KTSUtilities::writeStringToPath(catalogSettings(), catalogSettingsPath());
 }
 
 Plist SyncPass::fetchDeprecations() {
   auto metaIndex = KTSMetaIndex::defaultMetaIndex();
   std::optional<Url> url = metaIndex->deprecationsURL();
   std::optional<std::string> path = metaIndex->deprecationsLocalPath();
-  std::string html = standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath());
-  if (!url || !path || standardizingPath(*path).rfind(html + "/", 0) != 0) return Plist();
+  if (!url || !path || !KTSPath::isInsideHtmlFolder(*path)) return Plist();
   if (!KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*path)) ||
       !KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(*url, *path, true,
                                                                              true)) {
@@ -399,10 +405,9 @@ void SyncPass::saveState() {
 }
 
 void SyncPass::writeServedCatalogs(PassOutcome& outcome) {
-  std::string html = standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath());
   for (const auto& catalog : catalogs_) {
     std::string path = servedCatalogPath(catalog->catalogURL());
-    if (path.rfind(html + "/", 0) != 0) continue;
+    if (!KTSPath::isInsideHtmlFolder(path)) continue;
     Plist served = catalog->compositeCatalog().isDictionary() ? catalog->compositeCatalog()
                                                               : Plist::dictionary();
     Plist products = Plist::dictionary();
