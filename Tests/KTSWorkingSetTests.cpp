@@ -10,6 +10,7 @@
 #include "KTSProduct.h"
 #include "KTSWorkingSet.h"
 #include "OndrelTest.h"
+#include "ProductArchives.h"
 
 namespace ondrel {
 namespace {
@@ -18,20 +19,7 @@ using test::OndrelTest;
 
 std::shared_ptr<KTSProduct> product(const std::string& id, const char* mirror = "DoNotMirror",
                                     bool enabled = false) {
-  Plist archive = Plist::dictionary();
-  archive.set("productId", id);
-  archive.set("mirror", mirror);
-  archive.set("enabled", Plist::boolean(enabled));
-  archive.set("enableWhenMirrored", Plist::boolean(false));
-  archive.set("version", "1.0");
-  archive.set("localization", Plist::dictionary());
-  archive.set("postDate", Plist::date(*parseRfc3339Date("2016-09-20T17:00:00Z")));
-  archive.set("restartAction", "RequireRestart");
-  Plist master = Plist::dictionary();
-  master.set("CompositeProductState", Plist::integer(2));
-  master.set("Internal-BuildVersion", "16A1");
-  archive.set("masterRepresentation", master);
-  return KTSProduct::productWithArchiveRepresentation(archive);
+  return test::archivedProduct(id, mirror, enabled);
 }
 
 class KTSWorkingSetTest : public OndrelTest {

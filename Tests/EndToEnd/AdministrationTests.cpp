@@ -14,6 +14,7 @@
 #include "KTSRequestManager.h"
 #include "KTSWorkingSet.h"
 #include "OndrelTest.h"
+#include "ProductArchives.h"
 #include "ProgramRunner.h"
 #include "SampleTree.h"
 #include "UpstreamServer.h"
@@ -41,18 +42,11 @@ class AdministrationTest : public OndrelTest {
              {"VT-000001", "Mirrored", true},
              {"VT-000002", "PleaseMirror", false},
              {"VT-000003", "DoNotMirror", false}}) {
-      Plist archive = Plist::dictionary();
-      archive.set("productId", id);
-      archive.set("mirror", mirror);
-      archive.set("enabled", Plist::boolean(enabled));
-      archive.set("enableWhenMirrored", Plist::boolean(false));
+      Plist archive = test::productArchive(id, mirror, enabled);
       archive.set("version", "1.2");
       Plist english = Plist::dictionary();
       english.set("title", id == "VT-000002" ? "Vantor Maps Update" : "Vantor Mail Update");
-      Plist localization = Plist::dictionary();
-      localization.set("English", english);
-      archive.set("localization", localization);
-      archive.set("postDate", Plist::date(*parseRfc3339Date("2016-09-20T17:00:00Z")));
+      archive.mutableValue("localization").set("English", english);
       archive.set("totalDownloadSize", Plist::integer(4096));
       products[id] = KTSProduct::productWithArchiveRepresentation(archive);
     }

@@ -1,10 +1,14 @@
 // The whole system through its programs: a sample upstream and mirrors on real Apache servers,
 // across the vendor's days, with an administrator, a child server, and faults at pass level.
+#include <fcntl.h>
 #include <httplib.h>
 #include <signal.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <thread>
 
 #include "ApacheServer.h"
@@ -44,6 +48,19 @@ class Mirror {
     return run(ONDREL_CTL, arguments);
   }
   ProgramResult pass() const { return run(ONDREL_SYNCD, {"--once"}); }
+  std::unique_ptr<test::BackgroundProgram> start(const std::vector<std::string>& arguments) const {
+    std::string saved = std::getenv("ONDREL_ROOT");
+    ::setenv("ONDREL_ROOT", root_.c_str(), 1);
+    auto program = std::make_unique<test::BackgroundProgram>(ONDREL_SYNCD, arguments);
+    ::setenv("ONDREL_ROOT", saved.c_str(), 1);
+    return program;
+  }
+  // The line of "ondrelctl status --json" that holds key, or "" when there is none.
+  std::string status(const std::string& key) const {
+    std::string json = ctl({"status", "--json"}).output;
+    std::size_t at = json.find("\"" + key + "\": ");
+    return at == std::string::npos ? "" : json.substr(at, json.find('\n', at) - at);
+  }
 
   // Points the mirror at an upstream (the vendor or a parent mirror) and sets its mode.
   void configure(int upstreamPort, bool automatic) const {
@@ -70,6 +87,7 @@ class Mirror {
         .value_or(Plist())[KTCatalogProductsDictKey];
   }
   int port() const { return port_; }
+  const std::string& root() const { return root_; }
 
  private:
   std::string root_;
@@ -96,7 +114,20 @@ class WholeSystemTest : public OndrelTest {
     tree.epoch = epoch;
     tree.packageSize = packageSize;
     sample::generateTree(tree);
-    if (epoch == 0) sample::serveTree(upstream_, "127.0.0.1", upstreamPort_);
+    if (!std::filesystem::exists(upstream_ + "/.sample-upstream/httpd.pid")) {
+      sample::serveTree(upstream_, "127.0.0.1", upstreamPort_);
+    }
+  }
+
+  // Polls until condition holds or the deadline passes.
+  static bool eventually(const std::function<bool()>& condition,
+                         std::chrono::seconds deadline = std::chrono::seconds(60)) {
+    auto end = std::chrono::steady_clock::now() + deadline;
+    while (std::chrono::steady_clock::now() < end) {
+      if (condition()) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    return condition();
   }
 
   Plist manifest() const {
@@ -142,6 +173,88 @@ TEST_F(WholeSystemTest, AutomaticModeFollowsTheVendorDayByDay) {
           << added.stringValue();
     }
   }
+  // Every URL served names this server and a file that is there.
+  const std::string prefix = fmt::format("http://127.0.0.1:{}/", mirror.port());
+  std::function<void(const Plist&)> walk = [&](const Plist& value) {
+    if (value.isString() && value.stringValue().rfind("http", 0) == 0) {
+      EXPECT_EQ(value.stringValue().rfind(prefix, 0), 0u) << value.stringValue();
+      std::string local = mirror.html() + value.stringValue().substr(prefix.size() - 1);
+      EXPECT_TRUE(std::filesystem::exists(local)) << local;
+    }
+    for (const auto& [key, item] : value.items()) walk(item);
+    for (const Plist& item : value.elements()) walk(item);
+  };
+  walk(mirror.served()[KTCatalogProductsDictKey]);
+  EXPECT_TRUE(mirror.served().contains(KTCatalogIndexDateKey));
+  EXPECT_TRUE(std::filesystem::is_symlink(mirror.html() + "/" + kNewest));
+
+  // A second pass finds nothing new; a pass while another holds the lock is refused.
+  EXPECT_EQ(mirror.pass().exitStatus, 0);
+  int fd =
+      ::open((mirror.root() + "/Library/Server/Ondrel/Status/ondrd_syncd.lock").c_str(), O_RDWR);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::flock(fd, LOCK_EX), 0);
+  ASSERT_EQ(::pwrite(fd, "4242\n", 5, 0), 5);
+  ProgramResult busy = mirror.pass();
+  EXPECT_EQ(busy.exitStatus, 75);
+  EXPECT_NE(busy.output.find("another ondrd_syncd is running (PID 4242)"), std::string::npos)
+      << busy.output;
+  ::close(fd);
+}
+
+TEST_F(WholeSystemTest, TheServiceCarriesOutRequestsWithoutAFullPass) {
+  Mirror mirror(root_ + "/mirror", test::freeLoopbackPort());
+  publishEpoch(0);
+  mirror.configure(upstreamPort_, false);
+  auto service = mirror.start({"--interval", "3600"});
+  ASSERT_TRUE(eventually([&] { return mirror.status("syncState") == "\"syncState\": \"done\","; }));
+  EXPECT_EQ(mirror.served()[KTCatalogProductsDictKey].size(), 0u) << "manual mode serves nothing";
+  std::string lastRun = mirror.status("lastRunTime");
+
+  ASSERT_EQ(mirror.ctl({"mirror", "VT-000003"}).exitStatus, 0);
+  ASSERT_EQ(mirror.ctl({"enable", "VT-000003"}).exitStatus, 0);
+  ASSERT_TRUE(
+      eventually([&] { return mirror.served()[KTCatalogProductsDictKey].contains("VT-000003"); }));
+  EXPECT_EQ(mirror.status("lastRunTime"), lastRun) << "no full pass was run";
+
+  service->signal(SIGTERM);
+  ProgramResult stopped = service->wait(std::chrono::seconds(15));
+  EXPECT_EQ(stopped.exitStatus, 0) << stopped.output;
+}
+
+TEST_F(WholeSystemTest, AnInterruptedPassIsCompletedByTheNext) {
+  Mirror mirror(root_ + "/mirror", test::freeLoopbackPort());
+  publishEpoch(0, 24 << 20);
+  mirror.configure(upstreamPort_, true);
+  ASSERT_EQ(mirror.ctl({"config", "set", "syncBandwidth", "4096"}).exitStatus, 0);
+  auto pass = mirror.start({"--once"});
+  // Files come and go while the pass runs, so every look tolerates a vanished one.
+  auto downloading = [&] {
+    std::error_code error;
+    for (std::filesystem::recursive_directory_iterator entry(mirror.html(), error), end;
+         !error && entry != end; entry.increment(error)) {
+      std::error_code sizeError;
+      if (entry->path().extension() == ".downloading" && entry->file_size(sizeError) > (1 << 20) &&
+          !sizeError) {
+        return true;
+      }
+    }
+    return false;
+  };
+  ASSERT_TRUE(eventually(downloading));
+  auto signalled = std::chrono::steady_clock::now();
+  pass->signal(SIGTERM);
+  ProgramResult interrupted = pass->wait(std::chrono::seconds(20));
+  EXPECT_EQ(interrupted.exitStatus, 1) << interrupted.output;
+  EXPECT_LT(std::chrono::steady_clock::now() - signalled, std::chrono::seconds(10));
+  EXPECT_EQ(mirror.status("errorNote"), "\"errorNote\": \"interrupted\",");
+
+  ASSERT_EQ(mirror.ctl({"config", "set", "syncBandwidth", "0"}).exitStatus, 0);
+  ProgramResult next = mirror.pass();
+  EXPECT_EQ(next.exitStatus, 0) << next.output;
+  EXPECT_EQ(mirror.served()[KTCatalogProductsDictKey].size(),
+            servableCount(upstreamCatalog(), manifest()));
+  EXPECT_EQ(mirror.status("updateError"), "\"updateError\": false,");
 }
 
 TEST_F(WholeSystemTest, ManualModeRemembersAndAnAdministratorChooses) {
@@ -246,6 +359,20 @@ TEST_F(WholeSystemTest, PassLevelFaultsAreToldAndMended) {
   Mirror mirror(root_ + "/mirror", test::freeLoopbackPort());
   publishEpoch(0);
   mirror.configure(upstreamPort_, true);
+  // One catalog missing upstream fails the pass; the others are synced and served, and the
+  // missing one is served empty rather than not at all.
+  const std::string broken = "index-dogwood-cedar-birch-alder.merged-1.ktcatalog";
+  std::filesystem::remove(upstream_ + "/content/catalogs/others/" + broken);
+  ProgramResult missing = mirror.pass();
+  EXPECT_EQ(missing.exitStatus, 1) << missing.output;
+  EXPECT_EQ(mirror.status("updateError"), "\"updateError\": true,");
+  EXPECT_NE(mirror.status("errorNote").find(broken), std::string::npos);
+  EXPECT_EQ(mirror.served()[KTCatalogProductsDictKey].size(),
+            servableCount(upstreamCatalog(), manifest()));
+  EXPECT_TRUE(mirror.served(broken).isDictionary()) << "written, serving nothing";
+  EXPECT_EQ(mirror.served(broken)[KTCatalogProductsDictKey].size(), 0u);
+  publishEpoch(0);
+
   ASSERT_EQ(mirror.pass().exitStatus, 0);
   Plist before = mirror.served()[KTCatalogProductsDictKey];
 
