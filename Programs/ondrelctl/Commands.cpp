@@ -1,6 +1,7 @@
 // What ondrelctl changes: product changes and sync requests posted to the daemon, settings
 // through the preferences, and the web server.
 #include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -23,7 +24,6 @@
 #include "KTSWorkingSet.h"
 #include "PathString.h"
 #include "ProductId.h"
-#include "TaskRunner.h"
 
 namespace ondrel::ctl {
 
@@ -42,10 +42,33 @@ pid_t webServerPid() {
   return pid > 0 && ::kill(pid, 0) == 0 ? pid : 0;
 }
 
-int apache(const std::vector<std::string>& arguments) {
-  std::vector<std::string> all = {"-d", serviceRoot(), "-f", configPath()};
+// Runs apache2 on the service's configuration; its output is kept and shown only as the reason
+// of a failure, so a successful check prints nothing of its own.
+int apache(const std::vector<std::string>& arguments, std::string* output = nullptr) {
+  std::vector<std::string> all = {"/usr/sbin/apache2", "-d", serviceRoot(), "-f", configPath()};
   all.insert(all.end(), arguments.begin(), arguments.end());
-  return TaskRunner::run("/usr/sbin/apache2", all);
+  // Output goes to a file, not a pipe: a starting Apache keeps it open after the command ends.
+  char outputPath[] = "/tmp/ondrelctl-apache-XXXXXX";
+  int outputFile = ::mkstemp(outputPath);
+  if (outputFile < 0) return -1;
+  pid_t child = ::fork();
+  if (child == 0) {
+    ::dup2(outputFile, STDOUT_FILENO);
+    ::dup2(outputFile, STDERR_FILENO);
+    std::vector<char*> argv;
+    for (std::string& argument : all) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    ::execv(argv[0], argv.data());
+    ::_exit(127);
+  }
+  ::close(outputFile);
+  int status = -1;
+  bool ran = child > 0 && ::waitpid(child, &status, 0) == child;
+  std::string text;
+  std::getline(std::ifstream(outputPath), text);
+  ::unlink(outputPath);
+  if (output) *output = text;
+  return ran && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 // A request file is named by the second it was posted in; a second post in the same second
@@ -274,8 +297,10 @@ int configSet(const std::string& key, const std::string& text) {
   if (!preferences->commitChanges()) return fail("the preferences could not be saved");
   std::printf("%s set.\n", key.c_str());
   if (webServerPid() == 0) return 0;
-  if (apache({"-t"}) != 0) {
-    return fail("Apache refuses the new ondrd.conf; the running server keeps the old one");
+  std::string reason;
+  if (apache({"-t"}, &reason) != 0) {
+    return fail("Apache refuses the new ondrd.conf (" + reason +
+                "); the running server keeps the old one");
   }
   if (apache({"-k", "graceful"}) != 0) return fail("Apache could not be reloaded");
   std::printf("Web server reloaded.\n");
@@ -308,7 +333,10 @@ int web(const std::string& action) {
   }
   if (!running) return fail("the web server is not running");
   if (action == "reload") {
-    if (apache({"-t"}) != 0) return fail("Apache refuses ondrd.conf; nothing was reloaded");
+    std::string reason;
+    if (apache({"-t"}, &reason) != 0) {
+      return fail("Apache refuses ondrd.conf (" + reason + "); nothing was reloaded");
+    }
     return apache({"-k", "graceful"}) == 0 ? 0 : fail("Apache could not be reloaded");
   }
   ::kill(running, SIGTERM);
