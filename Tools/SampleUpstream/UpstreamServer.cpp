@@ -74,6 +74,7 @@ std::string configuration(const std::string& root, const std::string& server,
       "ServerTokens Prod\nTraceEnable Off\nKeepAlive On\nMaxKeepAliveRequests 0\n"
       "KeepAliveTimeout 15\nPidFile \"{}/httpd.pid\"\nMutex file:{} default\n"
       "ErrorLog \"{}/httpd_error.log\"\nLogLevel warn\nListen {}:{}\n"
+      "LogFormat \"%m %U%q %>s %B\" requests\nCustomLog \"{}/access.log\" requests\n"
       "TypesConfig /etc/mime.types\nAddType text/xml .ktcatalog .dist .pkm .smd .plist\n"
       "AddType application/octet-stream .pkg\n"
       "<Directory />\n    Options None\n    AllowOverride None\n    Require all denied\n"
@@ -81,7 +82,7 @@ std::string configuration(const std::string& root, const std::string& server,
       "    AllowOverride None\n    Require all granted\n</Directory>\n"
       "<FilesMatch \"^\\.\">\n    Require all denied\n</FilesMatch>\n"
       "<DirectoryMatch \"/\\.\">\n    Require all denied\n</DirectoryMatch>\n",
-      user, server, server, server, address, port, root, root);
+      user, server, server, server, address, port, server, root, root);
 }
 
 }  // namespace

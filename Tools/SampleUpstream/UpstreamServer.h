@@ -1,5 +1,6 @@
 // Serves a sample tree with a real Apache httpd on a loopback address: the configuration, PID
-// file and error log live in the tree's own ".sample-upstream" folder, which is never served.
+// file, error log and request log ("access.log": method, path, status, bytes) live in the tree's
+// own ".sample-upstream" folder, which is never served.
 // Used by the sample upstream's serve and stop commands. One thread.
 #pragma once
 

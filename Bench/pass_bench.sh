@@ -1,0 +1,96 @@
+#!/usr/bin/env bash
+# Measures whole passes of ondrd_syncd on a sample upstream of 10,000 products (2 KiB packages)
+# served by a real Apache httpd on loopback, with the mirror's own Apache serving its tree:
+# - the first pass in automatic mode against one curl process fetching every file the pass
+#   fetched (the upstream's request log gives the list; curl reuses its connection);
+# - a steady-state pass (nothing new upstream) against curl fetching once each file that pass
+#   fetched;
+# - ondrelctl status and ondrelctl products --json on the mirrored server;
+# - the peak memory of each program.
+# Usage: Bench/pass_bench.sh [products]   (as root; builds the release preset)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+products="${1:-10000}"
+cmake --preset release >/dev/null
+cmake --build --preset release --target ondrd_syncd ondrelctl ondrel-sample-upstream >/dev/null
+build=$PWD/build/release
+sample=$build/Tools/SampleUpstream/ondrel-sample-upstream
+syncd=$build/Programs/ondrd_syncd
+ctl=$build/Programs/ondrelctl
+
+work=$(mktemp -d /tmp/ondrel-pass-bench-XXXXXX)
+chmod 755 "$work"
+upstream_port=18492
+mirror_port=18493
+base="http://127.0.0.1:$upstream_port"
+export ONDREL_ROOT="$work/mirror"
+export ONDREL_RESOURCES="$PWD/Resources"
+requests="$work/upstream/.sample-upstream/access.log"
+cleanup() {
+  "$ctl" web stop >/dev/null 2>&1 || true
+  "$sample" stop --dir "$work/upstream" >/dev/null 2>&1 || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+
+# measure NAME COMMAND...: runs COMMAND, keeps its seconds and peak RSS (KB) in NAME_s / NAME_kb.
+measure() {
+  local name=$1
+  shift
+  if ! /usr/bin/time -f "%e %M" -o "$work/time" "$@" >"$work/$name.out" 2>&1; then
+    tail -20 "$work/$name.out" >&2
+    echo "$name failed" >&2
+    exit 1
+  fi
+  read -r seconds kilobytes <"$work/time"
+  printf -v "${name}_s" '%s' "$seconds"
+  printf -v "${name}_kb" '%s' "$kilobytes"
+}
+# fetched_urls: the URLs the upstream answered with 200 since its request log was emptied.
+fetched_urls() { awk -v base="$base" '$1 == "GET" && $3 == 200 {print base $2}' "$requests"; }
+# curl_fetch NAME LIST: one curl process fetching every URL of LIST, timed as NAME.
+curl_fetch() {
+  sed "s|.*|url = \"&\"\noutput = \"$work/curl.out\"|" "$2" >"$work/curl.config"
+  measure "$1" curl -sS -K "$work/curl.config"
+}
+ratio() { python3 -c "print(f'{$1 / $2:.2f}x')"; }
+row() { printf '%-46s %12s %12s %8s\n' "$@"; }
+
+"$sample" generate --out "$work/upstream" --base-url "$base" --products "$products" >/dev/null
+"$sample" serve --dir "$work/upstream" --listen "127.0.0.1:$upstream_port" >/dev/null
+mkdir -p "$ONDREL_ROOT/Library/Server" "$ONDREL_ROOT/Library/Preferences"
+"$ctl" config set metaIndexURL "$base/content/meta/mirror-config-1.plist" >/dev/null
+"$ctl" config set publicHostName 127.0.0.1 >/dev/null
+"$ctl" config set portToUse "$mirror_port" >/dev/null
+for key in autoMirror autoEnable PurgeUnused; do "$ctl" config set "$key" true >/dev/null; done
+"$ctl" web start >/dev/null
+
+: >"$requests"
+measure first_pass "$syncd" --once
+fetched_urls >"$work/first.list"
+curl_fetch first_curl "$work/first.list"
+
+: >"$requests"
+measure steady_pass "$syncd" --once
+fetched_urls | sort -u >"$work/steady.list"
+curl_fetch steady_curl "$work/steady.list"
+
+measure status "$ctl" status
+measure products_json "$ctl" products --json
+
+echo "Whole passes: $products products (2 KiB packages), upstream and mirror on Apache (loopback)"
+row "figure" "Ondrel" "curl" "ratio"
+row "first pass, $(wc -l <"$work/first.list") files fetched (s)" "$first_pass_s" "$first_curl_s" \
+  "$(ratio "$first_pass_s" "$first_curl_s")"
+row "steady pass, $(wc -l <"$work/steady.list") files fetched (s)" "$steady_pass_s" \
+  "$steady_curl_s" "$(ratio "$steady_pass_s" "$steady_curl_s")"
+row "ondrelctl status (s)" "$status_s" "" ""
+row "ondrelctl products --json (s)" "$products_json_s" "" ""
+row "peak memory, ondrd_syncd first pass (MB)" "$((first_pass_kb / 1024))" \
+  "$((first_curl_kb / 1024))" ""
+row "peak memory, ondrd_syncd steady pass (MB)" "$((steady_pass_kb / 1024))" \
+  "$((steady_curl_kb / 1024))" ""
+row "peak memory, ondrelctl status (MB)" "$((status_kb / 1024))" "" ""
+row "peak memory, ondrelctl products --json (MB)" "$((products_json_kb / 1024))" "" ""
+echo "first pass: $(tail -1 "$work/first_pass.out")"
+echo "steady pass: $(tail -1 "$work/steady_pass.out")"
