@@ -9,6 +9,7 @@
 #include "KTSMetadataGenerator.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
+#include "KTSProductPass.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
 #include "Utf8.h"
@@ -105,8 +106,25 @@ Plist KTSProduct::loadActiveServerMetadataAtURL(const Url& url) {
                url.text());
     return Plist();
   }
-  std::string target = appendingPathExtension(*localPath, "downloading");
-  std::string fileName = lastPathComponent(*localPath);
+  // Another catalog of this pass lists the product too: its fetch serves both.
+  if (const KTSProductPass::ServerMetadata* fetched =
+          KTSProductPass::serverMetadataFetchedFrom(url.text())) {
+    smdPath_ = fetched->smdPath;
+    return fetched->contents;
+  }
+  KTSProductPass::ServerMetadata fetched;
+  if (downloadServerMetadata(url, *localPath)) {
+    fetched.smdPath = path;
+    fetched.contents = KTSUtilities::readPropertyListAtPath(*localPath);
+  }
+  smdPath_ = fetched.smdPath;
+  KTSProductPass::recordServerMetadataFetchedFrom(url.text(), fetched);
+  return fetched.contents;
+}
+
+bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& localPath) {
+  std::string target = appendingPathExtension(localPath, "downloading");
+  std::string fileName = lastPathComponent(localPath);
   for (int attempt = 1;; ++attempt) {
     if (KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(url, target, false,
                                                                               true)) {
@@ -115,15 +133,14 @@ Plist KTSProduct::loadActiveServerMetadataAtURL(const Url& url) {
     log_.error("*** Error downloading file {} for product {}. Retrying...", fileName, id());
     log_.debug("PROD: {}: SMD download attempts remaining {}.", id(),
                kMetadataDownloadAttempts - attempt);
-    if (attempt == kMetadataDownloadAttempts) return Plist();
+    if (attempt == kMetadataDownloadAttempts) return false;
     Clock::sleepFor(kMetadataRetryPause);
   }
   // The old file becomes L.previous by a link and the new one replaces it by a rename, so L
   // always holds a whole file.
-  keepPreviousVersion(*localPath, appendingPathExtension(*localPath, "previous"));
-  std::rename(target.c_str(), localPath->c_str());
-  smdPath_ = path;
-  return KTSUtilities::readPropertyListAtPath(*localPath);
+  keepPreviousVersion(localPath, appendingPathExtension(localPath, "previous"));
+  std::rename(target.c_str(), localPath.c_str());
+  return true;
 }
 
 Plist KTSProduct::generateServerMetadataDictionaryAtPath(const std::string& path) {

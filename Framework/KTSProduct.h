@@ -164,6 +164,8 @@ class KTSProduct {
   const std::string& id() const;
   void deriveProductFamily();
   Plist readLegacyServerMetadata(const std::optional<Url>& url);
+  // Fetches url to localPath (three attempts), keeping the old file as its ".previous".
+  bool downloadServerMetadata(const Url& url, const std::string& localPath);
   // The standardised local path of an upstream URL when it lies inside the document root's
   // html folder; none otherwise (a hostile URL never names a file elsewhere).
   static std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url);

@@ -7,6 +7,7 @@
 #include "KTSMetadataGenerator.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
+#include "KTSProductPass.h"
 #include "OndrelTest.h"
 #include "UpstreamFiles.h"
 
@@ -135,6 +136,36 @@ TEST_F(KTSProductTest, MetadataThatCannotBeDownloadedIsReplacedAfterThreeAttempt
   EXPECT_EQ(product->productFamily(), "Vantor Tool");
   EXPECT_TRUE(logged("ondrd_test[DBG]: PROD: P1: repaired incomplete SMD data"));
   EXPECT_FALSE(Plist::readFile(local("/d/P1/P1.smd"), nullptr)->contains("platforms"));
+}
+
+TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists) {
+  upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.8").toXml());
+  upstream_.putStatus("/d/P2/P2.smd", 500);
+  auto smdUrl = Url::parse(upstream_.url("/d/P1/P1.smd"));
+  auto missingUrl = Url::parse(upstream_.url("/d/P2/P2.smd"));
+  auto make = [&](const std::optional<Url>& url) {
+    return KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+        "P1", fullEntry(), url);
+  };
+  std::shared_ptr<KTSProduct> outside = make(smdUrl);
+  int requests = upstream_.requestCount();
+  {
+    KTSProductPass pass;
+    auto first = make(smdUrl);
+    auto second = make(smdUrl);
+    EXPECT_EQ(upstream_.requestCount(), requests + 1);
+    EXPECT_EQ(second->version(), "10.6.8");
+    EXPECT_EQ(second->smdPath()->parentServerURL(), smdUrl);
+    EXPECT_TRUE(second->mirrorFiles().sharesStorageWith(first->mirrorFiles()));
+    EXPECT_FALSE(first->mirrorFiles().sharesStorageWith(outside->mirrorFiles()));
+
+    // A fetch that failed is given up once for the whole pass, not once per catalog.
+    make(missingUrl);
+    make(missingUrl);
+    EXPECT_EQ(clock_->sleeps().size(), 2u);
+  }
+  upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.9").toXml());
+  EXPECT_EQ(make(smdUrl)->version(), "10.6.9") << "the next pass fetches anew";
 }
 
 TEST_F(KTSProductTest, WithoutAMetadataUrlASubstituteIsGeneratedFromTheDistribution) {

@@ -13,6 +13,7 @@
 #include "KTSPath.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
+#include "KTSProductPass.h"
 #include "KTSRequestManager.h"
 #include "KTSSyncStatus.h"
 #include "KTSUtilities.h"
@@ -93,6 +94,7 @@ PassOutcome SyncPass::runFullPass() { return run(true); }
 PassOutcome SyncPass::runProductChanges() { return run(false); }
 
 PassOutcome SyncPass::run(bool fullSync) {
+  KTSProductPass productPass;
   PassOutcome outcome;
   auto status = KTSSyncStatus::defaultStatus();
   if (fullSync) {

@@ -1,0 +1,53 @@
+// KTSProductPass lets the products built during one pass share what does not depend on the
+// catalog that lists them. While one lives, each server metadata URL is fetched and read once
+// (a fetch that failed is not retried for the next catalog either), and equal values recorded
+// under the same key, such as a product's file list, share one copy in memory. The sync daemon
+// holds one for each pass, so every pass fetches anew; without one nothing is shared. Used by
+// KTSProduct. One thread; the newest instance is in effect until it ends.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "KTSPath.h"
+#include "Plist.h"
+
+namespace ondrel {
+
+class KTSProductPass {
+ public:
+  // A server metadata file as the first product of the pass got it: its contents (null when
+  // the fetch failed) and where it came from.
+  struct ServerMetadata {
+    Plist contents;
+    std::optional<KTSPath> smdPath;
+  };
+
+  KTSProductPass();
+  ~KTSProductPass();
+  KTSProductPass(const KTSProductPass&) = delete;
+  KTSProductPass& operator=(const KTSProductPass&) = delete;
+
+  // What the current pass got from url; none outside a pass or before the first fetch.
+  static const ServerMetadata* serverMetadataFetchedFrom(const std::string& url);
+  static void recordServerMetadataFetchedFrom(const std::string& url, ServerMetadata metadata);
+  // value itself, or the equal value recorded under key earlier in the current pass, which
+  // then shares its storage; value unchanged outside a pass.
+  static Plist shareEqualValue(const std::string& key, Plist value);
+
+ private:
+  struct Memory {
+    std::map<std::string, ServerMetadata, std::less<>> serverMetadata;
+    std::map<std::string, Plist, std::less<>> values;
+  };
+
+  // The memory of the pass in effect; only its thread builds products.
+  static Memory* current_;
+
+  Memory memory_;
+  Memory* previous_;
+};
+
+}  // namespace ondrel
