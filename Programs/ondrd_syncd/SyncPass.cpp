@@ -3,6 +3,8 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <tuple>
+
 #include "FileIO.h"
 #include "HostPaths.h"
 #include "KTCatalogKeys.h"
@@ -33,7 +35,8 @@ bool isServedState(std::int32_t mirror) {
 std::string catalogName(const Url& url) { return lastPathComponent(url.path()); }
 
 // Answers whether the upstream's web server answers at all (any HTTP status counts), so that a
-// pass against an upstream that is down fails at once instead of retrying every product.
+// pass against an upstream that is down fails at once instead of retrying every product. The
+// body is not waited for: the transfer ends with the response.
 class UpstreamProbe : public TransferReceiver {
  public:
   bool answers(const Url& url) {
@@ -45,7 +48,8 @@ class UpstreamProbe : public TransferReceiver {
     if (transfer) {
       transfer->setDestination(path);
       transfer->start();
-      while (!done_) transfer->runEventLoopFor(std::chrono::milliseconds(100));
+      while (!done_ && !answered_) transfer->runEventLoopFor(std::chrono::milliseconds(100));
+      transfer.reset();
     }
     ::unlink(path);
     return answered_;
@@ -64,6 +68,13 @@ class UpstreamProbe : public TransferReceiver {
   bool done_ = false;
   bool answered_ = false;
 };
+
+// What the product index cache and the working set keep of a product's mirroring.
+auto recordedState(const KTSProduct& product) {
+  return std::make_tuple(product.mirror(), product.enabled(), product.enableWhenMirrored(),
+                         product.downloadStatus(), product.downloadedSize(),
+                         product.totalDownloadSize());
+}
 
 std::string megabytes(std::uint64_t bytes) {
   return fmt::format("{:.1f} MB", static_cast<double>(bytes) / 1e6);
@@ -125,7 +136,9 @@ PassOutcome SyncPass::run(bool fullSync) {
   mirrorProducts(outcome);
   for (const auto& catalog : catalogs_) {
     if (!catalog->products()) continue;
-    for (const auto& [productId, product] : *catalog->products()) product->applyPendingEnable();
+    for (const auto& [productId, product] : *catalog->products()) {
+      if (product->applyPendingEnable()) changedProducts_.insert(productId);
+    }
   }
   saveState();
   writeServedCatalogs(outcome);
@@ -211,6 +224,7 @@ void SyncPass::applyChangesToProducts() {
     for (const auto& [productId, change] : changes_) {
       std::shared_ptr<KTSProduct> product = catalog->productForProductId(productId);
       if (!product) continue;
+      changedProducts_.insert(productId);
       if (change.remove) {
         // The files are shared by every catalog that lists the product: removed once.
         if (removed.insert(productId).second) {
@@ -297,6 +311,7 @@ void SyncPass::loadCatalogs(bool fullSync, const Plist& deprecations, PassOutcom
     if (fullSync) {
       try {
         catalog->syncCatalogWithDeprecationsForcingUpdate(deprecations, true);
+        cacheSaved_.insert(catalog.get());
         if (!catalog->lastDownloadSucceeded() && !interrupted()) {
           outcome.failures.push_back(
               fmt::format("{} (download failed; the last copy was used)", catalogName(url)));
@@ -352,6 +367,7 @@ void SyncPass::mirrorProducts(PassOutcome& outcome) {
       if (interrupted()) return;
       if (!product->isDownloading() || !seen.insert(productId).second) continue;
       if (!fitsOnVolume(*product)) continue;
+      auto stateBefore = recordedState(*product);
       auto start = std::chrono::steady_clock::now();
       bool complete = product->downloadMirroredFiles();
       if (complete) {
@@ -373,6 +389,7 @@ void SyncPass::mirrorProducts(PassOutcome& outcome) {
           return;
         }
       }
+      if (recordedState(*product) != stateBefore) changedProducts_.insert(productId);
       carryStateToOtherInstances(*product);
       workingSet->updateProductStatus(*product);
     }
@@ -402,8 +419,18 @@ void SyncPass::saveState() {
   for (const auto& [productId, product] : all) workingSet->updateProductStatus(*product);
   workingSet->saveProductsArchivingPrevious(false);
   for (const auto& catalog : catalogs_) {
-    if (catalog->products()) catalog->saveProductIndexCache();
+    if (catalog->products() && !cacheIsCurrent(*catalog)) catalog->saveProductIndexCache();
   }
+}
+
+// A cache saved by this pass's sync is current unless a product it lists changed afterwards;
+// writing it again would cost the whole file (tens of megabytes for a large catalog).
+bool SyncPass::cacheIsCurrent(const KTSCatalog& catalog) const {
+  if (cacheSaved_.count(&catalog) == 0) return false;
+  for (const std::string& productId : changedProducts_) {
+    if (catalog.productForProductId(productId)) return false;
+  }
+  return true;
 }
 
 void SyncPass::writeServedCatalogs(PassOutcome& outcome) {

@@ -61,6 +61,7 @@ class SyncPass {
   bool fitsOnVolume(const KTSProduct& product);
   void carryStateToOtherInstances(const KTSProduct& mirrored);
   void saveState();
+  bool cacheIsCurrent(const KTSCatalog& catalog) const;
   void writeServedCatalogs(PassOutcome& outcome);
   void finishTickets();
   bool interrupted() const;
@@ -70,6 +71,10 @@ class SyncPass {
   std::map<std::string, ProductChange> changes_;
   std::vector<std::pair<std::int64_t, std::string>> ticketsDone_;
   std::vector<std::shared_ptr<KTSCatalog>> catalogs_;
+  // Catalogs whose sync in this pass saved their product index cache.
+  std::set<const KTSCatalog*> cacheSaved_;
+  // Products whose state this pass changed after the catalogs were synced or loaded.
+  std::set<std::string> changedProducts_;
   std::map<std::string, bool> verified_;
 };
 
