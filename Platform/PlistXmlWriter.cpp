@@ -15,15 +15,26 @@ class PlistXmlWriter {
   explicit PlistXmlWriter(std::FILE* file) : file_(file) {}
 
   bool writeDocument(const Plist& root) {
+    pending_.reserve(kFlushSize + 4096);
     put("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n");
     writeValue(root, 0);
     put("</plist>\n");
+    flush();
     return ok_;
   }
 
  private:
+  // The document's many small pieces are gathered and handed to the stream in large writes.
   void put(std::string_view text) {
-    if (ok_ && std::fwrite(text.data(), 1, text.size(), file_) != text.size()) ok_ = false;
+    pending_.append(text);
+    if (pending_.size() >= kFlushSize) flush();
+  }
+
+  void flush() {
+    if (ok_ && std::fwrite(pending_.data(), 1, pending_.size(), file_) != pending_.size()) {
+      ok_ = false;
+    }
+    pending_.clear();
   }
 
   void indent(int depth) {
@@ -165,7 +176,10 @@ class PlistXmlWriter {
     put("</data>\n");
   }
 
+  static constexpr std::size_t kFlushSize = 1 << 16;
+
   std::FILE* file_;
+  std::string pending_;
   bool ok_ = true;
 };
 
