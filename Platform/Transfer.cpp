@@ -48,6 +48,10 @@ bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
   return true;
 }
 
+// Bytes received per read from the connection, and written per write to the file: large blocks
+// keep a 100 MiB download to about 800 of each instead of thousands.
+constexpr std::size_t kReceiveBufferSize = 128 * 1024;
+
 // Set from a signal handler to end every transfer of the process at its next slice.
 std::atomic<bool> transfersCancelled{false};
 
@@ -89,6 +93,7 @@ class Transfer::Impl {
     curl_easy_setopt(easy_, CURLOPT_HEADERDATA, this);
     curl_easy_setopt(easy_, CURLOPT_WRITEFUNCTION, &Impl::onData);
     curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(easy_, CURLOPT_BUFFERSIZE, static_cast<long>(kReceiveBufferSize));
     // The extra bundle is trusted beside the system's certificate folder.
     if (const char* bundle = std::getenv("ONDREL_CA_BUNDLE"); bundle != nullptr && *bundle) {
       curl_easy_setopt(easy_, CURLOPT_CAINFO, bundle);
@@ -184,6 +189,9 @@ class Transfer::Impl {
       failure_ = "Cannot create " + destination_ + ": " + systemErrorText(errno);
       return false;
     }
+    // A received block as large as the buffer goes to the file in one write, not three.
+    fileBuffer_.resize(kReceiveBufferSize);
+    std::setvbuf(file_, fileBuffer_.data(), _IOFBF, fileBuffer_.size());
     char* effectiveUrl = nullptr;
     curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
     receiver_->transferDidReceiveResponse(
@@ -219,6 +227,7 @@ class Transfer::Impl {
   TransferReceiver* receiver_;
   std::string destination_;
   std::FILE* file_ = nullptr;
+  std::vector<char> fileBuffer_;
   bool started_ = false;
   bool finished_ = false;
   long status_ = 0;
