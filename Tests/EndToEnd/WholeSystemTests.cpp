@@ -257,6 +257,61 @@ TEST_F(WholeSystemTest, AnInterruptedPassIsCompletedByTheNext) {
   EXPECT_EQ(mirror.status("updateError"), "\"updateError\": false,");
 }
 
+// SIGKILL at five moments spread over passes (the vendor moving on before some of them), each
+// followed by a clean pass: whatever the moment, the mirror's records parse and every package a
+// served catalog names comes whole through its Apache.
+TEST_F(WholeSystemTest, PassesKilledAtAnyMomentLeaveWholeFilesServed) {
+  Mirror mirror(root_ + "/mirror", test::freeLoopbackPort());
+  publishEpoch(0);
+  mirror.configure(upstreamPort_, true);
+  ASSERT_EQ(mirror.ctl({"web", "start"}).exitStatus, 0);
+  httplib::Client client("127.0.0.1", mirror.port());
+  const std::string prefix = fmt::format("http://127.0.0.1:{}", mirror.port());
+  auto expectServedWhole = [&](const std::string& when) {
+    EXPECT_TRUE(Plist::readFile(
+        mirror.root() + "/Library/Server/Ondrel/Status/com.vantor.server.ondrel.plist", nullptr))
+        << when;
+    for (const auto& file :
+         std::filesystem::directory_iterator(mirror.html() + "/content/catalogs/others")) {
+      std::string name = file.path().filename();
+      std::optional<Plist> catalog = Plist::readFile(file.path(), nullptr);
+      if (file.path().extension() == ".composite") {
+        EXPECT_TRUE(catalog) << when << name;
+      }
+      if (file.path().extension() != ".ktcatalog") continue;
+      ASSERT_TRUE(catalog && catalog->isDictionary()) << when << name;
+      for (const auto& [productId, entry] : (*catalog)[KTCatalogProductsDictKey].items()) {
+        for (const Plist& package : entry[KTCatalogProductPackagesKey].elements()) {
+          std::string path = package[KTCatalogPackageURLStringKey].stringValue();
+          ASSERT_EQ(path.rfind(prefix, 0), 0u) << when << path;
+          path.erase(0, prefix.size());
+          auto response = client.Head(path);
+          ASSERT_TRUE(response) << when << path;
+          EXPECT_EQ(response->status, 200) << when << path;
+          if (!package.contains(KTCatalogPackageSizeKey)) continue;
+          EXPECT_EQ(response->get_header_value("Content-Length"),
+                    std::to_string(package[KTCatalogPackageSizeKey].integerValue()))
+              << when << path;
+        }
+      }
+    }
+  };
+  auto start = std::chrono::steady_clock::now();
+  ASSERT_EQ(mirror.pass().exitStatus, 0);
+  auto passLength = std::chrono::steady_clock::now() - start;
+  for (int kill = 1; kill <= 5; ++kill) {
+    if (kill % 2 == 0) publishEpoch(kill / 2);
+    auto pass = mirror.start({"--once"});
+    std::this_thread::sleep_for(passLength * (2 * kill - 1) / 10);
+    pass->signal(SIGKILL);
+    pass->wait(std::chrono::seconds(20));
+    expectServedWhole(fmt::format("after kill {}: ", kill));
+    ProgramResult clean = mirror.pass();
+    EXPECT_EQ(clean.exitStatus, 0) << clean.output;
+    expectServedWhole(fmt::format("after the clean pass {}: ", kill));
+  }
+}
+
 TEST_F(WholeSystemTest, ManualModeRemembersAndAnAdministratorChooses) {
   Mirror mirror(root_ + "/mirror", test::freeLoopbackPort());
   publishEpoch(0);
