@@ -6,30 +6,12 @@
 # working set and the composite catalogs parse. Every tenth kill the vendor moves to its next day,
 # so that kills also land while products are mirrored, replaced and purged.
 # Usage: Bench/crash_soak.sh [kills] [products]   (as root; builds the release preset)
-set -euo pipefail
-cd "$(dirname "$0")/.."
 kills="${1:-100}"
 products="${2:-300}"
-cmake --preset release >/dev/null
-cmake --build --preset release --target ondrd_syncd ondrelctl ondrel-sample-upstream >/dev/null
-build=$PWD/build/release
-sample=$build/Tools/SampleUpstream/ondrel-sample-upstream
-syncd=$build/Programs/ondrd_syncd
-ctl=$build/Programs/ondrelctl
-
-work=$(mktemp -d /tmp/ondrel-crash-soak-XXXXXX)
-chmod 755 "$work"
 upstream_port=18494
 mirror_port=18495
-base="http://127.0.0.1:$upstream_port"
-export ONDREL_ROOT="$work/mirror"
-export ONDREL_RESOURCES="$PWD/Resources"
-cleanup() {
-  "$ctl" web stop >/dev/null 2>&1 || true
-  "$sample" stop --dir "$work/upstream" >/dev/null 2>&1 || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
+work_prefix=ondrel-crash-soak
+source "$(dirname "$0")/automatic_mirror.sh"
 
 cat >"$work/check.py" <<'PY'
 """Checks a mirror: served catalogs, the files they name (on disk and through Apache), the
@@ -115,14 +97,7 @@ check() {  # check WHAT: runs the checker, counts and reports what it finds
 seconds_since() { python3 -c "import time; print(f'{time.time() - $1:.2f}')"; }
 
 epoch=0
-"$sample" generate --out "$work/upstream" --base-url "$base" --products "$products" >/dev/null
-"$sample" serve --dir "$work/upstream" --listen "127.0.0.1:$upstream_port" >/dev/null
-mkdir -p "$ONDREL_ROOT/Library/Server" "$ONDREL_ROOT/Library/Preferences"
-"$ctl" config set metaIndexURL "$base/content/meta/mirror-config-1.plist" >/dev/null
-"$ctl" config set publicHostName 127.0.0.1 >/dev/null
-"$ctl" config set portToUse "$mirror_port" >/dev/null
-for key in autoMirror autoEnable PurgeUnused; do "$ctl" config set "$key" true >/dev/null; done
-"$ctl" web start >/dev/null
+start_automatic_mirror "$products"
 
 # A first pass without a kill gives the length of a pass that mirrors everything.
 start=$(date +%s.%N)

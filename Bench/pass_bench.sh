@@ -8,30 +8,12 @@
 # - ondrelctl status and ondrelctl products --json on the mirrored server;
 # - the peak memory of each program.
 # Usage: Bench/pass_bench.sh [products]   (as root; builds the release preset)
-set -euo pipefail
-cd "$(dirname "$0")/.."
 products="${1:-10000}"
-cmake --preset release >/dev/null
-cmake --build --preset release --target ondrd_syncd ondrelctl ondrel-sample-upstream >/dev/null
-build=$PWD/build/release
-sample=$build/Tools/SampleUpstream/ondrel-sample-upstream
-syncd=$build/Programs/ondrd_syncd
-ctl=$build/Programs/ondrelctl
-
-work=$(mktemp -d /tmp/ondrel-pass-bench-XXXXXX)
-chmod 755 "$work"
 upstream_port=18492
 mirror_port=18493
-base="http://127.0.0.1:$upstream_port"
-export ONDREL_ROOT="$work/mirror"
-export ONDREL_RESOURCES="$PWD/Resources"
+work_prefix=ondrel-pass-bench
+source "$(dirname "$0")/automatic_mirror.sh"
 requests="$work/upstream/.sample-upstream/access.log"
-cleanup() {
-  "$ctl" web stop >/dev/null 2>&1 || true
-  "$sample" stop --dir "$work/upstream" >/dev/null 2>&1 || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
 
 # measure NAME COMMAND...: runs COMMAND, keeps its seconds and peak RSS (KB) in NAME_s / NAME_kb.
 measure() {
@@ -56,14 +38,7 @@ curl_fetch() {
 ratio() { python3 -c "print(f'{$1 / $2:.2f}x')"; }
 row() { printf '%-46s %12s %12s %8s\n' "$@"; }
 
-"$sample" generate --out "$work/upstream" --base-url "$base" --products "$products" >/dev/null
-"$sample" serve --dir "$work/upstream" --listen "127.0.0.1:$upstream_port" >/dev/null
-mkdir -p "$ONDREL_ROOT/Library/Server" "$ONDREL_ROOT/Library/Preferences"
-"$ctl" config set metaIndexURL "$base/content/meta/mirror-config-1.plist" >/dev/null
-"$ctl" config set publicHostName 127.0.0.1 >/dev/null
-"$ctl" config set portToUse "$mirror_port" >/dev/null
-for key in autoMirror autoEnable PurgeUnused; do "$ctl" config set "$key" true >/dev/null; done
-"$ctl" web start >/dev/null
+start_automatic_mirror "$products"
 
 : >"$requests"
 measure first_pass "$syncd" --once
