@@ -10,14 +10,10 @@
 #include "KTCatalogKeys.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
-#include "OndrelTest.h"
 #include "UpstreamFiles.h"
 
 namespace ondrel {
 namespace {
-
-using test::OndrelTest;
-using test::UpstreamFiles;
 
 std::uintmax_t sizeOf(const std::string& path) {
   std::error_code error;
@@ -25,13 +21,10 @@ std::uintmax_t sizeOf(const std::string& path) {
   return error ? 0 : size;
 }
 
-class KTSProductMirrorTest : public OndrelTest {
+class KTSProductMirrorTest : public test::UpstreamProductTest {
  protected:
   void SetUp() override {
-    OndrelTest::SetUp();
-    setUserDefaults(true);
-    ASSERT_TRUE(upstream_.start());
-    html_ = KTSPreferences::defaultPreferences()->updatesHtmlPath();
+    UpstreamProductTest::SetUp();
     upstream_.put("/d/P1/English.dist", test::distributionDocument("Tool", "1", "NoRestart", "x"));
     upstream_.put("/d/P1/French.dist", test::distributionDocument("Outil", "1", "NoRestart", "x"));
     upstream_.put("/d/P1/a.pkm", "package metadata");
@@ -66,11 +59,6 @@ class KTSProductMirrorTest : public OndrelTest {
     }
     return found;
   }
-
-  std::string local(const std::string& urlPath) const { return html_ + urlPath; }
-
-  UpstreamFiles upstream_;
-  std::string html_;
 };
 
 TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {

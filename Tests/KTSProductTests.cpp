@@ -8,15 +8,12 @@
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSProductPass.h"
-#include "OndrelTest.h"
 #include "UpstreamFiles.h"
 
 namespace ondrel {
 namespace {
 
-using test::OndrelTest;
 using test::PackageFiles;
-using test::UpstreamFiles;
 
 Plist metadata(const std::string& title, const std::string& version) {
   Plist english = Plist::dictionary();
@@ -42,15 +39,8 @@ Plist metadata(const std::string& title, const std::string& version) {
   return smd;
 }
 
-class KTSProductTest : public OndrelTest {
+class KTSProductTest : public test::UpstreamProductTest {
  protected:
-  void SetUp() override {
-    OndrelTest::SetUp();
-    setUserDefaults(true);
-    ASSERT_TRUE(upstream_.start());
-    html_ = KTSPreferences::defaultPreferences()->updatesHtmlPath();
-  }
-
   // A product with two distributions and two packages, one with a metadata URL.
   Plist fullEntry() {
     upstream_.put("/d/P1/English.dist", test::distributionDocument("Vantor OS Update", "10.6.8",
@@ -61,11 +51,6 @@ class KTSProductTest : public OndrelTest {
     return upstream_.entry({{"English", "/d/P1/English.dist"}, {"French", "/d/P1/French.dist"}},
                            {{"/d/P1/a.pkg", 100, "/d/P1/a.pkm"}, {"/d/P1/b.pkg", 250, ""}});
   }
-
-  std::string local(const std::string& urlPath) const { return html_ + urlPath; }
-
-  UpstreamFiles upstream_;
-  std::string html_;
 };
 
 TEST_F(KTSProductTest, ActiveProductDownloadsItsMetadataAndKeepsThePreviousCopy) {

@@ -3,8 +3,16 @@
 #include <fmt/format.h>
 
 #include "KTCatalogKeys.h"
+#include "KTSPreferences.h"
 
 namespace ondrel::test {
+
+void UpstreamProductTest::SetUp() {
+  OndrelTest::SetUp();
+  setUserDefaults(true);
+  ASSERT_TRUE(upstream_.start());
+  html_ = KTSPreferences::defaultPreferences()->updatesHtmlPath();
+}
 
 UpstreamFiles::UpstreamFiles() {
   server_.routes().Get(".*", [this](const httplib::Request& request, httplib::Response& response) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "LoopbackServer.h"
+#include "OndrelTest.h"
 #include "Plist.h"
 
 namespace ondrel::test {
@@ -36,6 +37,17 @@ class UpstreamFiles {
   std::mutex mutex_;
   std::map<std::string, std::string> files_;
   std::map<std::string, int> statuses_;
+};
+
+// The fixture of the product tests: debug logging on, a started upstream, and the html folder
+// that local() maps an upstream path into.
+class UpstreamProductTest : public OndrelTest {
+ protected:
+  void SetUp() override;
+  std::string local(const std::string& urlPath) const { return html_ + urlPath; }
+
+  UpstreamFiles upstream_;
+  std::string html_;
 };
 
 // A distribution file in the upstream's format.
