@@ -123,6 +123,9 @@ Plist KTSCatalog::downloadCatalogToPathForcingUpdate(const std::string& path, bo
 bool KTSCatalog::loadProductIndexForcingUpdate(bool force) {
   if (!force && loadProductIndexCache()) return false;
   log_.debug("CTLG: rebuilding product list from available data.");
+  if (!throttleDownloads_) {
+    KTSProduct::prefetchServerMetadataForEntries(compositeCatalog_[KTCatalogProductsDictKey]);
+  }
   ProductIndex rebuilt;
   for (const auto& [productId, entry] : compositeCatalog_[KTCatalogProductsDictKey].items()) {
     // Each product is made and released in its own scope; one that fails never ends the rebuild.

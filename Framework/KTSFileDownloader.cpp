@@ -1,5 +1,6 @@
 #include "KTSFileDownloader.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "Clock.h"
@@ -38,6 +39,39 @@ KTSFileDownloader::KTSFileDownloader(const Url& url, const std::string& localPat
 KTSFileDownloader::~KTSFileDownloader() = default;
 
 void KTSFileDownloader::startSynchronousDownload() {
+  if (!startDownload()) return;
+  while (!isDone_) continueDownload();
+}
+
+void KTSFileDownloader::downloadConcurrently(
+    const std::vector<std::shared_ptr<KTSFileDownloader>>& downloaders, std::size_t concurrent,
+    const std::function<void(KTSFileDownloader&)>& finished) {
+  // Under a bandwidth limit each transfer paces only itself, so they take turns.
+  if (KTSPreferences::defaultPreferences()->syncBandwidth().integerValue() > 0) concurrent = 1;
+  std::vector<KTSFileDownloader*> running;
+  auto next = downloaders.begin();
+  while (next != downloaders.end() || !running.empty()) {
+    while (next != downloaders.end() && running.size() < std::max<std::size_t>(concurrent, 1)) {
+      KTSFileDownloader& downloader = **next++;
+      if (downloader.startDownload()) {
+        running.push_back(&downloader);
+      } else {
+        finished(downloader);
+      }
+    }
+    if (running.empty()) continue;
+    running.front()->continueDownload();
+    // Any of them may have ended during the slice.
+    std::erase_if(running, [&](KTSFileDownloader* downloader) {
+      if (!downloader->isDone_) return false;
+      downloader->finishTransfer();
+      finished(*downloader);
+      return true;
+    });
+  }
+}
+
+bool KTSFileDownloader::startDownload() {
   log_.debug("FILE: {} - downloading", downloadName_);
   maxSyncBW_ = KTSPreferences::defaultPreferences()->syncBandwidth().integerValue() * 1024;
   downloadStart_ = Clock::now();
@@ -47,7 +81,7 @@ void KTSFileDownloader::startSynchronousDownload() {
   if (!folder.empty() && !KTSUtilities::directoryExistsAtPath(folder)) {
     if (!KTSUtilities::createDirectoryAtPath(folder)) {
       setDownloadErrorWithReason(-1, "Enclosing directory creation failed.");
-      return;
+      return false;
     }
     log_.debug("FILE: {} - created download enclosing folder {}", downloadName_, folder);
   }
@@ -56,14 +90,22 @@ void KTSFileDownloader::startSynchronousDownload() {
   if (!fileDownload_) {
     endDownload();
     setDownloadErrorWithReason(-1, "Remote file request could not be created.");
-    return;
+    return false;
   }
   fileDownload_->setDestination(downloadingPath_);
   isDone_ = false;
   fileDownload_->start();
-  while (!isDone_) fileDownload_->runEventLoopFor(kEventLoopSlice);
-  fileDownload_.reset();
+  return true;
+}
 
+void KTSFileDownloader::continueDownload() {
+  fileDownload_->runEventLoopFor(kEventLoopSlice);
+  if (isDone_) finishTransfer();
+}
+
+void KTSFileDownloader::finishTransfer() {
+  if (!fileDownload_) return;
+  fileDownload_.reset();
   if (downloadError_) {
     log_.debug("FILE: {} - ERROR! download failed (reason = {})", downloadName_,
                downloadError_->description());

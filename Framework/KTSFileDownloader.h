@@ -1,12 +1,15 @@
-// KTSFileDownloader fetches one file over HTTP or HTTPS into a local path, synchronously: the
-// calling thread runs its event loop until the transfer ends. The body goes to NAME.downloading
-// and replaces the final file only when complete, optionally keeping the replaced file as
-// NAME.previous; the sync bandwidth limit of the preferences paces it. Used by the download
-// wrapper of KTSUtilities and, as its base class, by KTSCatalogDownloader. One thread per object.
+// KTSFileDownloader fetches one file over HTTP or HTTPS into a local path: the calling thread
+// runs the event loop until the transfer ends, and several downloaders can take turns running
+// it for transfers that proceed at once. The body goes to NAME.downloading and replaces the
+// final file only when complete, optionally keeping the replaced file as NAME.previous; the sync
+// bandwidth limit of the preferences paces it. Used by the download wrapper of KTSUtilities, by
+// KTSProduct (server metadata, several files at a time) and, as its base class, by
+// KTSCatalogDownloader. One thread for all downloaders.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,6 +33,12 @@ class KTSFileDownloader : public TransferReceiver {
 
   // Runs the whole transfer; afterwards downloadError tells the outcome (none on success).
   void startSynchronousDownload();
+  // Runs the downloads, up to `concurrent` at a time over connections of their own (one at a
+  // time under a sync bandwidth limit, which each transfer applies to itself alone), on the
+  // calling thread; finished gets each one as it ends, in the order they end.
+  static void downloadConcurrently(
+      const std::vector<std::shared_ptr<KTSFileDownloader>>& downloaders, std::size_t concurrent,
+      const std::function<void(KTSFileDownloader&)>& finished);
   void endDownload();
   // Pauses the thread when more has arrived than the limit allows for the time elapsed.
   void enforceSyncBandwidthLimit();
@@ -66,6 +75,11 @@ class KTSFileDownloader : public TransferReceiver {
   const LogHandle& logger() const { return log_; }
 
  private:
+  // Starts the transfer; false, with downloadError set, when it could not start.
+  bool startDownload();
+  // Runs the event loop for one slice; releases the transfer once it has ended.
+  void continueDownload();
+  void finishTransfer();
   void placeDownloadedFile();
 
   Url sourceUrl_;

@@ -2,16 +2,19 @@
 // generated when nothing exists, validated and repaired; and the titles and descriptions taken
 // from it.
 #include <cstdio>
+#include <set>
 
 #include "Clock.h"
 #include "FileIO.h"
 #include "KTCatalogKeys.h"
+#include "KTSFileDownloader.h"
 #include "KTSMetadataGenerator.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSProductPass.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
+#include "ProductId.h"
 #include "Utf8.h"
 
 namespace ondrel {
@@ -20,6 +23,10 @@ namespace {
 
 constexpr int kMetadataDownloadAttempts = 3;
 constexpr std::chrono::seconds kMetadataRetryPause(3);
+// Metadata files are small: fetching a few at a time keeps the upstream busy while this side
+// writes and reads the ones that arrived.
+constexpr std::size_t kConcurrentMetadataFetches = 3;
+constexpr std::size_t kMetadataPrefetchBatch = 256;
 // Upstream host recorded for metadata files that legacy products only have on disk.
 constexpr const char* kContentDeliveryHost = "cdn.vantor.example";
 
@@ -136,11 +143,59 @@ bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& local
     if (attempt == kMetadataDownloadAttempts) return false;
     Clock::sleepFor(kMetadataRetryPause);
   }
-  // The old file becomes L.previous by a link and the new one replaces it by a rename, so L
-  // always holds a whole file.
+  placeServerMetadata(target, localPath);
+  return true;
+}
+
+// The old file becomes L.previous by a link and the new one replaces it by a rename, so L
+// always holds a whole file.
+void KTSProduct::placeServerMetadata(const std::string& target, const std::string& localPath) {
   keepPreviousVersion(localPath, appendingPathExtension(localPath, "previous"));
   std::rename(target.c_str(), localPath.c_str());
-  return true;
+}
+
+void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
+  if (!KTSProductPass::isInEffect()) return;
+  std::vector<std::shared_ptr<KTSFileDownloader>> batch;
+  auto fetchBatch = [&batch] {
+    KTSFileDownloader::downloadConcurrently(
+        batch, kConcurrentMetadataFetches, [](KTSFileDownloader& fetched) {
+          if (fetched.downloadError()) return;
+          std::string localPath = deletingPathExtension(fetched.downloadPath());
+          placeServerMetadata(fetched.downloadPath(), localPath);
+          KTSProductPass::recordServerMetadataFetchedFrom(
+              fetched.sourceUrl().text(),
+              {KTSUtilities::readPropertyListAtPath(localPath), KTSPath(fetched.sourceUrl())});
+        });
+    batch.clear();
+  };
+  std::set<std::string> localPaths;
+  for (const auto& [productId, entry] : entries.items()) {
+    if (Transfer::isCancelled()) return;
+    std::optional<Url> url = prefetchableServerMetadataURL(productId, entry);
+    std::optional<std::string> localPath = localPathInsideDocumentRoot(url);
+    // Two URLs that name one local file are left to their products, one after the other; so is
+    // a side file left by an interrupted pass, which the product takes as it is.
+    if (!localPath || !localPaths.insert(*localPath).second) continue;
+    std::string target = appendingPathExtension(*localPath, "downloading");
+    if (KTSUtilities::fileExistsAtPath(target)) continue;
+    batch.push_back(
+        KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, target, false));
+    if (batch.size() == kMetadataPrefetchBatch) fetchBatch();
+  }
+  fetchBatch();
+}
+
+// The metadata URL a product made from the entry would fetch, unless this pass fetched it.
+std::optional<Url> KTSProduct::prefetchableServerMetadataURL(const std::string& productId,
+                                                             const Plist& entry) {
+  if (!isValidProductId(productId) || entry["CompositeProductState"].integerValue() >= 3 ||
+      !entry["ServerMetadataURL"].isString()) {
+    return std::nullopt;
+  }
+  std::optional<Url> url = Url::parse(entry["ServerMetadataURL"].stringValue());
+  if (!url || KTSProductPass::serverMetadataFetchedFrom(url->text())) return std::nullopt;
+  return url;
 }
 
 Plist KTSProduct::generateServerMetadataDictionaryAtPath(const std::string& path) {

@@ -52,6 +52,11 @@ class KTSProduct {
       const std::string& productId, const Plist& dictionary,
       const std::optional<Url>& serverMetadataURL);
   static std::shared_ptr<KTSProduct> productWithArchiveRepresentation(const Plist& archive);
+  // Fetches, a few at a time, the server metadata that products made from these catalog entries
+  // (product id to entry) would fetch one after the other, and records each file that arrived in
+  // the current pass, so that making those products costs no transfer. A failed fetch is not
+  // recorded: its product tries again, with its retries. Does nothing outside a pass.
+  static void prefetchServerMetadataForEntries(const Plist& entries);
   // Exact names only; anything else (and none) is DoNotMirror.
   static std::int32_t mirrorStateForString(const std::optional<std::string>& name);
   static std::string mirrorStringForState(std::int64_t state);
@@ -166,6 +171,9 @@ class KTSProduct {
   Plist readLegacyServerMetadata(const std::optional<Url>& url);
   // Fetches url to localPath (three attempts), keeping the old file as its ".previous".
   bool downloadServerMetadata(const Url& url, const std::string& localPath);
+  static void placeServerMetadata(const std::string& target, const std::string& localPath);
+  static std::optional<Url> prefetchableServerMetadataURL(const std::string& productId,
+                                                          const Plist& entry);
   // The standardised local path of an upstream URL when it lies inside the document root's
   // html folder; none otherwise (a hostile URL never names a file elsewhere).
   static std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url);

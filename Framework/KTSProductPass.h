@@ -30,6 +30,7 @@ class KTSProductPass {
   KTSProductPass(const KTSProductPass&) = delete;
   KTSProductPass& operator=(const KTSProductPass&) = delete;
 
+  static bool isInEffect() { return current_ != nullptr; }
   // What the current pass got from url; none outside a pass or before the first fetch.
   static const ServerMetadata* serverMetadataFetchedFrom(const std::string& url);
   static void recordServerMetadataFetchedFrom(const std::string& url, ServerMetadata metadata);

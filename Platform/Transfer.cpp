@@ -94,6 +94,7 @@ class Transfer::Impl {
     curl_easy_setopt(easy_, CURLOPT_WRITEFUNCTION, &Impl::onData);
     curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
     curl_easy_setopt(easy_, CURLOPT_BUFFERSIZE, static_cast<long>(kReceiveBufferSize));
+    curl_easy_setopt(easy_, CURLOPT_PRIVATE, this);
     // The extra bundle is trusted beside the system's certificate folder.
     if (const char* bundle = std::getenv("ONDREL_CA_BUNDLE"); bundle != nullptr && *bundle) {
       curl_easy_setopt(easy_, CURLOPT_CAINFO, bundle);
@@ -119,13 +120,19 @@ class Transfer::Impl {
       }
       int running = 0;
       curl_multi_perform(multi, &running);
+      // The multi handle drives every started transfer; each that ended is told, whichever
+      // transfer's loop is running.
+      bool anyEnded = false;
       int queued = 0;
       while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
-        if (message->msg == CURLMSG_DONE && message->easy_handle == easy_) {
-          complete(message->data.result);
-        }
+        if (message->msg != CURLMSG_DONE) continue;
+        Impl* ended = nullptr;
+        curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &ended);
+        if (ended == nullptr) continue;
+        ended->complete(message->data.result);
+        anyEnded = true;
       }
-      if (finished_) return;
+      if (anyEnded) return;
       auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(
           deadline - std::chrono::steady_clock::now());
       if (remaining.count() <= 0) return;

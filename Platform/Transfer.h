@@ -4,7 +4,8 @@
 // disk. Connections and TLS sessions are kept alive across transfers in the process. A status of
 // 400 or more is a failure naming the status; redirects are followed for http and https only.
 // Extra trusted CA certificates come from the file named by ONDREL_CA_BUNDLE.
-// One thread drives a transfer; transfers of one process run on one thread at a time.
+// Several transfers may run at once: the event loop of any of them drives them all. One thread
+// drives a transfer; transfers of one process run on one thread at a time.
 #pragma once
 
 #include <chrono>
@@ -56,7 +57,8 @@ class Transfer {
   void setDestination(std::string path);
   // Starts the request; events follow while runEventLoopFor runs.
   void start();
-  // Runs the thread's event loop for at most the given time, or until the transfer ends.
+  // Runs the thread's event loop, which drives every started transfer of the process, for at
+  // most the given time or until one of them ends.
   void runEventLoopFor(std::chrono::milliseconds slice);
   bool isFinished() const;
 

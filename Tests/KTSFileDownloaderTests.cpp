@@ -2,7 +2,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <filesystem>
+#include <mutex>
 #include <numeric>
 
 #include "KTSFileDownloader.h"
@@ -57,6 +59,16 @@ class KTSFileDownloaderTest : public OndrelTest {
                                               return true;
                                             });
     });
+    // Answers "together" once three requests are in it at the same time, else "alone" after
+    // five seconds.
+    routes.Get("/gate", [this](const httplib::Request&, httplib::Response& response) {
+      std::unique_lock lock(gateMutex_);
+      ++gateVisitors_;
+      gateVisited_.notify_all();
+      bool together = gateVisited_.wait_for(lock, std::chrono::seconds(5),
+                                            [this] { return gateVisitors_ >= 3; });
+      response.set_content(together ? "together" : "alone", "text/plain");
+    });
     ASSERT_TRUE(server_.start());
   }
 
@@ -72,6 +84,9 @@ class KTSFileDownloaderTest : public OndrelTest {
 
   LoopbackServer server_;
   std::atomic<int> served_{0};
+  std::mutex gateMutex_;
+  std::condition_variable gateVisited_;
+  int gateVisitors_ = 0;
 };
 
 TEST_F(KTSFileDownloaderTest, SuccessReplacesTheFileAndRotatesThePreviousOne) {
@@ -126,6 +141,31 @@ TEST_F(KTSFileDownloaderTest, FailuresLeaveTheFilesExactlyAsTheyWere) {
   auto refused = download("/file");
   ASSERT_TRUE(refused->downloadError());
   EXPECT_EQ(readFile(target()), "old final");
+}
+
+TEST_F(KTSFileDownloaderTest, ConcurrentDownloadsOverlapAndEachEndsOnItsOwn) {
+  const std::vector<std::string> routes = {"/gate", "/missing", "/gate",    "/truncated",
+                                           "/gate", "/file",    "/redirect"};
+  std::vector<std::shared_ptr<KTSFileDownloader>> downloaders;
+  for (std::size_t i = 0; i < routes.size(); ++i) {
+    downloaders.push_back(KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(
+        *url(routes[i]), path(fmt::format("/downloads/{}.pkg", i)), false));
+  }
+  std::vector<std::string> ended;
+  KTSFileDownloader::downloadConcurrently(
+      downloaders, 4, [&](KTSFileDownloader& done) { ended.push_back(done.downloadName()); });
+  ASSERT_EQ(ended.size(), routes.size());
+  EXPECT_NE(ended.front(), "0.pkg") << "a file that waits holds up none of the others";
+  for (std::size_t i = 0; i < routes.size(); ++i) {
+    std::string file = path(fmt::format("/downloads/{}.pkg", i));
+    bool fails = routes[i] == "/missing" || routes[i] == "/truncated";
+    EXPECT_EQ(bool(downloaders[i]->downloadError()), fails) << routes[i];
+    EXPECT_EQ(std::filesystem::exists(file), !fails) << routes[i];
+    EXPECT_FALSE(std::filesystem::exists(file + ".downloading")) << routes[i];
+    if (routes[i] == "/gate") {
+      EXPECT_EQ(readFile(file), "together");
+    }
+  }
 }
 
 TEST_F(KTSFileDownloaderTest, ProgressAndRedirects) {

@@ -136,9 +136,25 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
   int requests = upstream_.requestCount();
   {
     KTSProductPass pass;
+    // The catalog's prefetch takes the fetch; a deprecated product's metadata is never fetched,
+    // and a prefetch that failed leaves the product its own attempts.
+    upstream_.put("/d/P3/P3.smd", metadata("Old", "1.0").toXml());
+    Plist entries = Plist::dictionary();
+    for (const auto& [productId, metadataUrl] :
+         {std::pair{"P1", smdUrl},
+          {"P2", missingUrl},
+          {"P3", Url::parse(upstream_.url("/d/P3/P3.smd"))}}) {
+      Plist entry = fullEntry();
+      entry.set("ServerMetadataURL", metadataUrl->text());
+      if (productId == std::string("P3")) entry.set("CompositeProductState", Plist::integer(3));
+      entries.set(productId, entry);
+    }
+    KTSProduct::prefetchServerMetadataForEntries(entries);
+    EXPECT_EQ(upstream_.requestCount(), requests + 2);
     auto first = make(smdUrl);
     auto second = make(smdUrl);
-    EXPECT_EQ(upstream_.requestCount(), requests + 1);
+    EXPECT_EQ(upstream_.requestCount(), requests + 2);
+    EXPECT_EQ(first->version(), "10.6.8");
     EXPECT_EQ(second->version(), "10.6.8");
     EXPECT_EQ(second->smdPath()->parentServerURL(), smdUrl);
     EXPECT_TRUE(second->mirrorFiles().sharesStorageWith(first->mirrorFiles()));
@@ -148,6 +164,7 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
     make(missingUrl);
     make(missingUrl);
     EXPECT_EQ(clock_->sleeps().size(), 2u);
+    EXPECT_EQ(upstream_.requestCount(), requests + 5);
   }
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.9").toXml());
   EXPECT_EQ(make(smdUrl)->version(), "10.6.9") << "the next pass fetches anew";
