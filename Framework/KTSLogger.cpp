@@ -122,16 +122,18 @@ void KTSLogger::logMessageWithLevelSource(const std::string& message, std::int64
 }
 
 void KTSLogger::refreshUserDefaults() {
+  std::string path = userDefaultsPath();
+  if (!userDefaultsWatch_.mayHaveChanged(path)) return;
   struct stat status {};
   std::string stamp = "missing";
-  if (::stat(userDefaultsPath().c_str(), &status) == 0) {
+  if (::stat(path.c_str(), &status) == 0) {
     stamp = fmt::format("{}.{}:{}:{}", status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_ino,
                         status.st_size);
   }
   if (stamp == userDefaultsStamp_) return;
   userDefaultsStamp_ = stamp;
   // Read quietly: the utilities that would report a bad file log through this very logger.
-  std::optional<Plist> defaults = Plist::readFile(userDefaultsPath(), nullptr, kSmallFileReadLimit);
+  std::optional<Plist> defaults = Plist::readFile(path, nullptr, kSmallFileReadLimit);
   const Plist& settings = defaults ? *defaults : Plist();
   enableDebugLogging_ = settings["enableDebugLogging"].boolValue();
   showLogSource_ = settings["showLogSource"].boolValue();

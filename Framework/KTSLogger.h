@@ -1,7 +1,8 @@
 // KTSLogger is the server's one logging facility: text lines to syslog, or entries to the
 // structured log facility. Programs create the shared default logger once at start; every class
 // keeps the logger it found at construction in a LogHandle, which does nothing when there is none.
-// The debug and source-tag switches are re-read from the user-defaults file before every message.
+// The debug and source-tag switches are re-read from the user-defaults file before every message
+// in which it changed (a FileWatch makes asking cheap).
 // Not thread-safe: each process logs from one thread.
 #pragma once
 
@@ -12,6 +13,7 @@
 #include <optional>
 #include <string>
 
+#include "FileWatch.h"
 #include "SystemLog.h"
 
 namespace ondrel {
@@ -48,8 +50,9 @@ class KTSLogger {
   void logBreak();
   void logMessageWithLevelSource(const std::string& message, std::int64_t level,
                                  const std::optional<std::string>& source);
-  // Reads the switches again when the user-defaults file changed since the last read (its
-  // modification time at full resolution, its inode or its size).
+  // Reads the switches again when the user-defaults file changed since the last read (reported
+  // by the watch of its folder, then told by its modification time at full resolution, its inode
+  // or its size).
   void refreshUserDefaults();
   // Refreshes the switches and tells whether debug messages are written.
   bool isDebugLoggingOn() {
@@ -76,6 +79,7 @@ class KTSLogger {
   bool enableDebugLogging_ = false;
   bool showLogSource_ = false;
   std::optional<std::string> userDefaultsStamp_;
+  FileWatch userDefaultsWatch_;
 };
 
 // A class's hold on the logger it found at construction. Formats with fmt and forwards to the

@@ -1,3 +1,5 @@
+#include <filesystem>
+
 #include "KTSLogger.h"
 #include "OndrelTest.h"
 
@@ -29,6 +31,8 @@ TEST_F(KTSLoggerTest, SyslogLinesCarryNameTagAndOptionalSource) {
 
 TEST_F(KTSLoggerTest, DebugSwitchIsReadBeforeEveryMessage) {
   auto logger = KTSLogger::loggerWithSourceLogType("ondrd_syncd", 0);
+  logger->logDebug("hidden: no preferences folder yet", std::nullopt);
+  setUserDefaults(false);
   logger->logDebug("hidden", std::nullopt);
   setUserDefaults(true);
   logger->logDebug("shown", std::nullopt);
@@ -38,9 +42,17 @@ TEST_F(KTSLoggerTest, DebugSwitchIsReadBeforeEveryMessage) {
   setUserDefaults(true);
   logger->setEnableDebugLogging(false);
   logger->logDebug("re-read wins over the property", std::nullopt);
+  // The folder itself replaced: the change is still seen.
+  std::string folder = std::filesystem::path(KTSLogger::userDefaultsPath()).parent_path();
+  std::filesystem::remove_all(folder);
+  logger->logDebug("hidden with the folder gone", std::nullopt);
+  std::filesystem::create_directories(folder);
+  setUserDefaults(true);
+  logger->logDebug("shown in the new folder", std::nullopt);
   EXPECT_EQ(logLines(),
             (std::vector<std::string>{"ondrd_syncd[DBG]: shown",
-                                      "ondrd_syncd[DBG]: re-read wins over the property"}));
+                                      "ondrd_syncd[DBG]: re-read wins over the property",
+                                      "ondrd_syncd[DBG]: shown in the new folder"}));
 }
 
 TEST_F(KTSLoggerTest, JournalModeMapsPrioritiesAndHoldsBackDebug) {
