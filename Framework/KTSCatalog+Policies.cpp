@@ -1,6 +1,8 @@
 // What a sync does to the product index after the merge: the automatic mirror and enable
 // policies, the deprecation chains, the check of files on disk with the product index cache,
 // and the served form of a product's entry.
+#include <utility>
+
 #include "KTCatalogKeys.h"
 #include "KTSCatalog.h"
 #include "KTSPath.h"
@@ -200,15 +202,25 @@ void KTSCatalog::saveProductIndexCache() {
     log_.debug("CTLG: removing previous product index cache");
     KTSUtilities::removePath(productsCachePath_);
   }
-  Plist archives = Plist::array();
-  if (products_) {
-    for (const auto& [productId, product] : *products_) {
-      Plist archive = product->archiveRepresentation();
-      if (!archive.isNull()) archives.append(std::move(archive));
+  if (!products_) return;
+  // Each product's record is made as it is written: the cache of a large catalog is never held
+  // in memory as a whole.
+  auto next = products_->begin();
+  auto nextArchive = [&]() -> Plist {
+    for (; next != products_->end(); ++next) {
+      Plist archive = next->second->archiveRepresentation();
+      if (!archive.isNull()) {
+        ++next;
+        return archive;
+      }
     }
-  }
-  if (archives.size() == 0) return;
-  if (!KTSUtilities::writePropertyListToPath(archives, productsCachePath_)) {
+    return Plist();
+  };
+  // One record ahead, so that a catalog without any leaves no file.
+  Plist ahead = nextArchive();
+  if (ahead.isNull()) return;
+  auto take = [&]() -> Plist { return std::exchange(ahead, nextArchive()); };
+  if (!KTSUtilities::writePropertyListArrayToPath(take, productsCachePath_)) {
     log_.debug("CTLG: product index cache save failed!");
   }
 }

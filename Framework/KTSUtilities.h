@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -45,6 +46,9 @@ class KTSUtilities {
   static bool writeArrayToPath(const Plist& array, const std::string& path);
   static bool writeDictionaryToPath(const Plist& dictionary, const std::string& path);
   static bool writePropertyListToPath(const Plist& value, const std::string& path);
+  // An array of the values nextElement gives until it gives null, written as they come.
+  static bool writePropertyListArrayToPath(const std::function<Plist()>& nextElement,
+                                           const std::string& path);
   // Any property-list value, or a null value when the file cannot be read or parsed.
   // Files larger than maxBytes are not read.
   static Plist readPropertyListAtPath(const std::string& path,

@@ -99,12 +99,8 @@ bool KTSWorkingSet::saveProductsArchivingPrevious(bool archivePrevious) {
   // working set is never missing, not even for a moment.
   bool archive = archivePrevious && KTSUtilities::fileExistsAtPath(currentPath_);
   if (!writeFileAtomically(
-          currentPath_,
-          [&root](std::FILE* file) {
-            std::string xml = root.toXml();
-            return std::fwrite(xml.data(), 1, xml.size(), file) == xml.size();
-          },
-          nullptr, archive ? std::function<void()>(keepPrevious) : std::function<void()>())) {
+          currentPath_, [&root](std::FILE* file) { return root.writeXml(file); }, nullptr,
+          archive ? std::function<void()>(keepPrevious) : std::function<void()>())) {
     return false;
   }
   KTSUtilities::setDefaultFileOwnerAtPath(currentPath_);

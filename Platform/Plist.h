@@ -10,6 +10,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -133,6 +135,12 @@ class Plist {
   std::string toXml() const;
   // Replaces the file at path atomically: readers see the old file or the new one, never a part.
   bool writeXmlFile(const std::string& path, std::string* error) const;
+  // Writes the document to an open stream; false when a write failed.
+  bool writeXml(std::FILE* file) const;
+  // Writes, like writeXmlFile, a document whose root is an array of the values nextElement gives
+  // until it gives null: each is written as it comes, so the array is never held in memory.
+  static bool writeXmlArrayFile(const std::string& path, const std::function<Plist()>& nextElement,
+                                std::string* error);
 
  private:
   struct Node {

@@ -15,15 +15,37 @@ class PlistXmlWriter {
   explicit PlistXmlWriter(std::FILE* file) : file_(file) {}
 
   bool writeDocument(const Plist& root) {
+    beginDocument();
+    writeValue(root, 0);
+    return endDocument();
+  }
+
+  // The same text as writeDocument with an array of the elements nextElement gives.
+  bool writeArrayDocument(const std::function<Plist()>& nextElement) {
+    beginDocument();
+    Plist element = nextElement();
+    if (element.isNull()) {
+      put("<array/>\n");
+    } else {
+      put("<array>\n");
+      for (; !element.isNull(); element = nextElement()) writeValue(element, 1);
+      put("</array>\n");
+    }
+    return endDocument();
+  }
+
+ private:
+  void beginDocument() {
     pending_.reserve(kFlushSize + 4096);
     put("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n");
-    writeValue(root, 0);
+  }
+
+  bool endDocument() {
     put("</plist>\n");
     flush();
     return ok_;
   }
 
- private:
   // The document's many small pieces are gathered and handed to the stream in large writes.
   void put(std::string_view text) {
     pending_.append(text);
@@ -197,7 +219,19 @@ std::string Plist::toXml() const {
 
 bool Plist::writeXmlFile(const std::string& path, std::string* error) const {
   return writeFileAtomically(
-      path, [this](std::FILE* file) { return PlistXmlWriter(file).writeDocument(*this); }, error);
+      path, [this](std::FILE* file) { return writeXml(file); }, error);
+}
+
+bool Plist::writeXml(std::FILE* file) const { return PlistXmlWriter(file).writeDocument(*this); }
+
+bool Plist::writeXmlArrayFile(const std::string& path, const std::function<Plist()>& nextElement,
+                              std::string* error) {
+  return writeFileAtomically(
+      path,
+      [&nextElement](std::FILE* file) {
+        return PlistXmlWriter(file).writeArrayDocument(nextElement);
+      },
+      error);
 }
 
 }  // namespace ondrel

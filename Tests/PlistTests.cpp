@@ -46,6 +46,17 @@ TEST_F(PlistTest, XmlRoundTripKeepsEveryKindOfValue) {
   EXPECT_EQ((*read)["large"].integerValue(), 9007199254740993);
   EXPECT_DOUBLE_EQ((*read)["real"].realValue(), 0.1);
   EXPECT_EQ((*read)["when"].dateValue(), document["when"].dateValue());
+
+  // An array written element by element is the very document of the whole array.
+  Plist array = Plist::array();
+  for (int i = 0; i < 3; ++i) array.append(i == 1 ? Plist::array() : document);
+  std::size_t next = 0;
+  auto elements = [&] { return next < array.size() ? array[next++] : Plist(); };
+  const std::string file = path("/streamed.plist");
+  ASSERT_TRUE(Plist::writeXmlArrayFile(file, elements, nullptr));
+  EXPECT_EQ(readFile(file), array.toXml());
+  ASSERT_TRUE(Plist::writeXmlArrayFile(file, elements, nullptr));
+  EXPECT_EQ(readFile(file), Plist::array().toXml());
 }
 
 TEST_F(PlistTest, ReadsDocumentsWrittenByOtherTools) {
