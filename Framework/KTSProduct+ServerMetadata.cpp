@@ -174,8 +174,8 @@ void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
     if (Transfer::isCancelled()) return;
     std::optional<Url> url = prefetchableServerMetadataURL(productId, entry);
     std::optional<std::string> localPath = localPathInsideDocumentRoot(url);
-    // Two URLs that name one local file are left to their products, one after the other; so is
-    // a side file left by an interrupted pass, which the product takes as it is.
+    // Of two URLs that name one local file only the first is fetched here, the other by its
+    // product in turn; a side file left by an interrupted pass is the product's to take as it is.
     if (!localPath || !localPaths.insert(*localPath).second) continue;
     std::string target = appendingPathExtension(*localPath, "downloading");
     if (KTSUtilities::fileExistsAtPath(target)) continue;
@@ -222,7 +222,7 @@ Plist KTSProduct::generateServerMetadataDictionaryAtPath(const std::string& path
 
 bool KTSProduct::validateContentForServerMetadata(const Plist& metadata) const {
   if (!metadata.isDictionary()) return false;
-  for (const std::string& key : smdValidationKeys_) {
+  for (const std::string& key : smdValidationKeys()) {
     if (!metadata.contains(key)) return false;
   }
   return true;

@@ -105,7 +105,6 @@ PassOutcome SyncPass::runFullPass() { return run(true); }
 PassOutcome SyncPass::runProductChanges() { return run(false); }
 
 PassOutcome SyncPass::run(bool fullSync) {
-  KTSProductPass productPass;
   PassOutcome outcome;
   auto status = KTSSyncStatus::defaultStatus();
   if (fullSync) {
@@ -303,6 +302,8 @@ Plist SyncPass::fetchDeprecations() {
 }
 
 void SyncPass::loadCatalogs(bool fullSync, const Plist& deprecations, PassOutcome& outcome) {
+  // Every product of the pass is made here; what they share is let go of before mirroring.
+  KTSProductPass productPass;
   const std::vector<KTSURL>& urls = KTSMetaIndex::defaultMetaIndex()->catalogs();
   for (std::size_t i = 0; i < urls.size() && !interrupted(); ++i) {
     const Url& url = *urls[i].url();
