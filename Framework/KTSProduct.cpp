@@ -49,13 +49,20 @@ std::string KTSProduct::mirrorStringForState(std::int64_t state) {
   return kMirrorStateNames[state];
 }
 
+// One list for every product: a catalog makes tens of thousands of them in a pass.
+const std::shared_ptr<const std::vector<std::string>>& KTSProduct::requiredServerMetadataKeys() {
+  static const auto keys =
+      std::make_shared<const std::vector<std::string>>(std::vector<std::string>{
+          "IFPkgFlagInstalledSize", "IFPkgFlagRestartAction", "localization", "platforms"});
+  return keys;
+}
+
 KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
                        const std::optional<Url>& serverMetadataURL)
     : initStatus_(1),
       productId_(productId),
       masterRepresentation_(dictionary),
-      smdValidationKeys_(
-          {"IFPkgFlagInstalledSize", "IFPkgFlagRestartAction", "localization", "platforms"}),
+      smdValidationKeys_(requiredServerMetadataKeys()),
       log_(LogHandle::shared()) {
   // The id becomes part of file names: one that could name another folder is never used.
   if (!isValidProductId(productId)) {

@@ -150,8 +150,14 @@ class KTSProduct {
   void setSmdPath(std::optional<KTSPath> path) { smdPath_ = std::move(path); }
   const Plist& masterRepresentation() const { return masterRepresentation_; }
   void setMasterRepresentation(Plist entry) { masterRepresentation_ = std::move(entry); }
-  const std::vector<std::string>& smdValidationKeys() const { return smdValidationKeys_; }
-  void setSmdValidationKeys(std::vector<std::string> keys) { smdValidationKeys_ = std::move(keys); }
+  // Empty for a product restored from its archive.
+  const std::vector<std::string>& smdValidationKeys() const {
+    static const std::vector<std::string> none;
+    return smdValidationKeys_ ? *smdValidationKeys_ : none;
+  }
+  void setSmdValidationKeys(std::vector<std::string> keys) {
+    smdValidationKeys_ = std::make_shared<const std::vector<std::string>>(std::move(keys));
+  }
   const Plist& mirrorFiles() const { return mirrorFiles_; }
   void setMirrorFiles(Plist files) { mirrorFiles_ = std::move(files); }
   const std::optional<std::size_t>& downloadEnumerator() const { return downloadEnumerator_; }
@@ -178,6 +184,7 @@ class KTSProduct {
   // html folder; none otherwise (a hostile URL never names a file elsewhere).
   static std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url);
   void addToDownloadedSize(std::int64_t bytes);
+  static const std::shared_ptr<const std::vector<std::string>>& requiredServerMetadataKeys();
 
   std::int64_t initStatus_ = 0;
   std::int32_t mirror_ = DoNotMirror;
@@ -196,7 +203,7 @@ class KTSProduct {
   std::optional<std::string> restartAction_;
   std::optional<KTSPath> smdPath_;
   Plist masterRepresentation_;
-  std::vector<std::string> smdValidationKeys_;
+  std::shared_ptr<const std::vector<std::string>> smdValidationKeys_;
   Plist mirrorFiles_;
   std::optional<std::size_t> downloadEnumerator_;
   std::int64_t totalDownloadCount_ = 0;
