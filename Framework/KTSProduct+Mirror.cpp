@@ -5,9 +5,11 @@
 
 #include <climits>
 #include <cstdlib>
+#include <set>
 #include <stdexcept>
 
 #include "KTCatalogKeys.h"
+#include "KTSFileDownloader.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSUtilities.h"
@@ -18,6 +20,8 @@ namespace ondrel {
 namespace {
 
 constexpr int kFileDownloadAttempts = 3;
+// A product's files are fetched this many at a time ahead of the walk that takes them one by one.
+constexpr std::size_t kConcurrentFileFetches = 3;
 
 std::string lowercased(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -167,6 +171,7 @@ Plist KTSProduct::getTotalMirrorSize() const {
 
 bool KTSProduct::downloadMirroredFiles() {
   beginDownload();
+  fetchMissingFilesAhead();
   while (downloadStatus_ != DownloadFinished) {
     downloadNextFile();
     if (downloadStatus_ == FileAbsent) return false;
@@ -180,6 +185,36 @@ void KTSProduct::beginDownload() {
   downloadEnumerator_ = 0;
   totalDownloadCount_ = 0;
   downloadStatus_ = DownloadBegun;
+  filesFailedAhead_.clear();
+}
+
+// The walk below then finds these files in place and verifies them; a file whose fetch failed
+// here has had its first attempt, and one that may not be fetched is left to the walk to refuse.
+void KTSProduct::fetchMissingFilesAhead() {
+  std::vector<std::shared_ptr<KTSFileDownloader>> fetches;
+  std::vector<std::size_t> fetchedRecords;
+  std::set<std::string> localPaths;
+  for (std::size_t i = 0; i < mirrorFiles_.size(); ++i) {
+    const Plist& record = mirrorFiles_[i];
+    const std::string& localPath = record[kFileLocalPathKey].stringValue();
+    std::optional<Url> url = Url::parse(record[kFileURLKey].stringValue());
+    std::string refusal;
+    if (record[kFileReplaceKey].boolValue() || !localPaths.insert(localPath).second ||
+        KTSUtilities::fileExistsAtPath(localPath) ||
+        !prepareDownloadFolder(url, localPath, &refusal)) {
+      continue;
+    }
+    fetches.push_back(
+        KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, localPath, false));
+    fetchedRecords.push_back(i);
+  }
+  if (fetches.size() < 2) return;
+  KTSFileDownloader::downloadConcurrently(fetches, kConcurrentFileFetches,
+                                          [](KTSFileDownloader&) {});
+  filesFailedAhead_.assign(mirrorFiles_.size(), false);
+  for (std::size_t i = 0; i < fetches.size(); ++i) {
+    if (fetches[i]->downloadError()) filesFailedAhead_[fetchedRecords[i]] = true;
+  }
 }
 
 void KTSProduct::addToDownloadedSize(std::int64_t bytes) {
@@ -191,12 +226,18 @@ void KTSProduct::downloadNextFile() {
     endDownload();
     return;
   }
-  const Plist record = mirrorFiles_[(*downloadEnumerator_)++];
+  std::size_t index = (*downloadEnumerator_)++;
+  const Plist record = mirrorFiles_[index];
   const std::string& localPath = record[kFileLocalPathKey].stringValue();
   const std::string fileName = lastPathComponent(localPath);
   mirror_ = Downloading;
   downloadStatus_ = FileInTransfer;
-  for (int attempt = 0; attempt < kFileDownloadAttempts; ++attempt) {
+  int firstAttempt = 0;
+  if (index < filesFailedAhead_.size() && filesFailedAhead_[index]) {
+    firstAttempt = 1;
+    downloadStatus_ = FileAbsent;
+  }
+  for (int attempt = firstAttempt; attempt < kFileDownloadAttempts; ++attempt) {
     if (downloadStatus_ == FileSuspect) {
       log_.debug("PROD: {} ({}) removing suspect file.", id(), fileName);
       if (!KTSPath::isInsideHtmlFolder(localPath) || !KTSUtilities::removePath(localPath)) return;
@@ -238,6 +279,7 @@ void KTSProduct::endDownload() {
     enabled_ = true;
   }
   downloadEnumerator_.reset();
+  filesFailedAhead_.clear();
 }
 
 void KTSProduct::downloadFileWithInfo(const Plist& fileInfo) {
@@ -263,17 +305,8 @@ void KTSProduct::downloadFileWithInfo(const Plist& fileInfo) {
     log_.error("*** Reason: {}", reason);
     log_.error("*** The suspect product file will not be downloaded.");
   };
-  // Nothing is created until the URL and the path are acceptable as text.
-  std::string folder = deletingLastPathComponent(localPath);
-  if (std::optional<std::string> reason = refusalBeforeCreatingFolder(url, localPath)) {
-    return refuse(*reason);
-  }
-  if (!KTSUtilities::directoryExistsAtPath(folder)) {
-    KTSUtilities::createDirectoryAtPath(folder);
-    log_.debug("PROD: {}:   ...created download folder: {}", id(), folder);
-  }
   std::string reason;
-  if (!verifyDownloadFileURLDestPathFailureReason(url, localPath, &reason)) return refuse(reason);
+  if (!prepareDownloadFolder(url, localPath, &reason)) return refuse(reason);
 
   log_.debug("PROD: {}:   ...download started: {}; expected size={}; replace={}", id(), fileName,
              sizeText(size, "--"), replace ? "YES" : "NO");
@@ -289,6 +322,21 @@ void KTSProduct::downloadFileWithInfo(const Plist& fileInfo) {
                failure.what());
     log_.error("Download failed for product/file: {}/{}", id(), fileName);
   }
+}
+
+// Nothing is created until the URL and the path are acceptable as text.
+bool KTSProduct::prepareDownloadFolder(const std::optional<Url>& url, const std::string& localPath,
+                                       std::string* refusal) const {
+  if (std::optional<std::string> reason = refusalBeforeCreatingFolder(url, localPath)) {
+    *refusal = *reason;
+    return false;
+  }
+  std::string folder = deletingLastPathComponent(localPath);
+  if (!KTSUtilities::directoryExistsAtPath(folder)) {
+    KTSUtilities::createDirectoryAtPath(folder);
+    log_.debug("PROD: {}:   ...created download folder: {}", id(), folder);
+  }
+  return verifyDownloadFileURLDestPathFailureReason(url, localPath, refusal);
 }
 
 bool KTSProduct::verifyDownloadFileURLDestPathFailureReason(const std::optional<Url>& url,

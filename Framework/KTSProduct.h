@@ -184,6 +184,13 @@ class KTSProduct {
   // html folder; none otherwise (a hostile URL never names a file elsewhere).
   static std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url);
   void addToDownloadedSize(std::int64_t bytes);
+  // Fetches a few at a time the files that are not on disk yet, ahead of the walk of
+  // downloadNextFile, and marks in filesFailedAhead_ those whose fetch failed.
+  void fetchMissingFilesAhead();
+  // Creates the folder of a file to fetch once its URL and path are acceptable as text, then
+  // checks the folder as resolved on disk; false, with the refusal, when the fetch may not be.
+  bool prepareDownloadFolder(const std::optional<Url>& url, const std::string& localPath,
+                             std::string* refusal) const;
   static const std::shared_ptr<const std::vector<std::string>>& requiredServerMetadataKeys();
 
   std::int64_t initStatus_ = 0;
@@ -206,6 +213,8 @@ class KTSProduct {
   std::shared_ptr<const std::vector<std::string>> smdValidationKeys_;
   Plist mirrorFiles_;
   std::optional<std::size_t> downloadEnumerator_;
+  // Per mirror file, during a download: its fetch ahead of the walk failed.
+  std::vector<bool> filesFailedAhead_;
   std::int64_t totalDownloadCount_ = 0;
   Plist totalDownloadSize_;
   Plist downloadedSize_;

@@ -101,8 +101,13 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
 
   for (int status : {404, 500}) {
     upstream_.putStatus("/d/P1/b.pkg", status);
+    for (const char* name : {"/d/P1/a.pkg", "/d/P1/b.pkg"}) std::filesystem::remove(local(name));
     auto failing = product();
+    int requests = upstream_.requestCount();
     EXPECT_FALSE(failing->downloadMirroredFiles()) << status;
+    // a.pkg once, b.pkg three times: the fetch ahead of the walk is b.pkg's first attempt.
+    EXPECT_EQ(upstream_.requestCount(), requests + 4) << status;
+    EXPECT_EQ(readFile(local("/d/P1/a.pkg")), std::string(3000, 'a'));
     EXPECT_EQ(failing->mirror(), KTSProduct::Downloading);
     EXPECT_FALSE(std::filesystem::exists(local("/d/P1/b.pkg")));
   }
