@@ -208,12 +208,16 @@ void KTSProduct::fetchMissingFilesAhead() {
         KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, localPath, false));
     fetchedRecords.push_back(i);
   }
+  // A single file gains nothing from going ahead of the walk.
   if (fetches.size() < 2) return;
   KTSFileDownloader::downloadConcurrently(fetches, kConcurrentFileFetches,
                                           [](KTSFileDownloader&) {});
   filesFailedAhead_.assign(mirrorFiles_.size(), false);
   for (std::size_t i = 0; i < fetches.size(); ++i) {
-    if (fetches[i]->downloadError()) filesFailedAhead_[fetchedRecords[i]] = true;
+    if (const std::optional<KTSError>& error = fetches[i]->downloadError()) {
+      KTSUtilities::logFailedDownload(fetches[i]->downloadPath(), error->description());
+      filesFailedAhead_[fetchedRecords[i]] = true;
+    }
   }
 }
 

@@ -315,11 +315,15 @@ bool KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(const
       KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(url, localPath, archivePrevious);
   downloader->startSynchronousDownload();
   if (const std::optional<KTSError>& error = downloader->downloadError()) {
-    LogHandle::shared().error("Download for \"{}\" failed (reason: {})",
-                              lastPathComponent(localPath), error->description());
+    logFailedDownload(localPath, error->description());
     return false;
   }
   return true;
+}
+
+void KTSUtilities::logFailedDownload(const std::string& localPath, const std::string& reason) {
+  LogHandle::shared().error("Download for \"{}\" failed (reason: {})", lastPathComponent(localPath),
+                            reason);
 }
 
 std::optional<Date> KTSUtilities::validDateForValue(const Plist& value) {

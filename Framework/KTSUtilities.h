@@ -63,6 +63,8 @@ class KTSUtilities {
 
   // Downloads url to path unless replaceExisting is false and the file exists (then true without
   // a transfer). False, with one error line, when the download failed.
+  // The wrapper's error line for a download to localPath that failed for reason.
+  static void logFailedDownload(const std::string& localPath, const std::string& reason);
   static bool downloadFileWithURLToPathReplaceExistingArchivePrevious(const Url& url,
                                                                       const std::string& path,
                                                                       bool replaceExisting,

@@ -104,9 +104,17 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
     for (const char* name : {"/d/P1/a.pkg", "/d/P1/b.pkg"}) std::filesystem::remove(local(name));
     auto failing = product();
     int requests = upstream_.requestCount();
+    clearLog();
     EXPECT_FALSE(failing->downloadMirroredFiles()) << status;
-    // a.pkg once, b.pkg three times: the fetch ahead of the walk is b.pkg's first attempt.
+    // a.pkg once, b.pkg three times: the fetch ahead of the walk is b.pkg's first attempt, and
+    // each attempt reports its failure.
     EXPECT_EQ(upstream_.requestCount(), requests + 4) << status;
+    std::vector<std::string> lines = logLines();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(),
+                         fmt::format("ondrd_test[ERR]: Download for \"b.pkg\" failed (reason: "
+                                     "HTTP status {})",
+                                     status)),
+              3);
     EXPECT_EQ(readFile(local("/d/P1/a.pkg")), std::string(3000, 'a'));
     EXPECT_EQ(failing->mirror(), KTSProduct::Downloading);
     EXPECT_FALSE(std::filesystem::exists(local("/d/P1/b.pkg")));
