@@ -47,11 +47,12 @@ void KTSFileDownloader::downloadConcurrently(
     const std::vector<std::shared_ptr<KTSFileDownloader>>& downloaders, std::size_t concurrent,
     const std::function<void(KTSFileDownloader&)>& finished) {
   // Under a bandwidth limit each transfer paces only itself, so they take turns.
-  if (KTSPreferences::defaultPreferences()->syncBandwidth().integerValue() > 0) concurrent = 1;
+  bool limited = KTSPreferences::defaultPreferences()->syncBandwidth().integerValue() > 0;
+  std::size_t window = limited ? 1 : std::max<std::size_t>(concurrent, 1);
   std::vector<KTSFileDownloader*> running;
   auto next = downloaders.begin();
   while (next != downloaders.end() || !running.empty()) {
-    while (next != downloaders.end() && running.size() < std::max<std::size_t>(concurrent, 1)) {
+    while (next != downloaders.end() && running.size() < window) {
       KTSFileDownloader& downloader = **next++;
       if (downloader.startDownload()) {
         running.push_back(&downloader);

@@ -106,24 +106,20 @@ Plist KTSProduct::readLegacyServerMetadata(const std::optional<Url>& url) {
 }
 
 Plist KTSProduct::loadActiveServerMetadataAtURL(const Url& url) {
-  KTSPath path(url);
   std::optional<std::string> localPath = localPathInsideDocumentRoot(url);
   if (!localPath) {
     log_.error("*** Server metadata URL of product {} lies outside the updates folder: {}", id(),
                url.text());
     return Plist();
   }
-  // Another catalog of this pass lists the product too: its fetch serves both.
+  // This pass fetched it already: ahead of the catalog's products, or for another catalog.
   if (const KTSProductPass::ServerMetadata* fetched =
           KTSProductPass::serverMetadataFetchedFrom(url.text())) {
     smdPath_ = fetched->smdPath;
     return fetched->contents;
   }
   KTSProductPass::ServerMetadata fetched;
-  if (downloadServerMetadata(url, *localPath)) {
-    fetched.smdPath = path;
-    fetched.contents = KTSUtilities::readPropertyListAtPath(*localPath);
-  }
+  if (downloadServerMetadata(url, *localPath)) fetched = placeServerMetadata(url, *localPath);
   smdPath_ = fetched.smdPath;
   KTSProductPass::recordServerMetadataFetchedFrom(url.text(), fetched);
   return fetched.contents;
@@ -143,15 +139,16 @@ bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& local
     if (attempt == kMetadataDownloadAttempts) return false;
     Clock::sleepFor(kMetadataRetryPause);
   }
-  placeServerMetadata(target, localPath);
   return true;
 }
 
 // The old file becomes L.previous by a link and the new one replaces it by a rename, so L
 // always holds a whole file.
-void KTSProduct::placeServerMetadata(const std::string& target, const std::string& localPath) {
+KTSProductPass::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
+                                                               const std::string& localPath) {
   keepPreviousVersion(localPath, appendingPathExtension(localPath, "previous"));
-  std::rename(target.c_str(), localPath.c_str());
+  std::rename(appendingPathExtension(localPath, "downloading").c_str(), localPath.c_str());
+  return {KTSUtilities::readPropertyListAtPath(localPath), KTSPath(url)};
 }
 
 void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
@@ -161,11 +158,10 @@ void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
     KTSFileDownloader::downloadConcurrently(
         batch, kConcurrentMetadataFetches, [](KTSFileDownloader& fetched) {
           if (fetched.downloadError()) return;
-          std::string localPath = deletingPathExtension(fetched.downloadPath());
-          placeServerMetadata(fetched.downloadPath(), localPath);
           KTSProductPass::recordServerMetadataFetchedFrom(
               fetched.sourceUrl().text(),
-              {KTSUtilities::readPropertyListAtPath(localPath), KTSPath(fetched.sourceUrl())});
+              placeServerMetadata(fetched.sourceUrl(),
+                                  deletingPathExtension(fetched.downloadPath())));
         });
     batch.clear();
   };

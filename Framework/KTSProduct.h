@@ -14,6 +14,7 @@
 
 #include "KTSLogger.h"
 #include "KTSPath.h"
+#include "KTSProductPass.h"
 #include "Plist.h"
 #include "Url.h"
 
@@ -175,9 +176,11 @@ class KTSProduct {
   const std::string& id() const;
   void deriveProductFamily();
   Plist readLegacyServerMetadata(const std::optional<Url>& url);
-  // Fetches url to localPath (three attempts), keeping the old file as its ".previous".
+  // Fetches url to localPath's ".downloading" side file (three attempts).
   bool downloadServerMetadata(const Url& url, const std::string& localPath);
-  static void placeServerMetadata(const std::string& target, const std::string& localPath);
+  // Moves the side file to localPath, keeping the old file as its ".previous", and reads it.
+  static KTSProductPass::ServerMetadata placeServerMetadata(const Url& url,
+                                                            const std::string& localPath);
   static std::optional<Url> prefetchableServerMetadataURL(const std::string& productId,
                                                           const Plist& entry);
   // The standardised local path of an upstream URL when it lies inside the document root's

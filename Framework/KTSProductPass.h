@@ -2,8 +2,8 @@
 // catalog that lists them. While one lives, each server metadata URL is fetched and read once
 // (a fetch that failed is not retried for the next catalog either), and equal values recorded
 // under the same key, such as a product's file list, share one copy in memory. The sync daemon
-// holds one for each pass, so every pass fetches anew; without one nothing is shared. Used by
-// KTSProduct. One thread; the newest instance is in effect until it ends.
+// holds one while a pass loads its catalogs, so every pass fetches anew; without one nothing is
+// shared. Used by KTSProduct. One thread; the newest instance is in effect until it ends.
 #pragma once
 
 #include <map>
