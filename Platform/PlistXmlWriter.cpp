@@ -1,6 +1,9 @@
 // Writes property lists as XML, streaming: the document is never assembled in memory, so writing
 // a large catalog costs no more than its buffered output.
 #include <algorithm>
+#include <array>
+#include <cstring>
+#include <memory>
 
 #include "Base64.h"
 #include "DateFormats.h"
@@ -36,7 +39,6 @@ class PlistXmlWriter {
 
  private:
   void beginDocument() {
-    pending_.reserve(kFlushSize + 4096);
     put("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n");
   }
 
@@ -48,15 +50,21 @@ class PlistXmlWriter {
 
   // The document's many small pieces are gathered and handed to the stream in large writes.
   void put(std::string_view text) {
-    pending_.append(text);
-    if (pending_.size() >= kFlushSize) flush();
+    if (text.size() > kBufferSize - used_) {
+      flush();
+      if (text.size() > kBufferSize) return write(text);
+    }
+    std::memcpy(buffer_.get() + used_, text.data(), text.size());
+    used_ += text.size();
   }
 
   void flush() {
-    if (ok_ && std::fwrite(pending_.data(), 1, pending_.size(), file_) != pending_.size()) {
-      ok_ = false;
-    }
-    pending_.clear();
+    write(std::string_view(buffer_.get(), used_));
+    used_ = 0;
+  }
+
+  void write(std::string_view text) {
+    if (ok_ && std::fwrite(text.data(), 1, text.size(), file_) != text.size()) ok_ = false;
   }
 
   void indent(int depth) {
@@ -79,6 +87,10 @@ class PlistXmlWriter {
     std::size_t i = 0;
     while (i < text.size()) {
       auto c = static_cast<unsigned char>(text[i]);
+      if (kPlainBytes[c]) {
+        ++i;
+        continue;
+      }
       std::size_t length = 1;
       std::string_view replacement;
       if (c >= 0x80) {
@@ -99,11 +111,8 @@ class PlistXmlWriter {
         replacement = "&amp;";
       } else if (c == '\r') {
         replacement = "&#13;";
-      } else if (c < 0x20 && c != '\t' && c != '\n') {
-        replacement = kReplacementCharacter;
       } else {
-        ++i;
-        continue;
+        replacement = kReplacementCharacter;
       }
       put(text.substr(start, i - start));
       put(replacement);
@@ -198,10 +207,19 @@ class PlistXmlWriter {
     put("</data>\n");
   }
 
-  static constexpr std::size_t kFlushSize = 1 << 16;
+  static constexpr std::size_t kBufferSize = 1 << 16;
+  // The bytes that go out as they are: printable ASCII other than the markup characters, tab
+  // and line feed. Every other byte takes the slow path of putEscaped.
+  static constexpr std::array<bool, 256> kPlainBytes = [] {
+    std::array<bool, 256> plain{};
+    for (int c = 0x20; c < 0x80; ++c) plain[c] = c != '<' && c != '>' && c != '&';
+    plain['\t'] = plain['\n'] = true;
+    return plain;
+  }();
 
   std::FILE* file_;
-  std::string pending_;
+  std::unique_ptr<char[]> buffer_ = std::make_unique<char[]>(kBufferSize);
+  std::size_t used_ = 0;
   bool ok_ = true;
 };
 

@@ -107,6 +107,7 @@ TEST_F(PlistTest, RoundTripsHoldAgainstAnIndependentReader) {
   document.set("invalid", "x\xFFy\xC3");
   document.set("unwritable", std::string("\x01\x1F\xEF\xBF\xBE\xEF\xBF\xBF") + '\0');
   document.set("kept", "\xEF\xBF\xBD\xF0\x9F\x98\x80");
+  document.set("long", std::string(100000, 'x') + "<" + std::string(100000, 'y'));
   const std::string file = path("/round.plist");
   ASSERT_TRUE(document.writeXmlFile(file, nullptr));
 
@@ -116,6 +117,7 @@ TEST_F(PlistTest, RoundTripsHoldAgainstAnIndependentReader) {
   EXPECT_EQ((*ours)["unsigned"].integerText(), "18446744073709551615");
   EXPECT_EQ((*ours)["nan"], document["nan"]);
   EXPECT_EQ((*ours)["cr\r"], document["cr\r"]);
+  EXPECT_EQ((*ours)["long"], document["long"]);
 
   // What XML cannot carry comes back as U+FFFD, one per character or stray byte.
   const std::string check =
