@@ -362,12 +362,16 @@ bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo) const {
   const std::string fileName = lastPathComponent(localPath);
   const Plist& size = fileInfo[kFileSizeKey];
   log_.debug("PROD: {}: verifying: {}; size: {}", id(), fileName, sizeText(size, "(N/A)"));
-  if (!KTSPath::isInsideHtmlFolder(localPath) || !KTSUtilities::fileExistsAtPath(localPath)) {
+  std::optional<std::int64_t> found;
+  if (KTSPath::isInsideHtmlFolder(localPath)) {
+    found = KTSUtilities::sizeOfExistingItemAtPath(localPath);
+  }
+  if (!found) {
     log_.debug("PROD: {}: verification failed; file not found: {}", id(), fileName);
     return false;
   }
   if (!size.isNumber()) return true;
-  std::int64_t actual = KTSUtilities::fileSizeAtPath(localPath).value_or(-1);
+  std::int64_t actual = *found;
   if (actual == size.integerValue()) return true;
   log_.debug("PROD: {}: verification failed; incorrect size: {} (expected={}, actual={})", id(),
              fileName, size, actual);

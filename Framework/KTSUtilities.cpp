@@ -65,6 +65,15 @@ std::optional<std::int64_t> KTSUtilities::fileSizeAtPath(const std::string& path
   return static_cast<std::int64_t>(status.st_size);
 }
 
+std::optional<std::int64_t> KTSUtilities::sizeOfExistingItemAtPath(const std::string& path) {
+  std::string target = standardizingPath(path);
+  struct stat status {};
+  if (::lstat(target.c_str(), &status) != 0) return std::nullopt;
+  struct stat linked {};
+  if (S_ISLNK(status.st_mode) && ::stat(target.c_str(), &linked) != 0) return std::nullopt;
+  return static_cast<std::int64_t>(status.st_size);
+}
+
 bool KTSUtilities::directoryExistsAtPath(const std::string& path) {
   struct stat status {};
   return itemExists(path, &status) && S_ISDIR(status.st_mode);

@@ -25,6 +25,9 @@ class KTSUtilities {
   // Without a size: as fileExistsAtPath. With one: the item's size is readable and equal.
   static bool fileExistsAtPathWithSize(const std::string& path, std::optional<std::int64_t> size);
   static std::optional<std::int64_t> fileSizeAtPath(const std::string& path);
+  // fileExistsAtPath and fileSizeAtPath in one look: the size of the item at path, none when
+  // nothing exists there (a symbolic link exists when what it points to does).
+  static std::optional<std::int64_t> sizeOfExistingItemAtPath(const std::string& path);
   static bool directoryExistsAtPath(const std::string& path);
 
   static bool removePath(const std::string& path);
