@@ -371,6 +371,7 @@ void SyncPass::mirrorProducts(PassOutcome& outcome) {
       auto stateBefore = recordedState(*product);
       auto start = std::chrono::steady_clock::now();
       bool complete = product->downloadMirroredFiles();
+      if (recordedState(*product) != stateBefore) changedProducts_.insert(productId);
       if (complete) {
         progress_.product(productId, static_cast<std::size_t>(product->totalDownloadCount()),
                           static_cast<std::uint64_t>(product->downloadedSize().integerValue()),
@@ -390,7 +391,6 @@ void SyncPass::mirrorProducts(PassOutcome& outcome) {
           return;
         }
       }
-      if (recordedState(*product) != stateBefore) changedProducts_.insert(productId);
       carryStateToOtherInstances(*product);
       workingSet->updateProductStatus(*product);
     }
