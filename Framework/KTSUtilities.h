@@ -66,12 +66,12 @@ class KTSUtilities {
 
   // Downloads url to path unless replaceExisting is false and the file exists (then true without
   // a transfer). False, with one error line, when the download failed.
-  // The wrapper's error line for a download to localPath that failed for reason.
-  static void logFailedDownload(const std::string& localPath, const std::string& reason);
   static bool downloadFileWithURLToPathReplaceExistingArchivePrevious(const Url& url,
                                                                       const std::string& path,
                                                                       bool replaceExisting,
                                                                       bool archivePrevious);
+  // The wrapper's error line for a download to localPath that failed for reason.
+  static void logFailedDownload(const std::string& localPath, const std::string& reason);
 
   // A date from a date, an RFC 3339 string or an archive-format string; none otherwise.
   static std::optional<Date> validDateForValue(const Plist& value);
