@@ -172,31 +172,35 @@ std::string binaryPlist(const std::vector<std::string>& objects) {
   return body + trailer;
 }
 
-std::string reference(std::uint32_t index) {
-  return {static_cast<char>(index >> 24), static_cast<char>(index >> 16),
-          static_cast<char>(index >> 8), static_cast<char>(index)};
+// An object of a binary list: its marker byte followed by four-byte references.
+std::string object(char marker, std::initializer_list<std::uint32_t> references) {
+  std::string bytes(1, marker);
+  for (std::uint32_t index : references) {
+    for (int shift = 24; shift >= 0; shift -= 8) bytes.push_back(static_cast<char>(index >> shift));
+  }
+  return bytes;
 }
 
 TEST_F(PlistTest, HostileBinaryListsAreRefusedOrReadInLinearTime) {
   std::string error;
   // A dictionary whose only key is a UTF-16 string holding U+0000.
   std::string nulKey =
-      binaryPlist({"\xD1" + reference(1) + reference(2), std::string("\x61\x00\x00", 3), "\x09"});
+      binaryPlist({object('\xD1', {1, 2}), std::string("\x61\x00\x00", 3), "\x09"});
   EXPECT_FALSE(Plist::fromBytes(nulKey, &error));
 
   // 100,000 nested arrays (about 900 KB), and an array that holds itself.
   std::vector<std::string> nested;
-  for (std::uint32_t i = 0; i < 100000; ++i) nested.push_back("\xA1" + reference(i + 1));
+  for (std::uint32_t i = 0; i < 100000; ++i) nested.push_back(object('\xA1', {i + 1}));
   nested.push_back("\x09");
   error.clear();
   EXPECT_FALSE(Plist::fromBytes(binaryPlist(nested), &error));
   EXPECT_NE(error.find("nested too deeply"), std::string::npos) << error;
-  EXPECT_FALSE(Plist::fromBytes(binaryPlist({"\xA1" + reference(0)}), &error));
+  EXPECT_FALSE(Plist::fromBytes(binaryPlist({object('\xA1', {0})}), &error));
 
   // 60 levels of arrays that each hold the next one twice: 2^60 elements if expanded.
   std::vector<std::string> doubling;
   for (std::uint32_t i = 0; i < 60; ++i) {
-    doubling.push_back("\xA2" + reference(i + 1) + reference(i + 1));
+    doubling.push_back(object('\xA2', {i + 1, i + 1}));
   }
   doubling.push_back("\x08");
   std::optional<Plist> shared = Plist::fromBytes(binaryPlist(doubling), &error);
@@ -207,7 +211,7 @@ TEST_F(PlistTest, HostileBinaryListsAreRefusedOrReadInLinearTime) {
   for (const std::string& bad :
        {binaryPlist({"\xAF\x13\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF"}),
         binaryPlist({"\x5F\x13\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF"}),
-        binaryPlist({"\xA1" + reference(9)}),
+        binaryPlist({object('\xA1', {9})}),
         binaryPlist({std::string("\x33\x7F\xEF\xFF\xFF\xFF\xFF\xFF\xFF", 9)}),
         binaryPlist({std::string("\x33\x42\x00\x00\x00\x00\x00\x00\x00", 9)}),
         std::string("bplist00") + std::string(32, '\xFF')}) {
