@@ -26,6 +26,9 @@ class TransferSession {
   }
   CURLM* multi() const { return multi_; }
   CURLSH* share() const { return share_; }
+  // Set when a transfer's response was delivered, so that the event loop hands control back to
+  // its caller, who may want no more than the response.
+  bool responseDelivered = false;
 
  private:
   TransferSession() {
@@ -118,6 +121,7 @@ class Transfer::Impl {
         failure_ = "interrupted";
         return complete(CURLE_ABORTED_BY_CALLBACK);
       }
+      TransferSession::shared().responseDelivered = false;
       int running = 0;
       curl_multi_perform(multi, &running);
       // The multi handle drives every started transfer; each that ended is told, whichever
@@ -132,7 +136,7 @@ class Transfer::Impl {
         ended->complete(message->data.result);
         anyEnded = true;
       }
-      if (anyEnded) return;
+      if (anyEnded || TransferSession::shared().responseDelivered) return;
       auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(
           deadline - std::chrono::steady_clock::now());
       if (remaining.count() <= 0) return;
@@ -203,6 +207,7 @@ class Transfer::Impl {
     curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
     receiver_->transferDidReceiveResponse(
         {status_, effectiveUrl ? effectiveUrl : "", contentLength_});
+    TransferSession::shared().responseDelivered = true;
     return true;
   }
 

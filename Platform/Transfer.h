@@ -58,7 +58,7 @@ class Transfer {
   // Starts the request; events follow while runEventLoopFor runs.
   void start();
   // Runs the thread's event loop, which drives every started transfer of the process, for at
-  // most the given time or until one of them ends.
+  // most the given time or until one of them has received its response or ended.
   void runEventLoopFor(std::chrono::milliseconds slice);
   bool isFinished() const;
 

@@ -36,8 +36,8 @@ std::string catalogName(const Url& url) { return lastPathComponent(url.path()); 
 
 // Answers whether the upstream's web server answers at all (any HTTP status counts), so that a
 // pass against an upstream that is down fails at once instead of retrying every product. The
-// body is not waited for: the event loop runs in short slices, so that the transfer ends soon
-// after the response instead of fetching a whole catalog each time a product fails.
+// body is not waited for: the transfer ends with the response, so a probe after each failed
+// product does not fetch a whole catalog.
 class UpstreamProbe : public TransferReceiver {
  public:
   bool answers(const Url& url) {
@@ -49,7 +49,7 @@ class UpstreamProbe : public TransferReceiver {
     if (transfer) {
       transfer->setDestination(path);
       transfer->start();
-      while (!done_ && !answered_) transfer->runEventLoopFor(std::chrono::milliseconds(2));
+      while (!done_ && !answered_) transfer->runEventLoopFor(std::chrono::milliseconds(100));
       transfer.reset();
     }
     ::unlink(path);
