@@ -185,7 +185,7 @@ void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
 // The metadata URL a product made from the entry would fetch, unless this pass fetched it.
 std::optional<Url> KTSProduct::prefetchableServerMetadataURL(const std::string& productId,
                                                              const Plist& entry) {
-  if (!isValidProductId(productId) || entry["CompositeProductState"].integerValue() >= 3 ||
+  if (!isValidProductId(productId) || !isActiveEntry(entry) ||
       !entry["ServerMetadataURL"].isString()) {
     return std::nullopt;
   }

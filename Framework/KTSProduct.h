@@ -70,7 +70,12 @@ class KTSProduct {
   bool isEqualState(const KTSProduct& other, std::string* changedKey = nullptr) const;
   void setStateWithProduct(const KTSProduct& other);
   std::int64_t getCompositeProductState() const;
-  bool isActiveProduct() const { return getCompositeProductState() < 3; }
+  bool isActiveProduct() const { return isActiveEntry(masterRepresentation_); }
+  // Whether a product of this catalog entry is active: its composite state is below DEPRECATED
+  // (3). Only an active product fetches its server metadata.
+  static bool isActiveEntry(const Plist& entry) {
+    return entry["CompositeProductState"].integerValue() < 3;
+  }
   bool isDownloading() const { return mirror_ == PleaseMirror || mirror_ == Downloading; }
   bool applyPendingEnable();
   std::string getEffectiveRestartAction() const;
