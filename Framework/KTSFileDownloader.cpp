@@ -93,7 +93,11 @@ bool KTSFileDownloader::startDownload() {
     setDownloadErrorWithReason(-1, "Remote file request could not be created.");
     return false;
   }
-  fileDownload_->setDestination(downloadingPath_);
+  if (memoryLimit_) {
+    fileDownload_->setDestinationInMemory(&receivedBody_, *memoryLimit_);
+  } else {
+    fileDownload_->setDestination(downloadingPath_);
+  }
   isDone_ = false;
   fileDownload_->start();
   return true;
@@ -149,7 +153,11 @@ void KTSFileDownloader::transferDidReceiveDataOfLength(std::uint64_t length) {
 void KTSFileDownloader::transferDidFailWithError(const TransferError& error) {
   endDownload();
   downloadError_ = KTSError(kTransferErrorDomain, error.code, error.description);
-  if (KTSUtilities::fileExistsAtPath(downloadingPath_)) KTSUtilities::removePath(downloadingPath_);
+  if (memoryLimit_) {
+    receivedBody_.clear();
+  } else if (KTSUtilities::fileExistsAtPath(downloadingPath_)) {
+    KTSUtilities::removePath(downloadingPath_);
+  }
 }
 
 void KTSFileDownloader::transferWillRedirect(const std::string&) {}
@@ -157,7 +165,7 @@ void KTSFileDownloader::transferWillRedirect(const std::string&) {}
 void KTSFileDownloader::transferDidFinish() {
   endDownload();
   log_.debug("FILE: {} - download finished ({} bytes)", downloadName_, downloadBytes_);
-  if (!KTSUtilities::fileExistsAtPath(downloadingPath_)) return;
+  if (memoryLimit_ || !KTSUtilities::fileExistsAtPath(downloadingPath_)) return;
   placeDownloadedFile();
 }
 

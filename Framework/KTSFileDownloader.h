@@ -2,7 +2,8 @@
 // runs the event loop until the transfer ends, and several downloaders can take turns running
 // it for transfers that proceed at once. The body goes to NAME.downloading and replaces the
 // final file only when complete, optionally keeping the replaced file as NAME.previous; the sync
-// bandwidth limit of the preferences paces it. Used by the download wrapper of KTSUtilities, by
+// bandwidth limit of the preferences paces it. A small file can be received into memory
+// instead, for a caller that places it itself. Used by the download wrapper of KTSUtilities, by
 // KTSProduct (server metadata, several files at a time) and, as its base class, by
 // KTSCatalogDownloader. One thread for all downloaders.
 #pragma once
@@ -40,6 +41,10 @@ class KTSFileDownloader : public TransferReceiver {
       const std::vector<std::shared_ptr<KTSFileDownloader>>& downloaders, std::size_t concurrent,
       const std::function<void(KTSFileDownloader&)>& finished);
   void endDownload();
+  // From the next start on, the body goes into memory (at most limit bytes; a longer one fails
+  // the download) and nothing is written or placed: takeReceivedBody hands it over.
+  void receiveIntoMemory(std::size_t limit) { memoryLimit_ = limit; }
+  std::string takeReceivedBody() { return std::move(receivedBody_); }
   // Pauses the thread when more has arrived than the limit allows for the time elapsed.
   void enforceSyncBandwidthLimit();
   void setDownloadErrorWithReason(std::int64_t code, const std::string& reason);
@@ -98,6 +103,8 @@ class KTSFileDownloader : public TransferReceiver {
   bool isDone_ = false;
   std::vector<std::string> trustedHosts_;
   std::int64_t maxSyncBW_ = 0;
+  std::optional<std::size_t> memoryLimit_;
+  std::string receivedBody_;
   LogHandle log_;
 };
 

@@ -27,8 +27,21 @@ constexpr std::chrono::seconds kMetadataRetryPause(3);
 // writes and reads the ones that arrived.
 constexpr std::size_t kConcurrentMetadataFetches = 3;
 constexpr std::size_t kMetadataPrefetchBatch = 256;
+// A metadata file fetched ahead is held in memory until placed; a larger one is left to its
+// product's own fetch.
+constexpr std::size_t kPrefetchedMetadataLimit = std::size_t{1} << 20;
 // Upstream host recorded for metadata files that legacy products only have on disk.
 constexpr const char* kContentDeliveryHost = "cdn.vantor.example";
+
+// Writes bytes to a new file at path, which nothing reads before it is renamed into place.
+bool writeSideFile(const std::string& path, const std::string& bytes) {
+  std::FILE* file = std::fopen(path.c_str(), "wb");
+  if (file == nullptr) return false;
+  bool written = std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+  if (std::fclose(file) != 0) written = false;
+  if (!written) std::remove(path.c_str());
+  return written;
+}
 
 std::optional<Url> firstDistributionURL(const Plist& entry) {
   const Plist& distributions = entry[KTCatalogProductDistributionsDictKey];
@@ -151,6 +164,32 @@ KTSProductPass::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
   return {KTSUtilities::readPropertyListAtPath(localPath), KTSPath(url)};
 }
 
+// Bytes equal to the file at L leave L in place and make L.previous the same file, which is
+// what replacing L would give: a pass in which nothing changed upstream creates and deletes no
+// file (on some file systems a deleted file costs a synchronous discard, and a new one a scan
+// past every file deleted in the last half minute).
+std::optional<KTSProductPass::ServerMetadata> KTSProduct::placeFetchedServerMetadata(
+    const Url& url, const std::string& localPath, const std::string& bytes) {
+  std::string previousPath = appendingPathExtension(localPath, "previous");
+  std::string current;
+  if (readWholeFile(localPath, &current, nullptr, bytes.size()) && current == bytes) {
+    if (fileIdentity(previousPath) != fileIdentity(localPath)) {
+      keepPreviousVersion(localPath, previousPath);
+    }
+  } else {
+    // Named as the product's own fetch names its side file, which it overwrites.
+    std::string sidePath =
+        appendingPathExtension(appendingPathExtension(localPath, "downloading"), "downloading");
+    if (!writeSideFile(sidePath, bytes)) return std::nullopt;
+    keepPreviousVersion(localPath, previousPath);
+    if (std::rename(sidePath.c_str(), localPath.c_str()) != 0) {
+      std::remove(sidePath.c_str());
+      return std::nullopt;
+    }
+  }
+  return KTSProductPass::ServerMetadata{KTSUtilities::propertyListWithData(bytes), KTSPath(url)};
+}
+
 void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
   if (!KTSProductPass::isInEffect()) return;
   std::vector<std::shared_ptr<KTSFileDownloader>> batch;
@@ -158,10 +197,12 @@ void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
     KTSFileDownloader::downloadConcurrently(
         batch, kConcurrentMetadataFetches, [](KTSFileDownloader& fetched) {
           if (fetched.downloadError()) return;
-          KTSProductPass::recordServerMetadataFetchedFrom(
-              fetched.sourceUrl().text(),
-              placeServerMetadata(fetched.sourceUrl(),
-                                  deletingPathExtension(fetched.downloadPath())));
+          std::optional<KTSProductPass::ServerMetadata> placed = placeFetchedServerMetadata(
+              fetched.sourceUrl(), fetched.downloadPath(), fetched.takeReceivedBody());
+          if (placed) {
+            KTSProductPass::recordServerMetadataFetchedFrom(fetched.sourceUrl().text(),
+                                                            std::move(*placed));
+          }
         });
     batch.clear();
   };
@@ -173,10 +214,11 @@ void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
     // Of two URLs that name one local file only the first is fetched here, the other by its
     // product in turn; a side file left by an interrupted pass is the product's to take as it is.
     if (!localPath || !localPaths.insert(*localPath).second) continue;
-    std::string target = appendingPathExtension(*localPath, "downloading");
-    if (KTSUtilities::fileExistsAtPath(target)) continue;
-    batch.push_back(
-        KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, target, false));
+    if (KTSUtilities::fileExistsAtPath(appendingPathExtension(*localPath, "downloading"))) continue;
+    auto downloader =
+        KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, *localPath, false);
+    downloader->receiveIntoMemory(kPrefetchedMetadataLimit);
+    batch.push_back(std::move(downloader));
     if (batch.size() == kMetadataPrefetchBatch) fetchBatch();
   }
   fetchBatch();

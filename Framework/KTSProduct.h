@@ -186,6 +186,10 @@ class KTSProduct {
   // Moves the side file to localPath, keeping the old file as its ".previous", and reads it.
   static KTSProductPass::ServerMetadata placeServerMetadata(const Url& url,
                                                             const std::string& localPath);
+  // Puts bytes fetched ahead of the walk at localPath as a download would, and reads them;
+  // none when they could not be written.
+  static std::optional<KTSProductPass::ServerMetadata> placeFetchedServerMetadata(
+      const Url& url, const std::string& localPath, const std::string& bytes);
   static std::optional<Url> prefetchableServerMetadataURL(const std::string& productId,
                                                           const Plist& entry);
   // The standardised local path of an upstream URL when it lies inside the document root's

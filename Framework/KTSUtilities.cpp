@@ -249,7 +249,12 @@ Plist KTSUtilities::readPropertyListAtPath(const std::string& path, std::size_t 
     LogHandle::shared().debug("UTIL: read property list data read failed! reason: {}", reason);
     return Plist();
   }
-  std::optional<Plist> value = Plist::fromBytes(contents, &reason);
+  return propertyListWithData(contents);
+}
+
+Plist KTSUtilities::propertyListWithData(std::string_view bytes) {
+  std::string reason;
+  std::optional<Plist> value = Plist::fromBytes(bytes, &reason);
   if (!value) {
     LogHandle::shared().debug("UTIL: read property list data conversion failed! reason: {}",
                               reason);

@@ -9,6 +9,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "FileIO.h"
 #include "Plist.h"
@@ -56,6 +57,8 @@ class KTSUtilities {
   // Files larger than maxBytes are not read.
   static Plist readPropertyListAtPath(const std::string& path,
                                       std::size_t maxBytes = kDefaultReadLimit);
+  // The value the bytes of a property-list file hold, or a null value when they hold none.
+  static Plist propertyListWithData(std::string_view bytes);
 
   static bool isMountedVolumeAtPath(const std::string& path);
   static std::optional<std::int64_t> getFreeSpaceForVolumeAtPath(const std::string& path);

@@ -107,6 +107,11 @@ class Transfer::Impl {
 
   void setDestination(std::string path) { destination_ = std::move(path); }
 
+  void setDestinationInMemory(std::string* body, std::size_t limit) {
+    body_ = body;
+    bodyLimit_ = limit;
+  }
+
   void start() {
     started_ = true;
     curl_multi_add_handle(TransferSession::shared().multi(), easy_);
@@ -157,12 +162,42 @@ class Transfer::Impl {
   static std::size_t onData(char* data, std::size_t size, std::size_t count, void* context) {
     auto* self = static_cast<Impl*>(context);
     std::size_t length = size * count;
-    if (self->file_ == nullptr || std::fwrite(data, 1, length, self->file_) != length) {
-      self->failure_ = "Writing " + self->destination_ + " failed: " + systemErrorText(errno);
-      return 0;
-    }
+    if (!self->store(std::string_view(data, length))) return 0;
     self->receiver_->transferDidReceiveDataOfLength(length);
     return length;
+  }
+
+  bool store(std::string_view data) {
+    if (body_ != nullptr) {
+      if (data.size() > bodyLimit_ - body_->size()) {
+        failure_ = "Response body larger than " + std::to_string(bodyLimit_) + " bytes";
+        return false;
+      }
+      body_->append(data);
+      return true;
+    }
+    if (file_ == nullptr || std::fwrite(data.data(), 1, data.size(), file_) != data.size()) {
+      failure_ = "Writing " + destination_ + " failed: " + systemErrorText(errno);
+      return false;
+    }
+    return true;
+  }
+
+  bool openDestination() {
+    if (body_ != nullptr) {
+      body_->clear();
+      return true;
+    }
+    closeFile();
+    file_ = std::fopen(destination_.c_str(), "wb");
+    if (file_ == nullptr) {
+      failure_ = "Cannot create " + destination_ + ": " + systemErrorText(errno);
+      return false;
+    }
+    // A received block as large as the buffer goes to the file in one write, not three.
+    fileBuffer_.resize(kReceiveBufferSize);
+    std::setvbuf(file_, fileBuffer_.data(), _IOFBF, fileBuffer_.size());
+    return true;
   }
 
   // Collects one response's status and headers; acts when its header block ends.
@@ -194,15 +229,7 @@ class Transfer::Impl {
       failure_ = "HTTP status " + std::to_string(status_);
       return false;
     }
-    closeFile();
-    file_ = std::fopen(destination_.c_str(), "wb");
-    if (file_ == nullptr) {
-      failure_ = "Cannot create " + destination_ + ": " + systemErrorText(errno);
-      return false;
-    }
-    // A received block as large as the buffer goes to the file in one write, not three.
-    fileBuffer_.resize(kReceiveBufferSize);
-    std::setvbuf(file_, fileBuffer_.data(), _IOFBF, fileBuffer_.size());
+    if (!openDestination()) return false;
     char* effectiveUrl = nullptr;
     curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
     receiver_->transferDidReceiveResponse(
@@ -238,6 +265,8 @@ class Transfer::Impl {
   CURL* easy_;
   TransferReceiver* receiver_;
   std::string destination_;
+  std::string* body_ = nullptr;
+  std::size_t bodyLimit_ = 0;
   std::FILE* file_ = nullptr;
   std::vector<char> fileBuffer_;
   bool started_ = false;
@@ -264,6 +293,9 @@ Transfer::Transfer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 Transfer::~Transfer() = default;
 
 void Transfer::setDestination(std::string path) { impl_->setDestination(std::move(path)); }
+void Transfer::setDestinationInMemory(std::string* body, std::size_t limit) {
+  impl_->setDestinationInMemory(body, limit);
+}
 void Transfer::start() { impl_->start(); }
 void Transfer::runEventLoopFor(std::chrono::milliseconds slice) { impl_->runEventLoopFor(slice); }
 void Transfer::cancelAll() { transfersCancelled.store(true, std::memory_order_relaxed); }

@@ -1,8 +1,9 @@
 // Transfer is one HTTP(S) GET of a URL into a destination file, run on the calling thread: the
 // caller starts it and then runs its event loop in short slices, during which the five events
 // (response, data length, finished, failed, redirect) reach its receiver. The body streams to
-// disk. Connections and TLS sessions are kept alive across transfers in the process. A status of
-// 400 or more is a failure naming the status; redirects are followed for http and https only.
+// disk, or into memory for a small file whose caller places it itself. Connections and TLS
+// sessions are kept alive across transfers in the process. A status of 400 or more is a failure
+// naming the status; redirects are followed for http and https only.
 // Extra trusted CA certificates come from the file named by ONDREL_CA_BUNDLE.
 // Several transfers may run at once: the event loop of any of them drives them all. One thread
 // drives a transfer; transfers of one process run on one thread at a time.
@@ -55,6 +56,9 @@ class Transfer {
 
   // The file the body goes to; created (replacing any file there) when the response arrives.
   void setDestination(std::string path);
+  // Instead of a file, *body receives the body (emptied when the response arrives); a body
+  // longer than limit fails the transfer. *body must outlive the transfer.
+  void setDestinationInMemory(std::string* body, std::size_t limit);
   // Starts the request; events follow while runEventLoopFor runs.
   void start();
   // Runs the thread's event loop, which drives every started transfer of the process, for at

@@ -137,6 +137,18 @@ TEST_F(KTSFileDownloaderTest, FailuresLeaveTheFilesExactlyAsTheyWere) {
       logged("ondrd_test[DBG]: FILE: item.pkg - ERROR! download failed (reason = HTTP "
              "status 404)"));
 
+  // Received into memory, a body touches no file, and one over the limit is a failure.
+  for (std::size_t limit : {9, 8}) {
+    auto inMemory =
+        KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url("/file"), target(), true);
+    inMemory->receiveIntoMemory(limit);
+    inMemory->startSynchronousDownload();
+    EXPECT_EQ(bool(inMemory->downloadError()), limit < 9) << limit;
+    EXPECT_EQ(inMemory->takeReceivedBody(), limit < 9 ? "" : fmt::format("version {}", served_));
+    EXPECT_EQ(readFile(target()), "old final");
+    EXPECT_EQ(readFile(target() + ".previous"), "old archive");
+  }
+
   server_.stop();
   auto refused = download("/file");
   ASSERT_TRUE(refused->downloadError());

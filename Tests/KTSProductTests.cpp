@@ -134,12 +134,14 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
   };
   std::shared_ptr<KTSProduct> outside = make(smdUrl);
   int requests = upstream_.requestCount();
+  std::string smdFile = local("/d/P1/P1.smd");
+  std::optional<std::uint64_t> unchangedFile = fileIdentity(smdFile);
+  Plist entries = Plist::dictionary();
   {
     KTSProductPass pass;
     // The catalog's prefetch takes the fetch; a deprecated product's metadata is never fetched,
     // and a prefetch that failed leaves the product its own attempts.
     upstream_.put("/d/P3/P3.smd", metadata("Old", "1.0").toXml());
-    Plist entries = Plist::dictionary();
     for (const auto& [productId, metadataUrl] :
          {std::pair{"P1", smdUrl},
           {"P2", missingUrl},
@@ -151,6 +153,9 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
     }
     KTSProduct::prefetchServerMetadataForEntries(entries);
     EXPECT_EQ(upstream_.requestCount(), requests + 2);
+    // Fetched unchanged, the file stays in place and is its own previous version.
+    EXPECT_EQ(fileIdentity(smdFile), unchangedFile);
+    EXPECT_EQ(fileIdentity(smdFile + ".previous"), unchangedFile);
     auto first = make(smdUrl);
     auto second = make(smdUrl);
     EXPECT_EQ(upstream_.requestCount(), requests + 2);
@@ -167,7 +172,15 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
     EXPECT_EQ(upstream_.requestCount(), requests + 5);
   }
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.9").toXml());
-  EXPECT_EQ(make(smdUrl)->version(), "10.6.9") << "the next pass fetches anew";
+  {
+    KTSProductPass pass;
+    KTSProduct::prefetchServerMetadataForEntries(entries);
+    EXPECT_EQ(make(smdUrl)->version(), "10.6.9") << "the next pass fetches anew";
+  }
+  EXPECT_EQ((*Plist::readFile(smdFile + ".previous", nullptr))["CFBundleShortVersionString"]
+                .stringValue(),
+            "10.6.8");
+  EXPECT_FALSE(std::filesystem::exists(smdFile + ".downloading.downloading"));
 }
 
 TEST_F(KTSProductTest, WithoutAMetadataUrlASubstituteIsGeneratedFromTheDistribution) {
