@@ -4,7 +4,8 @@
 # - the first pass in automatic mode against one curl process fetching every file the pass
 #   fetched (the upstream's request log gives the list; curl reuses its connection);
 # - a steady-state pass (nothing new upstream) against curl fetching once each file that pass
-#   fetched;
+#   fetched, twice: the first one after the first pass, and the one after it, which is what every
+#   later pass of a running server looks like (the files it replaces now have previous versions);
 # - ondrelctl status and ondrelctl products --json on the mirrored server;
 # - the peak memory of each program.
 # Usage: Bench/pass_bench.sh [products]   (as root; builds the release preset)
@@ -45,10 +46,12 @@ measure first_pass "$syncd" --once
 fetched_urls >"$work/first.list"
 curl_fetch first_curl "$work/first.list"
 
-: >"$requests"
-measure steady_pass "$syncd" --once
-fetched_urls | sort -u >"$work/steady.list"
-curl_fetch steady_curl "$work/steady.list"
+for pass in steady later; do
+  : >"$requests"
+  measure "${pass}_pass" "$syncd" --once
+  fetched_urls | sort -u >"$work/$pass.list"
+  curl_fetch "${pass}_curl" "$work/$pass.list"
+done
 
 measure status "$ctl" status
 measure products_json "$ctl" products --json
@@ -59,13 +62,18 @@ row "first pass, $(wc -l <"$work/first.list") files fetched (s)" "$first_pass_s"
   "$(ratio "$first_pass_s" "$first_curl_s")"
 row "steady pass, $(wc -l <"$work/steady.list") files fetched (s)" "$steady_pass_s" \
   "$steady_curl_s" "$(ratio "$steady_pass_s" "$steady_curl_s")"
+row "later steady pass, $(wc -l <"$work/later.list") files fetched (s)" "$later_pass_s" \
+  "$later_curl_s" "$(ratio "$later_pass_s" "$later_curl_s")"
 row "ondrelctl status (s)" "$status_s" "" ""
 row "ondrelctl products --json (s)" "$products_json_s" "" ""
 row "peak memory, ondrd_syncd first pass (MB)" "$((first_pass_kb / 1024))" \
   "$((first_curl_kb / 1024))" ""
 row "peak memory, ondrd_syncd steady pass (MB)" "$((steady_pass_kb / 1024))" \
   "$((steady_curl_kb / 1024))" ""
+row "peak memory, ondrd_syncd later steady pass (MB)" "$((later_pass_kb / 1024))" \
+  "$((later_curl_kb / 1024))" ""
 row "peak memory, ondrelctl status (MB)" "$((status_kb / 1024))" "" ""
 row "peak memory, ondrelctl products --json (MB)" "$((products_json_kb / 1024))" "" ""
 echo "first pass: $(tail -1 "$work/first_pass.out")"
 echo "steady pass: $(tail -1 "$work/steady_pass.out")"
+echo "later steady pass: $(tail -1 "$work/later_pass.out")"
