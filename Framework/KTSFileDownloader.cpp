@@ -5,6 +5,8 @@
 
 #include "Clock.h"
 #include "FileIO.h"
+#include "KTSFetchScheduler.h"
+#include "KTSFileValidators.h"
 #include "KTSPreferences.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
@@ -39,44 +41,24 @@ KTSFileDownloader::KTSFileDownloader(const Url& url, const std::string& localPat
 KTSFileDownloader::~KTSFileDownloader() = default;
 
 void KTSFileDownloader::startSynchronousDownload() {
-  if (!startDownload()) return;
-  while (!isDone_) continueDownload();
-}
-
-void KTSFileDownloader::downloadConcurrently(
-    const std::vector<std::shared_ptr<KTSFileDownloader>>& downloaders, std::size_t concurrent,
-    const std::function<void(KTSFileDownloader&)>& finished) {
-  // Under a bandwidth limit each transfer paces only itself, so they take turns.
-  bool limited = KTSPreferences::defaultPreferences()->syncBandwidth().integerValue() > 0;
-  std::size_t window = limited ? 1 : std::max<std::size_t>(concurrent, 1);
-  std::vector<KTSFileDownloader*> running;
-  auto next = downloaders.begin();
-  while (next != downloaders.end() || !running.empty()) {
-    while (next != downloaders.end() && running.size() < window) {
-      KTSFileDownloader& downloader = **next++;
-      if (downloader.startDownload()) {
-        running.push_back(&downloader);
-      } else {
-        finished(downloader);
-      }
-    }
-    if (running.empty()) continue;
-    running.front()->continueDownload();
-    // Any of them may have ended during the slice.
-    std::erase_if(running, [&](KTSFileDownloader* downloader) {
-      if (!downloader->isDone_) return false;
-      downloader->finishTransfer();
-      finished(*downloader);
-      return true;
-    });
+  if (KTSFetchScheduler* scheduler = KTSFetchScheduler::current()) {
+    return scheduler->runToEnd(*this);
   }
+  KTSFetchScheduler own(1, nullptr);
+  own.runToEnd(*this);
 }
 
-bool KTSFileDownloader::startDownload() {
+bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& validators) {
   log_.debug("FILE: {} - downloading", downloadName_);
   maxSyncBW_ = KTSPreferences::defaultPreferences()->syncBandwidth().integerValue() * 1024;
   downloadStart_ = Clock::now();
+  if (!pace_) pace_ = std::make_shared<KTSSyncPace>();
+  if (!pace_->start) pace_->start = downloadStart_;
   downloadError_.reset();
+  notModified_ = false;
+  responseETag_.clear();
+  responseLastModified_.clear();
+  validators_ = validators;
 
   std::string folder = deletingLastPathComponent(downloadPath_);
   if (!folder.empty() && !KTSUtilities::directoryExistsAtPath(folder)) {
@@ -97,6 +79,11 @@ bool KTSFileDownloader::startDownload() {
     fileDownload_->setDestinationInMemory(&receivedBody_, *memoryLimit_);
   } else {
     fileDownload_->setDestination(downloadingPath_);
+  }
+  if (validators_) {
+    if (auto kept = validators_->validatorsForFile(downloadPath_)) {
+      fileDownload_->setConditions(kept->etag, kept->lastModified);
+    }
   }
   isDone_ = false;
   fileDownload_->start();
@@ -124,12 +111,18 @@ void KTSFileDownloader::endDownload() {
 }
 
 void KTSFileDownloader::enforceSyncBandwidthLimit() {
-  if (maxSyncBW_ < 1 || !downloadStart_) return;
-  double elapsed = std::chrono::duration<double>(Clock::now() - *downloadStart_).count();
+  if (maxSyncBW_ < 1 || !pace_ || !pace_->start) return;
+  double elapsed = std::chrono::duration<double>(Clock::now() - *pace_->start).count();
   auto allowance = static_cast<std::uint64_t>(elapsed * static_cast<double>(maxSyncBW_));
-  if (downloadBytes_ <= allowance) return;
-  double pause = static_cast<double>(downloadBytes_) / static_cast<double>(maxSyncBW_) - elapsed;
+  if (pace_->bytes <= allowance) return;
+  double pause = static_cast<double>(pace_->bytes) / static_cast<double>(maxSyncBW_) - elapsed;
   if (pause > kShortestPause) Clock::sleepFor(std::chrono::duration<double>(pause));
+}
+
+void KTSFileDownloader::recordValidatorsOfPlacedFile() {
+  if (validators_) {
+    validators_->recordValidatorsForFile(downloadPath_, {responseETag_, responseLastModified_});
+  }
 }
 
 void KTSFileDownloader::setDownloadErrorWithReason(std::int64_t code, const std::string& reason) {
@@ -139,10 +132,14 @@ void KTSFileDownloader::setDownloadErrorWithReason(std::int64_t code, const std:
 void KTSFileDownloader::transferDidReceiveResponse(const TransferResponse& response) {
   downloadResponse_ = response;
   downloadBytes_ = 0;
+  notModified_ = response.notModified();
+  responseETag_ = response.etag;
+  responseLastModified_ = response.lastModified;
 }
 
 void KTSFileDownloader::transferDidReceiveDataOfLength(std::uint64_t length) {
   downloadBytes_ += length;
+  if (pace_) pace_->bytes += length;
   enforceSyncBandwidthLimit();
   if (downloadResponse_ && downloadResponse_->expectedContentLength >= 1) {
     percentComplete_ = static_cast<float>(downloadBytes_) /
@@ -165,8 +162,20 @@ void KTSFileDownloader::transferWillRedirect(const std::string&) {}
 void KTSFileDownloader::transferDidFinish() {
   endDownload();
   log_.debug("FILE: {} - download finished ({} bytes)", downloadName_, downloadBytes_);
-  if (memoryLimit_ || !KTSUtilities::fileExistsAtPath(downloadingPath_)) return;
+  if (memoryLimit_) return;
+  if (notModified_) return keepUnchangedFile();
+  if (!KTSUtilities::fileExistsAtPath(downloadingPath_)) return;
   placeDownloadedFile();
+  recordValidatorsOfPlacedFile();
+}
+
+// What replacing the file by the same bytes would leave: the file, and its previous version
+// the same file. Nothing is created or deleted when that is so already.
+void KTSFileDownloader::keepUnchangedFile() {
+  log_.debug("FILE: {} - not modified upstream; kept as it is", downloadName_);
+  if (archivePrevious_ && fileIdentity(archivePath_) != fileIdentity(downloadPath_)) {
+    keepPreviousVersion(downloadPath_, archivePath_);
+  }
 }
 
 // The new file replaces the final one by a rename, so the final path always holds a whole file,

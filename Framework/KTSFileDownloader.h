@@ -1,11 +1,12 @@
-// KTSFileDownloader fetches one file over HTTP or HTTPS into a local path: the calling thread
-// runs the event loop until the transfer ends, and several downloaders can take turns running
-// it for transfers that proceed at once. The body goes to NAME.downloading and replaces the
-// final file only when complete, optionally keeping the replaced file as NAME.previous; the sync
-// bandwidth limit of the preferences paces it. A small file can be received into memory
-// instead, for a caller that places it itself. Used by the download wrapper of KTSUtilities, by
-// KTSProduct (server metadata, several files at a time) and, as its base class, by
-// KTSCatalogDownloader. One thread for all downloaders.
+// KTSFileDownloader fetches one file over HTTP or HTTPS into a local path, through the fetch
+// scheduler in effect (KTSFetchScheduler), which runs many at once on the calling thread's event
+// loop. The body goes to NAME.downloading and replaces the final file only when complete,
+// optionally keeping the replaced file as NAME.previous; the sync bandwidth limit of the
+// preferences paces it together with the others of its scheduler. With the scheduler's record
+// of validators, a kept file is asked for only if it changed: a 304 leaves it in place (and its
+// previous version the same file). A small file can be received into memory instead, for a
+// caller that places it itself. Used by the download wrapper of KTSUtilities, by KTSProduct and,
+// as its base class, by KTSCatalogDownloader. One thread for all downloaders.
 #pragma once
 
 #include <chrono>
@@ -23,6 +24,15 @@
 
 namespace ondrel {
 
+class KTSFetchScheduler;
+class KTSFileValidators;
+
+// The bytes that the downloads sharing one sync bandwidth limit received since the first began.
+struct KTSSyncPace {
+  std::optional<Date> start;
+  std::uint64_t bytes = 0;
+};
+
 class KTSFileDownloader : public TransferReceiver {
  public:
   static std::shared_ptr<KTSFileDownloader> downloaderWithURLLocalPathArchivePrevious(
@@ -34,18 +44,18 @@ class KTSFileDownloader : public TransferReceiver {
 
   // Runs the whole transfer; afterwards downloadError tells the outcome (none on success).
   void startSynchronousDownload();
-  // Runs the downloads, up to `concurrent` at a time over connections of their own (one at a
-  // time under a sync bandwidth limit, which each transfer applies to itself alone), on the
-  // calling thread; finished gets each one as it ends, in the order they end.
-  static void downloadConcurrently(
-      const std::vector<std::shared_ptr<KTSFileDownloader>>& downloaders, std::size_t concurrent,
-      const std::function<void(KTSFileDownloader&)>& finished);
   void endDownload();
   // From the next start on, the body goes into memory (at most limit bytes; a longer one fails
   // the download) and nothing is written or placed: takeReceivedBody hands it over.
   void receiveIntoMemory(std::size_t limit) { memoryLimit_ = limit; }
   std::string takeReceivedBody() { return std::move(receivedBody_); }
-  // Pauses the thread when more has arrived than the limit allows for the time elapsed.
+  // The last download was answered 304: the kept file is current and nothing was received.
+  bool wasNotModified() const { return notModified_; }
+  // Records the last response's validators for the file now at downloadPath, in the record of
+  // the scheduler it ran under; for a caller that placed a body received into memory.
+  void recordValidatorsOfPlacedFile();
+  // Pauses the thread when the downloads sharing its pace received more than the limit allows
+  // for the time since the first of them began.
   void enforceSyncBandwidthLimit();
   void setDownloadErrorWithReason(std::int64_t code, const std::string& reason);
 
@@ -77,15 +87,20 @@ class KTSFileDownloader : public TransferReceiver {
   std::int64_t maxSyncBW() const { return maxSyncBW_; }
   void setMaxSyncBW(std::int64_t bytesPerSecond) { maxSyncBW_ = bytesPerSecond; }
   void setDownloadStart(std::optional<Date> start) { downloadStart_ = start; }
+  const std::shared_ptr<KTSSyncPace>& pace() const { return pace_; }
+  void setPace(std::shared_ptr<KTSSyncPace> pace) { pace_ = std::move(pace); }
   const LogHandle& logger() const { return log_; }
 
  private:
-  // Starts the transfer; false, with downloadError set, when it could not start.
-  bool startDownload();
+  friend class KTSFetchScheduler;
+  // Starts the transfer, sending the validators recorded in validators when the kept file is
+  // the one they came with; false, with downloadError set, when it could not start.
+  bool startDownload(const std::shared_ptr<KTSFileValidators>& validators);
   // Runs the event loop for one slice; releases the transfer once it has ended.
   void continueDownload();
   void finishTransfer();
   void placeDownloadedFile();
+  void keepUnchangedFile();
 
   Url sourceUrl_;
   std::string downloadName_;
@@ -105,6 +120,11 @@ class KTSFileDownloader : public TransferReceiver {
   std::int64_t maxSyncBW_ = 0;
   std::optional<std::size_t> memoryLimit_;
   std::string receivedBody_;
+  std::shared_ptr<KTSSyncPace> pace_;
+  std::shared_ptr<KTSFileValidators> validators_;
+  std::string responseETag_;
+  std::string responseLastModified_;
+  bool notModified_ = false;
   LogHandle log_;
 };
 

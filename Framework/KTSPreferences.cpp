@@ -325,6 +325,15 @@ void KTSPreferences::setServiceState(bool value) {
   prefs_.set("serviceState", Plist::boolean(value));
 }
 
+Plist KTSPreferences::maxConcurrentDownloads() const {
+  return prefs_.contains("maxConcurrentDownloads") ? prefs_["maxConcurrentDownloads"]
+                                                   : Plist::integer(16);
+}
+
+void KTSPreferences::setMaxConcurrentDownloads(const Plist& value) {
+  setObjectValue("maxConcurrentDownloads", value);
+}
+
 Plist KTSPreferences::volumeReserve() const {
   return prefs_.contains("volumeReserve") ? prefs_["volumeReserve"] : Plist::integer(5);
 }

@@ -94,6 +94,9 @@ class KTSPreferences {
   Plist volumeReserve() const;
   void setVolumeReserve(const Plist& value);
   Plist systemVolumeReserve() const;
+  // How many transfers a pass runs at once: "maxConcurrentDownloads", 16 when not set.
+  Plist maxConcurrentDownloads() const;
+  void setMaxConcurrentDownloads(const Plist& value);
   void setSystemVolumeReserve(const Plist& value);
 
   // Folders under the document root; computed only, nothing is created.

@@ -1,6 +1,6 @@
 // A product's files to mirror: the list built from its catalog entry, the download of each file
-// with retries and the check that keeps every file inside the document root, verification by
-// size, and removal.
+// with retries (every file of the product at once, through the pass's fetch scheduler) and the
+// check that keeps every file inside the document root, verification by size, and removal.
 #include <unistd.h>
 
 #include <climits>
@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "KTCatalogKeys.h"
+#include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
@@ -20,8 +21,6 @@ namespace ondrel {
 namespace {
 
 constexpr int kFileDownloadAttempts = 3;
-// A product's files are fetched this many at a time ahead of the walk that takes them one by one.
-constexpr std::size_t kConcurrentFileFetches = 3;
 
 std::string lowercased(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -170,123 +169,77 @@ Plist KTSProduct::getTotalMirrorSize() const {
 }
 
 bool KTSProduct::downloadMirroredFiles() {
+  KTSFetchScheduler scheduler(KTSFetchScheduler::preferredConcurrency(), nullptr);
+  bool complete = false;
+  mirrorFilesWithScheduler(scheduler, [&complete](bool done) { complete = done; });
+  scheduler.run();
+  return complete;
+}
+
+void KTSProduct::mirrorFilesWithScheduler(KTSFetchScheduler& scheduler,
+                                          std::function<void(bool complete)> finished) {
   beginDownload();
-  fetchMissingFilesAhead();
-  while (downloadStatus_ != DownloadFinished) {
-    downloadNextFile();
-    if (downloadStatus_ == FileAbsent) return false;
+  mirroring_ = std::make_shared<Mirroring>();
+  mirroring_->scheduler = &scheduler;
+  mirroring_->finished = std::move(finished);
+  // Records that name one local file share its fetch: the first one fetches, the others find
+  // it in place afterwards, so two transfers never write the same file.
+  std::set<std::string> localPaths;
+  std::vector<std::size_t> first;
+  pendingSharedFiles_.clear();
+  for (std::size_t i = 0; i < mirrorFiles_.size(); ++i) {
+    bool isFirst = localPaths.insert(mirrorFiles_[i][kFileLocalPathKey].stringValue()).second;
+    (isFirst ? first : pendingSharedFiles_).push_back(i);
   }
-  return true;
+  attemptFiles(first);
+}
+
+// The count holds one more until every file has been started, so that files found in place
+// cannot end the product while others are still to start.
+void KTSProduct::attemptFiles(const std::vector<std::size_t>& indexes) {
+  mirroring_->filesLeft = indexes.size() + 1;
+  for (std::size_t index : indexes) attemptFile(index, 0, DownloadBegun);
+  fileProcessed(false);
 }
 
 void KTSProduct::beginDownload() {
   log_.debug("PROD: {}: ...starting download", id());
   downloadedSize_ = Plist::integer(0);
-  downloadEnumerator_ = 0;
   totalDownloadCount_ = 0;
   downloadStatus_ = DownloadBegun;
-  filesFailedAhead_.clear();
-}
-
-// The walk below then finds these files in place and verifies them; a file whose fetch failed
-// here has had its first attempt, and one that may not be fetched is left to the walk to refuse.
-void KTSProduct::fetchMissingFilesAhead() {
-  std::vector<std::shared_ptr<KTSFileDownloader>> fetches;
-  std::vector<std::size_t> fetchedRecords;
-  std::set<std::string> localPaths;
-  for (std::size_t i = 0; i < mirrorFiles_.size(); ++i) {
-    const Plist& record = mirrorFiles_[i];
-    const std::string& localPath = record[kFileLocalPathKey].stringValue();
-    std::optional<Url> url = Url::parse(record[kFileURLKey].stringValue());
-    std::string refusal;
-    if (record[kFileReplaceKey].boolValue() || !localPaths.insert(localPath).second ||
-        KTSUtilities::fileExistsAtPath(localPath) ||
-        !prepareDownloadFolder(url, localPath, &refusal)) {
-      continue;
-    }
-    fetches.push_back(
-        KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, localPath, false));
-    fetchedRecords.push_back(i);
-  }
-  // A single file gains nothing from going ahead of the walk.
-  if (fetches.size() < 2) return;
-  KTSFileDownloader::downloadConcurrently(fetches, kConcurrentFileFetches,
-                                          [](KTSFileDownloader&) {});
-  filesFailedAhead_.assign(mirrorFiles_.size(), false);
-  for (std::size_t i = 0; i < fetches.size(); ++i) {
-    if (const std::optional<KTSError>& error = fetches[i]->downloadError()) {
-      KTSUtilities::logFailedDownload(fetches[i]->downloadPath(), error->description());
-      filesFailedAhead_[fetchedRecords[i]] = true;
-    }
-  }
 }
 
 void KTSProduct::addToDownloadedSize(std::int64_t bytes) {
   downloadedSize_ = Plist::integer(downloadedSize_.integerValue() + bytes);
 }
 
-void KTSProduct::downloadNextFile() {
-  if (!downloadEnumerator_ || *downloadEnumerator_ >= mirrorFiles_.size()) {
-    endDownload();
-    return;
-  }
-  std::size_t index = (*downloadEnumerator_)++;
-  const Plist record = mirrorFiles_[index];
-  const std::string& localPath = record[kFileLocalPathKey].stringValue();
+void KTSProduct::attemptFile(std::size_t index, int attempt, std::int64_t fileStatus) {
+  const std::string& localPath = mirrorFiles_[index][kFileLocalPathKey].stringValue();
   const std::string fileName = lastPathComponent(localPath);
-  mirror_ = Downloading;
-  downloadStatus_ = FileInTransfer;
-  int firstAttempt = 0;
-  if (index < filesFailedAhead_.size() && filesFailedAhead_[index]) {
-    firstAttempt = 1;
+  if (attempt == kFileDownloadAttempts) {
+    log_.debug("PROD: {} ({}) download retries exhausted, skipping file.", id(), fileName);
     downloadStatus_ = FileAbsent;
+    return fileProcessed(true);
   }
-  for (int attempt = firstAttempt; attempt < kFileDownloadAttempts; ++attempt) {
-    if (downloadStatus_ == FileSuspect) {
-      log_.debug("PROD: {} ({}) removing suspect file.", id(), fileName);
-      if (!KTSPath::isInsideHtmlFolder(localPath) || !KTSUtilities::removePath(localPath)) return;
-      downloadStatus_ = FileAbsent;
+  mirror_ = Downloading;
+  if (fileStatus == FileSuspect) {
+    log_.debug("PROD: {} ({}) removing suspect file.", id(), fileName);
+    if (!KTSPath::isInsideHtmlFolder(localPath) || !KTSUtilities::removePath(localPath)) {
+      // Left as it is: the file counts as neither verified nor given up.
+      downloadStatus_ = FileSuspect;
+      return fileProcessed(false);
     }
-    if (downloadStatus_ == FileAbsent) {
-      log_.debug("PROD: {} ({}) retrying download...", id(), fileName);
-      downloadStatus_ = FileInTransfer;
-    }
-    Plist sizeBefore = downloadedSize_;
-    try {
-      downloadFileWithInfo(record);
-    } catch (const std::exception& failure) {
-      log_.debug("PROD: {} ({}) download failed! Reason: {}", id(), localPath, failure.what());
-    }
-    log_.debug("PROD: {}: ...downloaded {} bytes of total {}", id(), downloadedSize_.integerValue(),
-               totalDownloadSize_.integerValue());
-    if (verifyMirroredFileWithInfo(record)) {
-      downloadStatus_ = FileVerified;
-      ++totalDownloadCount_;
-      return;
-    }
-    downloadStatus_ = KTSUtilities::fileExistsAtPath(localPath) ? FileSuspect : FileAbsent;
-    downloadedSize_ = sizeBefore;
+    fileStatus = FileAbsent;
   }
-  log_.debug("PROD: {} ({}) download retries exhausted, skipping file.", id(), fileName);
-  downloadStatus_ = FileAbsent;
+  if (fileStatus == FileAbsent) {
+    log_.debug("PROD: {} ({}) retrying download...", id(), fileName);
+  }
+  downloadStatus_ = FileInTransfer;
+  downloadFileWithInfo(index, attempt);
 }
 
-void KTSProduct::endDownload() {
-  log_.info("Finished downloading product: {}", id());
-  downloadStatus_ = DownloadFinished;
-  auto expected = static_cast<std::int64_t>(mirrorFiles_.size());
-  log_.debug("PROD: {}: files downloaded = {}, expected {}", id(), totalDownloadCount_, expected);
-  mirror_ = totalDownloadCount_ == expected ? Mirrored : PleaseMirror;
-  log_.debug("PROD: {}: mirror = {}", id(), mirrorStateDescription());
-  if (mirror_ == Mirrored && enableWhenMirrored_) {
-    log_.debug("PROD: {}: enabled = YES (based on request)", id());
-    enabled_ = true;
-  }
-  downloadEnumerator_.reset();
-  filesFailedAhead_.clear();
-}
-
-void KTSProduct::downloadFileWithInfo(const Plist& fileInfo) {
+void KTSProduct::downloadFileWithInfo(std::size_t index, int attempt) {
+  const Plist& fileInfo = mirrorFiles_[index];
   std::optional<Url> url = Url::parse(fileInfo[kFileURLKey].stringValue());
   const std::string& localPath = fileInfo[kFileLocalPathKey].stringValue();
   const Plist& size = fileInfo[kFileSizeKey];
@@ -299,32 +252,81 @@ void KTSProduct::downloadFileWithInfo(const Plist& fileInfo) {
       KTSUtilities::fileExistsAtPathWithSize(localPath, expectedSize)) {
     log_.debug("PROD: {}:   ...download skipped, file exists with expected size: {}", id(),
                fileName);
-    addToDownloadedSize(expectedSize.value_or(0));
-    return;
+    return attemptEnded(index, attempt, expectedSize.value_or(0));
   }
-  auto refuse = [&](const std::string& reason) {
+  std::string reason;
+  if (!prepareDownloadFolder(url, localPath, &reason)) {
     log_.error("*** Product file URL contains possible security violation.");
     log_.error("*** Product ID: \"{}\"; file URL: \"{}\"", id(), fileInfo[kFileURLKey]);
     log_.error("*** Local path: {}", localPath);
     log_.error("*** Reason: {}", reason);
     log_.error("*** The suspect product file will not be downloaded.");
-  };
-  std::string reason;
-  if (!prepareDownloadFolder(url, localPath, &reason)) return refuse(reason);
-
+    return attemptEnded(index, attempt, 0);
+  }
   log_.debug("PROD: {}:   ...download started: {}; expected size={}; replace={}", id(), fileName,
              sizeText(size, "--"), replace ? "YES" : "NO");
-  try {
-    if (KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(*url, localPath,
-                                                                              replace, false) &&
-        expectedSize) {
-      addToDownloadedSize(*expectedSize);
+  if (!replace && KTSUtilities::fileExistsAtPath(localPath)) {
+    LogHandle::shared().info("Skipping download; REPLACE = NO, file exists: {})",
+                             lastPathComponent(url->path()));
+    log_.debug("PROD: {}:   ...download completed: {}", id(), fileName);
+    return attemptEnded(index, attempt, expectedSize.value_or(0));
+  }
+  auto downloader =
+      KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, localPath, false);
+  mirroring_->scheduler->enqueue(std::move(downloader), [this, index, attempt, expectedSize,
+                                                         fileName](KTSFileDownloader& fetched) {
+    if (const std::optional<KTSError>& error = fetched.downloadError()) {
+      KTSUtilities::logFailedDownload(fetched.downloadPath(), error->description());
     }
     log_.debug("PROD: {}:   ...download completed: {}", id(), fileName);
-  } catch (const std::exception& failure) {
-    log_.debug("PROD: {}:    ...download exception! {} (reason: {})", id(), "download",
-               failure.what());
-    log_.error("Download failed for product/file: {}/{}", id(), fileName);
+    attemptEnded(index, attempt, fetched.downloadError() ? 0 : expectedSize.value_or(0));
+  });
+}
+
+void KTSProduct::attemptEnded(std::size_t index, int attempt, std::int64_t bytesPlaced) {
+  const Plist& record = mirrorFiles_[index];
+  log_.debug("PROD: {}: ...downloaded {} bytes of total {}", id(),
+             downloadedSize_.integerValue() + bytesPlaced, totalDownloadSize_.integerValue());
+  if (verifyMirroredFileWithInfo(record)) {
+    downloadStatus_ = FileVerified;
+    ++totalDownloadCount_;
+    addToDownloadedSize(bytesPlaced);
+    return fileProcessed(false);
+  }
+  bool present = KTSUtilities::fileExistsAtPath(record[kFileLocalPathKey].stringValue());
+  attemptFile(index, attempt + 1, present ? FileSuspect : FileAbsent);
+}
+
+void KTSProduct::fileProcessed(bool givenUp) {
+  std::shared_ptr<Mirroring> mirroring = mirroring_;
+  if (givenUp) mirroring->givenUp = true;
+  if (--mirroring->filesLeft > 0) return;
+  if (!pendingSharedFiles_.empty()) {
+    // The files shared by several records are in place now: the others take them as found.
+    std::vector<std::size_t> sharing = std::move(pendingSharedFiles_);
+    pendingSharedFiles_.clear();
+    return attemptFiles(sharing);
+  }
+  mirroring_.reset();
+  // A product with a file given up keeps its state until the next attempt.
+  if (mirroring->givenUp) {
+    downloadStatus_ = FileAbsent;
+  } else {
+    endDownload();
+  }
+  if (mirroring->finished) mirroring->finished(!mirroring->givenUp);
+}
+
+void KTSProduct::endDownload() {
+  log_.info("Finished downloading product: {}", id());
+  downloadStatus_ = DownloadFinished;
+  auto expected = static_cast<std::int64_t>(mirrorFiles_.size());
+  log_.debug("PROD: {}: files downloaded = {}, expected {}", id(), totalDownloadCount_, expected);
+  mirror_ = totalDownloadCount_ == expected ? Mirrored : PleaseMirror;
+  log_.debug("PROD: {}: mirror = {}", id(), mirrorStateDescription());
+  if (mirror_ == Mirrored && enableWhenMirrored_) {
+    log_.debug("PROD: {}: enabled = YES (based on request)", id());
+    enabled_ = true;
   }
 }
 

@@ -7,6 +7,7 @@
 #include "Clock.h"
 #include "FileIO.h"
 #include "KTCatalogKeys.h"
+#include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
 #include "KTSMetadataGenerator.h"
 #include "KTSPreferences.h"
@@ -23,10 +24,6 @@ namespace {
 
 constexpr int kMetadataDownloadAttempts = 3;
 constexpr std::chrono::seconds kMetadataRetryPause(3);
-// Metadata files are small: fetching a few at a time keeps the upstream busy while this side
-// writes and reads the ones that arrived.
-constexpr std::size_t kConcurrentMetadataFetches = 3;
-constexpr std::size_t kMetadataPrefetchBatch = 256;
 // A metadata file fetched ahead is held in memory until placed; a larger one is left to its
 // product's own fetch.
 constexpr std::size_t kPrefetchedMetadataLimit = std::size_t{1} << 20;
@@ -192,36 +189,48 @@ std::optional<KTSProductPass::ServerMetadata> KTSProduct::placeFetchedServerMeta
 
 void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
   if (!KTSProductPass::isInEffect()) return;
-  std::vector<std::shared_ptr<KTSFileDownloader>> batch;
-  auto fetchBatch = [&batch] {
-    KTSFileDownloader::downloadConcurrently(
-        batch, kConcurrentMetadataFetches, [](KTSFileDownloader& fetched) {
-          if (fetched.downloadError()) return;
-          std::optional<KTSProductPass::ServerMetadata> placed = placeFetchedServerMetadata(
-              fetched.sourceUrl(), fetched.downloadPath(), fetched.takeReceivedBody());
-          if (placed) {
-            KTSProductPass::recordServerMetadataFetchedFrom(fetched.sourceUrl().text(),
-                                                            std::move(*placed));
-          }
-        });
-    batch.clear();
+  std::optional<KTSFetchScheduler> own;
+  KTSFetchScheduler* scheduler = KTSFetchScheduler::current();
+  if (scheduler == nullptr) {
+    scheduler = &own.emplace(KTSFetchScheduler::preferredConcurrency(), nullptr);
+  }
+  auto placeFetched = [](KTSFileDownloader& fetched) {
+    if (fetched.downloadError()) return;
+    std::string bytes;
+    if (!fetched.wasNotModified()) {
+      bytes = fetched.takeReceivedBody();
+    } else if (!readWholeFile(fetched.downloadPath(), &bytes, nullptr, kPrefetchedMetadataLimit)) {
+      return;
+    }
+    std::optional<KTSProductPass::ServerMetadata> placed =
+        placeFetchedServerMetadata(fetched.sourceUrl(), fetched.downloadPath(), bytes);
+    if (!placed) return;
+    fetched.recordValidatorsOfPlacedFile();
+    KTSProductPass::recordServerMetadataFetchedFrom(fetched.sourceUrl().text(), std::move(*placed));
   };
   std::set<std::string> localPaths;
-  for (const auto& [productId, entry] : entries.items()) {
-    if (Transfer::isCancelled()) return;
-    std::optional<Url> url = prefetchableServerMetadataURL(productId, entry);
-    std::optional<std::string> localPath = localPathInsideDocumentRoot(url);
-    // Of two URLs that name one local file only the first is fetched here, the other by its
-    // product in turn; a side file left by an interrupted pass is the product's to take as it is.
-    if (!localPath || !localPaths.insert(*localPath).second) continue;
-    if (KTSUtilities::fileExistsAtPath(appendingPathExtension(*localPath, "downloading"))) continue;
-    auto downloader =
-        KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, *localPath, false);
-    downloader->receiveIntoMemory(kPrefetchedMetadataLimit);
-    batch.push_back(std::move(downloader));
-    if (batch.size() == kMetadataPrefetchBatch) fetchBatch();
-  }
-  fetchBatch();
+  auto next = entries.items().begin();
+  auto queueNext = [&]() -> bool {
+    for (; next != entries.items().end(); ++next) {
+      const auto& [productId, entry] = *next;
+      std::optional<Url> url = prefetchableServerMetadataURL(productId, entry);
+      std::optional<std::string> localPath = localPathInsideDocumentRoot(url);
+      // Of two URLs that name one local file only the first is fetched here, the other by its
+      // product in turn; a side file left by an interrupted pass is the product's to take.
+      if (!localPath || !localPaths.insert(*localPath).second ||
+          KTSUtilities::fileExistsAtPath(appendingPathExtension(*localPath, "downloading"))) {
+        continue;
+      }
+      auto downloader =
+          KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, *localPath, false);
+      downloader->receiveIntoMemory(kPrefetchedMetadataLimit);
+      scheduler->enqueue(std::move(downloader), placeFetched);
+      ++next;
+      return true;
+    }
+    return false;
+  };
+  scheduler->run(queueNext);
 }
 
 // The metadata URL a product made from the entry would fetch, unless this pass fetched it.

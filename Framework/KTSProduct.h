@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,6 +20,9 @@
 #include "Url.h"
 
 namespace ondrel {
+
+class KTSFetchScheduler;
+class KTSFileDownloader;
 
 class KTSProduct {
  public:
@@ -109,10 +113,14 @@ class KTSProduct {
 
   // Mirroring: true when every file was processed, false when one was given up.
   bool downloadMirroredFiles();
+  // Mirrors the files through scheduler, among those of other products: every file at once,
+  // each with its retries; the mirror state changes only once every file has been processed.
+  // finished(complete) is called once, from inside the scheduler's run (or at once when there
+  // is nothing to fetch), with false when a file was given up. The product must outlive it.
+  void mirrorFilesWithScheduler(KTSFetchScheduler& scheduler,
+                                std::function<void(bool complete)> finished);
   void beginDownload();
-  void downloadNextFile();
   void endDownload();
-  void downloadFileWithInfo(const Plist& fileInfo);
   // True when a transfer from url to destPath is allowed; otherwise the reason says why.
   bool verifyDownloadFileURLDestPathFailureReason(const std::optional<Url>& url,
                                                   const std::string& destPath,
@@ -166,7 +174,6 @@ class KTSProduct {
   }
   const Plist& mirrorFiles() const { return mirrorFiles_; }
   void setMirrorFiles(Plist files) { mirrorFiles_ = std::move(files); }
-  const std::optional<std::size_t>& downloadEnumerator() const { return downloadEnumerator_; }
   std::int64_t totalDownloadCount() const { return totalDownloadCount_; }
   void setTotalDownloadCount(std::int64_t count) { totalDownloadCount_ = count; }
   const Plist& totalDownloadSize() const { return totalDownloadSize_; }
@@ -196,9 +203,14 @@ class KTSProduct {
   // html folder; none otherwise (a hostile URL never names a file elsewhere).
   static std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url);
   void addToDownloadedSize(std::int64_t bytes);
-  // Fetches a few at a time the files that are not on disk yet, ahead of the walk of
-  // downloadNextFile, and marks in filesFailedAhead_ those whose fetch failed.
-  void fetchMissingFilesAhead();
+  // One attempt at the file of record index (attempts count from 0), after an attempt that
+  // left the file in fileStatus; the file's last attempt ends it as given up.
+  void attemptFiles(const std::vector<std::size_t>& indexes);
+  void attemptFile(std::size_t index, int attempt, std::int64_t fileStatus);
+  // Fetches the file unless it is in place or refused; then checks the attempt's outcome.
+  void downloadFileWithInfo(std::size_t index, int attempt);
+  void attemptEnded(std::size_t index, int attempt, std::int64_t bytesPlaced);
+  void fileProcessed(bool givenUp);
   // Creates the folder of a file to fetch once its URL and path are acceptable as text, then
   // checks the folder as resolved on disk; false, with the refusal, when the fetch may not be.
   bool prepareDownloadFolder(const std::optional<Url>& url, const std::string& localPath,
@@ -224,9 +236,17 @@ class KTSProduct {
   Plist masterRepresentation_;
   std::shared_ptr<const std::vector<std::string>> smdValidationKeys_;
   Plist mirrorFiles_;
-  std::optional<std::size_t> downloadEnumerator_;
-  // Per mirror file, during a download: its fetch ahead of the walk failed.
-  std::vector<bool> filesFailedAhead_;
+  // While the files are mirrored: where they are fetched, how many are still being processed,
+  // whether one was given up, and whom to tell at the end.
+  struct Mirroring {
+    KTSFetchScheduler* scheduler = nullptr;
+    std::size_t filesLeft = 0;
+    bool givenUp = false;
+    std::function<void(bool)> finished;
+  };
+  std::shared_ptr<Mirroring> mirroring_;
+  // Records whose local file an earlier record fetches; processed once the others are.
+  std::vector<std::size_t> pendingSharedFiles_;
   std::int64_t totalDownloadCount_ = 0;
   Plist totalDownloadSize_;
   Plist downloadedSize_;

@@ -26,6 +26,11 @@ class TransferSession {
   }
   CURLM* multi() const { return multi_; }
   CURLSH* share() const { return share_; }
+  void setConnectionsPerHost(std::size_t connections) {
+    auto limit = static_cast<long>(std::max<std::size_t>(connections, 1));
+    curl_multi_setopt(multi_, CURLMOPT_MAX_HOST_CONNECTIONS, limit);
+    curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, limit);
+  }
   // Set when a transfer's response was delivered, so that the event loop hands control back to
   // its caller, who may want no more than the response.
   bool responseDelivered = false;
@@ -34,11 +39,12 @@ class TransferSession {
   TransferSession() {
     curl_global_init(CURL_GLOBAL_DEFAULT);
     multi_ = curl_multi_init();
-    curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 16L);
+    setConnectionsPerHost(kDefaultConnectionsPerHost);
     share_ = curl_share_init();
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
   }
+  static constexpr std::size_t kDefaultConnectionsPerHost = 16;
   CURLM* multi_;
   CURLSH* share_;
 };
@@ -65,6 +71,15 @@ std::string_view trimmed(std::string_view text) {
   return text;
 }
 
+// A validator is sent back in a request header exactly as received, so it must be printable
+// text of a sensible length; anything else is treated as absent.
+constexpr std::size_t kValidatorLengthLimit = 512;
+
+bool isSendableValidator(std::string_view value) {
+  if (value.empty() || value.size() > kValidatorLengthLimit) return false;
+  return std::all_of(value.begin(), value.end(), [](char c) { return c >= 0x20 && c < 0x7f; });
+}
+
 }  // namespace
 
 class Transfer::Impl {
@@ -74,6 +89,7 @@ class Transfer::Impl {
   ~Impl() {
     if (started_ && !finished_) curl_multi_remove_handle(TransferSession::shared().multi(), easy_);
     curl_easy_cleanup(easy_);
+    curl_slist_free_all(conditions_);
     closeFile();
   }
 
@@ -89,6 +105,10 @@ class Transfer::Impl {
     curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_TIME, static_cast<long>(idleTimeout.count()));
     curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(easy_, CURLOPT_TCP_KEEPALIVE, 1L);
+    // Over TLS, a transfer to a host whose connection may turn out to speak HTTP/2 waits for a
+    // stream on it rather than opening a connection of its own. Plain HTTP is HTTP/1.1, where
+    // waiting would only queue the transfer behind another's response.
+    if (url.scheme() == "https") curl_easy_setopt(easy_, CURLOPT_PIPEWAIT, 1L);
     curl_easy_setopt(easy_, CURLOPT_USERAGENT, "OndrelServer/0.1");
     curl_easy_setopt(easy_, CURLOPT_SHARE, TransferSession::shared().share());
     curl_easy_setopt(easy_, CURLOPT_ERRORBUFFER, errorBuffer_);
@@ -106,6 +126,18 @@ class Transfer::Impl {
   }
 
   void setDestination(std::string path) { destination_ = std::move(path); }
+
+  void setConditions(const std::string& etag, const std::string& lastModified) {
+    curl_slist_free_all(conditions_);
+    conditions_ = nullptr;
+    if (isSendableValidator(etag)) {
+      conditions_ = curl_slist_append(conditions_, ("If-None-Match: " + etag).c_str());
+    }
+    if (isSendableValidator(lastModified)) {
+      conditions_ = curl_slist_append(conditions_, ("If-Modified-Since: " + lastModified).c_str());
+    }
+    curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, conditions_);
+  }
 
   void setDestinationInMemory(std::string* body, std::size_t limit) {
     body_ = body;
@@ -207,8 +239,14 @@ class Transfer::Impl {
       status_ = space == std::string_view::npos ? 0 : std::atol(line.data() + space + 1);
       contentLength_ = -1;
       hasLocation_ = false;
+      etag_.clear();
+      lastModified_.clear();
     } else if (startsWithIgnoringCase(line, "content-length:")) {
       contentLength_ = std::atoll(std::string(trimmed(line.substr(15))).c_str());
+    } else if (startsWithIgnoringCase(line, "etag:")) {
+      etag_ = validatorOrEmpty(line.substr(5));
+    } else if (startsWithIgnoringCase(line, "last-modified:")) {
+      lastModified_ = validatorOrEmpty(line.substr(14));
     } else if (startsWithIgnoringCase(line, "location:")) {
       hasLocation_ = !trimmed(line.substr(9)).empty();
     } else if (trimmed(line).empty()) {
@@ -229,13 +267,19 @@ class Transfer::Impl {
       failure_ = "HTTP status " + std::to_string(status_);
       return false;
     }
-    if (!openDestination()) return false;
+    // A 304 has no body: the kept copy stays as it is.
+    if (status_ != 304 && !openDestination()) return false;
     char* effectiveUrl = nullptr;
     curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
     receiver_->transferDidReceiveResponse(
-        {status_, effectiveUrl ? effectiveUrl : "", contentLength_});
+        {status_, effectiveUrl ? effectiveUrl : "", contentLength_, etag_, lastModified_});
     TransferSession::shared().responseDelivered = true;
     return true;
+  }
+
+  static std::string validatorOrEmpty(std::string_view value) {
+    value = trimmed(value);
+    return isSendableValidator(value) ? std::string(value) : std::string();
   }
 
   bool closeFile() {
@@ -274,6 +318,9 @@ class Transfer::Impl {
   long status_ = 0;
   std::int64_t contentLength_ = -1;
   bool hasLocation_ = false;
+  std::string etag_;
+  std::string lastModified_;
+  curl_slist* conditions_ = nullptr;
   std::string failure_;
   char errorBuffer_[CURL_ERROR_SIZE] = {};
 };
@@ -295,6 +342,12 @@ Transfer::~Transfer() = default;
 void Transfer::setDestination(std::string path) { impl_->setDestination(std::move(path)); }
 void Transfer::setDestinationInMemory(std::string* body, std::size_t limit) {
   impl_->setDestinationInMemory(body, limit);
+}
+void Transfer::setConditions(const std::string& etag, const std::string& lastModified) {
+  impl_->setConditions(etag, lastModified);
+}
+void Transfer::setConnectionsPerHost(std::size_t connections) {
+  TransferSession::shared().setConnectionsPerHost(connections);
 }
 void Transfer::start() { impl_->start(); }
 void Transfer::runEventLoopFor(std::chrono::milliseconds slice) { impl_->runEventLoopFor(slice); }

@@ -4,6 +4,9 @@
 // disk, or into memory for a small file whose caller places it itself. Connections and TLS
 // sessions are kept alive across transfers in the process. A status of 400 or more is a failure
 // naming the status; redirects are followed for http and https only.
+// A request may carry the validators of a kept copy (If-None-Match, If-Modified-Since); a 304
+// answer then ends the transfer without touching the destination. Over TLS, transfers to a host
+// that speaks HTTP/2 share one connection.
 // Extra trusted CA certificates come from the file named by ONDREL_CA_BUNDLE.
 // Several transfers may run at once: the event loop of any of them drives them all. One thread
 // drives a transfer; transfers of one process run on one thread at a time.
@@ -24,6 +27,11 @@ struct TransferResponse {
   std::string url;
   // -1 when the response states no length.
   std::int64_t expectedContentLength = -1;
+  // The response's validators, empty when it sent none (or one unfit to be sent back).
+  std::string etag;
+  std::string lastModified;
+  // A 304: the kept copy is current, and no body follows.
+  bool notModified() const { return status == 304; }
 };
 
 struct TransferError {
@@ -59,6 +67,9 @@ class Transfer {
   // Instead of a file, *body receives the body (emptied when the response arrives); a body
   // longer than limit fails the transfer. *body must outlive the transfer.
   void setDestinationInMemory(std::string* body, std::size_t limit);
+  // Asks for the body only when it differs from the copy these validators came with; either may
+  // be empty. A validator with control characters is not sent.
+  void setConditions(const std::string& etag, const std::string& lastModified);
   // Starts the request; events follow while runEventLoopFor runs.
   void start();
   // Runs the thread's event loop, which drives every started transfer of the process, for at
@@ -70,6 +81,8 @@ class Transfer {
   // failure "interrupted". Safe to call from a signal handler; there is no way back.
   static void cancelAll();
   static bool isCancelled();
+  // At most this many connections to one host, and as many kept alive across transfers.
+  static void setConnectionsPerHost(std::size_t connections);
 
  private:
   class Impl;

@@ -7,7 +7,9 @@
 #include <mutex>
 #include <numeric>
 
+#include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
+#include "KTSFileValidators.h"
 #include "KTSPreferences.h"
 #include "KTSUtilities.h"
 #include "LoopbackServer.h"
@@ -69,7 +71,27 @@ class KTSFileDownloaderTest : public OndrelTest {
                                             [this] { return gateVisitors_ >= 3; });
       response.set_content(together ? "together" : "alone", "text/plain");
     });
+    // Answers with validators and honours If-None-Match; the body changes with version_.
+    routes.Get("/validated", [this](const httplib::Request& request, httplib::Response& response) {
+      std::string etag = fmt::format("\"v{}\"", version_.load());
+      {
+        std::lock_guard lock(gateMutex_);
+        conditionsSeen_.push_back(request.get_header_value("If-None-Match"));
+      }
+      response.set_header("ETag", etag);
+      if (request.get_header_value("If-None-Match") == etag) {
+        response.status = 304;
+        return;
+      }
+      response.set_header("Last-Modified", "Mon, 23 Nov 2026 08:00:00 GMT");
+      response.set_content(fmt::format("body {}", version_.load()), "application/octet-stream");
+    });
     ASSERT_TRUE(server_.start());
+  }
+
+  std::string lastConditionSeen() {
+    std::lock_guard lock(gateMutex_);
+    return conditionsSeen_.empty() ? "(no request)" : conditionsSeen_.back();
   }
 
   std::optional<Url> url(const std::string& path) const { return Url::parse(server_.url(path)); }
@@ -87,6 +109,8 @@ class KTSFileDownloaderTest : public OndrelTest {
   std::mutex gateMutex_;
   std::condition_variable gateVisited_;
   int gateVisitors_ = 0;
+  std::atomic<int> version_{1};
+  std::vector<std::string> conditionsSeen_;
 };
 
 TEST_F(KTSFileDownloaderTest, SuccessReplacesTheFileAndRotatesThePreviousOne) {
@@ -155,17 +179,23 @@ TEST_F(KTSFileDownloaderTest, FailuresLeaveTheFilesExactlyAsTheyWere) {
   EXPECT_EQ(readFile(target()), "old final");
 }
 
-TEST_F(KTSFileDownloaderTest, ConcurrentDownloadsOverlapAndEachEndsOnItsOwn) {
+TEST_F(KTSFileDownloaderTest, ScheduledDownloadsOverlapAndEachEndsOnItsOwn) {
   const std::vector<std::string> routes = {"/gate", "/missing", "/gate",    "/truncated",
                                            "/gate", "/file",    "/redirect"};
+  KTSFetchScheduler scheduler(4, nullptr);
   std::vector<std::shared_ptr<KTSFileDownloader>> downloaders;
-  for (std::size_t i = 0; i < routes.size(); ++i) {
-    downloaders.push_back(KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(
-        *url(routes[i]), path(fmt::format("/downloads/{}.pkg", i)), false));
-  }
   std::vector<std::string> ended;
-  KTSFileDownloader::downloadConcurrently(
-      downloaders, 4, [&](KTSFileDownloader& done) { ended.push_back(done.downloadName()); });
+  std::size_t fed = 0;
+  // Fed one at a time as the scheduler asks, as a pass feeds it products.
+  scheduler.run([&] {
+    if (fed == routes.size()) return false;
+    downloaders.push_back(KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(
+        *url(routes[fed]), path(fmt::format("/downloads/{}.pkg", fed)), false));
+    ++fed;
+    scheduler.enqueue(downloaders.back(),
+                      [&](KTSFileDownloader& done) { ended.push_back(done.downloadName()); });
+    return true;
+  });
   ASSERT_EQ(ended.size(), routes.size());
   EXPECT_NE(ended.front(), "0.pkg") << "a file that waits holds up none of the others";
   for (std::size_t i = 0; i < routes.size(); ++i) {
@@ -178,6 +208,55 @@ TEST_F(KTSFileDownloaderTest, ConcurrentDownloadsOverlapAndEachEndsOnItsOwn) {
       EXPECT_EQ(readFile(file), "together");
     }
   }
+  EXPECT_EQ(scheduler.counters().requests, routes.size());
+  EXPECT_EQ(scheduler.counters().failed, 2u);
+}
+
+// A kept file is asked for with its validators: a 304 keeps it (and makes its previous version
+// the same file), a change upstream replaces it, and a file changed on disk or a server that
+// sends no validators gets a plain request.
+TEST_F(KTSFileDownloaderTest, ConditionalRequestsKeepUnchangedFiles) {
+  const std::string store = path("/validators");
+  auto validators = std::make_shared<KTSFileValidators>(store);
+  KTSFetchScheduler scheduler(4, validators);
+  scheduler.makeCurrent();
+
+  EXPECT_FALSE(download("/validated")->downloadError());
+  EXPECT_EQ(lastConditionSeen(), "");
+  EXPECT_EQ(readFile(target()), "body 1");
+  auto kept = fileIdentity(target());
+  auto unchanged = download("/validated");
+  EXPECT_EQ(lastConditionSeen(), "\"v1\"");
+  EXPECT_TRUE(unchanged->wasNotModified());
+  EXPECT_FALSE(unchanged->downloadError());
+  EXPECT_EQ(fileIdentity(target()), kept) << "a 304 leaves the file where it is";
+  EXPECT_EQ(fileIdentity(target() + ".previous"), kept);
+  EXPECT_EQ(scheduler.counters().notModified, 1u);
+
+  // The record outlives the pass, and damage to it costs nothing but a plain request.
+  ASSERT_TRUE(validators->save());
+  EXPECT_EQ(KTSFileValidators(store).validatorsForFile(target())->etag, "\"v1\"");
+  EXPECT_EQ(KTSFileValidators(store).validatorsForFile(target())->lastModified,
+            "Mon, 23 Nov 2026 08:00:00 GMT");
+  writeFile(path("/damaged"), "ondrel-validators 1\n" + target() + "\t6\tx\t\"v1\"\t\n" + target() +
+                                  "\t6\t1\t\"a\rb\"\t\n" + target());
+  EXPECT_FALSE(KTSFileValidators(path("/damaged")).validatorsForFile(target()));
+
+  version_ = 2;
+  download("/validated");
+  EXPECT_EQ(readFile(target()), "body 2");
+  EXPECT_EQ(readFile(target() + ".previous"), "body 1");
+
+  writeFile(target(), "tampered");
+  download("/validated");
+  EXPECT_EQ(lastConditionSeen(), "") << "the kept file is not the one the validators came with";
+  EXPECT_EQ(readFile(target()), "body 2");
+
+  // Without validators from the server, every fetch is a whole one.
+  download("/file");
+  download("/file");
+  EXPECT_EQ(readFile(target()), "version 2");
+  EXPECT_FALSE(validators->validatorsForFile(target()));
 }
 
 TEST_F(KTSFileDownloaderTest, ProgressAndRedirects) {
@@ -221,15 +300,17 @@ TEST_F(KTSFileDownloaderTest, PathsAndRequestsThatCannotBeMade) {
 TEST_F(KTSFileDownloaderTest, BandwidthLimitAsksForTheRightPauses) {
   KTSFileDownloader downloader(*url("/file"), target(), false);
   downloader.setMaxSyncBW(100 * 1024);
-  downloader.setDownloadStart(clock_->now());
+  auto pace = std::make_shared<KTSSyncPace>();
+  pace->start = clock_->now();
+  downloader.setPace(pace);
   clock_->advance(std::chrono::milliseconds(500));
-  downloader.setDownloadBytes(204800);
+  pace->bytes = 204800;
   downloader.enforceSyncBandwidthLimit();
   ASSERT_EQ(clock_->sleeps().size(), 1u);
   EXPECT_NEAR(clock_->sleeps()[0], 1.5, 1e-9);
 
   // Now 2 s have passed; 1,000 bytes over the allowance need under 0.05 s and are not waited for.
-  downloader.setDownloadBytes(204800 + 1000);
+  pace->bytes = 204800 + 1000;
   downloader.enforceSyncBandwidthLimit();
   EXPECT_EQ(clock_->sleeps().size(), 1u);
 
@@ -240,6 +321,19 @@ TEST_F(KTSFileDownloaderTest, BandwidthLimitAsksForTheRightPauses) {
   EXPECT_FALSE(limited->downloadError());
   double paused = std::accumulate(clock_->sleeps().begin() + 1, clock_->sleeps().end(), 0.0);
   EXPECT_NEAR(paused, 30000.0 / 1024.0, 0.1);
+
+  // Transfers that run at once share the limit: three of them ask for three times the pauses.
+  std::size_t before = clock_->sleeps().size();
+  KTSFetchScheduler scheduler(3, nullptr);
+  for (int i = 0; i < 3; ++i) {
+    scheduler.enqueue(KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(
+                          *url("/unsized"), path(fmt::format("/limited/{}", i)), false),
+                      {});
+  }
+  scheduler.run();
+  EXPECT_EQ(scheduler.counters().failed, 0u);
+  paused = std::accumulate(clock_->sleeps().begin() + before, clock_->sleeps().end(), 0.0);
+  EXPECT_NEAR(paused, 90000.0 / 1024.0, 0.2);
 }
 
 TEST_F(KTSFileDownloaderTest, HttpsNeedsATrustedCertificate) {

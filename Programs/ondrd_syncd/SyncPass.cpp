@@ -9,6 +9,8 @@
 #include "HostPaths.h"
 #include "KTCatalogKeys.h"
 #include "KTSError.h"
+#include "KTSFetchScheduler.h"
+#include "KTSFileValidators.h"
 #include "KTSJobTicket.h"
 #include "KTSJobTicketManager.h"
 #include "KTSMetaIndex.h"
@@ -114,6 +116,11 @@ PassOutcome SyncPass::run(bool fullSync) {
   }
   collectChanges();
   recordChangesInWorkingSet();
+  // Every file of the pass is fetched through this scheduler, with the validators of what the
+  // server keeps, so that a file unchanged upstream costs a 304.
+  auto validators = std::make_shared<KTSFileValidators>(KTSFileValidators::defaultStorePath());
+  KTSFetchScheduler scheduler(KTSFetchScheduler::preferredConcurrency(), validators);
+  scheduler.makeCurrent();
 
   auto metaIndex = KTSMetaIndex::defaultMetaIndex();
   if (!metaIndex->downloadForcingUpdate(fullSync && catalogSettingsChanged())) {
@@ -133,7 +140,7 @@ PassOutcome SyncPass::run(bool fullSync) {
   Plist deprecations = fullSync && reachable ? fetchDeprecations() : Plist();
   loadCatalogs(fullSync && reachable, deprecations, outcome);
   applyChangesToProducts();
-  mirrorProducts(outcome);
+  mirrorProducts(scheduler, outcome);
   for (const auto& catalog : catalogs_) {
     if (!catalog->products()) continue;
     for (const auto& [productId, product] : *catalog->products()) {
@@ -141,6 +148,10 @@ PassOutcome SyncPass::run(bool fullSync) {
     }
   }
   saveState();
+  validators->save();
+  const KTSFetchScheduler::Counters& fetched = scheduler.counters();
+  log_.info("This pass made {} requests: {} answered unchanged, {} failed.", fetched.requests,
+            fetched.notModified, fetched.failed);
   writeServedCatalogs(outcome);
   outcome.interrupted = interrupted();
   if (!outcome.interrupted) finishTickets();
@@ -333,15 +344,7 @@ void SyncPass::loadCatalogs(bool fullSync, const Plist& deprecations, PassOutcom
   }
 }
 
-bool SyncPass::fitsOnVolume(const KTSProduct& product) {
-  auto preferences = KTSPreferences::defaultPreferences();
-  struct statvfs volume {};
-  if (::statvfs(preferences->updatesDocRoot().c_str(), &volume) != 0) return true;
-  std::uint64_t total = static_cast<std::uint64_t>(volume.f_blocks) * volume.f_frsize;
-  std::uint64_t free = static_cast<std::uint64_t>(volume.f_bavail) * volume.f_frsize;
-  std::uint64_t reserve = total / 100 *
-                          static_cast<std::uint64_t>(std::clamp<std::int64_t>(
-                              preferences->volumeReserve().integerValue(), 0, 100));
+std::uint64_t SyncPass::bytesStillToFetch(const KTSProduct& product) {
   std::uint64_t needed = 0;
   for (const Plist& record : product.mirrorFiles().elements()) {
     const Plist& size = record[KTSProduct::kFileSizeKey];
@@ -351,6 +354,21 @@ bool SyncPass::fitsOnVolume(const KTSProduct& product) {
       needed += static_cast<std::uint64_t>(size.integerValue());
     }
   }
+  return needed;
+}
+
+bool SyncPass::fitsOnVolume(const KTSProduct& product, std::uint64_t needed,
+                            std::uint64_t promised) {
+  auto preferences = KTSPreferences::defaultPreferences();
+  struct statvfs volume {};
+  if (::statvfs(preferences->updatesDocRoot().c_str(), &volume) != 0) return true;
+  std::uint64_t total = static_cast<std::uint64_t>(volume.f_blocks) * volume.f_frsize;
+  std::uint64_t free = static_cast<std::uint64_t>(volume.f_bavail) * volume.f_frsize;
+  // What the products still being fetched will take is as good as taken.
+  free -= std::min(free, promised);
+  std::uint64_t reserve = total / 100 *
+                          static_cast<std::uint64_t>(std::clamp<std::int64_t>(
+                              preferences->volumeReserve().integerValue(), 0, 100));
   if (needed + reserve <= free) return true;
   log_.warning(
       "Skipping product {}: it needs {} and {} are free, of which {} are kept in reserve "
@@ -360,42 +378,72 @@ bool SyncPass::fitsOnVolume(const KTSProduct& product) {
   return false;
 }
 
-void SyncPass::mirrorProducts(PassOutcome& outcome) {
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+// Products are handed to the scheduler as it has room, so a pass holds the transfers of a few
+// products at a time, whatever their number, and every transfer slot stays busy.
+void SyncPass::mirrorProducts(KTSFetchScheduler& scheduler, PassOutcome& outcome) {
+  std::vector<std::shared_ptr<KTSProduct>> waiting;
   std::set<std::string> seen;
   for (const auto& catalog : catalogs_) {
     if (!catalog->products()) continue;
     for (const auto& [productId, product] : *catalog->products()) {
-      if (interrupted()) return;
-      if (!product->isDownloading() || !seen.insert(productId).second) continue;
-      if (!fitsOnVolume(*product)) continue;
-      auto stateBefore = recordedState(*product);
-      auto start = std::chrono::steady_clock::now();
-      bool complete = product->downloadMirroredFiles();
-      if (recordedState(*product) != stateBefore) changedProducts_.insert(productId);
-      if (complete) {
-        progress_.product(productId, static_cast<std::size_t>(product->totalDownloadCount()),
-                          static_cast<std::uint64_t>(product->downloadedSize().integerValue()),
-                          std::chrono::steady_clock::now() - start);
-      }
-      // One product's failure never fails the pass: it is told and tried again next time. An
-      // upstream that stopped answering does, and the products after it wait for the next pass.
-      if (!complete && !interrupted()) {
-        log_.warning("Product {} could not be mirrored completely; the next pass tries again.",
-                     productId);
-        const Url& upstream = *KTSMetaIndex::defaultMetaIndex()->catalogs().front().url();
-        if (!UpstreamProbe().answers(upstream)) {
-          outcome.failures.push_back(fmt::format(
-              "the upstream {} stopped answering while products were mirrored", upstream.host()));
-          log_.error("The upstream {} stopped answering; mirroring waits for the next pass.",
-                     upstream.host());
-          return;
-        }
-      }
-      carryStateToOtherInstances(*product);
-      workingSet->updateProductStatus(*product);
+      if (product->isDownloading() && seen.insert(productId).second) waiting.push_back(product);
     }
   }
+  std::size_t next = 0;
+  std::uint64_t promised = 0;
+  bool upstreamStopped = false;
+  auto startNextProduct = [&]() -> bool {
+    while (next < waiting.size() && !upstreamStopped && !interrupted()) {
+      std::shared_ptr<KTSProduct> product = waiting[next++];
+      std::uint64_t needed = bytesStillToFetch(*product);
+      if (!fitsOnVolume(*product, needed, promised)) continue;
+      promised += needed;
+      auto stateBefore = recordedState(*product);
+      auto start = std::chrono::steady_clock::now();
+      // waiting holds the product until the scheduler is done.
+      KTSProduct* mirrored = product.get();
+      product->mirrorFilesWithScheduler(
+          scheduler, [&, mirrored, needed, stateBefore, start](bool complete) {
+            promised -= needed;
+            productMirrored(*mirrored, complete, stateBefore != recordedState(*mirrored),
+                            std::chrono::steady_clock::now() - start);
+            if (!complete && !interrupted() && !upstreamStopped) {
+              upstreamStopped = !upstreamStillAnswers(outcome);
+            }
+          });
+      return true;
+    }
+    return false;
+  };
+  scheduler.run(startNextProduct);
+}
+
+void SyncPass::productMirrored(const KTSProduct& product, bool complete, bool stateChanged,
+                               std::chrono::duration<double> took) {
+  const std::string& productId = *product.productId();
+  if (stateChanged) changedProducts_.insert(productId);
+  if (complete) {
+    progress_.product(productId, static_cast<std::size_t>(product.totalDownloadCount()),
+                      static_cast<std::uint64_t>(product.downloadedSize().integerValue()), took);
+  } else if (!interrupted()) {
+    // One product's failure never fails the pass: it is told and tried again next time.
+    log_.warning("Product {} could not be mirrored completely; the next pass tries again.",
+                 productId);
+  }
+  carryStateToOtherInstances(product);
+  KTSWorkingSet::defaultWorkingSet()->updateProductStatus(product);
+}
+
+// An upstream that stopped answering fails the pass, and the products not yet started wait for
+// the next one.
+bool SyncPass::upstreamStillAnswers(PassOutcome& outcome) {
+  const Url& upstream = *KTSMetaIndex::defaultMetaIndex()->catalogs().front().url();
+  if (UpstreamProbe().answers(upstream)) return true;
+  outcome.failures.push_back(fmt::format(
+      "the upstream {} stopped answering while products were mirrored", upstream.host()));
+  log_.error("The upstream {} stopped answering; mirroring waits for the next pass.",
+             upstream.host());
+  return false;
 }
 
 void SyncPass::carryStateToOtherInstances(const KTSProduct& mirrored) {

@@ -5,6 +5,8 @@
 // caches, without the network. Used by ondrd_syncd's main; one thread, one pass at a time.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <set>
@@ -17,8 +19,9 @@
 #include "Progress.h"
 
 namespace ondrel {
+class KTSFetchScheduler;
 class KTSProduct;
-}
+}  // namespace ondrel
 
 namespace ondrel::syncd {
 
@@ -57,8 +60,14 @@ class SyncPass {
   Plist fetchDeprecations();
   void loadCatalogs(bool fullSync, const Plist& deprecations, PassOutcome& outcome);
   void applyChangesToProducts();
-  void mirrorProducts(PassOutcome& outcome);
-  bool fitsOnVolume(const KTSProduct& product);
+  void mirrorProducts(KTSFetchScheduler& scheduler, PassOutcome& outcome);
+  static std::uint64_t bytesStillToFetch(const KTSProduct& product);
+  // Whether needed bytes fit beside the reserve once what is promised to products still being
+  // fetched is taken; logs why not.
+  bool fitsOnVolume(const KTSProduct& product, std::uint64_t needed, std::uint64_t promised);
+  void productMirrored(const KTSProduct& product, bool complete, bool stateChanged,
+                       std::chrono::duration<double> took);
+  bool upstreamStillAnswers(PassOutcome& outcome);
   void carryStateToOtherInstances(const KTSProduct& mirrored);
   void saveState();
   bool cacheIsCurrent(const KTSCatalog& catalog) const;

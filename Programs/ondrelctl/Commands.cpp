@@ -108,17 +108,27 @@ bool isSupportedCatalog(const std::string& name) {
   return false;
 }
 
-enum class Kind { Boolean, Port, Integer, Percent, HttpURL, CatalogList, HostName, AbsolutePath };
+enum class Kind {
+  Boolean,
+  Port,
+  Integer,
+  Percent,
+  Concurrency,
+  HttpURL,
+  CatalogList,
+  HostName,
+  AbsolutePath
+};
 
 const std::map<std::string, Kind>& settableKeys() {
   static const std::map<std::string, Kind> keys = {
-      {"autoMirror", Kind::Boolean},         {"autoEnable", Kind::Boolean},
-      {"autoMirrorOnlyNew", Kind::Boolean},  {"PurgeUnused", Kind::Boolean},
-      {"limitBandwidth", Kind::Boolean},     {"portToUse", Kind::Port},
-      {"valueBandwidth", Kind::Integer},     {"syncBandwidth", Kind::Integer},
-      {"volumeReserve", Kind::Percent},      {"metaIndexURL", Kind::HttpURL},
-      {"otherCatalogs", Kind::CatalogList},  {"publicHostName", Kind::HostName},
-      {"updatesDocRoot", Kind::AbsolutePath}};
+      {"autoMirror", Kind::Boolean},          {"autoEnable", Kind::Boolean},
+      {"autoMirrorOnlyNew", Kind::Boolean},   {"PurgeUnused", Kind::Boolean},
+      {"limitBandwidth", Kind::Boolean},      {"portToUse", Kind::Port},
+      {"valueBandwidth", Kind::Integer},      {"syncBandwidth", Kind::Integer},
+      {"volumeReserve", Kind::Percent},       {"metaIndexURL", Kind::HttpURL},
+      {"otherCatalogs", Kind::CatalogList},   {"publicHostName", Kind::HostName},
+      {"updatesDocRoot", Kind::AbsolutePath}, {"maxConcurrentDownloads", Kind::Concurrency}};
   return keys;
 }
 
@@ -142,6 +152,10 @@ Plist settingValue(Kind kind, const std::string& text, std::string* why) {
     case Kind::Percent:
       if (parseInteger(text, 0, 100, &number)) return Plist::integer(number);
       *why = "takes a percentage from 0 to 100";
+      break;
+    case Kind::Concurrency:
+      if (parseInteger(text, 1, 64, &number)) return Plist::integer(number);
+      *why = "takes a number of transfers from 1 to 64";
       break;
     case Kind::HttpURL: {
       std::optional<Url> url = Url::parse(text);

@@ -1,0 +1,130 @@
+#include "KTSFetchScheduler.h"
+
+#include <algorithm>
+
+#include "KTSPreferences.h"
+#include "Transfer.h"
+
+namespace ondrel {
+
+namespace {
+
+constexpr std::int64_t kDefaultConcurrency = 16;
+constexpr std::int64_t kMostConcurrency = 64;
+// The feeder is asked for more while fewer than this many windows of work are queued, so that a
+// transfer that ends is followed at once by the next without holding every file of a pass.
+constexpr std::size_t kQueuedWindows = 2;
+
+KTSFetchScheduler* currentScheduler = nullptr;
+
+}  // namespace
+
+KTSFetchScheduler::KTSFetchScheduler(std::size_t maxConcurrent,
+                                     std::shared_ptr<KTSFileValidators> validators)
+    : maxConcurrent_(std::clamp<std::size_t>(maxConcurrent, 1, kMostConcurrency)),
+      validators_(std::move(validators)),
+      pace_(std::make_shared<KTSSyncPace>()) {}
+
+KTSFetchScheduler::~KTSFetchScheduler() {
+  if (isCurrent_) currentScheduler = previous_;
+}
+
+std::size_t KTSFetchScheduler::preferredConcurrency() {
+  Plist value = KTSPreferences::defaultPreferences()->maxConcurrentDownloads();
+  if (!value.isNumber() || value.integerValue() < 1 || value.integerValue() > kMostConcurrency) {
+    return kDefaultConcurrency;
+  }
+  return static_cast<std::size_t>(value.integerValue());
+}
+
+KTSFetchScheduler* KTSFetchScheduler::current() { return currentScheduler; }
+
+void KTSFetchScheduler::makeCurrent() {
+  if (isCurrent_) return;
+  previous_ = currentScheduler;
+  currentScheduler = this;
+  isCurrent_ = true;
+  Transfer::setConnectionsPerHost(maxConcurrent_);
+}
+
+void KTSFetchScheduler::enqueue(std::shared_ptr<KTSFileDownloader> downloader, Finished finished) {
+  queue_.push_back({std::move(downloader), std::move(finished)});
+}
+
+void KTSFetchScheduler::run(const Feeder& feed) {
+  bool feeding = static_cast<bool>(feed);
+  for (;;) {
+    while (feeding && queue_.size() < kQueuedWindows * maxConcurrent_) {
+      feeding = !Transfer::isCancelled() && feed();
+    }
+    startQueued();
+    if (running_.empty()) {
+      if (queue_.empty() && !feeding) return;
+      continue;
+    }
+    runSlice();
+  }
+}
+
+void KTSFetchScheduler::runToEnd(KTSFileDownloader& downloader) {
+  bool ended = false;
+  // Shares no ownership: the caller holds the downloader until it ended.
+  std::shared_ptr<KTSFileDownloader> unowned(std::shared_ptr<KTSFileDownloader>(), &downloader);
+  queue_.push_front({std::move(unowned), [&ended](KTSFileDownloader&) { ended = true; }});
+  while (!ended) {
+    startQueued();
+    runSlice();
+  }
+}
+
+void KTSFetchScheduler::startQueued() {
+  while (!queue_.empty() && running_.size() < maxConcurrent_) {
+    // The limit paces what arrives while transfers run, not the time between busy spells.
+    if (running_.empty()) *pace_ = KTSSyncPace();
+    Job job = std::move(queue_.front());
+    queue_.pop_front();
+    job.downloader->setPace(pace_);
+    if (job.downloader->startDownload(validators_)) {
+      ++counters_.requests;
+      running_.push_back(std::move(job));
+    } else {
+      finish(std::move(job));
+    }
+  }
+}
+
+void KTSFetchScheduler::runSlice() {
+  auto takeEnded = [this] {
+    std::vector<Job> ended;
+    for (auto job = running_.begin(); job != running_.end();) {
+      if (job->downloader->isDone()) {
+        ended.push_back(std::move(*job));
+        job = running_.erase(job);
+      } else {
+        ++job;
+      }
+    }
+    return ended;
+  };
+  std::vector<Job> ended = takeEnded();
+  if (ended.empty() && !running_.empty()) {
+    // One transfer's event loop drives every transfer of the thread.
+    running_.front().downloader->continueDownload();
+    ended = takeEnded();
+  }
+  for (Job& job : ended) {
+    job.downloader->finishTransfer();
+    finish(std::move(job));
+  }
+}
+
+void KTSFetchScheduler::finish(Job job) {
+  if (job.downloader->downloadError()) {
+    ++counters_.failed;
+  } else if (job.downloader->wasNotModified()) {
+    ++counters_.notModified;
+  }
+  if (job.finished) job.finished(*job.downloader);
+}
+
+}  // namespace ondrel

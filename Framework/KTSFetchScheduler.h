@@ -1,0 +1,83 @@
+// KTSFetchScheduler runs the downloads of a pass: up to "maxConcurrentDownloads" transfers at
+// once across every file of every product, all driven by the event loop of the calling thread,
+// with the sync bandwidth limit paced across them together and the validators of kept files sent
+// along, so that a file unchanged upstream costs a 304. A pass makes one and puts it in effect;
+// a download started anywhere on the thread while it is in effect (a catalog, a server metadata
+// file) joins it, and one started without any runs under a scheduler of its own. Used by the
+// sync pass, KTSProduct and KTSFileDownloader. One thread; never two running on one thread
+// except nested, a download of one scheduler's callback run to its end by the same scheduler.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "KTSFileDownloader.h"
+#include "KTSFileValidators.h"
+
+namespace ondrel {
+
+class KTSFetchScheduler {
+ public:
+  using Finished = std::function<void(KTSFileDownloader&)>;
+  // Queues more work (by calling enqueue) when the queue runs low; false once it has none left.
+  using Feeder = std::function<bool()>;
+
+  struct Counters {
+    std::uint64_t requests = 0;
+    std::uint64_t notModified = 0;
+    std::uint64_t failed = 0;
+  };
+
+  // validators: where the kept files' validators are recorded and read; none sends no
+  // conditional request.
+  KTSFetchScheduler(std::size_t maxConcurrent, std::shared_ptr<KTSFileValidators> validators);
+  ~KTSFetchScheduler();
+  KTSFetchScheduler(const KTSFetchScheduler&) = delete;
+  KTSFetchScheduler& operator=(const KTSFetchScheduler&) = delete;
+
+  // The preference "maxConcurrentDownloads", within 1 to 64 (16 when unset or unusable).
+  static std::size_t preferredConcurrency();
+  // The scheduler in effect on this thread; none outside a pass.
+  static KTSFetchScheduler* current();
+
+  // Puts this scheduler in effect until it is destroyed.
+  void makeCurrent();
+  // Queues a download; finished gets it, on this thread inside run, once it ended either way.
+  void enqueue(std::shared_ptr<KTSFileDownloader> downloader, Finished finished);
+  // Runs the queued downloads, asking feed for more whenever the queue runs low, until nothing
+  // is queued, running or left to feed. Ends early, with the rest failed, once transfers are
+  // cancelled.
+  void run(const Feeder& feed = {});
+  // Runs one download to its end, ahead of those queued, while the others go on beside it.
+  void runToEnd(KTSFileDownloader& downloader);
+
+  std::size_t maxConcurrent() const { return maxConcurrent_; }
+  const Counters& counters() const { return counters_; }
+  const std::shared_ptr<KTSFileValidators>& validators() const { return validators_; }
+
+ private:
+  struct Job {
+    std::shared_ptr<KTSFileDownloader> downloader;
+    Finished finished;
+  };
+  // Starts queued downloads while there is room; a download that cannot start ends at once.
+  void startQueued();
+  // Runs the event loop for one slice, then hands every download that ended to its callback.
+  void runSlice();
+  void finish(Job job);
+
+  std::size_t maxConcurrent_;
+  std::shared_ptr<KTSFileValidators> validators_;
+  std::shared_ptr<KTSSyncPace> pace_;
+  std::deque<Job> queue_;
+  std::vector<Job> running_;
+  Counters counters_;
+  KTSFetchScheduler* previous_ = nullptr;
+  bool isCurrent_ = false;
+};
+
+}  // namespace ondrel

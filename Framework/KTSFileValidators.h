@@ -1,0 +1,54 @@
+// KTSFileValidators remembers, for each file the server keeps from upstream, the validators of
+// the response it came from (ETag, Last-Modified) together with the size and modification time
+// the file had when it was placed, so that the next fetch of it asks for the body only when it
+// changed upstream. A file that changed on disk since then has no validators. The record is one
+// internal file outside the served tree, read when the instance is made and replaced atomically
+// by save; it is the server's own, yet read as untrusted. Used by the fetch scheduler of a pass.
+// One thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+namespace ondrel {
+
+class KTSFileValidators {
+ public:
+  struct Validators {
+    std::string etag;
+    std::string lastModified;
+  };
+
+  // Reads the record at storePath; a missing, unreadable or damaged record is an empty one.
+  explicit KTSFileValidators(std::string storePath);
+
+  // The record of the server's default document root.
+  static std::string defaultStorePath();
+
+  // What to send when fetching the file at path again; none when nothing is recorded for it or
+  // the file is not the one recorded.
+  std::optional<Validators> validatorsForFile(const std::string& path) const;
+  // Records what the response for the file now at path carried; a response without validators
+  // forgets the file.
+  void recordValidatorsForFile(const std::string& path, const Validators& validators);
+  // Writes the record when it changed since it was read. False when it could not be written.
+  bool save();
+
+  std::size_t count() const { return entries_.size(); }
+
+ private:
+  struct Entry {
+    std::int64_t size = 0;
+    std::int64_t modified = 0;
+    Validators validators;
+  };
+  void load();
+
+  std::string storePath_;
+  std::unordered_map<std::string, Entry> entries_;
+  bool changed_ = false;
+};
+
+}  // namespace ondrel
