@@ -1,8 +1,10 @@
 # Sourced by the whole-pass benches: builds the programs (release preset), makes a work folder
 # that is removed on exit, and defines start_automatic_mirror PRODUCTS, which generates and
-# serves a sample upstream on $upstream_port and sets up a mirror in automatic mode (service root
-# $ONDREL_ROOT) whose Apache serves on $mirror_port. The sourcing script sets both ports and
-# work_prefix first.
+# serves a sample upstream whose URLs name port $upstream_port and sets up a mirror in automatic
+# mode (service root $ONDREL_ROOT) whose Apache serves on $mirror_port. The sourcing script sets
+# both ports and work_prefix first; it may set serve_port for an upstream whose Apache listens
+# elsewhere than its URLs say (behind a proxy), and call configure_automatic_mirror again for
+# a fresh mirror.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 cmake --preset release >/dev/null
@@ -24,9 +26,30 @@ cleanup() {
 }
 trap cleanup EXIT
 
+# measure NAME COMMAND...: runs COMMAND, keeps its seconds and peak RSS (KB) in NAME_s / NAME_kb.
+measure() {
+  local name=$1
+  shift
+  if ! /usr/bin/time -f "%e %M" -o "$work/time" "$@" >"$work/$name.out" 2>&1; then
+    tail -20 "$work/$name.out" >&2
+    echo "$name failed" >&2
+    exit 1
+  fi
+  read -r seconds kilobytes <"$work/time"
+  printf -v "${name}_s" '%s' "$seconds"
+  printf -v "${name}_kb" '%s' "$kilobytes"
+}
+ratio() { python3 -c "print(f'{$1 / $2:.2f}x')"; }
+row() { printf '%-46s %12s %12s %8s\n' "$@"; }
+
 start_automatic_mirror() {
   "$sample" generate --out "$work/upstream" --base-url "$base" --products "$1" >/dev/null
-  "$sample" serve --dir "$work/upstream" --listen "127.0.0.1:$upstream_port" >/dev/null
+  "$sample" serve --dir "$work/upstream" --listen "127.0.0.1:${serve_port:-$upstream_port}" \
+    >/dev/null
+  configure_automatic_mirror
+}
+
+configure_automatic_mirror() {
   mkdir -p "$ONDREL_ROOT/Library/Server" "$ONDREL_ROOT/Library/Preferences"
   "$ctl" config set metaIndexURL "$base/content/meta/mirror-config-1.plist" >/dev/null
   "$ctl" config set publicHostName 127.0.0.1 >/dev/null

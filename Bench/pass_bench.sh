@@ -4,7 +4,7 @@
 # - the first pass in automatic mode against one curl process fetching every file the pass
 #   fetched (the upstream's request log gives the list; curl reuses its connection);
 # - a steady-state pass (nothing new upstream) against curl fetching once each file that pass
-#   fetched, twice: the first one after the first pass, and the one after it, which is what every
+#   asked for (in full, where the pass was answered 304 for files it keeps), twice: the first one after the first pass, and the one after it, which is what every
 #   later pass of a running server looks like (the files it replaces now have previous versions);
 # - ondrelctl status and ondrelctl products --json on the mirrored server;
 # - the peak memory of each program.
@@ -16,28 +16,18 @@ work_prefix=ondrel-pass-bench
 source "$(dirname "$0")/automatic_mirror.sh"
 requests="$work/upstream/.sample-upstream/access.log"
 
-# measure NAME COMMAND...: runs COMMAND, keeps its seconds and peak RSS (KB) in NAME_s / NAME_kb.
-measure() {
-  local name=$1
-  shift
-  if ! /usr/bin/time -f "%e %M" -o "$work/time" "$@" >"$work/$name.out" 2>&1; then
-    tail -20 "$work/$name.out" >&2
-    echo "$name failed" >&2
-    exit 1
-  fi
-  read -r seconds kilobytes <"$work/time"
-  printf -v "${name}_s" '%s' "$seconds"
-  printf -v "${name}_kb" '%s' "$kilobytes"
+# fetched_urls [STATUS...]: the URLs the upstream answered with one of these statuses (default
+# 200) since its request log was emptied.
+fetched_urls() {
+  awk -v base="$base" -v statuses="${*:-200}" \
+    'BEGIN { split(statuses, s, " "); for (i in s) ok[s[i]] = 1 } $1 == "GET" && ($3 in ok) {print base $2}' \
+    "$requests"
 }
-# fetched_urls: the URLs the upstream answered with 200 since its request log was emptied.
-fetched_urls() { awk -v base="$base" '$1 == "GET" && $3 == 200 {print base $2}' "$requests"; }
 # curl_fetch NAME LIST: one curl process fetching every URL of LIST, timed as NAME.
 curl_fetch() {
   sed "s|.*|url = \"&\"\noutput = \"$work/curl.out\"|" "$2" >"$work/curl.config"
   measure "$1" curl -sS -K "$work/curl.config"
 }
-ratio() { python3 -c "print(f'{$1 / $2:.2f}x')"; }
-row() { printf '%-46s %12s %12s %8s\n' "$@"; }
 
 start_automatic_mirror "$products"
 
@@ -49,7 +39,8 @@ curl_fetch first_curl "$work/first.list"
 for pass in steady later; do
   : >"$requests"
   measure "${pass}_pass" "$syncd" --once
-  fetched_urls | sort -u >"$work/$pass.list"
+  fetched_urls 200 304 | sort -u >"$work/$pass.list"
+  printf -v "${pass}_unchanged" '%s' "$(awk '$1 == "GET" && $3 == 304' "$requests" | wc -l)"
   curl_fetch "${pass}_curl" "$work/$pass.list"
 done
 
@@ -64,6 +55,7 @@ row "steady pass, $(wc -l <"$work/steady.list") files fetched (s)" "$steady_pass
   "$steady_curl_s" "$(ratio "$steady_pass_s" "$steady_curl_s")"
 row "later steady pass, $(wc -l <"$work/later.list") files fetched (s)" "$later_pass_s" \
   "$later_curl_s" "$(ratio "$later_pass_s" "$later_curl_s")"
+row "steady passes, requests answered 304" "$steady_unchanged / $later_unchanged" "" ""
 row "ondrelctl status (s)" "$status_s" "" ""
 row "ondrelctl products --json (s)" "$products_json_s" "" ""
 row "peak memory, ondrd_syncd first pass (MB)" "$((first_pass_kb / 1024))" \

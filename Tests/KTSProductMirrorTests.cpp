@@ -4,10 +4,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <condition_variable>
 #include <filesystem>
 #include <thread>
 
 #include "KTCatalogKeys.h"
+#include "KTSFetchScheduler.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "UpstreamFiles.h"
@@ -106,8 +108,7 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
     int requests = upstream_.requestCount();
     clearLog();
     EXPECT_FALSE(failing->downloadMirroredFiles()) << status;
-    // a.pkg once, b.pkg three times: the fetch ahead of the walk is b.pkg's first attempt, and
-    // each attempt reports its failure.
+    // a.pkg once, b.pkg three times, and each attempt reports its failure.
     EXPECT_EQ(upstream_.requestCount(), requests + 4) << status;
     std::vector<std::string> lines = logLines();
     EXPECT_EQ(std::count(lines.begin(), lines.end(),
@@ -134,6 +135,62 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
                        "ondrd_test[ERR]: *** Reason: file URL contains invalid scheme (should be "
                        "\"http\")"),
             3);
+}
+
+// Products share the scheduler: their files are in flight together (the upstream answers with
+// the right bytes only while four requests are in at once), and one that fails stops no other.
+TEST_F(KTSProductMirrorTest, ProductsMirrorSideBySideAndOneFailureStopsNoOther) {
+  constexpr int kTogether = 4;
+  std::mutex mutex;
+  std::condition_variable arrived;
+  int visitors = 0;
+  httplib::Server gate;
+  gate.Get(R"(/gate/(\w+)\.pkg)", [&](const httplib::Request&, httplib::Response& response) {
+    std::unique_lock lock(mutex);
+    ++visitors;
+    arrived.notify_all();
+    bool together =
+        arrived.wait_for(lock, std::chrono::seconds(10), [&] { return visitors >= kTogether; });
+    response.set_content(std::string(together ? 3000 : 1, 'g'), "application/octet-stream");
+  });
+  gate.set_keep_alive_max_count(1);
+  int port = gate.bind_to_any_port("127.0.0.1");
+  std::thread serving([&gate] { gate.listen_after_bind(); });
+  upstream_.putStatus("/d/P9/gone.pkg", 404);
+
+  std::vector<std::shared_ptr<KTSProduct>> products;
+  for (int i = 0; i <= kTogether; ++i) {
+    std::string productId = fmt::format("P{}", i);
+    Plist entry = upstream_.entry({}, {{i == 0 ? "/d/P9/gone.pkg" : "/d/P1/a.pkg", 3000, ""}});
+    entry.mutableValue(KTCatalogProductPackagesKey)
+        .mutableElements()[0]
+        .set(KTCatalogPackageURLStringKey,
+             i == 0 ? upstream_.url("/d/P9/gone.pkg")
+                    : fmt::format("http://127.0.0.1:{}/gate/{}.pkg", port, productId));
+    products.push_back(KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+        productId, entry, {}));
+    products.back()->setMirror(KTSProduct::PleaseMirror);
+  }
+  KTSFetchScheduler scheduler(16, nullptr);
+  std::map<std::string, bool> finished;
+  for (const auto& product : products) {
+    product->mirrorFilesWithScheduler(
+        scheduler, [&finished, id = *product->productId()](bool complete) {
+          EXPECT_TRUE(finished.emplace(id, complete).second) << id << " told twice";
+        });
+  }
+  scheduler.run();
+  gate.stop();
+  serving.join();
+
+  ASSERT_EQ(finished.size(), products.size());
+  EXPECT_FALSE(finished["P0"]);
+  EXPECT_EQ(products[0]->mirror(), KTSProduct::Downloading);
+  for (int i = 1; i <= kTogether; ++i) {
+    EXPECT_TRUE(finished[fmt::format("P{}", i)]) << i;
+    EXPECT_EQ(products[i]->mirror(), KTSProduct::Mirrored) << i;
+    EXPECT_EQ(sizeOf(local(fmt::format("/gate/P{}.pkg", i))), 3000u) << i;
+  }
 }
 
 TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {

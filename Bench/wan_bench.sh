@@ -1,0 +1,98 @@
+#!/usr/bin/env bash
+# Measures ondrd_syncd across a wide-area link: the sample upstream (Apache on loopback) behind
+# Bench/delay_proxy.py, which makes every connection wait one round trip and delivers every chunk
+# half a round trip late each way. For each round trip, on a fresh mirror in automatic mode:
+# - the first pass against curl --parallel --parallel-max 16 and aria2c -j 16 fetching the same
+#   URL list through the same proxy;
+# - a steady pass (nothing changed upstream) against curl fetching the same requests in full,
+#   and how many of the pass's requests were answered 304;
+# - the peak memory of each.
+# Usage: Bench/wan_bench.sh [products] [round trip ms]...
+#        (as root; default 500 products, 50 and 200 ms; BANDWIDTH=bytes/s caps the link)
+products="${1:-500}"
+round_trips=("${@:2}")
+[ "${#round_trips[@]}" -gt 0 ] || round_trips=(50 200)
+upstream_port=18496 # the proxy: every URL of the sample names it
+serve_port=18497    # the upstream's Apache
+mirror_port=18498
+work_prefix=ondrel-wan-bench
+source "$(dirname "$0")/automatic_mirror.sh"
+requests="$work/upstream/.sample-upstream/access.log"
+
+if ! command -v aria2c >/dev/null; then
+  apt-get install -y -qq --no-install-recommends aria2 >/dev/null
+fi
+
+proxy_pid=
+stop_proxy() { if [ -n "$proxy_pid" ]; then kill "$proxy_pid" 2>/dev/null || true; fi; }
+trap 'stop_proxy; cleanup' EXIT
+start_proxy() {
+  stop_proxy
+  python3 Bench/delay_proxy.py --listen "$upstream_port" --target "$serve_port" \
+    --rtt-ms "$1" --bandwidth "${BANDWIDTH:-0}" &
+  proxy_pid=$!
+  for _ in $(seq 50); do
+    curl -s -o /dev/null "$base/" && return
+    sleep 0.1
+  done
+  echo "the delay proxy did not start" >&2
+  exit 1
+}
+
+# requested_urls STATUS...: the URLs the upstream answered with one of these statuses.
+requested_urls() {
+  awk -v base="$base" -v statuses="$*" \
+    'BEGIN { split(statuses, s, " "); for (i in s) ok[s[i]] = 1 } $1 == "GET" && ($3 in ok) {print base $2}' \
+    "$requests"
+}
+curl_parallel() {
+  sed 's|.*|url = "&"\noutput = "/dev/null"|' "$2" >"$work/curl.config"
+  measure "$1" curl -sS --parallel --parallel-max 16 -K "$work/curl.config"
+}
+aria2_parallel() {
+  awk '{print $0 "\n  out=" NR}' "$2" >"$work/aria2.list"
+  rm -rf "$work/aria2"
+  measure "$1" aria2c -q -j 16 -i "$work/aria2.list" -d "$work/aria2" --allow-overwrite=true \
+    --auto-file-renaming=false --file-allocation=none
+  rm -rf "$work/aria2"
+}
+
+serve_port=$serve_port start_automatic_mirror "$products"
+"$ctl" web stop >/dev/null
+
+table=()
+for rtt in "${round_trips[@]}"; do
+  start_proxy "$rtt"
+  export ONDREL_ROOT="$work/mirror-$rtt"
+  configure_automatic_mirror
+
+  : >"$requests"
+  measure first_pass "$syncd" --once
+  requested_urls 200 >"$work/first.list"
+  curl_parallel first_curl "$work/first.list"
+  aria2_parallel first_aria2 "$work/first.list"
+
+  : >"$requests"
+  measure steady_pass "$syncd" --once
+  requested_urls 200 304 >"$work/steady.list"
+  unchanged=$(awk '$1 == "GET" && $3 == 304' "$requests" | wc -l)
+  curl_parallel steady_curl "$work/steady.list"
+  "$ctl" web stop >/dev/null
+
+  table+=("$(row "$rtt ms: first pass, $(wc -l <"$work/first.list") files (s)" "$first_pass_s" \
+    "$first_curl_s" "$(ratio "$first_pass_s" "$first_curl_s")")")
+  table+=("$(row "$rtt ms: first pass, aria2c -j 16 (s)" "" "$first_aria2_s" \
+    "$(ratio "$first_pass_s" "$first_aria2_s")")")
+  table+=("$(row "$rtt ms: steady pass, $(wc -l <"$work/steady.list") requests (s)" \
+    "$steady_pass_s" "$steady_curl_s" "$(ratio "$steady_pass_s" "$steady_curl_s")")")
+  table+=("$(row "$rtt ms: steady pass, answered 304" "$unchanged" "" "")")
+  table+=("$(row "$rtt ms: peak memory, first pass (MB)" "$((first_pass_kb / 1024))" \
+    "$((first_curl_kb / 1024)) / $((first_aria2_kb / 1024))" "")")
+  table+=("$(row "$rtt ms: peak memory, steady pass (MB)" "$((steady_pass_kb / 1024))" \
+    "$((steady_curl_kb / 1024))" "")")
+done
+
+echo "Wide-area passes: $products products behind a delay proxy${BANDWIDTH:+ capped at $BANDWIDTH B/s}"
+echo "(reference: curl --parallel --parallel-max 16; aria2c -j 16 where named; memory curl / aria2c)"
+row "figure" "Ondrel" "reference" "ratio"
+printf '%s\n' "${table[@]}"
