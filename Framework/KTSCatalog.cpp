@@ -5,6 +5,7 @@
 #include "KTCatalogKeys.h"
 #include "KTSCatalogDownloader.h"
 #include "KTSError.h"
+#include "KTSFetchScheduler.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSUtilities.h"
@@ -107,10 +108,22 @@ void KTSCatalog::saveCompositeCatalog() {
   log_.debug("CTLG: composite catalog saved.");
 }
 
+void KTSCatalog::fetchCatalogAheadWithScheduler(KTSFetchScheduler& scheduler) {
+  fetchAhead_ = KTSCatalogDownloader::downloaderWithURLLocalPathArchivePrevious(
+      catalogURL_, vantorCatalogPath_, true);
+  lastDownloadSucceeded_ = false;
+  fetchAhead_->downloadWithScheduler(scheduler, [this, downloader = fetchAhead_.get()] {
+    lastDownloadSucceeded_ = downloader->downloadStatus() == 1;
+  });
+}
+
 Plist KTSCatalog::downloadCatalogToPathForcingUpdate(const std::string& path, bool force) {
   log_.debug("CTLG: URL = {}", catalogURL_);
   log_.debug("CTLG: FORCE = {}", force ? "YES" : "NO");
-  if (force || !KTSUtilities::fileExistsAtPath(path)) {
+  if (fetchAhead_ && path == vantorCatalogPath_) {
+    // Fetched beside the other catalogs of the pass; its outcome stands for this download.
+    fetchAhead_.reset();
+  } else if (force || !KTSUtilities::fileExistsAtPath(path)) {
     auto downloader =
         KTSCatalogDownloader::downloaderWithURLLocalPathArchivePrevious(catalogURL_, path, true);
     if (downloader->downloadStatus() == 1) downloader->downloadSynchronously();

@@ -18,7 +18,9 @@
 
 namespace ondrel {
 
+class KTSCatalogDownloader;
 class KTSError;
+class KTSFetchScheduler;
 class KTSProduct;
 
 class KTSCatalog {
@@ -49,6 +51,9 @@ class KTSCatalog {
   void saveCompositeCatalog();
   // The catalog read from path after an optional download; null when there is none.
   Plist downloadCatalogToPathForcingUpdate(const std::string& path, bool force);
+  // Starts the download of the upstream catalog through scheduler, beside other transfers; the
+  // next sync takes its outcome instead of downloading. Run the scheduler before that sync.
+  void fetchCatalogAheadWithScheduler(KTSFetchScheduler& scheduler);
 
   // The merge.
   void updateCompositeCatalogWithCatalog(const Plist& catalog);
@@ -128,6 +133,8 @@ class KTSCatalog {
   std::optional<ProductIndex> products_;
   bool throttleDownloads_ = false;
   bool lastDownloadSucceeded_ = true;
+  // The download of the upstream catalog started ahead of the sync; kept until the sync takes it.
+  std::shared_ptr<KTSCatalogDownloader> fetchAhead_;
   LogHandle log_;
 };
 

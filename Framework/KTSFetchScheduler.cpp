@@ -66,15 +66,25 @@ void KTSFetchScheduler::run(const Feeder& feed) {
   }
 }
 
+void KTSFetchScheduler::enqueueFirst(std::shared_ptr<KTSFileDownloader> downloader,
+                                     Finished finished) {
+  queue_.push_front({std::move(downloader), std::move(finished)});
+}
+
+void KTSFetchScheduler::runUntil(const std::function<bool()>& done) {
+  while (!done()) {
+    startQueued();
+    if (running_.empty() && queue_.empty()) return;
+    runSlice();
+  }
+}
+
 void KTSFetchScheduler::runToEnd(KTSFileDownloader& downloader) {
   bool ended = false;
   // Shares no ownership: the caller holds the downloader until it ended.
   std::shared_ptr<KTSFileDownloader> unowned(std::shared_ptr<KTSFileDownloader>(), &downloader);
-  queue_.push_front({std::move(unowned), [&ended](KTSFileDownloader&) { ended = true; }});
-  while (!ended) {
-    startQueued();
-    runSlice();
-  }
+  enqueueFirst(std::move(unowned), [&ended](KTSFileDownloader&) { ended = true; });
+  runUntil([&ended] { return ended; });
 }
 
 void KTSFetchScheduler::startQueued() {
@@ -119,6 +129,7 @@ void KTSFetchScheduler::runSlice() {
 }
 
 void KTSFetchScheduler::finish(Job job) {
+  counters_.unansweredInARow = job.downloader->wasAnswered() ? 0 : counters_.unansweredInARow + 1;
   if (job.downloader->downloadError()) {
     ++counters_.failed;
   } else if (job.downloader->wasNotModified()) {

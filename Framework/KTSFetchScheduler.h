@@ -30,6 +30,9 @@ class KTSFetchScheduler {
     std::uint64_t requests = 0;
     std::uint64_t notModified = 0;
     std::uint64_t failed = 0;
+    // Transfers that ended, one after the other, without any answer from their server; a
+    // transfer that got an HTTP status of any kind sets it back to 0.
+    std::uint64_t unansweredInARow = 0;
   };
 
   // validators: where the kept files' validators are recorded and read; none sends no
@@ -48,10 +51,14 @@ class KTSFetchScheduler {
   void makeCurrent();
   // Queues a download; finished gets it, on this thread inside run, once it ended either way.
   void enqueue(std::shared_ptr<KTSFileDownloader> downloader, Finished finished);
+  // The same, ahead of everything queued.
+  void enqueueFirst(std::shared_ptr<KTSFileDownloader> downloader, Finished finished);
   // Runs the queued downloads, asking feed for more whenever the queue runs low, until nothing
   // is queued, running or left to feed. Ends early, with the rest failed, once transfers are
   // cancelled.
   void run(const Feeder& feed = {});
+  // Runs until done holds (or nothing is left to run), the other downloads going on beside.
+  void runUntil(const std::function<bool()>& done);
   // Runs one download to its end, ahead of those queued, while the others go on beside it.
   void runToEnd(KTSFileDownloader& downloader);
 

@@ -56,6 +56,7 @@ bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& 
   if (!pace_->start) pace_->start = downloadStart_;
   downloadError_.reset();
   notModified_ = false;
+  answered_ = false;
   responseETag_.clear();
   responseLastModified_.clear();
   validators_ = validators;
@@ -133,6 +134,7 @@ void KTSFileDownloader::transferDidReceiveResponse(const TransferResponse& respo
   downloadResponse_ = response;
   downloadBytes_ = 0;
   notModified_ = response.notModified();
+  answered_ = true;
   responseETag_ = response.etag;
   responseLastModified_ = response.lastModified;
 }
@@ -149,6 +151,7 @@ void KTSFileDownloader::transferDidReceiveDataOfLength(std::uint64_t length) {
 
 void KTSFileDownloader::transferDidFailWithError(const TransferError& error) {
   endDownload();
+  answered_ = answered_ || error.httpStatus != 0;
   downloadError_ = KTSError(kTransferErrorDomain, error.code, error.description);
   if (memoryLimit_) {
     receivedBody_.clear();

@@ -51,6 +51,8 @@ class KTSFileDownloader : public TransferReceiver {
   std::string takeReceivedBody() { return std::move(receivedBody_); }
   // The last download was answered 304: the kept file is current and nothing was received.
   bool wasNotModified() const { return notModified_; }
+  // The server answered the last download with some HTTP status (it may still have failed).
+  bool wasAnswered() const { return answered_; }
   // Records the last response's validators for the file now at downloadPath, in the record of
   // the scheduler it ran under; for a caller that placed a body received into memory.
   void recordValidatorsOfPlacedFile();
@@ -125,6 +127,7 @@ class KTSFileDownloader : public TransferReceiver {
   std::string responseETag_;
   std::string responseLastModified_;
   bool notModified_ = false;
+  bool answered_ = false;
   LogHandle log_;
 };
 

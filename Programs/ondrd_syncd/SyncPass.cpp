@@ -137,8 +137,16 @@ PassOutcome SyncPass::run(bool fullSync) {
     log_.error("The upstream {} does not answer; the catalogs are served as they were.",
                urls.front().url()->host());
   }
-  Plist deprecations = fullSync && reachable ? fetchDeprecations() : Plist();
-  loadCatalogs(fullSync && reachable, deprecations, outcome);
+  bool syncing = fullSync && reachable;
+  // The catalogs and the deprecations list come in side by side.
+  std::vector<std::shared_ptr<KTSCatalog>> catalogs;
+  for (const KTSURL& url : urls) {
+    catalogs.push_back(KTSCatalog::catalogWithUrl(*url.url()));
+    if (syncing) catalogs.back()->fetchCatalogAheadWithScheduler(scheduler);
+  }
+  Plist deprecations = syncing ? fetchDeprecations() : Plist();
+  scheduler.run();
+  loadCatalogs(catalogs, syncing, deprecations, outcome);
   applyChangesToProducts();
   mirrorProducts(scheduler, outcome);
   for (const auto& catalog : catalogs_) {
@@ -313,14 +321,14 @@ Plist SyncPass::fetchDeprecations() {
   return deprecations;
 }
 
-void SyncPass::loadCatalogs(bool fullSync, const Plist& deprecations, PassOutcome& outcome) {
+void SyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& catalogs, bool fullSync,
+                            const Plist& deprecations, PassOutcome& outcome) {
   // Every product of the pass is made here; what they share is let go of before mirroring.
   KTSProductPass productPass;
-  const std::vector<KTSURL>& urls = KTSMetaIndex::defaultMetaIndex()->catalogs();
-  for (std::size_t i = 0; i < urls.size() && !interrupted(); ++i) {
-    const Url& url = *urls[i].url();
-    progress_.catalog(i + 1, urls.size(), catalogName(url));
-    auto catalog = KTSCatalog::catalogWithUrl(url);
+  for (std::size_t i = 0; i < catalogs.size() && !interrupted(); ++i) {
+    const std::shared_ptr<KTSCatalog>& catalog = catalogs[i];
+    const Url& url = catalog->catalogURL();
+    progress_.catalog(i + 1, catalogs.size(), catalogName(url));
     if (fullSync) {
       try {
         catalog->syncCatalogWithDeprecationsForcingUpdate(deprecations, true);
@@ -340,7 +348,7 @@ void SyncPass::loadCatalogs(bool fullSync, const Plist& deprecations, PassOutcom
     } else {
       catalog->loadCatalog();
     }
-    catalogs_.push_back(std::move(catalog));
+    catalogs_.push_back(catalog);
   }
 }
 

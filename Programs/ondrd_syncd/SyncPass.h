@@ -58,7 +58,9 @@ class SyncPass {
   bool catalogSettingsChanged() const;
   void rememberCatalogSettings() const;
   Plist fetchDeprecations();
-  void loadCatalogs(bool fullSync, const Plist& deprecations, PassOutcome& outcome);
+  // Syncs (or only loads) the catalogs in turn; those it reached serve this pass.
+  void loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& catalogs, bool fullSync,
+                    const Plist& deprecations, PassOutcome& outcome);
   void applyChangesToProducts();
   void mirrorProducts(KTSFetchScheduler& scheduler, PassOutcome& outcome);
   static std::uint64_t bytesStillToFetch(const KTSProduct& product);
