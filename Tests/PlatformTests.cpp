@@ -2,6 +2,7 @@
 
 #include "DateFormats.h"
 #include "FileIO.h"
+#include "HttpConditions.h"
 #include "OndrelTest.h"
 #include "PathString.h"
 #include "ProductId.h"
@@ -73,6 +74,26 @@ TEST_F(PlatformTest, DatePatternsAreStrict) {
   }
   EXPECT_TRUE(parseRfc3339Date("2261-12-31T23:59:59Z"));
   EXPECT_FALSE(Plist::fromBytes("<plist><date>9999-12-31T23:59:59Z</date></plist>", nullptr));
+
+  // HTTP dates: the three forms HTTP allows, each in full, and nothing else.
+  for (const char* same : {"Sun, 06 Nov 1994 08:49:37 GMT", "Sunday, 06-Nov-94 08:49:37 GMT",
+                           "Sun Nov  6 08:49:37 1994"}) {
+    EXPECT_EQ(parseHttpDate(same), 784111777) << same;
+  }
+  for (const char* bad : {"Sun, 06 Nov 1994 08:49:37 GMT garbage", "Sun, 06 Nov 1994 08:49:37 GMT ",
+                          "Sun, 06 Nov 1994 08:49:37", "Sun, 31 Feb 1994 08:49:37 GMT",
+                          "Sun, 6 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 25:49:37 GMT",
+                          "Sun Nov 6 08:49:37 1994", "", "0"}) {
+    EXPECT_FALSE(parseHttpDate(bad)) << bad;
+  }
+  // If-None-Match compares weakly, in lists, and a broken field names nothing.
+  for (const char* names : {"\"x\"", "W/\"x\"", "*", "\"a\", \"x\"", " \"a\" ,,W/\"x\" "}) {
+    EXPECT_TRUE(ifNoneMatchNames(names, "\"x\"")) << names;
+  }
+  for (const char* other :
+       {"\"y\"", "x", "\"x", "\"x\" garbage", "\"a\" \"x\"", "", "w/\"x\"", "\"x\"\x01"}) {
+    EXPECT_FALSE(ifNoneMatchNames(other, "\"x\"")) << other;
+  }
   ::setenv("TZ", "America/New_York", 1);
   tzset();
   EXPECT_EQ(formatArchiveDate(*utc), "2016-09-20 13:00:00 -0400");

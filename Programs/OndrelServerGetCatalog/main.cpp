@@ -1,9 +1,10 @@
 // OndrelServerGetCatalog: the CGI to which Apache's rewrite rules send each client's catalog
 // request ("?/NAME"). It answers the served catalog of that name with its length, date and
-// entity tag, honours conditional requests and HEAD, and streams the file. A name that is not a
-// supported catalog gets 404 without a look at the disk; before the first pass has finished a
-// missing catalog gets 503 with Retry-After. It finds its service root from its own place
-// (ROOT/Library/Server/Ondrel/cgi-bin), so it needs nothing from Apache's environment.
+// entity tag, honours conditional requests (as HTTP reads them) and HEAD, and streams the file; a
+// symbolic link or anything else than a regular file at the catalog's place is not served. A name
+// that is not a supported catalog gets 404 without a look at the disk; before the first pass has
+// finished a missing catalog gets 503 with Retry-After. It finds its service root from its own
+// place (ROOT/Library/Server/Ondrel/cgi-bin), so it needs nothing from Apache's environment.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 #include <ctime>
 #include <string>
 
+#include "HttpConditions.h"
 #include "KTSMetaIndex.h"
 #include "KTSPreferences.h"
 #include "KTSSyncStatus.h"
@@ -40,12 +42,6 @@ std::string httpDate(std::time_t moment) {
   return text;
 }
 
-std::time_t parseHttpDate(const std::string& text) {
-  std::tm utc{};
-  const char* end = strptime(text.c_str(), "%a, %d %b %Y %H:%M:%S GMT", &utc);
-  return end != nullptr ? timegm(&utc) : -1;
-}
-
 bool isSupportedCatalogName(const std::string& name) {
   for (const std::string& supported : ondrel::KTSMetaIndex::supportedCatalogNames()) {
     if (name == supported) return true;
@@ -64,7 +60,8 @@ void locateServiceRoot(const char* argv0) {
 }
 
 int serve(const std::string& path, bool headOnly) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  // Only the regular file itself: never what a link at its place leads to.
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
   struct stat status {};
   if (fd < 0 || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
     if (fd >= 0) ::close(fd);
@@ -81,11 +78,13 @@ int serve(const std::string& path, bool headOnly) {
   std::string tag = "\"" + std::to_string(status.st_size) + "-" +
                     std::to_string(status.st_mtim.tv_sec) + "." +
                     std::to_string(status.st_mtim.tv_nsec) + "\"";
+  // If-Modified-Since counts only where there is no If-None-Match.
   std::string ifNoneMatch = environment("HTTP_IF_NONE_MATCH");
-  std::time_t ifModifiedSince = parseHttpDate(environment("HTTP_IF_MODIFIED_SINCE"));
+  std::optional<std::int64_t> ifModifiedSince =
+      ondrel::parseHttpDate(environment("HTTP_IF_MODIFIED_SINCE"));
   bool notModified = !ifNoneMatch.empty()
-                         ? (ifNoneMatch == tag || ifNoneMatch == "*")
-                         : ifModifiedSince >= 0 && status.st_mtim.tv_sec <= ifModifiedSince;
+                         ? ondrel::ifNoneMatchNames(ifNoneMatch, tag)
+                         : ifModifiedSince && status.st_mtim.tv_sec <= *ifModifiedSince;
   std::string validators =
       "Last-Modified: " + httpDate(status.st_mtim.tv_sec) + "\r\nETag: " + tag + "\r\n";
   if (notModified) {

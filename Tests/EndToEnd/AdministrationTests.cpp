@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <regex>
 #include <set>
+#include <tuple>
 
 #include "ApacheServer.h"
 #include "DateFormats.h"
@@ -185,11 +186,32 @@ TEST_F(AdministrationTest, ClientsFetchServedCatalogsThroughApacheAndTheCgi) {
   std::optional<Plist> served = Plist::fromBytes(catalog->body, nullptr);
   ASSERT_TRUE(served);
   EXPECT_EQ((*served)["Products"].size(), 18u);
-  httplib::Headers conditional = {{"If-None-Match", catalog->get_header_value("ETag")}};
-  httplib::Client direct("127.0.0.1", port);
-  auto again = direct.Get(("/cgi-bin/OndrelServerGetCatalog?/" + kNewest).c_str(), conditional);
-  ASSERT_TRUE(again);
-  EXPECT_EQ(again->status, 304);
+  // Conditions as HTTP reads them: weak and listed tags match, a date with garbage is no date.
+  const std::string tag = catalog->get_header_value("ETag");
+  const std::string direct = "/cgi-bin/OndrelServerGetCatalog?/" + kNewest;
+  httplib::Client cgi("127.0.0.1", port);
+  for (const auto& [field, value, expected] :
+       std::vector<std::tuple<std::string, std::string, int>>{
+           {"If-None-Match", tag, 304},
+           {"If-None-Match", "\"other\", W/" + tag, 304},
+           {"If-None-Match", "\"other\"", 200},
+           {"If-Modified-Since", catalog->get_header_value("Last-Modified"), 304},
+           {"If-Modified-Since", catalog->get_header_value("Last-Modified") + " garbage", 200}}) {
+    auto again = cgi.Get(direct.c_str(), httplib::Headers{{field, value}});
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->status, expected) << field << ": " << value;
+  }
+  // A link put in the catalog's place is not followed.
+  const std::string place = KTSPreferences::defaultPreferences()->updatesHtmlPath() +
+                            "/content/catalogs/others/" + kNewest;
+  std::filesystem::rename(place, place + ".kept");
+  std::filesystem::create_symlink("/etc/passwd", place);
+  auto linked = cgi.Get(direct.c_str());
+  ASSERT_TRUE(linked);
+  EXPECT_EQ(linked->status, 404);
+  EXPECT_EQ(linked->body.find("root:"), std::string::npos);
+  std::filesystem::remove(place);
+  std::filesystem::rename(place + ".kept", place);
   for (const char* hostile : {"/cgi-bin/OndrelServerGetCatalog?/../../Config/ondrd.plist",
                               "/cgi-bin/OndrelServerGetCatalog?/index-made-up.ktcatalog"}) {
     auto refused = client.Get(hostile);
