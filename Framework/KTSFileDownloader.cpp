@@ -59,7 +59,7 @@ bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& 
   answered_ = false;
   responseETag_.clear();
   responseLastModified_.clear();
-  validators_ = validators;
+  validators_ = usesValidators_ ? validators : nullptr;
 
   std::string folder = deletingLastPathComponent(downloadPath_);
   if (!folder.empty() && !KTSUtilities::directoryExistsAtPath(folder)) {

@@ -49,6 +49,10 @@ class KTSFileDownloader : public TransferReceiver {
   // the download) and nothing is written or placed: takeReceivedBody hands it over.
   void receiveIntoMemory(std::size_t limit) { memoryLimit_ = limit; }
   std::string takeReceivedBody() { return std::move(receivedBody_); }
+  // Whether the download sends the validators of the kept file and records the new ones (the
+  // default). Off for a file that is fetched only when missing or of the wrong size, where a
+  // conditional request could never be answered 304 and recording would only cost memory.
+  void setUsesValidators(bool uses) { usesValidators_ = uses; }
   // The last download was answered 304: the kept file is current and nothing was received.
   bool wasNotModified() const { return notModified_; }
   // The server answered the last download with some HTTP status (it may still have failed).
@@ -126,6 +130,7 @@ class KTSFileDownloader : public TransferReceiver {
   std::shared_ptr<KTSFileValidators> validators_;
   std::string responseETag_;
   std::string responseLastModified_;
+  bool usesValidators_ = true;
   bool notModified_ = false;
   bool answered_ = false;
   LogHandle log_;
