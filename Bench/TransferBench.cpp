@@ -1,5 +1,6 @@
-// Downloads every URL of a list, one after another, with the library's file downloader.
-//   transfer_bench URL_LIST OUTPUT_FOLDER [SYNC_LIMIT_KIB]
+// Downloads every URL of a list with the library's file downloader, one after another or, given
+// a number of transfers, that many at once through a fetch scheduler.
+//   transfer_bench URL_LIST OUTPUT_FOLDER [SYNC_LIMIT_KIB [CONCURRENT]]
 // Needs ONDREL_ROOT pointing at a server tree; the limit is set in its preferences. Prints the
 // elapsed time, the bytes fetched and the peak resident memory.
 #include <sys/resource.h>
@@ -10,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
 #include "KTSPreferences.h"
 #include "PathString.h"
@@ -28,18 +30,24 @@ int main(int argc, char** argv) {
   for (std::string line; std::getline(list, line);) {
     if (!line.empty()) urls.push_back(line);
   }
+  std::size_t concurrent = argc > 4 ? std::stoul(argv[4]) : 1;
   auto start = std::chrono::steady_clock::now();
   std::uint64_t bytes = 0;
   int failures = 0;
+  KTSFetchScheduler scheduler(concurrent, nullptr);
   for (const std::string& text : urls) {
     std::optional<Url> url = Url::parse(text);
     if (!url) return 2;
-    KTSFileDownloader downloader(
+    auto downloader = KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(
         *url, appendingPathComponent(argv[2], lastPathComponent(url->path())), false);
-    downloader.startSynchronousDownload();
-    if (downloader.downloadError()) ++failures;
-    bytes += downloader.downloadBytes();
+    scheduler.enqueue(downloader, [&](KTSFileDownloader& done) {
+      if (done.downloadError()) ++failures;
+      bytes += done.downloadBytes();
+    });
+    // One after another, as a caller without a scheduler of its own would fetch them.
+    if (concurrent <= 1) scheduler.run();
   }
+  scheduler.run();
   double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   struct rusage usage {};
   getrusage(RUSAGE_SELF, &usage);

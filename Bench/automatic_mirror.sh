@@ -2,9 +2,9 @@
 # that is removed on exit, and defines start_automatic_mirror PRODUCTS, which generates and
 # serves a sample upstream whose URLs name port $upstream_port and sets up a mirror in automatic
 # mode (service root $ONDREL_ROOT) whose Apache serves on $mirror_port. The sourcing script sets
-# both ports and work_prefix first; it may set serve_port for an upstream whose Apache listens
-# elsewhere than its URLs say (behind a proxy), and call configure_automatic_mirror again for
-# a fresh mirror.
+# both ports and work_prefix first; it may set scheme (https), serve_port for an upstream whose
+# Apache listens elsewhere than its URLs say (behind a proxy) and serve_options for the serve
+# command, and call configure_automatic_mirror again for a fresh mirror.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 cmake --preset release >/dev/null
@@ -16,7 +16,7 @@ ctl=$build/Programs/ondrelctl
 
 work=$(mktemp -d "/tmp/$work_prefix-XXXXXX")
 chmod 755 "$work"
-base="http://127.0.0.1:$upstream_port"
+base="${scheme:-http}://127.0.0.1:$upstream_port"
 export ONDREL_ROOT="$work/mirror"
 export ONDREL_RESOURCES="$PWD/Resources"
 cleanup() {
@@ -45,7 +45,7 @@ row() { printf '%-46s %12s %12s %8s\n' "$@"; }
 start_automatic_mirror() {
   "$sample" generate --out "$work/upstream" --base-url "$base" --products "$1" >/dev/null
   "$sample" serve --dir "$work/upstream" --listen "127.0.0.1:${serve_port:-$upstream_port}" \
-    >/dev/null
+    ${serve_options[@]+"${serve_options[@]}"} >/dev/null
   configure_automatic_mirror
 }
 

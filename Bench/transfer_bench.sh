@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Measures the file downloader against curl, both fetching from a real Apache httpd on loopback:
 # ten 100 MiB files, 10,000 files of 2 KiB one after another, and the sync bandwidth limit
-# (20 MiB at 2048 KiB/s). Usage: Bench/transfer_bench.sh   (as root; builds the release preset)
+# (20 MiB at 2048 KiB/s, in one file and in eight files fetched at once). Usage: Bench/transfer_bench.sh   (as root; builds the release preset)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake --preset release >/dev/null
@@ -17,6 +17,8 @@ trap cleanup EXIT
 mkdir -p "$work/www/big" "$work/www/small" "$work/out" "$work/curl" "$work/root/Library/Server"
 for i in $(seq 1 10); do head -c $((100 << 20)) /dev/urandom > "$work/www/big/big$i.bin"; done
 head -c $((20 << 20)) /dev/urandom > "$work/www/limit.bin"
+mkdir -p "$work/www/parts"
+for i in $(seq 1 8); do head -c $((20 << 17)) /dev/urandom > "$work/www/parts/part$i.bin"; done
 python3 - "$work/www/small" <<'PY'
 import os, sys
 block = os.urandom(2048)
@@ -47,6 +49,7 @@ base="http://127.0.0.1:$port"
 for i in $(seq 1 10); do echo "$base/big/big$i.bin"; done > "$work/big.list"
 for i in $(seq -f %05g 0 9999); do echo "$base/small/s$i.bin"; done > "$work/small.list"
 echo "$base/limit.bin" > "$work/limit.list"
+for i in $(seq 1 8); do echo "$base/parts/part$i.bin"; done > "$work/parts.list"
 
 curl_list() {  # fetches a URL list in one curl process, which reuses its connection
   sed "s|.*/\(.*\)|url = \"&\"\noutput = \"$work/curl/\1\"|" "$1" > "$work/curl.config"
@@ -67,6 +70,8 @@ curl_list "$work/small.list"
 "$bench" "$work/small.list" "$work/out"
 echo "== one file of 20 MiB at a sync limit of 2048 KiB/s (expected 10 s)"
 "$bench" "$work/limit.list" "$work/out" 2048
+echo "== eight files of 2.5 MiB, all at once, at a sync limit of 2048 KiB/s (expected 10 s)"
+"$bench" "$work/parts.list" "$work/out" 2048 8
 echo "== peak memory for one 100 MiB file versus one 2 KiB file"
 head -1 "$work/big.list" > "$work/one.list"
 /usr/bin/time -f "100 MiB: max RSS %M KB" "$bench" "$work/one.list" "$work/out" >/dev/null

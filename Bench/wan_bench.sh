@@ -8,7 +8,8 @@
 #   and how many of the pass's requests were answered 304;
 # - the peak memory of each.
 # Usage: Bench/wan_bench.sh [products] [round trip ms]...
-#        (as root; default 500 products, 50 and 200 ms; BANDWIDTH=bytes/s caps the link)
+#        (as root; default 500 products, 50 and 200 ms; BANDWIDTH=bytes/s caps the link;
+#        TLS=h2 serves the upstream over HTTPS with HTTP/2, TLS=http1 over HTTPS without it)
 products="${1:-500}"
 round_trips=("${@:2}")
 [ "${#round_trips[@]}" -gt 0 ] || round_trips=(50 200)
@@ -16,8 +17,18 @@ upstream_port=18496 # the proxy: every URL of the sample names it
 serve_port=18497    # the upstream's Apache
 mirror_port=18498
 work_prefix=ondrel-wan-bench
+[ -z "${TLS:-}" ] || scheme=https
 source "$(dirname "$0")/automatic_mirror.sh"
 requests="$work/upstream/.sample-upstream/access.log"
+trust=()
+if [ -n "${TLS:-}" ]; then
+  openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=127.0.0.1 \
+    -addext subjectAltName=IP:127.0.0.1 -keyout "$work/key.pem" -out "$work/cert.pem" 2>/dev/null
+  serve_options=(--tls-certificate "$work/cert.pem" --tls-key "$work/key.pem")
+  [ "$TLS" = h2 ] || serve_options+=(--http1-only)
+  export ONDREL_CA_BUNDLE="$work/cert.pem"
+  trust=(--cacert "$work/cert.pem")
+fi
 
 if ! command -v aria2c >/dev/null; then
   apt-get install -y -qq --no-install-recommends aria2 >/dev/null
@@ -32,7 +43,7 @@ start_proxy() {
     --rtt-ms "$1" --bandwidth "${BANDWIDTH:-0}" &
   proxy_pid=$!
   for _ in $(seq 50); do
-    curl -s -o /dev/null "$base/" && return
+    curl -s -k -o /dev/null "$base/" && return
     sleep 0.1
   done
   echo "the delay proxy did not start" >&2
@@ -47,13 +58,14 @@ requested_urls() {
 }
 curl_parallel() {
   sed 's|.*|url = "&"\noutput = "/dev/null"|' "$2" >"$work/curl.config"
-  measure "$1" curl -sS --parallel --parallel-max 16 -K "$work/curl.config"
+  measure "$1" curl -sS ${trust[@]+"${trust[@]}"} --parallel --parallel-max 16 \
+    -K "$work/curl.config"
 }
 aria2_parallel() {
   awk '{print $0 "\n  out=" NR}' "$2" >"$work/aria2.list"
   rm -rf "$work/aria2"
   measure "$1" aria2c -q -j 16 -i "$work/aria2.list" -d "$work/aria2" --allow-overwrite=true \
-    --auto-file-renaming=false --file-allocation=none
+    --auto-file-renaming=false --file-allocation=none ${TLS:+--ca-certificate="$work/cert.pem"}
   rm -rf "$work/aria2"
 }
 
@@ -92,7 +104,7 @@ for rtt in "${round_trips[@]}"; do
     "$((steady_curl_kb / 1024))" "")")
 done
 
-echo "Wide-area passes: $products products behind a delay proxy${BANDWIDTH:+ capped at $BANDWIDTH B/s}"
+echo "Wide-area passes: $products products behind a delay proxy${BANDWIDTH:+ capped at $BANDWIDTH B/s}${TLS:+, HTTPS ($TLS)}"
 echo "(reference: curl --parallel --parallel-max 16; aria2c -j 16 where named; memory curl / aria2c)"
 row "figure" "Ondrel" "reference" "ratio"
 printf '%s\n' "${table[@]}"

@@ -62,8 +62,20 @@ pid_t runningPid(const std::string& folder) {
   return pid > 0 && ::kill(pid, 0) == 0 ? pid : 0;
 }
 
+// The lines that make the server speak HTTPS, and HTTP/2 over it when asked.
+std::string tlsConfiguration(const std::optional<TlsSetting>& tls) {
+  if (!tls) return "";
+  return fmt::format(
+      "LoadModule ssl_module /usr/lib/apache2/modules/mod_ssl.so\n"
+      "LoadModule http2_module /usr/lib/apache2/modules/mod_http2.so\n"
+      "SSLEngine on\nSSLCertificateFile \"{}\"\nSSLCertificateKeyFile \"{}\"\n"
+      "Protocols {}http/1.1\nH2MaxSessionStreams 128\n",
+      tls->certificatePath, tls->keyPath, tls->http2 ? "h2 " : "");
+}
+
 std::string configuration(const std::string& root, const std::string& server,
-                          const std::string& address, int port) {
+                          const std::string& address, int port,
+                          const std::optional<TlsSetting>& tls) {
   std::string user = ::geteuid() == 0 ? "User _ondrel\nGroup _ondrel\n" : "";
   return fmt::format(
       "# Written by ondrel-sample-upstream serve; replaced on every start.\n"
@@ -81,13 +93,14 @@ std::string configuration(const std::string& root, const std::string& server,
       "</Directory>\nDocumentRoot \"{}\"\n<Directory \"{}\">\n    Options None\n"
       "    AllowOverride None\n    Require all granted\n</Directory>\n"
       "<FilesMatch \"^\\.\">\n    Require all denied\n</FilesMatch>\n"
-      "<DirectoryMatch \"/\\.\">\n    Require all denied\n</DirectoryMatch>\n",
-      user, server, server, server, address, port, server, root, root);
+      "<DirectoryMatch \"/\\.\">\n    Require all denied\n</DirectoryMatch>\n{}",
+      user, server, server, server, address, port, server, root, root, tlsConfiguration(tls));
 }
 
 }  // namespace
 
-pid_t serveTree(const std::string& folder, const std::string& address, int port) {
+pid_t serveTree(const std::string& folder, const std::string& address, int port,
+                const std::optional<TlsSetting>& tls) {
   if (!isLoopbackAddress(address)) {
     throw std::runtime_error(fmt::format(
         "{} is not a loopback address; the sample upstream listens on 127.0.0.0/8 only", address));
@@ -108,7 +121,7 @@ pid_t serveTree(const std::string& folder, const std::string& address, int port)
   std::string server = serverFolder(folder);
   std::filesystem::create_directories(server);
   std::filesystem::remove(server + "/httpd.pid");
-  std::ofstream(server + "/httpd.conf") << configuration(root, server, address, port);
+  std::ofstream(server + "/httpd.conf") << configuration(root, server, address, port, tls);
   std::string command =
       fmt::format("apache2 -d '{}' -f '{}/httpd.conf' -k start 2>&1", server, server);
   std::FILE* pipe = ::popen(command.c_str(), "r");

@@ -6,13 +6,22 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 
 namespace ondrel::sample {
 
+// HTTPS instead of HTTP: the certificate and key files, and whether HTTP/2 is offered.
+struct TlsSetting {
+  std::string certificatePath;
+  std::string keyPath;
+  bool http2 = true;
+};
+
 // Starts Apache for folder on address:port and returns its PID; throws std::runtime_error with
 // a message when the address is not a loopback one, the port is taken or Apache does not start.
-pid_t serveTree(const std::string& folder, const std::string& address, int port);
+pid_t serveTree(const std::string& folder, const std::string& address, int port,
+                const std::optional<TlsSetting>& tls = std::nullopt);
 
 // Stops the Apache serving folder, if any; true when one was running.
 bool stopServingTree(const std::string& folder);

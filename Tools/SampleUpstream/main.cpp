@@ -1,7 +1,8 @@
 // ondrel-sample-upstream: a sample vendor upstream for the demo, the tests and the benchmarks.
 //   generate --out DIR --base-url URL [--products N] [--seed S] [--epoch E]
 //            [--package-size BYTES] [--binary-catalogs]
-//   serve --dir DIR --listen 127.0.0.1:PORT      (prints the server's PID)
+//   serve --dir DIR --listen 127.0.0.1:PORT [--tls-certificate PEM --tls-key PEM [--http1-only]]
+//                                                (prints the server's PID)
 //   stop --dir DIR
 // Exit status: 0 done, 1 the job failed (one line on standard error), 2 bad usage.
 #include <CLI/CLI.hpp>
@@ -37,6 +38,13 @@ int main(int argc, char** argv) {
   CLI::App* serve = app.add_subcommand("serve", "Serve a tree with Apache httpd on loopback");
   serve->add_option("--dir", folder, "The tree's folder")->required();
   serve->add_option("--listen", listen, "Loopback address and port, as 127.0.0.1:8181")->required();
+  ondrel::sample::TlsSetting tls;
+  bool http1Only = false;
+  CLI::Option* certificate =
+      serve->add_option("--tls-certificate", tls.certificatePath, "Serve HTTPS with this PEM file");
+  serve->add_option("--tls-key", tls.keyPath, "The certificate's key (PEM)")->needs(certificate);
+  certificate->needs(serve->get_option("--tls-key"));
+  serve->add_flag("--http1-only", http1Only, "Over HTTPS, do not offer HTTP/2")->needs(certificate);
   CLI::App* stop = app.add_subcommand("stop", "Stop the Apache httpd serving a tree");
   stop->add_option("--dir", folder, "The tree's folder")->required();
 
@@ -62,7 +70,10 @@ int main(int argc, char** argv) {
         return 2;
       }
       int port = std::atoi(listen.c_str() + colon + 1);
-      std::printf("%d\n", ondrel::sample::serveTree(folder, listen.substr(0, colon), port));
+      tls.http2 = !http1Only;
+      std::optional<ondrel::sample::TlsSetting> secure;
+      if (!tls.certificatePath.empty()) secure = tls;
+      std::printf("%d\n", ondrel::sample::serveTree(folder, listen.substr(0, colon), port, secure));
     } else if (*stop) {
       if (!ondrel::sample::stopServingTree(folder))
         std::printf("%s was not served\n", folder.c_str());
