@@ -302,6 +302,13 @@ void KTSPreferences::setUpdatesDocRoot(const std::optional<std::string>& value) 
 std::optional<std::string> KTSPreferences::publicHostName() const {
   const Plist& name = prefs_["publicHostName"];
   if (!name.isString() || name.stringValue().empty()) return std::nullopt;
+  // A name that no URL could carry would make every served URL invalid.
+  if (!isValidHostName(name.stringValue())) {
+    log_.error(
+        "The public host name in the preferences is not a host name or address; the "
+        "machine's host name is used instead.");
+    return std::nullopt;
+  }
   return name.stringValue();
 }
 

@@ -1,5 +1,6 @@
 #include "Url.h"
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
 
 #include <memory>
@@ -40,6 +41,35 @@ std::optional<Url> Url::parse(const std::string& text) {
   url.query_ = part(handle.get(), CURLUPART_QUERY);
   url.fragment_ = part(handle.get(), CURLUPART_FRAGMENT);
   return url;
+}
+
+bool isValidHostName(std::string_view text) {
+  constexpr std::size_t kLongestName = 253;
+  constexpr std::size_t kLongestLabel = 63;
+  if (text.empty() || text.size() > kLongestName + 2) return false;
+  unsigned char address[sizeof(struct in6_addr)];
+  if (text.front() == '[' && text.back() == ']') {
+    std::string inside(text.substr(1, text.size() - 2));
+    return ::inet_pton(AF_INET6, inside.c_str(), address) == 1;
+  }
+  if (text.size() > kLongestName) return false;
+  std::string whole(text);
+  if (::inet_pton(AF_INET, whole.c_str(), address) == 1) return true;
+  std::size_t start = 0;
+  while (start <= text.size()) {
+    std::size_t dot = text.find('.', start);
+    std::string_view label = text.substr(start, dot == std::string_view::npos ? dot : dot - start);
+    bool fits = !label.empty() && label.size() <= kLongestLabel && label.front() != '-' &&
+                label.back() != '-';
+    for (char c : label) {
+      fits = fits && ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                      c == '-');
+    }
+    if (!fits) return false;
+    if (dot == std::string_view::npos) break;
+    start = dot + 1;
+  }
+  return true;
 }
 
 }  // namespace ondrel

@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace ondrel {
 
@@ -39,6 +40,11 @@ class Url {
   std::string query_;
   std::string fragment_;
 };
+
+// Whether text can stand as the host of a URL this server writes: a DNS name (labels of 1 to 63
+// letters, digits and hyphens, not beginning or ending with a hyphen, 253 characters in all), an
+// IPv4 address, or an IPv6 address in brackets.
+bool isValidHostName(std::string_view text);
 
 }  // namespace ondrel
 

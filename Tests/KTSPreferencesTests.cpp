@@ -63,6 +63,20 @@ TEST_F(KTSPreferencesTest, FirstStartBuildsTheServiceTreeAndRestoresDefaults) {
   char host[256] = {};
   gethostname(host, 255);
   EXPECT_EQ(preferences->hostName(), host);
+  // A public name serves only when a URL can carry it.
+  for (const std::string& name : {std::string("mirror.example.org"), std::string("10.1.2.3"),
+                                  std::string("[::1]"), std::string(63, 'a') + ".b"}) {
+    preferences->setPublicHostName(name);
+    EXPECT_EQ(preferences->hostName(), name);
+  }
+  for (const std::string& name :
+       {std::string(100000, 'a'), std::string(64, 'a') + ".b", std::string("a b"),
+        std::string("-a.b"), std::string("a..b"), std::string("::1"), std::string("a/b"),
+        std::string("x:80"), std::string(127, 'a') + "." + std::string(127, 'a')}) {
+    preferences->setPublicHostName(name);
+    EXPECT_EQ(preferences->hostName(), host) << name.substr(0, 80);
+  }
+  preferences->setPublicHostName(std::nullopt);
   EXPECT_EQ(KTSPreferences::defaultPreferencesWithPath(path("/elsewhere.plist")), preferences);
 }
 

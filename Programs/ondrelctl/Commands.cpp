@@ -182,11 +182,10 @@ Plist settingValue(Kind kind, const std::string& text, std::string* why) {
       return names;
     }
     case Kind::HostName:
-      if (!text.empty() && text.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTU"
-                                                  "VWXYZ0123456789.-:[]") == std::string::npos) {
-        return Plist(text);
-      }
-      *why = "takes a host name or address";
+      if (isValidHostName(text)) return Plist(text);
+      *why =
+          "takes a host name (labels of up to 63 letters, digits and hyphens, 253 characters in "
+          "all), an IPv4 address or an IPv6 address in brackets";
       break;
     case Kind::AbsolutePath:
       if (!text.empty() && text.front() == '/' &&

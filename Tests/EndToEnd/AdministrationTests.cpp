@@ -135,6 +135,9 @@ TEST_F(AdministrationTest, ConfigSetChecksValuesAndRewritesTheWebConfiguration) 
                                               {"metaIndexURL", "ftp://host/x"},
                                               {"otherCatalogs", "index-made-up.ktcatalog"},
                                               {"volumeReserve", "101"},
+                                              {"maxConcurrentDownloads", "65"},
+                                              {"publicHostName", std::string(300, 'a')},
+                                              {"publicHostName", "a.b\"\nInclude /x"},
                                               {"noSuchKey", "1"}}) {
     test::ProgramResult refused = ctl({"config", "set", bad[0], bad[1]});
     EXPECT_EQ(refused.exitStatus, 1) << bad[0];
