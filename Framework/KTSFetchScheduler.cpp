@@ -23,7 +23,7 @@ KTSFetchScheduler::KTSFetchScheduler(std::size_t maxConcurrent,
                                      std::shared_ptr<KTSFileValidators> validators)
     : maxConcurrent_(std::clamp<std::size_t>(maxConcurrent, 1, kMostConcurrency)),
       validators_(std::move(validators)),
-      pace_(std::make_shared<KTSSyncPace>()) {}
+      pace_(std::make_shared<KTSSyncPace>(KTSSyncPace{std::nullopt, 0, maxConcurrent_})) {}
 
 KTSFetchScheduler::~KTSFetchScheduler() {
   if (isCurrent_) currentScheduler = previous_;
@@ -90,7 +90,7 @@ void KTSFetchScheduler::runToEnd(KTSFileDownloader& downloader) {
 void KTSFetchScheduler::startQueued() {
   while (!queue_.empty() && running_.size() < maxConcurrent_) {
     // The limit paces what arrives while transfers run, not the time between busy spells.
-    if (running_.empty()) *pace_ = KTSSyncPace();
+    if (running_.empty()) *pace_ = KTSSyncPace{std::nullopt, 0, maxConcurrent_};
     Job job = std::move(queue_.front());
     queue_.pop_front();
     job.downloader->setPace(pace_);

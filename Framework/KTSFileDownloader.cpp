@@ -16,6 +16,9 @@ namespace ondrel {
 namespace {
 
 constexpr std::chrono::seconds kIdleTimeout(120);
+// However slow the floor, no transfer runs longer than this; it fails like any other and is
+// tried again next pass.
+constexpr std::chrono::seconds kLongestTransfer(24 * 3600);
 constexpr std::chrono::milliseconds kEventLoopSlice(100);
 constexpr double kShortestPause = 0.05;
 constexpr const char* kTransferErrorDomain = "com.vantor.OndrelServer.Transfer";
@@ -81,6 +84,10 @@ bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& 
   } else {
     fileDownload_->setDestination(downloadingPath_);
   }
+  if (expectedSize_ && *expectedSize_ >= 0) {
+    fileDownload_->setLengthLimit(static_cast<std::uint64_t>(*expectedSize_));
+  }
+  applyTimeLimits(*fileDownload_);
   if (validators_) {
     if (auto kept = validators_->validatorsForFile(downloadPath_)) {
       fileDownload_->setConditions(kept->etag, kept->lastModified);
@@ -89,6 +96,27 @@ bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& 
   isDone_ = false;
   fileDownload_->start();
   return true;
+}
+
+void KTSFileDownloader::applyTimeLimits(Transfer& transfer) const {
+  std::int64_t kilobytes = std::clamp<std::int64_t>(
+      KTSPreferences::defaultPreferences()->minimumDownloadSpeed().integerValue(), 0, 1 << 20);
+  std::uint64_t floor = static_cast<std::uint64_t>(kilobytes) * 1024;
+  // Under a sync limit, a transfer's fair share may be below the floor: it must not fail for it.
+  if (maxSyncBW_ > 0 && pace_) {
+    floor = std::min<std::uint64_t>(floor, static_cast<std::uint64_t>(maxSyncBW_) /
+                                               (2 * std::max<std::size_t>(pace_->sharers, 1)));
+  }
+  floor = std::max<std::uint64_t>(floor, 1);
+  std::chrono::seconds deadline = kLongestTransfer;
+  if (expectedSize_ && *expectedSize_ >= 0) {
+    auto needed = static_cast<std::uint64_t>(*expectedSize_) / floor;
+    if (needed < static_cast<std::uint64_t>(kLongestTransfer.count())) {
+      deadline = std::min(kLongestTransfer,
+                          kIdleTimeout + std::chrono::seconds(static_cast<std::int64_t>(needed)));
+    }
+  }
+  transfer.setTimeLimits(deadline, floor, kIdleTimeout);
 }
 
 void KTSFileDownloader::continueDownload() {

@@ -27,10 +27,12 @@ namespace ondrel {
 class KTSFetchScheduler;
 class KTSFileValidators;
 
-// The bytes that the downloads sharing one sync bandwidth limit received since the first began.
+// The bytes that the downloads sharing one sync bandwidth limit received since the first began,
+// and how many of them may run at once.
 struct KTSSyncPace {
   std::optional<Date> start;
   std::uint64_t bytes = 0;
+  std::size_t sharers = 1;
 };
 
 class KTSFileDownloader : public TransferReceiver {
@@ -49,6 +51,9 @@ class KTSFileDownloader : public TransferReceiver {
   // the download) and nothing is written or placed: takeReceivedBody hands it over.
   void receiveIntoMemory(std::size_t limit) { memoryLimit_ = limit; }
   std::string takeReceivedBody() { return std::move(receivedBody_); }
+  // The size the body must have, when known: a longer one fails the download as soon as that
+  // shows, and the download's deadline grows with it.
+  void setExpectedSize(std::optional<std::int64_t> size) { expectedSize_ = size; }
   // Whether the download sends the validators of the kept file and records the new ones (the
   // default). Off for a file that is fetched only when missing or of the wrong size, where a
   // conditional request could never be answered 304 and recording would only cost memory.
@@ -107,6 +112,9 @@ class KTSFileDownloader : public TransferReceiver {
   void finishTransfer();
   void placeDownloadedFile();
   void keepUnchangedFile();
+  // The floor speed and the deadline of the transfer, from the preferences and the expected
+  // size.
+  void applyTimeLimits(Transfer& transfer) const;
 
   Url sourceUrl_;
   std::string downloadName_;
@@ -130,6 +138,7 @@ class KTSFileDownloader : public TransferReceiver {
   std::shared_ptr<KTSFileValidators> validators_;
   std::string responseETag_;
   std::string responseLastModified_;
+  std::optional<std::int64_t> expectedSize_;
   bool usesValidators_ = true;
   bool notModified_ = false;
   bool answered_ = false;

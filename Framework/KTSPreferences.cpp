@@ -341,6 +341,15 @@ void KTSPreferences::setMaxConcurrentDownloads(const Plist& value) {
   setObjectValue("maxConcurrentDownloads", value);
 }
 
+Plist KTSPreferences::minimumDownloadSpeed() const {
+  return prefs_.contains("minimumDownloadSpeed") ? prefs_["minimumDownloadSpeed"]
+                                                 : Plist::integer(1);
+}
+
+void KTSPreferences::setMinimumDownloadSpeed(const Plist& value) {
+  setObjectValue("minimumDownloadSpeed", value);
+}
+
 Plist KTSPreferences::volumeReserve() const {
   return prefs_.contains("volumeReserve") ? prefs_["volumeReserve"] : Plist::integer(5);
 }

@@ -97,6 +97,10 @@ class KTSPreferences {
   // How many transfers a pass runs at once: "maxConcurrentDownloads", 16 when not set.
   Plist maxConcurrentDownloads() const;
   void setMaxConcurrentDownloads(const Plist& value);
+  // The slowest a transfer may be, in KB/s, over two minutes before it fails and waits for the
+  // next pass: "minimumDownloadSpeed", 1 when not set (0: any speed above nothing).
+  Plist minimumDownloadSpeed() const;
+  void setMinimumDownloadSpeed(const Plist& value);
   void setSystemVolumeReserve(const Plist& value);
 
   // Folders under the document root; computed only, nothing is created.

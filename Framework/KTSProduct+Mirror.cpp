@@ -275,6 +275,7 @@ void KTSProduct::downloadFileWithInfo(std::size_t index, int attempt) {
       KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, localPath, false);
   // A product file is fetched only when missing or of the wrong size: never conditionally.
   downloader->setUsesValidators(false);
+  downloader->setExpectedSize(expectedSize);
   mirroring_->scheduler->enqueue(std::move(downloader), [this, index, attempt, expectedSize,
                                                          fileName](KTSFileDownloader& fetched) {
     if (const std::optional<KTSError>& error = fetched.downloadError()) {

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -141,7 +142,17 @@ class Transfer::Impl {
 
   void setDestinationInMemory(std::string* body, std::size_t limit) {
     body_ = body;
-    bodyLimit_ = limit;
+    setLengthLimit(limit);
+  }
+
+  void setLengthLimit(std::uint64_t bytes) { lengthLimit_ = std::min(lengthLimit_, bytes); }
+
+  void setTimeLimits(std::chrono::seconds deadline, std::uint64_t lowestSpeed,
+                     std::chrono::seconds window) {
+    curl_easy_setopt(easy_, CURLOPT_TIMEOUT, static_cast<long>(deadline.count()));
+    curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_LIMIT,
+                     static_cast<long>(std::clamp<std::uint64_t>(lowestSpeed, 1, LONG_MAX)));
+    curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_TIME, static_cast<long>(window.count()));
   }
 
   void start() {
@@ -200,11 +211,9 @@ class Transfer::Impl {
   }
 
   bool store(std::string_view data) {
+    if (data.size() > lengthLimit_ - received_) return refuseLength();
+    received_ += data.size();
     if (body_ != nullptr) {
-      if (data.size() > bodyLimit_ - body_->size()) {
-        failure_ = "Response body larger than " + std::to_string(bodyLimit_) + " bytes";
-        return false;
-      }
       body_->append(data);
       return true;
     }
@@ -215,7 +224,13 @@ class Transfer::Impl {
     return true;
   }
 
+  bool refuseLength() {
+    failure_ = "Response body larger than " + std::to_string(lengthLimit_) + " bytes";
+    return false;
+  }
+
   bool openDestination() {
+    received_ = 0;
     if (body_ != nullptr) {
       body_->clear();
       return true;
@@ -267,6 +282,9 @@ class Transfer::Impl {
       failure_ = "HTTP status " + std::to_string(status_);
       return false;
     }
+    if (contentLength_ >= 0 && static_cast<std::uint64_t>(contentLength_) > lengthLimit_) {
+      return refuseLength();
+    }
     // A 304 has no body: the kept copy stays as it is.
     if (status_ != 304 && !openDestination()) return false;
     char* effectiveUrl = nullptr;
@@ -310,7 +328,8 @@ class Transfer::Impl {
   TransferReceiver* receiver_;
   std::string destination_;
   std::string* body_ = nullptr;
-  std::size_t bodyLimit_ = 0;
+  std::uint64_t lengthLimit_ = UINT64_MAX;
+  std::uint64_t received_ = 0;
   std::FILE* file_ = nullptr;
   std::vector<char> fileBuffer_;
   bool started_ = false;
@@ -342,6 +361,11 @@ Transfer::~Transfer() = default;
 void Transfer::setDestination(std::string path) { impl_->setDestination(std::move(path)); }
 void Transfer::setDestinationInMemory(std::string* body, std::size_t limit) {
   impl_->setDestinationInMemory(body, limit);
+}
+void Transfer::setLengthLimit(std::uint64_t bytes) { impl_->setLengthLimit(bytes); }
+void Transfer::setTimeLimits(std::chrono::seconds deadline, std::uint64_t lowestSpeed,
+                             std::chrono::seconds window) {
+  impl_->setTimeLimits(deadline, lowestSpeed, window);
 }
 void Transfer::setConditions(const std::string& etag, const std::string& lastModified) {
   impl_->setConditions(etag, lastModified);

@@ -67,6 +67,13 @@ class Transfer {
   // Instead of a file, *body receives the body (emptied when the response arrives); a body
   // longer than limit fails the transfer. *body must outlive the transfer.
   void setDestinationInMemory(std::string* body, std::size_t limit);
+  // A body longer than this fails the transfer as soon as its Content-Length or the bytes
+  // received say so, before more is written.
+  void setLengthLimit(std::uint64_t bytes);
+  // The transfer fails once it has run for longer than deadline, or when it receives fewer than
+  // lowestSpeed bytes a second over a whole window.
+  void setTimeLimits(std::chrono::seconds deadline, std::uint64_t lowestSpeed,
+                     std::chrono::seconds window);
   // Asks for the body only when it differs from the copy these validators came with; either may
   // be empty. A validator with control characters is not sent.
   void setConditions(const std::string& etag, const std::string& lastModified);

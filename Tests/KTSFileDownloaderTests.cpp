@@ -161,6 +161,19 @@ TEST_F(KTSFileDownloaderTest, FailuresLeaveTheFilesExactlyAsTheyWere) {
       logged("ondrd_test[DBG]: FILE: item.pkg - ERROR! download failed (reason = HTTP "
              "status 404)"));
 
+  // A body longer than expected is refused as soon as its length or its bytes say so.
+  for (const std::string route : {"/truncated", "/unsized"}) {
+    auto longer =
+        KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url(route), target(), true);
+    longer->setExpectedSize(10000);
+    longer->startSynchronousDownload();
+    ASSERT_TRUE(longer->downloadError()) << route;
+    EXPECT_EQ(longer->downloadError()->description(), "Response body larger than 10000 bytes");
+    EXPECT_LE(longer->downloadBytes(), 10000u) << route;
+    EXPECT_EQ(readFile(target()), "old final") << route;
+    EXPECT_FALSE(std::filesystem::exists(target() + ".downloading")) << route;
+  }
+
   // Received into memory, a body touches no file, and one over the limit is a failure.
   for (std::size_t limit : {9, 8}) {
     auto inMemory =

@@ -128,7 +128,8 @@ const std::map<std::string, Kind>& settableKeys() {
       {"valueBandwidth", Kind::Integer},      {"syncBandwidth", Kind::Integer},
       {"volumeReserve", Kind::Percent},       {"metaIndexURL", Kind::HttpURL},
       {"otherCatalogs", Kind::CatalogList},   {"publicHostName", Kind::HostName},
-      {"updatesDocRoot", Kind::AbsolutePath}, {"maxConcurrentDownloads", Kind::Concurrency}};
+      {"updatesDocRoot", Kind::AbsolutePath}, {"maxConcurrentDownloads", Kind::Concurrency},
+      {"minimumDownloadSpeed", Kind::Integer}};
   return keys;
 }
 
