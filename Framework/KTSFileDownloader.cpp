@@ -35,8 +35,8 @@ KTSFileDownloader::KTSFileDownloader(const Url& url, const std::string& localPat
     : sourceUrl_(url),
       downloadName_(lastPathComponent(localPath)),
       downloadPath_(standardizingPath(localPath)),
-      downloadingPath_(appendingPathExtension(localPath, "downloading")),
-      archivePath_(appendingPathExtension(localPath, "previous")),
+      downloadingPath_(sideFilePath(localPath, "downloading")),
+      archivePath_(sideFilePath(localPath, "previous")),
       archivePrevious_(archivePrevious),
       trustedHosts_({"catalog.vantor.example", "download.vantor.example", "cdn.vantor.example"}),
       log_(LogHandle::shared()) {}

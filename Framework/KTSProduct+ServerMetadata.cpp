@@ -136,7 +136,7 @@ Plist KTSProduct::loadActiveServerMetadataAtURL(const Url& url) {
 }
 
 bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& localPath) {
-  std::string target = appendingPathExtension(localPath, "downloading");
+  std::string target = sideFilePath(localPath, "downloading");
   std::string fileName = lastPathComponent(localPath);
   for (int attempt = 1;; ++attempt) {
     if (KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(url, target, false,
@@ -156,8 +156,8 @@ bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& local
 // always holds a whole file.
 KTSProductPass::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
                                                                const std::string& localPath) {
-  keepPreviousVersion(localPath, appendingPathExtension(localPath, "previous"));
-  std::rename(appendingPathExtension(localPath, "downloading").c_str(), localPath.c_str());
+  keepPreviousVersion(localPath, sideFilePath(localPath, "previous"));
+  std::rename(sideFilePath(localPath, "downloading").c_str(), localPath.c_str());
   return {KTSUtilities::readPropertyListAtPath(localPath), KTSPath(url)};
 }
 
@@ -167,7 +167,7 @@ KTSProductPass::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
 // past every file deleted in the last half minute).
 std::optional<KTSProductPass::ServerMetadata> KTSProduct::placeFetchedServerMetadata(
     const Url& url, const std::string& localPath, const std::string& bytes) {
-  std::string previousPath = appendingPathExtension(localPath, "previous");
+  std::string previousPath = sideFilePath(localPath, "previous");
   std::string current;
   if (readWholeFile(localPath, &current, nullptr, bytes.size()) && current == bytes) {
     if (fileIdentity(previousPath) != fileIdentity(localPath)) {
@@ -175,8 +175,7 @@ std::optional<KTSProductPass::ServerMetadata> KTSProduct::placeFetchedServerMeta
     }
   } else {
     // Named as the product's own fetch names its side file, which it overwrites.
-    std::string sidePath =
-        appendingPathExtension(appendingPathExtension(localPath, "downloading"), "downloading");
+    std::string sidePath = sideFilePath(sideFilePath(localPath, "downloading"), "downloading");
     if (!writeSideFile(sidePath, bytes)) return std::nullopt;
     keepPreviousVersion(localPath, previousPath);
     if (std::rename(sidePath.c_str(), localPath.c_str()) != 0) {
@@ -218,7 +217,7 @@ void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
       // Of two URLs that name one local file only the first is fetched here, the other by its
       // product in turn; a side file left by an interrupted pass is the product's to take.
       if (!localPath || !localPaths.insert(*localPath).second ||
-          KTSUtilities::fileExistsAtPath(appendingPathExtension(*localPath, "downloading"))) {
+          KTSUtilities::fileExistsAtPath(sideFilePath(*localPath, "downloading"))) {
         continue;
       }
       auto downloader =

@@ -1,5 +1,7 @@
 #include "PathString.h"
 
+#include <cstdint>
+#include <cstdio>
 #include <vector>
 
 namespace ondrel {
@@ -84,6 +86,20 @@ std::string deletingPathExtension(std::string_view path) {
   std::string extension = pathExtension(trimmed);
   if (extension.empty()) return std::string(trimmed);
   return std::string(trimmed.substr(0, trimmed.size() - extension.size() - 1));
+}
+
+std::string sideFilePath(std::string_view path, std::string_view suffix) {
+  constexpr std::size_t kLongestName = 255;
+  std::string name = lastPathComponent(path);
+  if (name.size() + 1 + suffix.size() <= kLongestName) return appendingPathExtension(path, suffix);
+  // FNV-1a over the name: distinct long names in one folder get distinct side files.
+  std::uint64_t hash = 14695981039346656037ull;
+  for (unsigned char c : name) hash = (hash ^ c) * 1099511628211ull;
+  char hidden[40];
+  std::snprintf(hidden, sizeof hidden, ".ondrel-%016llx", static_cast<unsigned long long>(hash));
+  return appendingPathExtension(
+      appendingPathComponent(deletingLastPathComponent(withoutTrailingSlashes(path)), hidden),
+      suffix);
 }
 
 }  // namespace ondrel

@@ -18,5 +18,10 @@ std::string pathExtension(std::string_view path);
 // appendingPathExtension("x", "previous") is "x.previous".
 std::string appendingPathExtension(std::string_view path, std::string_view extension);
 std::string deletingPathExtension(std::string_view path);
+// The path of a side file of path (a download in progress, a previous version): path with
+// ".suffix" appended while the name stays within the 255 bytes a file name may have, otherwise a
+// short hidden name made from the name in the same folder (".ondrel-HASH.suffix"), so that every
+// valid name has its side files.
+std::string sideFilePath(std::string_view path, std::string_view suffix);
 
 }  // namespace ondrel

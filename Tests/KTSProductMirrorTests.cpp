@@ -90,6 +90,13 @@ TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
       logged("ondrd_test[DBG]: PROD: P1: verification failed; incorrect size: a.pkg "
              "(expected=3000, actual=5)"));
   EXPECT_TRUE(logged("ondrd_test[DBG]: PROD: P1 (a.pkg) removing suspect file."));
+
+  // Any valid name can be mirrored, though a suffix would make its side file's name too long.
+  const std::string longName = "/d/P1/" + std::string(250, 'n') + ".pkg";
+  upstream_.put(longName, std::string(700, 'n'));
+  auto longer = productFor(upstream_.entry({}, {{longName, 700, ""}}));
+  EXPECT_TRUE(longer->downloadMirroredFiles());
+  EXPECT_EQ(sizeOf(local(longName)), 700u);
 }
 
 TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {

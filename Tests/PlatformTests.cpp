@@ -36,6 +36,14 @@ TEST_F(PlatformTest, PathTextOperations) {
   EXPECT_EQ(appendingPathExtension("/x/ondrd.conf", "previous"), "/x/ondrd.conf.previous");
   EXPECT_EQ(deletingPathExtension("/x/a.b/c.pkg"), "/x/a.b/c");
   EXPECT_EQ(deletingPathExtension("/x/a.b/c"), "/x/a.b/c");
+  // Side files of a name too long for a suffix get a short hidden name, one per name.
+  const std::string longest(243, 'n');
+  EXPECT_EQ(sideFilePath("/x/" + longest, "downloading"), "/x/" + longest + ".downloading");
+  std::string side = sideFilePath("/x/" + longest + "a", "downloading");
+  EXPECT_EQ(side.rfind("/x/.ondrel-", 0), 0u) << side;
+  EXPECT_EQ(side.size(), std::string("/x/.ondrel-0123456789abcdef.downloading").size());
+  EXPECT_NE(side, sideFilePath("/x/" + longest + "b", "downloading"));
+  EXPECT_EQ(side, sideFilePath("/x/" + longest + "a", "downloading"));
 }
 
 TEST_F(PlatformTest, UrlsParseIntoTheirParts) {
