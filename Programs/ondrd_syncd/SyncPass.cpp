@@ -10,6 +10,7 @@
 #include "KTCatalogKeys.h"
 #include "KTSError.h"
 #include "KTSFetchScheduler.h"
+#include "KTSFileDownloader.h"
 #include "KTSFileValidators.h"
 #include "KTSJobTicket.h"
 #include "KTSJobTicketManager.h"
@@ -78,6 +79,9 @@ auto recordedState(const KTSProduct& product) {
                          product.downloadStatus(), product.downloadedSize(),
                          product.totalDownloadSize());
 }
+
+// A deprecations list is a dictionary of product ids; this is far more than any holds.
+constexpr std::size_t kDeprecationsReadLimit = std::size_t{64} << 20;
 
 std::string megabytes(std::uint64_t bytes) {
   return fmt::format("{:.1f} MB", static_cast<double>(bytes) / 1e6);
@@ -302,21 +306,53 @@ void SyncPass::rememberCatalogSettings() const {
   KTSUtilities::writeStringToPath(catalogSettings(), catalogSettingsPath());
 }
 
+// The list is checked before it takes the served place: a page that is no property list (an
+// error page, say) never replaces the last good list.
 Plist SyncPass::fetchDeprecations() {
   auto metaIndex = KTSMetaIndex::defaultMetaIndex();
   std::optional<Url> url = metaIndex->deprecationsURL();
   std::optional<std::string> path = metaIndex->deprecationsLocalPath();
   if (!url || !path || !KTSPath::isInsideHtmlFolder(*path)) return Plist();
-  if (!KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*path)) ||
-      !KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(*url, *path, true,
-                                                                             true)) {
+  auto download = KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, *path, true);
+  download->receiveIntoMemory(kDeprecationsReadLimit);
+  std::string bytes;
+  if (KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*path))) {
+    download->startSynchronousDownload();
+  } else {
+    download->setDownloadErrorWithReason(-1, "Enclosing directory creation failed.");
+  }
+  if (const std::optional<KTSError>& error = download->downloadError()) {
+    KTSUtilities::logFailedDownload(*path, error->description());
     log_.warning("The deprecations list could not be fetched; this pass goes on without it.");
     return Plist::dictionary();
   }
-  Plist deprecations = KTSUtilities::readPropertyListAtPath(*path);
+  if (download->wasNotModified()) {
+    readWholeFile(*path, &bytes, nullptr, kDeprecationsReadLimit);
+    std::string previous = sideFilePath(*path, "previous");
+    if (fileIdentity(previous) != fileIdentity(*path)) keepPreviousVersion(*path, previous);
+  } else {
+    bytes = download->takeReceivedBody();
+  }
+  Plist deprecations = KTSUtilities::propertyListWithData(bytes);
   if (!deprecations.isDictionary()) {
     log_.warning("The deprecations list is not a property list; this pass goes on without it.");
     return Plist::dictionary();
+  }
+  if (!download->wasNotModified()) {
+    std::string error;
+    std::string previous = sideFilePath(*path, "previous");
+    bool placed = writeFileAtomically(
+        *path,
+        [&bytes](std::FILE* file) {
+          return std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
+        },
+        &error, [&] { keepPreviousVersion(*path, previous); });
+    if (placed) {
+      KTSUtilities::setDefaultFileOwnerAtPath(*path);
+      download->recordValidatorsOfPlacedFile();
+    } else {
+      log_.warning("The deprecations list could not be placed: {}", error);
+    }
   }
   return deprecations;
 }

@@ -495,12 +495,18 @@ TEST_F(WholeSystemTest, PassLevelFaultsAreToldAndMended) {
   EXPECT_EQ(std::filesystem::file_size(mirror.html() + bigPath), 24u << 20) << "completed";
   EXPECT_TRUE(mirror.served()[KTCatalogProductsDictKey].contains("VT-000021"));
 
-  // A catalog replaced by garbage: the memory of it stays, the error is told.
+  // A catalog replaced by garbage: the memory of it stays, the error is told. An error page
+  // where the deprecations list should be never takes the served list's place.
   std::string composite =
       readFile(mirror.html() + "/content/catalogs/others/" + kNewest + ".composite");
   writeFile(upstream_ + "/content/catalogs/others/" + kNewest, "garbage, not a catalog");
+  const std::string deprecations = "/content/catalogs/Deprecations.plist";
+  const std::string goodList = readFile(mirror.html() + deprecations);
+  ASSERT_TRUE(Plist::fromBytes(goodList, nullptr));
+  writeFile(upstream_ + deprecations, "<html><body>Service unavailable</body></html>");
   ProgramResult garbage = mirror.pass();
   EXPECT_EQ(garbage.exitStatus, 1);
+  EXPECT_EQ(readFile(mirror.html() + deprecations), goodList);
   EXPECT_EQ(readFile(mirror.html() + "/content/catalogs/others/" + kNewest + ".composite"),
             composite);
   EXPECT_GT(mirror.served()[KTCatalogProductsDictKey].size(), 0u) << "still served";
