@@ -299,10 +299,20 @@ Plist KTSCatalog::mirrorRepresentationForProduct(KTSProduct& product) const {
   }
   if (!product.smdPath()) {
     log_.debug("CTLG: (internal) mirror representation has no .smd URL for product {}", productId);
+    // The upstream's URL would send clients elsewhere than this server.
+    result.remove("ServerMetadataURL");
     return result;
   }
-  if (std::optional<std::string> served = product.smdPath()->asChildServerURL()) {
+  // Like every file a served entry names, the metadata must be on disk here: one that was
+  // refused or never fetched is not named.
+  std::optional<std::string> local = product.smdPath()->asLocalPath();
+  std::optional<std::string> served = product.smdPath()->asChildServerURL();
+  if (served && local && KTSPath::isInsideHtmlFolder(*local) &&
+      KTSUtilities::sizeOfExistingItemAtPath(*local)) {
     result.set("ServerMetadataURL", *served);
+  } else {
+    log_.debug("CTLG: (internal) the .smd file of product {} is not on this server", productId);
+    result.remove("ServerMetadataURL");
   }
   return result;
 }

@@ -353,6 +353,9 @@ TEST_F(KTSCatalogTest, CacheVerificationAndServedEntries) {
             "http://mirror.example:8088/content/downloads/A/A.smd");
   EXPECT_EQ(served[KTCatalogProductPackagesKey][0][KTCatalogPackageURLStringKey].stringValue(),
             "http://mirror.example:8088/content/downloads/A/A.pkg");
+  // Metadata that is not on this server is not named, neither here nor upstream.
+  std::filesystem::remove(*product->smdPath()->asLocalPath());
+  EXPECT_FALSE(loaded->mirrorRepresentationForProduct(*product).contains("ServerMetadataURL"));
 
   preferences_->setHostName("127.0.0.1");
   loaded->setProducts(KTSCatalog::ProductIndex{});
