@@ -196,6 +196,14 @@ void KTSFileDownloader::transferDidFinish() {
   if (memoryLimit_) return;
   if (notModified_) return keepUnchangedFile();
   if (!KTSUtilities::fileExistsAtPath(downloadingPath_)) return;
+  // Bytes that are not what the catalog says never take the place of the file there.
+  if (expectedSize_ && *expectedSize_ >= 0 &&
+      KTSUtilities::sizeOfExistingItemAtPath(downloadingPath_) != expectedSize_) {
+    setDownloadErrorWithReason(
+        -1, fmt::format("Received {} bytes, not the {} expected", downloadBytes_, *expectedSize_));
+    KTSUtilities::removePath(downloadingPath_);
+    return;
+  }
   placeDownloadedFile();
   recordValidatorsOfPlacedFile();
 }

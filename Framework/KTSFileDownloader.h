@@ -52,7 +52,8 @@ class KTSFileDownloader : public TransferReceiver {
   void receiveIntoMemory(std::size_t limit) { memoryLimit_ = limit; }
   std::string takeReceivedBody() { return std::move(receivedBody_); }
   // The size the body must have, when known: a longer one fails the download as soon as that
-  // shows, and the download's deadline grows with it.
+  // shows, a shorter one when it ends, and neither replaces the file; the download's deadline
+  // grows with it.
   void setExpectedSize(std::optional<std::int64_t> size) { expectedSize_ = size; }
   // Whether the download sends the validators of the kept file and records the new ones (the
   // default). Off for a file that is fetched only when missing or of the wrong size, where a

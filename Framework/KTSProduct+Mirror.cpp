@@ -3,14 +3,17 @@
 // check that keeps every file inside the document root, verification by size, and removal.
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdlib>
+#include <map>
 #include <set>
 #include <stdexcept>
 
 #include "KTCatalogKeys.h"
 #include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
+#include "KTSFileOwnership.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSUtilities.h"
@@ -91,9 +94,39 @@ bool resolvedFolderRefusal(std::string folder, bool orNearestAncestor, std::stri
   return true;
 }
 
+// Names the server gives its own files beside the served ones (caches, composites, side files
+// of downloads and previous versions, hidden files).
+bool isInternalName(const std::string& name) {
+  static const std::string kSuffixes[] = {".vantor",    ".composite",   ".productscache",
+                                          ".alternate", ".downloading", ".previous"};
+  if (name.empty() || name.front() == '.') return true;
+  for (const std::string& suffix : kSuffixes) {
+    if (name.size() >= suffix.size() &&
+        name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Product files belong under the downloads folder only, never on a served catalog, a name the
+// server publishes at the top of the tree, or one of its own files.
+std::optional<std::string> refusalOutsideDownloads(const std::string& destPath) {
+  std::string downloads = KTSPreferences::defaultPreferences()->updatesDownloadsPath() + "/";
+  if (standardizingPath(destPath).rfind(downloads, 0) != 0) {
+    return fmt::format(
+        "file download path is not part of the downloads folder (should be in \"{}\")", downloads);
+  }
+  if (isInternalName(lastPathComponent(destPath))) {
+    return std::string("file download path names a file the server keeps for itself");
+  }
+  return std::nullopt;
+}
+
 // Why a transfer from url to destPath is refused before its folder is made: the text of both
-// (a scheme other than http(s), a path outside the html folder, a "." or ".." segment hidden by
-// percent-encoding), or an existing folder on the way that resolves outside the document root.
+// (a scheme other than http(s), a path outside the html folder or its downloads folder, a "."
+// or ".." segment hidden by percent-encoding, an internal name), or an existing folder on the
+// way that resolves outside the document root.
 std::optional<std::string> refusalBeforeCreatingFolder(const std::optional<Url>& url,
                                                        const std::string& destPath) {
   if (!url || url->scheme().rfind("http", 0) != 0) {
@@ -102,6 +135,7 @@ std::optional<std::string> refusalBeforeCreatingFolder(const std::optional<Url>&
   if (!KTSPath::isInsideHtmlFolder(destPath) || hasEncodedDotSegment(*url)) {
     return notInUpdatesFolder(KTSPreferences::defaultPreferences()->updatesDocRoot());
   }
+  if (std::optional<std::string> outside = refusalOutsideDownloads(destPath)) return outside;
   std::string reason;
   if (resolvedFolderRefusal(deletingLastPathComponent(standardizingPath(destPath)), true,
                             &reason)) {
@@ -177,19 +211,30 @@ bool KTSProduct::downloadMirroredFiles() {
 }
 
 void KTSProduct::mirrorFilesWithScheduler(KTSFetchScheduler& scheduler,
-                                          std::function<void(bool complete)> finished) {
+                                          std::function<void(bool complete)> finished,
+                                          const KTSFileOwnership* ownership) {
   beginDownload();
   mirroring_ = std::make_shared<Mirroring>();
   mirroring_->scheduler = &scheduler;
+  mirroring_->ownership = ownership;
   mirroring_->finished = std::move(finished);
   // Records that name one local file share its fetch: the first one fetches, the others find
-  // it in place afterwards, so two transfers never write the same file.
-  std::set<std::string> localPaths;
+  // it in place afterwards, so two transfers never write the same file. One that gives that
+  // file another size could only ever replace the other's: it is refused.
+  std::map<std::string, Plist> sizes;
   std::vector<std::size_t> first;
   pendingSharedFiles_.clear();
+  conflictingFiles_.clear();
   for (std::size_t i = 0; i < mirrorFiles_.size(); ++i) {
-    bool isFirst = localPaths.insert(mirrorFiles_[i][kFileLocalPathKey].stringValue()).second;
-    (isFirst ? first : pendingSharedFiles_).push_back(i);
+    const Plist& record = mirrorFiles_[i];
+    auto [known, isFirst] = sizes.try_emplace(
+        standardizingPath(record[kFileLocalPathKey].stringValue()), record[kFileSizeKey]);
+    if (isFirst) {
+      first.push_back(i);
+      continue;
+    }
+    if (known->second != record[kFileSizeKey]) conflictingFiles_.push_back(i);
+    pendingSharedFiles_.push_back(i);
   }
   attemptFiles(first);
 }
@@ -216,6 +261,12 @@ void KTSProduct::addToDownloadedSize(std::int64_t bytes) {
 void KTSProduct::attemptFile(std::size_t index, int attempt, std::int64_t fileStatus) {
   const std::string& localPath = mirrorFiles_[index][kFileLocalPathKey].stringValue();
   const std::string fileName = lastPathComponent(localPath);
+  if (std::optional<std::string> owner = otherOwnerOfFile(index)) {
+    log_.error("*** File {} of product {} belongs to {}; it is neither fetched nor touched.",
+               localPath, id(), *owner);
+    downloadStatus_ = FileAbsent;
+    return fileProcessed(true);
+  }
   if (attempt == kFileDownloadAttempts) {
     log_.debug("PROD: {} ({}) download retries exhausted, skipping file.", id(), fileName);
     downloadStatus_ = FileAbsent;
@@ -223,8 +274,13 @@ void KTSProduct::attemptFile(std::size_t index, int attempt, std::int64_t fileSt
   }
   mirror_ = Downloading;
   if (fileStatus == FileSuspect) {
+    // A file where no product file may be (a served catalog, say) is never deleted as suspect.
+    if (!KTSPath::isInsideHtmlFolder(localPath) || refusalOutsideDownloads(localPath)) {
+      downloadStatus_ = FileAbsent;
+      return fileProcessed(true);
+    }
     log_.debug("PROD: {} ({}) removing suspect file.", id(), fileName);
-    if (!KTSPath::isInsideHtmlFolder(localPath) || !KTSUtilities::removePath(localPath)) {
+    if (!KTSUtilities::removePath(localPath)) {
       // Left as it is: the file counts as neither verified nor given up.
       downloadStatus_ = FileSuspect;
       return fileProcessed(false);
@@ -300,17 +356,34 @@ void KTSProduct::attemptEnded(std::size_t index, int attempt, std::int64_t bytes
   attemptFile(index, attempt + 1, present ? FileSuspect : FileAbsent);
 }
 
+// Another product that owns the record's file, or this product itself when another of its
+// records gives the file another size.
+std::optional<std::string> KTSProduct::otherOwnerOfFile(std::size_t index) const {
+  if (std::find(conflictingFiles_.begin(), conflictingFiles_.end(), index) !=
+      conflictingFiles_.end()) {
+    return fmt::format("another file of product {} with another size", id());
+  }
+  const KTSFileOwnership* ownership = mirroring_ ? mirroring_->ownership : nullptr;
+  if (ownership == nullptr) return std::nullopt;
+  const std::string* owner =
+      ownership->otherOwnerOfPath(mirrorFiles_[index][kFileLocalPathKey].stringValue(), id());
+  if (owner == nullptr) return std::nullopt;
+  return fmt::format("product {}", *owner);
+}
+
 void KTSProduct::fileProcessed(bool givenUp) {
   std::shared_ptr<Mirroring> mirroring = mirroring_;
   if (givenUp) mirroring->givenUp = true;
   if (--mirroring->filesLeft > 0) return;
   if (!pendingSharedFiles_.empty()) {
-    // The files shared by several records are in place now: the others take them as found.
-    std::vector<std::size_t> sharing = std::move(pendingSharedFiles_);
+    // The files shared by several records are in place now: the others take them as found,
+    // and those that conflict are refused.
+    std::vector<std::size_t> later = std::move(pendingSharedFiles_);
     pendingSharedFiles_.clear();
-    return attemptFiles(sharing);
+    return attemptFiles(later);
   }
   mirroring_.reset();
+  conflictingFiles_.clear();
   // A product with a file given up keeps its state until the next attempt.
   if (mirroring->givenUp) {
     downloadStatus_ = FileAbsent;
@@ -421,11 +494,14 @@ void KTSProduct::removeAllFiles() {
   mirror_ = DoNotMirror;
 }
 
-void KTSProduct::removeAllMirroredFiles() {
+void KTSProduct::removeAllMirroredFiles(const KTSFileOwnership* ownership) {
   for (const Plist& record : mirrorFiles_.elements()) {
     const std::string& localPath = record[kFileLocalPathKey].stringValue();
     std::string extension = pathExtension(localPath);
+    // Only its own files, where product files belong: never another product's or a served one.
     if (extension == "dist" || extension == "smd" || !KTSPath::isInsideHtmlFolder(localPath) ||
+        refusalOutsideDownloads(localPath) ||
+        (ownership != nullptr && ownership->otherOwnerOfPath(localPath, id())) ||
         !KTSUtilities::fileExistsAtPath(localPath)) {
       continue;
     }

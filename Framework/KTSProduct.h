@@ -23,6 +23,7 @@ namespace ondrel {
 
 class KTSFetchScheduler;
 class KTSFileDownloader;
+class KTSFileOwnership;
 
 class KTSProduct {
  public:
@@ -117,8 +118,10 @@ class KTSProduct {
   // each with its retries; the mirror state changes only once every file has been processed.
   // finished(complete) is called once, from inside the scheduler's run (or at once when there
   // is nothing to fetch), with false when a file was given up. The product must outlive it.
+  // With an ownership, a file that belongs to another product is given up untouched.
   void mirrorFilesWithScheduler(KTSFetchScheduler& scheduler,
-                                std::function<void(bool complete)> finished);
+                                std::function<void(bool complete)> finished,
+                                const KTSFileOwnership* ownership = nullptr);
   void beginDownload();
   void endDownload();
   // True when a transfer from url to destPath is allowed; otherwise the reason says why.
@@ -128,7 +131,8 @@ class KTSProduct {
   bool verifyMirroredFiles() const;
   bool verifyMirroredFileWithInfo(const Plist& fileInfo) const;
   void removeAllFiles();
-  void removeAllMirroredFiles();
+  // Deletes only files under the downloads folder, and with an ownership only the product's own.
+  void removeAllMirroredFiles(const KTSFileOwnership* ownership = nullptr);
 
   std::int64_t initStatus() const { return initStatus_; }
   void setInitStatus(std::int64_t status) { initStatus_ = status; }
@@ -211,6 +215,7 @@ class KTSProduct {
   void downloadFileWithInfo(std::size_t index, int attempt);
   void attemptEnded(std::size_t index, int attempt, std::int64_t bytesPlaced);
   void fileProcessed(bool givenUp);
+  std::optional<std::string> otherOwnerOfFile(std::size_t index) const;
   // Creates the folder of a file to fetch once its URL and path are acceptable as text, then
   // checks the folder as resolved on disk; false, with the refusal, when the fetch may not be.
   bool prepareDownloadFolder(const std::optional<Url>& url, const std::string& localPath,
@@ -240,13 +245,17 @@ class KTSProduct {
   // whether one was given up, and whom to tell at the end.
   struct Mirroring {
     KTSFetchScheduler* scheduler = nullptr;
+    const KTSFileOwnership* ownership = nullptr;
     std::size_t filesLeft = 0;
     bool givenUp = false;
     std::function<void(bool)> finished;
   };
   std::shared_ptr<Mirroring> mirroring_;
-  // Records whose local file an earlier record fetches; processed once the others are.
+  // Records whose local file an earlier record fetches (or gives another size, and then
+  // conflicts); processed once the others are.
   std::vector<std::size_t> pendingSharedFiles_;
+  // Of those, the records that give the file another size; refused.
+  std::vector<std::size_t> conflictingFiles_;
   std::int64_t totalDownloadCount_ = 0;
   Plist totalDownloadSize_;
   Plist downloadedSize_;

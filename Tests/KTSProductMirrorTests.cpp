@@ -10,6 +10,7 @@
 
 #include "KTCatalogKeys.h"
 #include "KTSFetchScheduler.h"
+#include "KTSFileOwnership.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "UpstreamFiles.h"
@@ -27,18 +28,22 @@ class KTSProductMirrorTest : public test::UpstreamProductTest {
  protected:
   void SetUp() override {
     UpstreamProductTest::SetUp();
-    upstream_.put("/d/P1/English.dist", test::distributionDocument("Tool", "1", "NoRestart", "x"));
-    upstream_.put("/d/P1/French.dist", test::distributionDocument("Outil", "1", "NoRestart", "x"));
-    upstream_.put("/d/P1/a.pkm", "package metadata");
-    upstream_.put("/d/P1/a.pkg", std::string(3000, 'a'));
-    upstream_.put("/d/P1/b.pkg", std::string(5000, 'b'));
+    upstream_.put("/content/downloads/d/P1/English.dist",
+                  test::distributionDocument("Tool", "1", "NoRestart", "x"));
+    upstream_.put("/content/downloads/d/P1/French.dist",
+                  test::distributionDocument("Outil", "1", "NoRestart", "x"));
+    upstream_.put("/content/downloads/d/P1/a.pkm", "package metadata");
+    upstream_.put("/content/downloads/d/P1/a.pkg", std::string(3000, 'a'));
+    upstream_.put("/content/downloads/d/P1/b.pkg", std::string(5000, 'b'));
   }
 
   // Two distributions and two packages, the first with a metadata URL.
   std::shared_ptr<KTSProduct> product() {
     Plist entry =
-        upstream_.entry({{"English", "/d/P1/English.dist"}, {"French", "/d/P1/French.dist"}},
-                        {{"/d/P1/a.pkg", 3000, "/d/P1/a.pkm"}, {"/d/P1/b.pkg", 5000, ""}});
+        upstream_.entry({{"English", "/content/downloads/d/P1/English.dist"},
+                         {"French", "/content/downloads/d/P1/French.dist"}},
+                        {{"/content/downloads/d/P1/a.pkg", 3000, "/content/downloads/d/P1/a.pkm"},
+                         {"/content/downloads/d/P1/b.pkg", 5000, ""}});
     return productFor(entry);
   }
 
@@ -71,7 +76,7 @@ TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
   EXPECT_TRUE(first->enabled());
   EXPECT_EQ(first->totalDownloadCount(), 5);
   EXPECT_EQ(first->downloadedSize().integerValue(), 8000);
-  EXPECT_EQ(readFile(local("/d/P1/b.pkg")), std::string(5000, 'b'));
+  EXPECT_EQ(readFile(local("/content/downloads/d/P1/b.pkg")), std::string(5000, 'b'));
   EXPECT_TRUE(first->verifyMirroredFiles());
   EXPECT_TRUE(logged("ondrd_test[DBG]: PROD: P1: (Tool 1) verified - all files downloaded"));
 
@@ -81,18 +86,18 @@ TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
   EXPECT_EQ(upstream_.requestCount(), requests) << "files already present are not fetched again";
 
   // A file of the wrong size is kept by the fetch, found suspect, deleted and fetched again.
-  writeFile(local("/d/P1/a.pkg"), "short");
+  writeFile(local("/content/downloads/d/P1/a.pkg"), "short");
   clearLog();
   auto third = product();
   EXPECT_TRUE(third->downloadMirroredFiles());
-  EXPECT_EQ(readFile(local("/d/P1/a.pkg")), std::string(3000, 'a'));
+  EXPECT_EQ(readFile(local("/content/downloads/d/P1/a.pkg")), std::string(3000, 'a'));
   EXPECT_TRUE(
       logged("ondrd_test[DBG]: PROD: P1: verification failed; incorrect size: a.pkg "
              "(expected=3000, actual=5)"));
   EXPECT_TRUE(logged("ondrd_test[DBG]: PROD: P1 (a.pkg) removing suspect file."));
 
   // Any valid name can be mirrored, though a suffix would make its side file's name too long.
-  const std::string longName = "/d/P1/" + std::string(250, 'n') + ".pkg";
+  const std::string longName = "/content/downloads/d/P1/" + std::string(250, 'n') + ".pkg";
   upstream_.put(longName, std::string(700, 'n'));
   auto longer = productFor(upstream_.entry({}, {{longName, 700, ""}}));
   EXPECT_TRUE(longer->downloadMirroredFiles());
@@ -100,7 +105,8 @@ TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
 }
 
 TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
-  upstream_.put("/d/P1/b.pkg", std::string(6000, 'b'));  // longer than the catalog says
+  upstream_.put("/content/downloads/d/P1/b.pkg",
+                std::string(6000, 'b'));  // longer than the catalog says
   auto longer = product();
   EXPECT_FALSE(longer->downloadMirroredFiles());
   EXPECT_EQ(longer->mirror(), KTSProduct::Downloading);
@@ -109,8 +115,9 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
       logged("ondrd_test[DBG]: PROD: P1 (b.pkg) download retries exhausted, skipping file."));
 
   for (int status : {404, 500}) {
-    upstream_.putStatus("/d/P1/b.pkg", status);
-    for (const char* name : {"/d/P1/a.pkg", "/d/P1/b.pkg"}) std::filesystem::remove(local(name));
+    upstream_.putStatus("/content/downloads/d/P1/b.pkg", status);
+    for (const char* name : {"/content/downloads/d/P1/a.pkg", "/content/downloads/d/P1/b.pkg"})
+      std::filesystem::remove(local(name));
     auto failing = product();
     int requests = upstream_.requestCount();
     clearLog();
@@ -123,13 +130,13 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
                                      "HTTP status {})",
                                      status)),
               3);
-    EXPECT_EQ(readFile(local("/d/P1/a.pkg")), std::string(3000, 'a'));
+    EXPECT_EQ(readFile(local("/content/downloads/d/P1/a.pkg")), std::string(3000, 'a'));
     EXPECT_EQ(failing->mirror(), KTSProduct::Downloading);
-    EXPECT_FALSE(std::filesystem::exists(local("/d/P1/b.pkg")));
+    EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/b.pkg")));
   }
 
   // Three attempts at a URL of another scheme, each refused, then the file is given up.
-  Plist entry = upstream_.entry({}, {{"/d/P1/a.pkg", 3000, ""}});
+  Plist entry = upstream_.entry({}, {{"/content/downloads/d/P1/a.pkg", 3000, ""}});
   entry.mutableValue(KTCatalogProductPackagesKey)
       .mutableElements()[0]
       .set(KTCatalogPackageURLStringKey, "ftp://127.0.0.1/d/P9/a.pkg");
@@ -152,7 +159,8 @@ TEST_F(KTSProductMirrorTest, ProductsMirrorSideBySideAndOneFailureStopsNoOther) 
   std::condition_variable arrived;
   int visitors = 0;
   httplib::Server gate;
-  gate.Get(R"(/gate/(\w+)\.pkg)", [&](const httplib::Request&, httplib::Response& response) {
+  gate.Get(R"(/content/downloads/gate/(\w+)\.pkg)", [&](const httplib::Request&,
+                                                        httplib::Response& response) {
     std::unique_lock lock(mutex);
     ++visitors;
     arrived.notify_all();
@@ -163,17 +171,20 @@ TEST_F(KTSProductMirrorTest, ProductsMirrorSideBySideAndOneFailureStopsNoOther) 
   gate.set_keep_alive_max_count(1);
   int port = gate.bind_to_any_port("127.0.0.1");
   std::thread serving([&gate] { gate.listen_after_bind(); });
-  upstream_.putStatus("/d/P9/gone.pkg", 404);
+  upstream_.putStatus("/content/downloads/d/P9/gone.pkg", 404);
 
   std::vector<std::shared_ptr<KTSProduct>> products;
   for (int i = 0; i <= kTogether; ++i) {
     std::string productId = fmt::format("P{}", i);
-    Plist entry = upstream_.entry({}, {{i == 0 ? "/d/P9/gone.pkg" : "/d/P1/a.pkg", 3000, ""}});
+    Plist entry = upstream_.entry(
+        {}, {{i == 0 ? "/content/downloads/d/P9/gone.pkg" : "/content/downloads/d/P1/a.pkg", 3000,
+              ""}});
     entry.mutableValue(KTCatalogProductPackagesKey)
         .mutableElements()[0]
         .set(KTCatalogPackageURLStringKey,
-             i == 0 ? upstream_.url("/d/P9/gone.pkg")
-                    : fmt::format("http://127.0.0.1:{}/gate/{}.pkg", port, productId));
+             i == 0 ? upstream_.url("/content/downloads/d/P9/gone.pkg")
+                    : fmt::format("http://127.0.0.1:{}/content/downloads/gate/{}.pkg", port,
+                                  productId));
     products.push_back(KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
         productId, entry, {}));
     products.back()->setMirror(KTSProduct::PleaseMirror);
@@ -196,21 +207,23 @@ TEST_F(KTSProductMirrorTest, ProductsMirrorSideBySideAndOneFailureStopsNoOther) 
   for (int i = 1; i <= kTogether; ++i) {
     EXPECT_TRUE(finished[fmt::format("P{}", i)]) << i;
     EXPECT_EQ(products[i]->mirror(), KTSProduct::Mirrored) << i;
-    EXPECT_EQ(sizeOf(local(fmt::format("/gate/P{}.pkg", i))), 3000u) << i;
+    EXPECT_EQ(sizeOf(local(fmt::format("/content/downloads/gate/P{}.pkg", i))), 3000u) << i;
   }
 }
 
 TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
-  std::filesystem::create_directories(local("/d/linked"));
+  std::filesystem::create_directories(local("/content/downloads/d/linked"));
   std::filesystem::create_directories(root_ + "/outside");
-  std::filesystem::create_directory_symlink(root_ + "/outside", local("/d/linked/out"));
+  std::filesystem::create_directory_symlink(root_ + "/outside",
+                                            local("/content/downloads/d/linked/out"));
   for (const std::string& hostile :
-       {upstream_.url("/d/%2e%2e/%2E%2e/%2e%2e/%2e%2e/%2e%2e/%2e%2e/escaped.pkg"),
-        upstream_.url("/d/..%2f..%2f..%2fescaped.pkg"), upstream_.url("/d/%2e%2e/inside.pkg"),
-        upstream_.url("/d/linked/out/escaped.pkg"),
-        upstream_.url("/d/linked/out/deeper/escaped.pkg"), std::string("file:///etc/passwd"),
-        std::string("gopher://127.0.0.1/escaped.pkg")}) {
-    Plist entry = upstream_.entry({}, {{"/d/P1/a.pkg", 3000, ""}});
+       {upstream_.url("/content/downloads/d/%2e%2e/%2E%2e/%2e%2e/%2e%2e/%2e%2e/%2e%2e/escaped.pkg"),
+        upstream_.url("/content/downloads/d/..%2f..%2f..%2fescaped.pkg"),
+        upstream_.url("/content/downloads/d/%2e%2e/inside.pkg"),
+        upstream_.url("/content/downloads/d/linked/out/escaped.pkg"),
+        upstream_.url("/content/downloads/d/linked/out/deeper/escaped.pkg"),
+        std::string("file:///etc/passwd"), std::string("gopher://127.0.0.1/escaped.pkg")}) {
+    Plist entry = upstream_.entry({}, {{"/content/downloads/d/P1/a.pkg", 3000, ""}});
     entry.mutableValue(KTCatalogProductPackagesKey)
         .mutableElements()[0]
         .set(KTCatalogPackageURLStringKey, hostile);
@@ -220,11 +233,61 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
   }
   EXPECT_TRUE(std::filesystem::is_empty(root_ + "/outside"));
   EXPECT_EQ(entriesOutsideHtml(), (std::vector<std::string>{root_ + "/outside"}));
-  EXPECT_FALSE(std::filesystem::exists(local("/d/inside.pkg")));
+  EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/inside.pkg")));
   EXPECT_TRUE(logged(fmt::format(
       "ondrd_test[ERR]: *** Reason: file download path is not part of updates folder (should be "
       "\"{}\")",
       KTSPreferences::defaultPreferences()->updatesDocRoot())));
+
+  // Product files belong under the downloads folder: never on a served catalog, a published
+  // name or one of the server's own files.
+  writeFile(local("/content/catalogs/others/index-alder-birch.merged-1.ktcatalog"), "served");
+  writeFile(local("/index.ktcatalog"), "published");
+  for (const std::string& target :
+       {std::string("/content/catalogs/others/index-alder-birch.merged-1.ktcatalog"),
+        std::string("/index.ktcatalog"), std::string("/content/downloads/d/P1/a.pkg.previous"),
+        std::string("/content/downloads/d/P1/.hidden")}) {
+    upstream_.put(target, std::string(3000, 'x'));
+    auto misplaced = productFor(upstream_.entry({}, {{target, 3000, ""}}));
+    EXPECT_FALSE(misplaced->downloadMirroredFiles()) << target;
+  }
+  EXPECT_EQ(readFile(local("/content/catalogs/others/index-alder-birch.merged-1.ktcatalog")),
+            "served");
+  EXPECT_EQ(readFile(local("/index.ktcatalog")), "published");
+  EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/a.pkg.previous")));
+
+  // A file belongs to one product: another that names it is refused, even with a size that
+  // would make the owner's file look suspect, and removing that other product leaves it.
+  auto made = [&](const std::string& productId, const std::vector<test::PackageFiles>& files) {
+    auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+        productId, upstream_.entry({}, files), {});
+    product->setMirror(KTSProduct::PleaseMirror);
+    return product;
+  };
+  const std::string shared = "/content/downloads/d/shared.pkg";
+  upstream_.put(shared, std::string(3000, 's'));
+  auto owner = made("OWNER", {{shared, 3000, ""}});
+  ASSERT_TRUE(owner->downloadMirroredFiles());
+  auto intruder = made("AAA", {{shared, 10, ""}});
+  KTSFileOwnership ownership({intruder, owner});
+  KTSFetchScheduler scheduler(4, nullptr);
+  bool intruderDone = true;
+  intruder->mirrorFilesWithScheduler(
+      scheduler, [&](bool complete) { intruderDone = complete; }, &ownership);
+  scheduler.run();
+  EXPECT_FALSE(intruderDone);
+  EXPECT_TRUE(logged(fmt::format(
+      "ondrd_test[ERR]: *** File {} of product AAA belongs to product OWNER; it is neither "
+      "fetched nor touched.",
+      local(shared))));
+  intruder->removeAllMirroredFiles(&ownership);
+  EXPECT_EQ(sizeOf(local(shared)), 3000u);
+  // Two URLs of one product that name one file with different sizes: the first one wins.
+  upstream_.put("/content/downloads/d/variant.pkg", std::string(3000, 'v'));
+  auto variants = made("VARIANTS", {{"/content/downloads/d/variant.pkg?v=1", 3000, ""},
+                                    {"/content/downloads/d/variant.pkg?v=2", 10, ""}});
+  EXPECT_FALSE(variants->downloadMirroredFiles());
+  EXPECT_EQ(sizeOf(local("/content/downloads/d/variant.pkg")), 3000u);
 
   // A product restored from a planted cache names files outside; nothing there is touched.
   writeFile(root_ + "/outside/keep.pkg", "precious");
@@ -240,9 +303,10 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
 
 TEST_F(KTSProductMirrorTest, AKilledDownloadIsCompletedByTheNextRun) {
   // A large body that arrives slowly, so the child is killed in the middle of it.
-  upstream_.put("/d/P1/b.pkg", std::string(5000, 'b'));
+  upstream_.put("/content/downloads/d/P1/b.pkg", std::string(5000, 'b'));
   httplib::Server slow;
-  slow.Get("/d/P1/big.pkg", [](const httplib::Request&, httplib::Response& response) {
+  slow.Get("/content/downloads/d/P1/big.pkg", [](const httplib::Request&,
+                                                 httplib::Response& response) {
     response.set_content_provider(8 << 20, "application/octet-stream",
                                   [](std::size_t offset, std::size_t, httplib::DataSink& sink) {
                                     std::string chunk(64 << 10, 'z');
@@ -253,9 +317,10 @@ TEST_F(KTSProductMirrorTest, AKilledDownloadIsCompletedByTheNextRun) {
   });
   int port = slow.bind_to_any_port("127.0.0.1");
   std::thread serving([&slow] { slow.listen_after_bind(); });
-  Plist entry = upstream_.entry({}, {{"/d/P1/b.pkg", 5000, ""}});
+  Plist entry = upstream_.entry({}, {{"/content/downloads/d/P1/b.pkg", 5000, ""}});
   Plist big = Plist::dictionary();
-  big.set(KTCatalogPackageURLStringKey, fmt::format("http://127.0.0.1:{}/d/P1/big.pkg", port));
+  big.set(KTCatalogPackageURLStringKey,
+          fmt::format("http://127.0.0.1:{}/content/downloads/d/P1/big.pkg", port));
   big.set(KTCatalogPackageSizeKey, Plist::integer(8 << 20));
   entry.mutableValue(KTCatalogProductPackagesKey).append(big);
 
@@ -265,35 +330,36 @@ TEST_F(KTSProductMirrorTest, AKilledDownloadIsCompletedByTheNextRun) {
     productFor(entry)->downloadMirroredFiles();
     _exit(0);
   }
-  const std::string partial = local("/d/P1/big.pkg.downloading");
+  const std::string partial = local("/content/downloads/d/P1/big.pkg.downloading");
   // Generous: under the sanitizers on a busy machine the child may start slowly.
   for (int i = 0; i < 1200 && sizeOf(partial) < (2 << 20); ++i) usleep(50000);
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
   EXPECT_GE(sizeOf(partial), 2 << 20) << "killed in the middle of the file";
-  EXPECT_FALSE(std::filesystem::exists(local("/d/P1/big.pkg")));
+  EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/big.pkg")));
 
   auto again = productFor(entry);
   EXPECT_TRUE(again->downloadMirroredFiles());
-  EXPECT_EQ(std::filesystem::file_size(local("/d/P1/big.pkg")), 8u << 20);
+  EXPECT_EQ(std::filesystem::file_size(local("/content/downloads/d/P1/big.pkg")), 8u << 20);
   EXPECT_FALSE(std::filesystem::exists(partial));
   slow.stop();
   serving.join();
 }
 
 TEST_F(KTSProductMirrorTest, RemovalKeepsDescriptionsOrTakesTheWholeFolder) {
-  upstream_.put("/d/P1/P1.smd", "<plist><dict/></plist>");
+  upstream_.put("/content/downloads/d/P1/P1.smd", "<plist><dict/></plist>");
   Plist entry =
-      upstream_.entry({{"English", "/d/P1/English.dist"}}, {{"/d/P1/a.pkg", 3000, "/d/P1/a.pkm"}});
+      upstream_.entry({{"English", "/content/downloads/d/P1/English.dist"}},
+                      {{"/content/downloads/d/P1/a.pkg", 3000, "/content/downloads/d/P1/a.pkm"}});
   auto mirrored = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", entry, Url::parse(upstream_.url("/d/P1/P1.smd")));
+      "P1", entry, Url::parse(upstream_.url("/content/downloads/d/P1/P1.smd")));
   ASSERT_TRUE(mirrored->downloadMirroredFiles());
   mirrored->setEnabled(true);
   mirrored->removeAllMirroredFiles();
-  EXPECT_FALSE(std::filesystem::exists(local("/d/P1/a.pkg")));
-  EXPECT_FALSE(std::filesystem::exists(local("/d/P1/a.pkm")));
-  EXPECT_TRUE(std::filesystem::exists(local("/d/P1/English.dist")));
-  EXPECT_TRUE(std::filesystem::exists(local("/d/P1/P1.smd")));
+  EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/a.pkg")));
+  EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/a.pkm")));
+  EXPECT_TRUE(std::filesystem::exists(local("/content/downloads/d/P1/English.dist")));
+  EXPECT_TRUE(std::filesystem::exists(local("/content/downloads/d/P1/P1.smd")));
   EXPECT_EQ(mirrored->mirror(), KTSProduct::DoNotMirror);
   EXPECT_FALSE(mirrored->enabled());
 

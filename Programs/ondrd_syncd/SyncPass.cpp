@@ -11,6 +11,7 @@
 #include "KTSError.h"
 #include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
+#include "KTSFileOwnership.h"
 #include "KTSFileValidators.h"
 #include "KTSJobTicket.h"
 #include "KTSJobTicketManager.h"
@@ -152,7 +153,10 @@ PassOutcome SyncPass::run(bool fullSync) {
   scheduler.run();
   loadCatalogs(catalogs, syncing, deprecations, outcome);
   applyChangesToProducts();
-  mirrorProducts(scheduler, outcome);
+  KTSFileOwnership ownership(productsOfPass());
+  withdrawFilesAboutToChange(outcome);
+  for (const auto& product : removed_) product->removeAllMirroredFiles(&ownership);
+  mirrorProducts(scheduler, ownership, outcome);
   for (const auto& catalog : catalogs_) {
     if (!catalog->products()) continue;
     for (const auto& [productId, product] : *catalog->products()) {
@@ -249,10 +253,11 @@ void SyncPass::applyChangesToProducts() {
       if (!product) continue;
       changedProducts_.insert(productId);
       if (change.remove) {
-        // The files are shared by every catalog that lists the product: removed once.
+        // The files are shared by every catalog that lists the product: removed once, after
+        // the served catalogs stop naming them.
         if (removed.insert(productId).second) {
           log_.info("Removing the files of product {}", productId);
-          product->removeAllMirroredFiles();
+          removed_.push_back(product);
         }
         product->setMirror(KTSProduct::DoNotMirror);
         product->setEnabled(false);
@@ -422,9 +427,44 @@ bool SyncPass::fitsOnVolume(const KTSProduct& product, std::uint64_t needed,
   return false;
 }
 
+std::vector<std::shared_ptr<KTSProduct>> SyncPass::productsOfPass() const {
+  std::vector<std::shared_ptr<KTSProduct>> products;
+  std::set<std::string> seen;
+  for (const auto& catalog : catalogs_) {
+    if (!catalog->products()) continue;
+    for (const auto& [productId, product] : *catalog->products()) {
+      if (seen.insert(productId).second) products.push_back(product);
+    }
+  }
+  return products;
+}
+
+// The served catalogs on disk still name what the last pass served. Before a file they may name
+// is deleted (a removed product's) or replaced (a product whose files changed upstream), they are
+// written anew from this pass's states, which serve neither.
+void SyncPass::withdrawFilesAboutToChange(PassOutcome& outcome) {
+  bool changing = !removed_.empty();
+  for (const auto& product : productsOfPass()) {
+    if (changing) break;
+    if (!product->isDownloading()) continue;
+    for (const Plist& record : product->mirrorFiles().elements()) {
+      const Plist& size = record[KTSProduct::kFileSizeKey];
+      std::optional<std::int64_t> found = KTSUtilities::sizeOfExistingItemAtPath(
+          record[KTSProduct::kFileLocalPathKey].stringValue());
+      if (found && size.isNumber() && *found != size.integerValue()) changing = true;
+    }
+  }
+  if (!changing) return;
+  log_.info("Serving the catalogs without the products whose files change in this pass.");
+  writeServedCatalogs(outcome);
+  // What was verified before files change is verified again for the final catalogs.
+  verified_.clear();
+}
+
 // Products are handed to the scheduler as it has room, so a pass holds the transfers of a few
 // products at a time, whatever their number, and every transfer slot stays busy.
-void SyncPass::mirrorProducts(KTSFetchScheduler& scheduler, PassOutcome& outcome) {
+void SyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwnership& ownership,
+                              PassOutcome& outcome) {
   std::vector<std::shared_ptr<KTSProduct>> waiting;
   std::set<std::string> seen;
   for (const auto& catalog : catalogs_) {
@@ -447,14 +487,19 @@ void SyncPass::mirrorProducts(KTSFetchScheduler& scheduler, PassOutcome& outcome
       // waiting holds the product until the scheduler is done.
       KTSProduct* mirrored = product.get();
       product->mirrorFilesWithScheduler(
-          scheduler, [&, mirrored, needed, stateBefore, start](bool complete) {
+          scheduler,
+          [&, mirrored, needed, stateBefore, start](bool complete) {
             promised -= needed;
             productMirrored(*mirrored, complete, stateBefore != recordedState(*mirrored),
                             std::chrono::steady_clock::now() - start);
-            if (!complete && !interrupted() && !upstreamStopped) {
+            // A failure the upstream answered (a 404, say) is the product's own; one it did
+            // not answer may mean that the upstream is gone.
+            if (!complete && !interrupted() && !upstreamStopped &&
+                scheduler.counters().unansweredInARow > 0) {
               upstreamStopped = !upstreamStillAnswers(outcome);
             }
-          });
+          },
+          &ownership);
       return true;
     }
     return false;

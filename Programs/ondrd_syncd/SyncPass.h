@@ -20,6 +20,7 @@
 
 namespace ondrel {
 class KTSFetchScheduler;
+class KTSFileOwnership;
 class KTSProduct;
 }  // namespace ondrel
 
@@ -62,7 +63,11 @@ class SyncPass {
   void loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& catalogs, bool fullSync,
                     const Plist& deprecations, PassOutcome& outcome);
   void applyChangesToProducts();
-  void mirrorProducts(KTSFetchScheduler& scheduler, PassOutcome& outcome);
+  // Every product of the pass once, in the order of the catalogs.
+  std::vector<std::shared_ptr<KTSProduct>> productsOfPass() const;
+  void withdrawFilesAboutToChange(PassOutcome& outcome);
+  void mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwnership& ownership,
+                      PassOutcome& outcome);
   static std::uint64_t bytesStillToFetch(const KTSProduct& product);
   // Whether needed bytes fit beside the reserve once what is promised to products still being
   // fetched is taken; logs why not.
@@ -87,6 +92,8 @@ class SyncPass {
   // Products whose state this pass changed after the catalogs were synced or loaded.
   std::set<std::string> changedProducts_;
   std::map<std::string, bool> verified_;
+  // Products whose files the administrator asked to remove in this pass.
+  std::vector<std::shared_ptr<KTSProduct>> removed_;
 };
 
 }  // namespace ondrel::syncd

@@ -1,0 +1,41 @@
+#include "KTSFileOwnership.h"
+
+#include "KTSProduct.h"
+#include "PathString.h"
+
+namespace ondrel {
+
+namespace {
+
+bool isServedState(std::int32_t mirror) {
+  return mirror == KTSProduct::Mirrored || mirror == KTSProduct::LocalOnly ||
+         mirror == KTSProduct::LocalOrphaned;
+}
+
+}  // namespace
+
+KTSFileOwnership::KTSFileOwnership(const std::vector<std::shared_ptr<KTSProduct>>& products) {
+  for (const auto& product : products) {
+    if (isServedState(product->mirror())) claimFilesOfProduct(*product);
+  }
+  for (const auto& product : products) {
+    if (!isServedState(product->mirror())) claimFilesOfProduct(*product);
+  }
+}
+
+void KTSFileOwnership::claimFilesOfProduct(const KTSProduct& product) {
+  if (!product.productId()) return;
+  for (const Plist& record : product.mirrorFiles().elements()) {
+    owners_.try_emplace(standardizingPath(record[KTSProduct::kFileLocalPathKey].stringValue()),
+                        *product.productId());
+  }
+}
+
+const std::string* KTSFileOwnership::otherOwnerOfPath(const std::string& path,
+                                                      const std::string& productId) const {
+  auto found = owners_.find(standardizingPath(path));
+  if (found == owners_.end() || found->second == productId) return nullptr;
+  return &found->second;
+}
+
+}  // namespace ondrel
