@@ -60,6 +60,7 @@ bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& 
   downloadError_.reset();
   notModified_ = false;
   answered_ = false;
+  tooSlow_ = false;
   responseETag_.clear();
   responseLastModified_.clear();
   validators_ = usesValidators_ ? validators : nullptr;
@@ -180,6 +181,7 @@ void KTSFileDownloader::transferDidReceiveDataOfLength(std::uint64_t length) {
 void KTSFileDownloader::transferDidFailWithError(const TransferError& error) {
   endDownload();
   answered_ = answered_ || error.httpStatus != 0;
+  tooSlow_ = error.tooSlow;
   downloadError_ = KTSError(kTransferErrorDomain, error.code, error.description);
   if (memoryLimit_) {
     receivedBody_.clear();

@@ -63,6 +63,8 @@ class KTSFileDownloader : public TransferReceiver {
   bool wasNotModified() const { return notModified_; }
   // The server answered the last download with some HTTP status (it may still have failed).
   bool wasAnswered() const { return answered_; }
+  // The last download failed for running past its deadline or below its floor speed.
+  bool wasTooSlow() const { return tooSlow_; }
   // Records the last response's validators for the file now at downloadPath, in the record of
   // the scheduler it ran under; for a caller that placed a body received into memory.
   void recordValidatorsOfPlacedFile();
@@ -143,6 +145,7 @@ class KTSFileDownloader : public TransferReceiver {
   bool usesValidators_ = true;
   bool notModified_ = false;
   bool answered_ = false;
+  bool tooSlow_ = false;
   LogHandle log_;
 };
 

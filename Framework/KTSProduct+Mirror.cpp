@@ -338,6 +338,12 @@ void KTSProduct::downloadFileWithInfo(std::size_t index, int attempt) {
       KTSUtilities::logFailedDownload(fetched.downloadPath(), error->description());
     }
     log_.debug("PROD: {}:   ...download completed: {}", id(), fileName);
+    // A server too slow for the floor would be as slow again at once: the next pass tries.
+    if (fetched.wasTooSlow()) {
+      log_.debug("PROD: {} ({}) too slow; left for the next pass.", id(), fileName);
+      downloadStatus_ = FileAbsent;
+      return fileProcessed(true);
+    }
     attemptEnded(index, attempt, fetched.downloadError() ? 0 : expectedSize.value_or(0));
   });
 }

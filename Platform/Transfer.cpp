@@ -320,8 +320,9 @@ class Transfer::Impl {
       description = curl_easy_strerror(result);
       if (errorBuffer_[0] != '\0') description += std::string(" (") + errorBuffer_ + ")";
     }
-    receiver_->transferDidFailWithError(
-        {static_cast<int>(result), description, status_ >= 400 ? status_ : 0});
+    receiver_->transferDidFailWithError({static_cast<int>(result), description,
+                                         status_ >= 400 ? status_ : 0,
+                                         result == CURLE_OPERATION_TIMEDOUT});
   }
 
   CURL* easy_;

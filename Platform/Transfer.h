@@ -39,6 +39,8 @@ struct TransferError {
   std::string description;
   // The response's status when the failure is an HTTP status of 400 or more, else 0.
   long httpStatus = 0;
+  // The transfer ran past its deadline or stayed below its lowest speed.
+  bool tooSlow = false;
 };
 
 // Receives the events of a transfer, on the thread that runs its event loop.

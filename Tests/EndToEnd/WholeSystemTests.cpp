@@ -491,6 +491,9 @@ TEST_F(WholeSystemTest, PassLevelFaultsAreToldAndMended) {
   ASSERT_TRUE(catalog.writeXmlFile(upstream_ + "/content/catalogs/others/" + kNewest, nullptr));
   ProgramResult mended = mirror.pass();
   EXPECT_EQ(mended.exitStatus, 0) << mended.output;
+  EXPECT_NE(mended.output.find("Serving the catalogs without the products whose files change"),
+            std::string::npos)
+      << "the old file is withdrawn from the served catalogs before it is replaced";
   EXPECT_EQ(readFile(mirror.html() + packagePath), std::string(5000, 'n'));
   EXPECT_EQ(std::filesystem::file_size(mirror.html() + bigPath), 24u << 20) << "completed";
   EXPECT_TRUE(mirror.served()[KTCatalogProductsDictKey].contains("VT-000021"));
