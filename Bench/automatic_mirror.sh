@@ -7,9 +7,13 @@
 # command, and call configure_automatic_mirror again for a fresh mirror.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
-cmake --preset release >/dev/null
-cmake --build --preset release --target ondrd_syncd ondrelctl ondrel-sample-upstream >/dev/null
-build=$PWD/build/release
+# ONDREL_BUILD names another build folder whose programs are used as they are (an older version,
+# to compare); otherwise the release preset is built.
+if [ -z "${ONDREL_BUILD:-}" ]; then
+  cmake --preset release >/dev/null
+  cmake --build --preset release --target ondrd_syncd ondrelctl ondrel-sample-upstream >/dev/null
+fi
+build=${ONDREL_BUILD:-$PWD/build/release}
 sample=$build/Tools/SampleUpstream/ondrel-sample-upstream
 syncd=$build/Programs/ondrd_syncd
 ctl=$build/Programs/ondrelctl
