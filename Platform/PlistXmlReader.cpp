@@ -1,6 +1,10 @@
 // Reads property lists. XML documents go through a small strict reader that builds the value
-// directly: a catalog of tens of megabytes is read in one pass with no intermediate tree.
+// directly: a catalog of tens of megabytes is read in one pass with no intermediate tree. It
+// refuses what XML 1.0 refuses: bytes that are not UTF-8, and characters outside XML's Char
+// (control characters other than tab, line feed and carriage return, U+FFFE, U+FFFF), raw or
+// as character references; so whatever it accepts, the writer gives back unchanged.
 // Binary property lists go through the bounded reader of PlistBinaryReader.
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 
@@ -32,8 +36,44 @@ class XmlPlistReader {
 
  private:
   bool fail(std::string message) {
-    if (error_.empty()) error_ = message + " at offset " + std::to_string(position_);
+    if (error_.empty()) {
+      std::size_t end = std::min(position_, text_.size());
+      auto line =
+          1 + std::count(text_.begin(), text_.begin() + static_cast<std::ptrdiff_t>(end), '\n');
+      error_ = message + " at line " + std::to_string(line);
+    }
     return false;
+  }
+
+  // XML's Char: tab, line feed, carriage return, U+0020 to U+D7FF, U+E000 to U+FFFD, and U+10000
+  // to U+10FFFF.
+  static bool isXmlCharacter(char32_t code) {
+    return code == 0x9 || code == 0xA || code == 0xD || (code >= 0x20 && code <= 0xD7FF) ||
+           (code >= 0xE000 && code <= 0xFFFD) || (code >= 0x10000 && code <= 0x10FFFF);
+  }
+
+  // The whole document, before anything is read of it: UTF-8 and XML characters only.
+  bool checkCharacters() {
+    for (position_ = 0; position_ < text_.size();) {
+      auto c = static_cast<unsigned char>(text_[position_]);
+      if (c < 0x80) {
+        if (c < 0x20 && c != '\t' && c != '\n' && c != '\r') {
+          return fail("character not allowed in XML");
+        }
+        ++position_;
+        continue;
+      }
+      std::size_t length = utf8SequenceLength(text_, position_);
+      if (length == 0) return fail("invalid UTF-8");
+      // U+FFFE and U+FFFF, the only sequences of valid UTF-8 that XML does not allow.
+      if (length == 3 && c == 0xEF && text_[position_ + 1] == '\xBF' &&
+          (text_[position_ + 2] == '\xBE' || text_[position_ + 2] == '\xBF')) {
+        return fail("character not allowed in XML");
+      }
+      position_ += length;
+    }
+    position_ = 0;
+    return true;
   }
 
   bool atEnd() const { return position_ >= text_.size(); }
@@ -85,6 +125,7 @@ class XmlPlistReader {
   }
 
   bool readDocument(Plist& result) {
+    if (!checkCharacters()) return false;
     if (startsWith("\xEF\xBB\xBF")) position_ += 3;
     if (!skipMisc()) return false;
     if (startsWith("<!DOCTYPE")) {
@@ -246,9 +287,11 @@ class XmlPlistReader {
     unsigned long code = 0;
     auto [end, status] =
         std::from_chars(digits.data(), digits.data() + digits.size(), code, hex ? 16 : 10);
-    if (status != std::errc() || end != digits.data() + digits.size() || code == 0 ||
-        code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
+    if (status != std::errc() || end != digits.data() + digits.size()) {
       return fail("malformed character reference");
+    }
+    if (code > 0x10FFFF || !isXmlCharacter(static_cast<char32_t>(code))) {
+      return fail("character reference to a character not allowed in XML");
     }
     appendUtf8(static_cast<char32_t>(code), text);
     return true;

@@ -1,5 +1,9 @@
 // Writes property lists as XML, streaming: the document is never assembled in memory, so writing
-// a large catalog costs no more than its buffered output.
+// a large catalog costs no more than its buffered output. Text that XML 1.0 cannot carry (bytes
+// that are not UTF-8, control characters, U+FFFE, U+FFFF) can only come from elsewhere than an
+// XML document, since the reader refuses it there: from a binary property list or a program's
+// value. It is written as U+FFFD so the document stays well-formed; every string read from XML
+// is written back unchanged.
 #include <algorithm>
 #include <array>
 #include <cstring>

@@ -245,6 +245,26 @@ TEST_F(PlistTest, MalformedDocumentsAreRejectedWithAReason) {
     EXPECT_FALSE(Plist::fromBytes(text, &error)) << text;
     EXPECT_FALSE(error.empty()) << text;
   }
+  // What XML refuses, the reader refuses, naming the line: the writer would otherwise put
+  // U+FFFD in its place and a round trip would change the data.
+  for (const std::string& notXml :
+       {std::string("<plist>\n<string>a\0b</string></plist>", 29),
+        std::string("<plist>\n<string>a\xC3\x28"
+                    "b</string></plist>"),
+        std::string("<plist>\n<string>a\xEF\xBF\xBE"
+                    "b</string></plist>"),
+        std::string("<plist>\n<string>a&#1;b</string></plist>"),
+        std::string("<plist>\n<string>a&#xFFFE;b</string></plist>"),
+        std::string("<plist>\n<string>a&#x110000;b</string></plist>")}) {
+    std::string error;
+    EXPECT_FALSE(Plist::fromBytes(notXml, &error)) << notXml;
+    EXPECT_NE(error.find("at line 2"), std::string::npos) << error;
+  }
+  std::optional<Plist> allowed =
+      Plist::fromBytes("<plist><string>&#9;&#xD;&#x10FFFF;\xEF\xBF\xBD</string></plist>", nullptr);
+  ASSERT_TRUE(allowed);
+  EXPECT_EQ(Plist::fromBytes(allowed->toXml(), nullptr), allowed) << "comes back exactly";
+
   std::string deep;
   for (int i = 0; i < 100000; ++i) deep += "<array>";
   std::string error;
