@@ -46,7 +46,7 @@ class AdministrationTest : public OndrelTest {
       Plist archive = test::productArchive(id, mirror, enabled);
       archive.set("version", "1.2");
       Plist english = Plist::dictionary();
-      english.set("title", id == "VT-000002" ? "Vantor Maps Update" : "Vantor Mail Update");
+      english.set("title", id == "VT-000002" ? "Vantor Zarrow Update" : "Vantor Quendel Update");
       archive.mutableValue("localization").set("English", english);
       archive.set("totalDownloadSize", Plist::integer(4096));
       products[id] = KTSProduct::productWithArchiveRepresentation(archive);
@@ -73,11 +73,11 @@ TEST_F(AdministrationTest, StatusProductsAndMetricsReadTheSharedFiles) {
   test::ProgramResult mirrored = ctl({"products", "--state", "mirrored", "--json"});
   EXPECT_NE(mirrored.output.find("VT-000001"), std::string::npos);
   EXPECT_EQ(mirrored.output.find("VT-000002"), std::string::npos);
-  test::ProgramResult search = ctl({"products", "--search", "maps"});
+  test::ProgramResult search = ctl({"products", "--search", "zarrow"});
   EXPECT_NE(search.output.find("VT-000002"), std::string::npos);
   EXPECT_NE(search.output.find("1 products"), std::string::npos) << search.output;
   EXPECT_EQ(ctl({"products", "--enabled"}).output.find("VT-000003"), std::string::npos);
-  EXPECT_NE(ctl({"product", "VT-000002"}).output.find("Vantor Maps Update"), std::string::npos);
+  EXPECT_NE(ctl({"product", "VT-000002"}).output.find("Vantor Zarrow Update"), std::string::npos);
   EXPECT_EQ(ctl({"product", "VT-999999"}).exitStatus, 1);
   EXPECT_EQ(ctl({"products", "--bogus"}).exitStatus, 2);
 

@@ -27,8 +27,10 @@ constexpr std::uint64_t kOddCaseSpacing = 200;
 constexpr const char* kLanguages[] = {"English", "French", "German", "Japanese", "Spanish"};
 constexpr const char* kRestartActions[] = {"NoRestart", "RecommendRestart", "RequireLogout",
                                            "RequireRestart", "RequireShutdown"};
-constexpr const char* kWords[] = {"Photo",   "Mail",    "Music",  "Maps",  "Notes",  "Pages",
-                                  "Keynote", "Numbers", "Safari", "Xcode", "Server", "Remote"};
+// Made-up product names: the sample's titles name nobody's real product.
+constexpr const char* kWords[] = {"Quendel", "Zarrow",   "Plimsett", "Trevanne",
+                                  "Ossilk",  "Brambril", "Koventa",  "Melquist",
+                                  "Dravel",  "Sunnock",  "Halvery",  "Florrin"};
 
 enum OddCase {
   kNone = 0,
