@@ -27,6 +27,7 @@
 #include "KTSWorkingSet.h"
 #include "PassLock.h"
 #include "Progress.h"
+#include "ServiceRoot.h"
 #include "SyncPass.h"
 #include "Transfer.h"
 
@@ -129,6 +130,10 @@ int main(int argc, char** argv) {
     return app.exit(error) == 0 ? 0 : kExitUsage;
   }
 
+  if (std::optional<std::string> problem = ondrel::programs::serviceRootProblem()) {
+    std::fprintf(stderr, "ondrd_syncd: %s\n", problem->c_str());
+    return 1;
+  }
   ondrel::KTSLogger::defaultLoggerForSourceLogType("ondrd_syncd", 1);
   installSignalHandlers();
   freshSharedInstances();

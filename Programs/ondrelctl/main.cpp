@@ -10,6 +10,7 @@
 #include "Ctl.h"
 #include "DateFormats.h"
 #include "KTSLogger.h"
+#include "ServiceRoot.h"
 
 namespace ondrel::ctl {
 
@@ -153,6 +154,9 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kExitUsage;
+  }
+  if (std::optional<std::string> problem = ondrel::programs::serviceRootProblem()) {
+    return fail(*problem);
   }
   try {
     if (*statusCommand) return status(json);

@@ -146,6 +146,27 @@ TEST_F(AdministrationTest, ConfigSetChecksValuesAndRewritesTheWebConfiguration) 
   EXPECT_EQ(readFile(conf), confBefore);
   EXPECT_EQ(readFile(prefs), prefsBefore);
   EXPECT_EQ(ctl({"config", "get", "portToUse"}).output, "8484\n");
+
+  // A fresh service root: without the shipped defaults the command says where it looked and
+  // writes nothing; with them, an empty folder is enough.
+  const std::string saved = std::getenv("ONDREL_ROOT");
+  const std::string resources = std::getenv("ONDREL_RESOURCES");
+  ::setenv("ONDREL_ROOT", path("/fresh").c_str(), 1);
+  ::setenv("ONDREL_RESOURCES", path("/no-resources").c_str(), 1);
+  test::ProgramResult withoutDefaults = ctl({"config", "set", "portToUse", "18099"});
+  ::setenv("ONDREL_RESOURCES", resources.c_str(), 1);
+  EXPECT_EQ(withoutDefaults.exitStatus, 1);
+  EXPECT_NE(withoutDefaults.output.find("shipped defaults were not found at " +
+                                        path("/no-resources") + "/ondrd.plist"),
+            std::string::npos)
+      << withoutDefaults.output;
+  EXPECT_FALSE(std::filesystem::exists(path("/fresh")));
+  EXPECT_EQ(ctl({"config", "set", "portToUse", "18099"}).exitStatus, 0);
+  EXPECT_EQ(ctl({"config", "get", "portToUse"}).output, "18099\n");
+  EXPECT_EQ(readFile(path("/fresh/Library/Server/Ondrel/Config/ondrd.plist"))
+                .find("InvalidPreferenceFile"),
+            std::string::npos);
+  ::setenv("ONDREL_ROOT", saved.c_str(), 1);
 }
 
 TEST_F(AdministrationTest, ClientsFetchServedCatalogsThroughApacheAndTheCgi) {

@@ -1,0 +1,39 @@
+#include "ServiceRoot.h"
+
+#include <fmt/format.h>
+
+#include <filesystem>
+
+#include "HostPaths.h"
+#include "KTSPreferences.h"
+
+namespace ondrel::programs {
+
+std::optional<std::string> serviceRootProblem() {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  const std::string configuration = KTSPreferences::defaultConfigurationPath();
+  if (fs::exists(configuration, error)) return std::nullopt;
+  const std::string defaults = resourcePath("ondrd", "plist");
+  if (!fs::is_regular_file(defaults, error)) {
+    return fmt::format(
+        "the shipped defaults were not found at {}; set ONDREL_RESOURCES to the folder that "
+        "holds ondrd.plist and ondrd.conf (Resources/ in the source tree), or install Ondrel "
+        "Server. Nothing was changed",
+        defaults);
+  }
+  const std::string parent = fixedPath("/Library/Server");
+  for (const std::string& folder : {parent, fixedPath("/Library/Preferences")}) {
+    if (fs::is_directory(folder, error)) continue;
+    fs::create_directories(folder, error);
+    if (error) {
+      return fmt::format(
+          "the folder {} could not be created ({}); create it, or set ONDREL_ROOT to a folder "
+          "of your own",
+          folder, error.message());
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace ondrel::programs
