@@ -236,11 +236,24 @@ TEST_F(AdministrationTest, ClientsFetchServedCatalogsThroughApacheAndTheCgi) {
   EXPECT_EQ(linked->body.find("root:"), std::string::npos);
   std::filesystem::remove(place);
   std::filesystem::rename(place + ".kept", place);
-  for (const char* hostile : {"/cgi-bin/OndrelServerGetCatalog?/../../Config/ondrd.plist",
-                              "/cgi-bin/OndrelServerGetCatalog?/index-made-up.ktcatalog"}) {
+  const std::string longName = "/cgi-bin/OndrelServerGetCatalog?/" + std::string(65536, 'a');
+  for (const std::string& hostile :
+       {std::string("/cgi-bin/OndrelServerGetCatalog?/../../Config/ondrd.plist"),
+        std::string("/cgi-bin/OndrelServerGetCatalog?/index-made-up.ktcatalog"),
+        "/cgi-bin/OndrelServerGetCatalog?/" + kNewest + "%00.plist",
+        std::string("/cgi-bin/OndrelServerGetCatalog?/%2e%2e/%2e%2e/Config/ondrd.plist"),
+        longName}) {
     auto refused = client.Get(hostile);
-    ASSERT_TRUE(refused);
-    EXPECT_EQ(refused->status, 404) << hostile;
+    ASSERT_TRUE(refused) << hostile.substr(0, 100);
+    EXPECT_TRUE(refused->status == 404 || refused->status == 414) << hostile.substr(0, 100);
+    EXPECT_EQ(refused->body.find("<plist"), std::string::npos) << hostile.substr(0, 100);
+  }
+  // Garbage conditions are no conditions: the catalog itself comes back.
+  for (const char* garbage : {"\"unterminated", "W/", ",,,", "\x01\x02"}) {
+    auto answered = cgi.Get(direct.c_str(), httplib::Headers{{"If-None-Match", garbage}});
+    ASSERT_TRUE(answered);
+    // Apache itself refuses control characters in a field; the rest reach the CGI.
+    EXPECT_EQ(answered->status, garbage[0] == '\x01' ? 400 : 200) << garbage;
   }
   EXPECT_EQ(ctl({"web", "stop"}).exitStatus, 0);
   sample::stopServingTree(upstream);
