@@ -204,7 +204,9 @@ Plist settingValue(Kind kind, const std::string& text, std::string* why) {
 int postChanges(const std::string& action, const std::vector<std::string>& productIds) {
   auto workingSet = KTSWorkingSet::defaultWorkingSet();
   for (const std::string& productId : productIds) {
-    if (!isValidProductId(productId)) return fail("\"" + productId + "\" is not a product id");
+    if (!isValidProductId(productId)) {
+      return fail(quotedForMessage(productId) + " is not a product id; nothing was posted");
+    }
     if (!workingSet->containsProductID(productId)) {
       return fail("no product " + productId + " in the working set; nothing was posted");
     }

@@ -16,6 +16,9 @@ inline constexpr int kExitUsage = 2;
 
 // Prints "ondrelctl: <message>" on standard error and gives kExitFailed.
 int fail(const std::string& message);
+// Text from the command line as a message may show it: in quotes, control characters escaped,
+// at most 64 characters of it.
+std::string quotedForMessage(const std::string& text);
 // A property-list value as JSON: dates as RFC 3339 text, data as base64 text.
 std::string toJson(const Plist& value, int indent = 0);
 void printJson(const Plist& value);

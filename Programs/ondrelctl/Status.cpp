@@ -22,6 +22,7 @@
 #include "KTSUtilities.h"
 #include "KTSWorkingSet.h"
 #include "PathString.h"
+#include "ProductId.h"
 
 namespace ondrel::ctl {
 
@@ -265,6 +266,8 @@ int products(const ProductFilter& filter, bool json) {
 }
 
 int product(const std::string& productId, bool json) {
+  if (!isValidProductId(productId))
+    return fail(quotedForMessage(productId) + " is not a product id");
   Plist record = KTSWorkingSet::defaultWorkingSet()->productDictForID(productId);
   if (!record.isDictionary()) return fail("no product " + productId + " in the working set");
   if (json) {

@@ -19,6 +19,20 @@ int fail(const std::string& message) {
   return kExitFailed;
 }
 
+std::string quotedForMessage(const std::string& text) {
+  constexpr std::size_t kShown = 64;
+  std::string quoted = "\"";
+  for (std::size_t i = 0; i < text.size() && i < kShown; ++i) {
+    auto c = static_cast<unsigned char>(text[i]);
+    if (c < 0x20 || c == 0x7f) {
+      quoted += fmt::format("\\x{:02x}", c);
+    } else {
+      quoted += text[i];
+    }
+  }
+  return quoted + (text.size() > kShown ? "...\"" : "\"");
+}
+
 namespace {
 
 std::string quoted(const std::string& text) {

@@ -108,7 +108,13 @@ TEST_F(AdministrationTest, ChangesArePostedMergedWithTicketsAndNeverLost) {
   test::ProgramResult unknown = ctl({"mirror", "VT-000001", "VT-404"});
   EXPECT_EQ(unknown.exitStatus, 1);
   EXPECT_NE(unknown.output.find("no product VT-404"), std::string::npos) << unknown.output;
-  EXPECT_EQ(ctl({"enable", "../x"}).exitStatus, 1);
+  for (const std::string& hostile :
+       {std::string("../x"), std::string("VT/000001"), std::string("VT-000001\nVT-000002"),
+        std::string(100000, 'V'), std::string("-rf"), std::string("")}) {
+    test::ProgramResult refused = ctl({"enable", hostile});
+    EXPECT_NE(refused.exitStatus, 0) << hostile.substr(0, 40);
+    EXPECT_LT(refused.output.size(), 2000u) << "one clear line, not the id echoed at length";
+  }
   EXPECT_FALSE(KTSRequestManager::requestManager()->hasPendingRequests()) << "nothing posted";
 
   ASSERT_EQ(ctl({"mirror", "VT-000002", "VT-000003"}).exitStatus, 0);
