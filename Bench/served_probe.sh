@@ -3,7 +3,8 @@
 # sample upstream on Apache turns hostile or busy one scenario at a time
 # (Bench/upstream_mutations.py: packages replaced in place, Sizes that lie, products that share
 # paths or name a served catalog, a 64 MiB body for a 10-byte package, a 250-character name, an
-# HTML page as the deprecations list, a server that drips), and every pass runs under
+# HTML page as the deprecations list or as a catalog, traversals and other hosts in URLs, redirect
+# loops and 500s, a server that drips), and every pass runs under
 # Bench/served_monitor.py, which checks the served tree every 20 ms. Then the catalog CGI is
 # offered a link in a catalog's place and ondrelctl a host name no URL can carry.
 # Usage: Bench/served_probe.sh [products]   (as root; builds the release preset; about 4 minutes,
@@ -16,11 +17,18 @@ drip_port=18502
 work_prefix=ondrel-served-probe
 source "$(dirname "$0")/automatic_mirror.sh"
 
-# Sends the headers of a 10,000-byte body, then one byte every 0.4 s.
+# Sends the headers of a 10,000-byte body, then one byte every 0.4 s; under /loop/ redirects to
+# itself, under /error/ answers 500.
 python3 - "$drip_port" >/dev/null 2>&1 <<'PY' &
 import http.server, sys, time
 class Drip(http.server.BaseHTTPRequestHandler):
     def do_GET(self):
+        if "/loop/" in self.path or "/error/" in self.path:
+            self.send_response(302 if "/loop/" in self.path else 500)
+            self.send_header("Location", self.path)
+            self.send_header("Content-Length", "0")
+            self.end_headers()
+            return
         self.send_response(200)
         self.send_header("Content-Length", "10000")
         self.end_headers()
@@ -38,6 +46,7 @@ start_automatic_mirror "$products"
 html="$ONDREL_ROOT/Library/Server/Ondrel/Data/html"
 faulty=0
 passes=0
+checks=0
 watched_pass() {
   echo "== $1"
   passes=$((passes + 1))
@@ -46,11 +55,13 @@ watched_pass() {
 check() {  # check WHAT CONDITION...: one line, and a fault when the condition fails
   local what=$1
   shift
+  checks=$((checks + 1))
   if "$@"; then echo "  ok: $what"; else echo "  FAULT: $what"; faulty=$((faulty + 1)); fi
 }
 
 watched_pass "first pass, automatic mode"
-for scenario in ${SCENARIOS:-replace wrong-size share oversized long-name html unchanged drip}; do
+for scenario in ${SCENARIOS:-replace wrong-size share oversized long-name html traversal errors \
+  unchanged drip html-catalog}; do
   if [ "$scenario" = unchanged ]; then
     watched_pass "a pass with nothing changed"
     continue
@@ -67,6 +78,9 @@ for scenario in ${SCENARIOS:-replace wrong-size share oversized long-name html u
       check "the served deprecations list is still a property list" python3 -c \
         "import plistlib,sys; plistlib.load(open(sys.argv[1],'rb'))" \
         "$html/content/catalogs/Deprecations.plist" ;;
+    traversal)
+      check "nothing was written outside the service root" \
+        test -z "$(find / -xdev -name escaped.pkg -print -quit 2>/dev/null)" ;;
     drip)
       echo "  the pass with a dripping server took $(($(date +%s) - started)) s" ;;
   esac
@@ -85,5 +99,5 @@ mv "$catalog.kept" "$catalog"
 check "ondrelctl refuses a host name of 300 characters" \
   bash -c "! '$ctl' config set publicHostName $(printf 'a%.0s' $(seq 300)) 2>/dev/null"
 
-echo "$passes passes watched every 20 ms and 4 other checks: $faulty with faults"
+echo "$passes passes watched every 20 ms and $checks other checks: $faulty with faults"
 [ "$faulty" -eq 0 ]

@@ -10,6 +10,9 @@ Scenarios (each changes every catalog that lists the products it picks):
   long-name    a package whose name has 250 characters
   drip         a package served by DRIP_URL, which sends a byte now and then
   html         an HTML page where the deprecations list should be
+  traversal    packages at ../, %2e%2e, an absolute path, another host, a query string
+  errors       packages that loop in redirects or answer 500, from DRIP_URL's server
+  html-catalog an HTML page where the oldest catalog should be
 Prints one line saying what it did.
 """
 import os
@@ -20,8 +23,11 @@ tree, base, scenario = sys.argv[1], sys.argv[2].rstrip("/"), sys.argv[3]
 others = os.path.join(tree, "content/catalogs/others")
 catalogs = {}
 for name in sorted(os.listdir(others)):
-    with open(os.path.join(others, name), "rb") as f:
-        catalogs[name] = plistlib.load(f)
+    try:
+        with open(os.path.join(others, name), "rb") as f:
+            catalogs[name] = plistlib.load(f)
+    except plistlib.InvalidFileException:
+        pass  # broken by an earlier scenario: left as it is
 newest = max(catalogs.values(), key=lambda c: len(c["Products"]))
 ids = sorted(i for i, entry in newest["Products"].items() if entry.get("Packages"))
 
@@ -86,6 +92,28 @@ elif scenario == "html":
     with open(os.path.join(tree, "content/catalogs/Deprecations.plist"), "w") as f:
         f.write("<html><body><h1>503 Service Unavailable</h1></body></html>\n")
     done = "the deprecations list is an HTML page"
+elif scenario == "traversal":
+    hostile = [f"{base}/content/downloads/../../../../etc/passwd",
+               f"{base}/content/downloads/%2e%2e/%2e%2e/%2e%2e/escaped.pkg",
+               f"{base}/content/downloads/..%2f..%2f..%2fescaped.pkg",
+               "file:///etc/passwd",
+               "http://127.0.0.2:9/content/downloads/elsewhere.pkg",
+               f"{base}/content/downloads/query.pkg?../../../escaped"]
+    for product_id, url in zip(ids[30:], hostile):
+        edit(product_id, lambda e, url=url: e["Packages"][0].update(URL=url, Size=100))
+    done = f"{', '.join(ids[30:30 + len(hostile)])} name traversals, other hosts and queries"
+elif scenario == "errors":
+    server = sys.argv[4].rsplit("/content/", 1)[0]
+    for product_id, what in zip(ids[36:], ["loop", "error", "loop"]):
+        url = f"{server}/content/downloads/{what}/{product_id}.pkg"
+        edit(product_id, lambda e, url=url: e["Packages"][0].update(URL=url, Size=100))
+    done = f"{', '.join(ids[36:39])} loop in redirects or answer 500"
+elif scenario == "html-catalog":
+    oldest = min(catalogs, key=lambda name: len(catalogs[name]["Products"]))
+    del catalogs[oldest]
+    with open(os.path.join(others, oldest), "w") as f:
+        f.write("<html><body><h1>502 Bad Gateway</h1></body></html>\n")
+    done = f"{oldest} is an HTML page"
 else:
     sys.exit(f"unknown scenario {scenario}")
 
