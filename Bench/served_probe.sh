@@ -18,11 +18,17 @@ work_prefix=ondrel-served-probe
 source "$(dirname "$0")/automatic_mirror.sh"
 
 # Sends the headers of a 10,000-byte body, then one byte every 0.4 s; under /loop/ redirects to
-# itself, under /error/ answers 500.
+# itself, under /error/ answers 500, under /long/ sends 5,000 bytes for a Content-Length of 100.
 python3 - "$drip_port" >/dev/null 2>&1 <<'PY' &
 import http.server, sys, time
 class Drip(http.server.BaseHTTPRequestHandler):
     def do_GET(self):
+        if "/long/" in self.path:
+            self.send_response(200)
+            self.send_header("Content-Length", "100")
+            self.end_headers()
+            self.wfile.write(b"x" * 5000)
+            return
         if "/loop/" in self.path or "/error/" in self.path:
             self.send_response(302 if "/loop/" in self.path else 500)
             self.send_header("Location", self.path)
@@ -63,7 +69,19 @@ watched_pass "first pass, automatic mode"
 for scenario in ${SCENARIOS:-replace wrong-size share oversized long-name html traversal errors \
   unchanged drip html-catalog}; do
   if [ "$scenario" = unchanged ]; then
-    watched_pass "a pass with nothing changed"
+    # The administration side at work while the pass runs.
+    (while :; do
+      for command in status "products --json" "enable VT-000001" "mirror VT-000002" \
+        "config set syncBandwidth 0" "enable ../x"; do
+        status=0
+        # shellcheck disable=SC2086
+        "$ctl" $command >/dev/null 2>&1 || status=$?
+        [ "$status" -le 2 ] || echo "  FAULT: ondrelctl $command ended with status $status"
+      done
+    done) &
+    busy=$!
+    watched_pass "a pass with nothing changed, ondrelctl busy beside it"
+    kill "$busy" 2>/dev/null || true
     continue
   fi
   echo "-- $(python3 Bench/upstream_mutations.py "$work/upstream" "$base" "$scenario" \

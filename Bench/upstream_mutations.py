@@ -11,7 +11,8 @@ Scenarios (each changes every catalog that lists the products it picks):
   drip         a package served by DRIP_URL, which sends a byte now and then
   html         an HTML page where the deprecations list should be
   traversal    packages at ../, %2e%2e, an absolute path, another host, a query string
-  errors       packages that loop in redirects or answer 500, from DRIP_URL's server
+  errors       packages that loop in redirects, answer 500 or send more than their
+               Content-Length, from DRIP_URL's server
   html-catalog an HTML page where the oldest catalog should be
 Prints one line saying what it did.
 """
@@ -104,10 +105,10 @@ elif scenario == "traversal":
     done = f"{', '.join(ids[30:30 + len(hostile)])} name traversals, other hosts and queries"
 elif scenario == "errors":
     server = sys.argv[4].rsplit("/content/", 1)[0]
-    for product_id, what in zip(ids[36:], ["loop", "error", "loop"]):
+    for product_id, what in zip(ids[36:], ["loop", "error", "long"]):
         url = f"{server}/content/downloads/{what}/{product_id}.pkg"
         edit(product_id, lambda e, url=url: e["Packages"][0].update(URL=url, Size=100))
-    done = f"{', '.join(ids[36:39])} loop in redirects or answer 500"
+    done = f"{', '.join(ids[36:39])} loop in redirects, answer 500, or send more than they say"
 elif scenario == "html-catalog":
     oldest = min(catalogs, key=lambda name: len(catalogs[name]["Products"]))
     del catalogs[oldest]
