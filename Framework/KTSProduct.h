@@ -58,9 +58,10 @@ class KTSProduct {
       const std::string& productId, const Plist& dictionary,
       const std::optional<Url>& serverMetadataURL);
   static std::shared_ptr<KTSProduct> productWithArchiveRepresentation(const Plist& archive);
-  // Fetches, a few at a time, the server metadata that products made from these catalog entries
-  // (product id to entry) would fetch one after the other, and records each file that arrived in
-  // the current pass, so that making those products costs no transfer. A failed fetch is not
+  // Fetches, through the pass's fetch scheduler (all at once, up to its limit), the server
+  // metadata that products made from these catalog entries (product id to entry) would fetch one
+  // after the other, and records each file that arrived in the current pass, so that making
+  // those products costs no transfer. A failed fetch is not
   // recorded: its product tries again, with its retries. Does nothing outside a pass.
   static void prefetchServerMetadataForEntries(const Plist& entries);
   // Exact names only; anything else (and none) is DoNotMirror.
