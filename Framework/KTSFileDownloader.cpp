@@ -141,7 +141,7 @@ void KTSFileDownloader::endDownload() {
 }
 
 void KTSFileDownloader::enforceSyncBandwidthLimit() {
-  if (maxSyncBW_ < 1 || !pace_ || !pace_->start) return;
+  if (maxSyncBW_ < 1 || !pace_ || !pace_->start || Transfer::isCancelled()) return;
   double elapsed = std::chrono::duration<double>(Clock::now() - *pace_->start).count();
   auto allowance = static_cast<std::uint64_t>(elapsed * static_cast<double>(maxSyncBW_));
   if (pace_->bytes <= allowance) return;

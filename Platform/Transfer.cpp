@@ -205,6 +205,12 @@ class Transfer::Impl {
   static std::size_t onData(char* data, std::size_t size, std::size_t count, void* context) {
     auto* self = static_cast<Impl*>(context);
     std::size_t length = size * count;
+    // One call of the event loop may deliver many blocks of many transfers: after a cancel none
+    // of them is taken, so the receivers do no more work (nor pace any more) for them.
+    if (transfersCancelled.load(std::memory_order_relaxed)) {
+      self->failure_ = "interrupted";
+      return 0;
+    }
     if (!self->store(std::string_view(data, length))) return 0;
     self->receiver_->transferDidReceiveDataOfLength(length);
     return length;
