@@ -5,21 +5,12 @@
 
 namespace ondrel {
 
-namespace {
-
-bool isServedState(std::int32_t mirror) {
-  return mirror == KTSProduct::Mirrored || mirror == KTSProduct::LocalOnly ||
-         mirror == KTSProduct::LocalOrphaned;
-}
-
-}  // namespace
-
 KTSFileOwnership::KTSFileOwnership(const std::vector<std::shared_ptr<KTSProduct>>& products) {
   for (const auto& product : products) {
-    if (isServedState(product->mirror())) claimFilesOfProduct(*product);
+    if (product->isInServedState()) claimFilesOfProduct(*product);
   }
   for (const auto& product : products) {
-    if (!isServedState(product->mirror())) claimFilesOfProduct(*product);
+    if (!product->isInServedState()) claimFilesOfProduct(*product);
   }
 }
 

@@ -83,6 +83,10 @@ class KTSProduct {
     return entry["CompositeProductState"].integerValue() < 3;
   }
   bool isDownloading() const { return mirror_ == PleaseMirror || mirror_ == Downloading; }
+  // A state in which clients are served the product (when it is enabled and its files verify).
+  bool isInServedState() const {
+    return mirror_ == Mirrored || mirror_ == LocalOnly || mirror_ == LocalOrphaned;
+  }
   bool applyPendingEnable();
   std::string getEffectiveRestartAction() const;
   // Newest first: -1 when this product was posted later than other, 0 when at the same time.

@@ -31,11 +31,6 @@ namespace ondrel::syncd {
 
 namespace {
 
-bool isServedState(std::int32_t mirror) {
-  return mirror == KTSProduct::Mirrored || mirror == KTSProduct::LocalOnly ||
-         mirror == KTSProduct::LocalOrphaned;
-}
-
 std::string catalogName(const Url& url) { return lastPathComponent(url.path()); }
 
 // Answers whether the upstream's web server answers at all (any HTTP status counts), so that a
@@ -153,8 +148,9 @@ PassOutcome SyncPass::run(bool fullSync) {
   scheduler.run();
   loadCatalogs(catalogs, syncing, deprecations, outcome);
   applyChangesToProducts();
-  KTSFileOwnership ownership(productsOfPass());
-  withdrawFilesAboutToChange(outcome);
+  std::vector<std::shared_ptr<KTSProduct>> products = productsOfPass();
+  KTSFileOwnership ownership(products);
+  withdrawFilesAboutToChange(products, outcome);
   for (const auto& product : removed_) product->removeAllMirroredFiles(&ownership);
   mirrorProducts(scheduler, ownership, outcome);
   for (const auto& catalog : catalogs_) {
@@ -442,9 +438,10 @@ std::vector<std::shared_ptr<KTSProduct>> SyncPass::productsOfPass() const {
 // The served catalogs on disk still name what the last pass served. Before a file they may name
 // is deleted (a removed product's) or replaced (a product whose files changed upstream), they are
 // written anew from this pass's states, which serve neither.
-void SyncPass::withdrawFilesAboutToChange(PassOutcome& outcome) {
+void SyncPass::withdrawFilesAboutToChange(const std::vector<std::shared_ptr<KTSProduct>>& products,
+                                          PassOutcome& outcome) {
   bool changing = !removed_.empty();
-  for (const auto& product : productsOfPass()) {
+  for (const auto& product : products) {
     if (changing) break;
     if (!product->isDownloading()) continue;
     for (const Plist& record : product->mirrorFiles().elements()) {
@@ -581,7 +578,7 @@ void SyncPass::writeServedCatalogs(PassOutcome& outcome) {
     Plist products = Plist::dictionary();
     if (catalog->products()) {
       for (const auto& [productId, product] : *catalog->products()) {
-        if (!product->enabled() || !isServedState(product->mirror())) continue;
+        if (!product->enabled() || !product->isInServedState()) continue;
         auto verified = verified_.find(productId);
         if (verified == verified_.end()) {
           verified = verified_.emplace(productId, product->verifyMirroredFiles()).first;

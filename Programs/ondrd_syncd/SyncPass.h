@@ -65,7 +65,8 @@ class SyncPass {
   void applyChangesToProducts();
   // Every product of the pass once, in the order of the catalogs.
   std::vector<std::shared_ptr<KTSProduct>> productsOfPass() const;
-  void withdrawFilesAboutToChange(PassOutcome& outcome);
+  void withdrawFilesAboutToChange(const std::vector<std::shared_ptr<KTSProduct>>& products,
+                                  PassOutcome& outcome);
   void mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwnership& ownership,
                       PassOutcome& outcome);
   static std::uint64_t bytesStillToFetch(const KTSProduct& product);
