@@ -16,6 +16,7 @@ constexpr std::int64_t kMostConcurrency = 64;
 constexpr std::size_t kQueuedWindows = 2;
 
 KTSFetchScheduler* currentScheduler = nullptr;
+void (*schedulerHeartbeat)() = nullptr;
 
 }  // namespace
 
@@ -38,6 +39,8 @@ std::size_t KTSFetchScheduler::preferredConcurrency() {
 }
 
 KTSFetchScheduler* KTSFetchScheduler::current() { return currentScheduler; }
+
+void KTSFetchScheduler::setHeartbeat(void (*heartbeat)()) { schedulerHeartbeat = heartbeat; }
 
 void KTSFetchScheduler::makeCurrent() {
   if (isCurrent_) return;
@@ -104,6 +107,7 @@ void KTSFetchScheduler::startQueued() {
 }
 
 void KTSFetchScheduler::runSlice() {
+  if (schedulerHeartbeat != nullptr) schedulerHeartbeat();
   auto takeEnded = [this] {
     std::vector<Job> ended;
     for (auto job = running_.begin(); job != running_.end();) {
@@ -130,6 +134,7 @@ void KTSFetchScheduler::runSlice() {
 
 void KTSFetchScheduler::finish(Job job) {
   counters_.unansweredInARow = job.downloader->wasAnswered() ? 0 : counters_.unansweredInARow + 1;
+  counters_.bytesReceived += job.downloader->downloadBytes();
   if (job.downloader->downloadError()) {
     ++counters_.failed;
   } else if (job.downloader->wasNotModified()) {

@@ -30,6 +30,8 @@ class KTSFetchScheduler {
     std::uint64_t requests = 0;
     std::uint64_t notModified = 0;
     std::uint64_t failed = 0;
+    // Bytes of the bodies received, whole or in part.
+    std::uint64_t bytesReceived = 0;
     // Transfers that ended, one after the other, without any answer from their server; a
     // transfer that got an HTTP status of any kind sets it back to 0.
     std::uint64_t unansweredInARow = 0;
@@ -46,6 +48,9 @@ class KTSFetchScheduler {
   static std::size_t preferredConcurrency();
   // The scheduler in effect on this thread; none outside a pass.
   static KTSFetchScheduler* current();
+  // Called on every turn of any scheduler's event loop (at least once a second while transfers
+  // run), so that a service manager's watchdog can tell a long download from a hang.
+  static void setHeartbeat(void (*heartbeat)());
 
   // Puts this scheduler in effect until it is destroyed.
   void makeCurrent();

@@ -10,6 +10,10 @@
 #include "FileIO.h"
 #include "PathString.h"
 
+#ifndef ONDREL_DEFAULT_ROOT
+#define ONDREL_DEFAULT_ROOT ""
+#endif
+
 #ifndef ONDREL_RESOURCE_INSTALL_DIR
 #define ONDREL_RESOURCE_INSTALL_DIR "/usr/local/share/ondrel"
 #endif
@@ -18,7 +22,8 @@ namespace ondrel {
 
 std::string fixedPath(std::string_view absolutePath) {
   const char* root = std::getenv("ONDREL_ROOT");
-  if (root == nullptr || *root == '\0') return std::string(absolutePath);
+  if (root == nullptr || *root == '\0') root = ONDREL_DEFAULT_ROOT;
+  if (*root == '\0') return std::string(absolutePath);
   return appendingPathComponent(root, absolutePath);
 }
 

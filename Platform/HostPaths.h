@@ -1,7 +1,8 @@
 // Where the server's fixed files live on this host. Every fixed absolute path is prefixed with the
-// value of the environment variable ONDREL_ROOT (empty by default), so tests, demos and
-// unprivileged users can run a whole server inside a folder of their own. Resources are found in
-// ONDREL_RESOURCES, else in the compiled-in install folder. Thread-safe.
+// value of the environment variable ONDREL_ROOT, so tests, demos and unprivileged users can run a
+// whole server inside a folder of their own; without it, with the root compiled in (empty unless
+// a build sets ONDREL_DEFAULT_ROOT: the Debian package puts the server under /var/lib/ondrel).
+// Resources are found in ONDREL_RESOURCES, else in the compiled-in install folder. Thread-safe.
 #pragma once
 
 #include <string>
@@ -9,7 +10,7 @@
 
 namespace ondrel {
 
-// fixedPath("/var/spool/ondrd") is "$ONDREL_ROOT/var/spool/ondrd".
+// fixedPath("/var/spool/ondrd") is "$ONDREL_ROOT/var/spool/ondrd" (or below the compiled-in root).
 std::string fixedPath(std::string_view absolutePath);
 
 // The path of the shipped resource name.type, e.g. resourcePath("ondrd", "plist").

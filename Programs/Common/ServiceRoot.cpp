@@ -1,6 +1,8 @@
 #include "ServiceRoot.h"
 
 #include <fmt/format.h>
+#include <pwd.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -8,6 +10,21 @@
 #include "KTSPreferences.h"
 
 namespace ondrel::programs {
+
+std::optional<std::string> administratorProblem() {
+  namespace fs = std::filesystem;
+  if (::geteuid() == 0) return std::nullopt;
+  std::error_code error;
+  fs::path folder = fixedPath("/Library/Server/Ondrel");
+  while (!fs::exists(folder, error) && folder.has_relative_path()) folder = folder.parent_path();
+  if (::access(folder.c_str(), W_OK | X_OK) == 0) return std::nullopt;
+  struct passwd* user = ::getpwuid(::geteuid());
+  std::string name = user != nullptr ? user->pw_name : std::to_string(::geteuid());
+  return fmt::format(
+      "only root and members of group {0} may administer this server, and {1} is neither; an "
+      "administrator can add you with \"adduser {1} {0}\" (it counts from your next login)",
+      kServiceAccount, name);
+}
 
 std::optional<std::string> serviceRootProblem() {
   namespace fs = std::filesystem;

@@ -9,6 +9,11 @@
 
 namespace ondrel::programs {
 
+// None when this user may administer the server: root, or a user who may write the service
+// folder (a member of group _ondrel on an installed server, the owner of a root of their own).
+// Otherwise one line that says who may, and how to become one of them.
+std::optional<std::string> administratorProblem();
+
 // None when the preferences can be loaded; otherwise one line saying what is wrong and what to
 // do about it. Creates the service root's parent folder when it is missing.
 std::optional<std::string> serviceRootProblem();

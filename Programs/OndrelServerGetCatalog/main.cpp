@@ -15,14 +15,13 @@
 #include <ctime>
 #include <string>
 
+#include "CgiPrograms.h"
 #include "HttpConditions.h"
 #include "KTSMetaIndex.h"
 #include "KTSPreferences.h"
 #include "KTSSyncStatus.h"
 
 namespace {
-
-constexpr const char* kServiceTail = "/Library/Server/Ondrel/cgi-bin/";
 
 std::string environment(const char* name) {
   const char* value = std::getenv(name);
@@ -47,16 +46,6 @@ bool isSupportedCatalogName(const std::string& name) {
     if (name == supported) return true;
   }
   return false;
-}
-
-// The service root is the part of this program's path before the fixed tail.
-void locateServiceRoot(const char* argv0) {
-  std::string self = environment("SCRIPT_FILENAME");
-  if (self.empty()) self = argv0;
-  std::size_t tail = self.rfind(kServiceTail);
-  if (tail != std::string::npos && environment("ONDREL_ROOT").empty()) {
-    ::setenv("ONDREL_ROOT", self.substr(0, tail).c_str(), 1);
-  }
 }
 
 int serve(const std::string& path, bool headOnly) {
@@ -118,7 +107,7 @@ int main(int, char** argv) {
     answer(404, "Not Found");
     return 0;
   }
-  locateServiceRoot(argv[0]);
+  ondrel::programs::locateServiceRootOfCgi(argv[0]);
   std::string path = ondrel::KTSPreferences::defaultPreferences()->updatesHtmlPath() +
                      "/content/catalogs/others/" + name;
   return serve(path, environment("REQUEST_METHOD") == "HEAD");

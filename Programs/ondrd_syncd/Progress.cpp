@@ -49,6 +49,15 @@ void Progress::live(const std::string& text) {
 
 void Progress::notifySystemd(const std::string& status) const {
   sd_notify(0, ("STATUS=" + status).c_str());
+  heartbeat();
+}
+
+void Progress::heartbeat() {
+  static std::chrono::steady_clock::time_point lastPing;
+  auto now = std::chrono::steady_clock::now();
+  if (now - lastPing < std::chrono::seconds(1)) return;
+  lastPing = now;
+  sd_notify(0, "WATCHDOG=1");
 }
 
 }  // namespace ondrel::syncd

@@ -1,7 +1,8 @@
 // Progress tells a person (and systemd) what a pass is doing: on a terminal one live line that is
 // rewritten (catalog n of m, product, files, bytes, rate); otherwise one line per step on
-// standard output. Status lines also go to systemd when the daemon runs as a notify service.
-// Used by SyncPass and main; one thread.
+// standard output. Status lines also go to systemd when the daemon runs as a notify service,
+// and so do the watchdog's pings while the daemon is alive. Used by SyncPass and main; one
+// thread.
 #pragma once
 
 #include <chrono>
@@ -20,6 +21,8 @@ class Progress {
   void note(const std::string& text);
   // Ends a live line, if any.
   void finish();
+  // Tells systemd's watchdog the daemon is alive; at most once a second, however often called.
+  static void heartbeat();
 
  private:
   void live(const std::string& text);

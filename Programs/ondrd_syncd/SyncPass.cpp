@@ -3,6 +3,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <tuple>
 
 #include "FileIO.h"
@@ -149,6 +150,14 @@ PassOutcome SyncPass::run(bool fullSync) {
   loadCatalogs(catalogs, syncing, deprecations, outcome);
   applyChangesToProducts();
   std::vector<std::shared_ptr<KTSProduct>> products = productsOfPass();
+  outcome.catalogs = catalogs_.size();
+  if (syncing) {
+    outcome.productsNew = static_cast<std::size_t>(
+        std::count_if(products.begin(), products.end(), [](const auto& product) {
+          return product->getCompositeProductState() == KTSCatalog::New;
+        }));
+  }
+  outcome.productsRemoved = removed_.size();
   KTSFileOwnership ownership(products);
   withdrawFilesAboutToChange(products, outcome);
   for (const auto& product : removed_) product->removeAllMirroredFiles(&ownership);
@@ -162,6 +171,7 @@ PassOutcome SyncPass::run(bool fullSync) {
   saveState();
   validators->save();
   const KTSFetchScheduler::Counters& fetched = scheduler.counters();
+  outcome.bytesFetched = fetched.bytesReceived;
   log_.info("This pass made {} requests: {} answered unchanged, {} failed.", fetched.requests,
             fetched.notModified, fetched.failed);
   writeServedCatalogs(outcome);

@@ -29,6 +29,10 @@ namespace ondrel::syncd {
 struct PassOutcome {
   bool interrupted = false;
   std::vector<std::string> failures;  // one short line per failed step
+  std::size_t catalogs = 0;           // catalogs that serve this pass
+  std::size_t productsNew = 0;        // products first seen in this pass
+  std::size_t productsRemoved = 0;    // products whose files the administrator removed
+  std::uint64_t bytesFetched = 0;
   bool failed() const { return interrupted || !failures.empty(); }
   // The error note recorded in the status files.
   std::string note() const;

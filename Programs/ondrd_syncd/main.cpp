@@ -14,13 +14,16 @@
 #include <cstdio>
 #include <thread>
 
-#include "CatalogCgi.h"
+#include "AfterPass.h"
+#include "CgiPrograms.h"
 #include "Clock.h"
 #include "HostPaths.h"
+#include "KTSFetchScheduler.h"
 #include "KTSJobTicketManager.h"
 #include "KTSLogger.h"
 #include "KTSMetaIndex.h"
 #include "KTSMetadataGenerator.h"
+#include "KTSPassHistory.h"
 #include "KTSPreferences.h"
 #include "KTSRequestManager.h"
 #include "KTSSyncStatus.h"
@@ -71,6 +74,28 @@ std::string lockPath() {
       ondrel::fixedPath("/Library/Server/Ondrel/Status/ondrd_syncd.lock"));
 }
 
+// Runs one pass (a full one, or only the product changes) and what follows every pass: its
+// record in the history, the metrics file and the administrator's hooks.
+ondrel::syncd::PassOutcome runPass(bool fullSync, ondrel::syncd::Progress& progress) {
+  using namespace ondrel;
+  KTSPassHistory::Pass pass;
+  pass.started = Clock::now();
+  syncd::SyncPass syncPass(progress);
+  syncd::PassOutcome outcome = fullSync ? syncPass.runFullPass() : syncPass.runProductChanges();
+  pass.ended = Clock::now();
+  pass.fullSync = fullSync;
+  pass.outcome = outcome.interrupted         ? KTSPassHistory::Outcome::Interrupted
+                 : !outcome.failures.empty() ? KTSPassHistory::Outcome::Failed
+                                             : KTSPassHistory::Outcome::Succeeded;
+  if (outcome.failed()) pass.note = outcome.note();
+  pass.catalogs = outcome.catalogs;
+  pass.productsNew = outcome.productsNew;
+  pass.productsRemoved = outcome.productsRemoved;
+  pass.bytesFetched = outcome.bytesFetched;
+  programs::afterPass(pass, LogHandle::shared());
+  return outcome;
+}
+
 int report(const ondrel::syncd::PassOutcome& outcome, ondrel::syncd::Progress& progress) {
   if (!outcome.failed()) {
     progress.note("Pass complete.");
@@ -100,15 +125,16 @@ int runService(std::chrono::seconds interval, ondrel::syncd::Progress& progress)
     bool requested =
         KTSRequestManager::defaultManager()->getPendingSyncRequestsDeletingSource(true);
     if (due || requested) {
-      syncd::SyncPass(progress).runFullPass();
+      runPass(true, progress);
       sd_notify(0, "STATUS=waiting for the next pass");
     } else if (productChangesPending()) {
-      syncd::SyncPass(progress).runProductChanges();
+      runPass(false, progress);
       sd_notify(0, "STATUS=waiting for the next pass");
     }
     for (int slice = 0; slice < 10 && !stopRequested.load(); ++slice) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
+    syncd::Progress::heartbeat();
   }
   sd_notify(0, "STOPPING=1");
   progress.note("ondrd_syncd stopped.");
@@ -130,6 +156,10 @@ int main(int argc, char** argv) {
     return app.exit(error) == 0 ? 0 : kExitUsage;
   }
 
+  if (std::optional<std::string> problem = ondrel::programs::administratorProblem()) {
+    std::fprintf(stderr, "ondrd_syncd: %s\n", problem->c_str());
+    return 1;
+  }
   if (std::optional<std::string> problem = ondrel::programs::serviceRootProblem()) {
     std::fprintf(stderr, "ondrd_syncd: %s\n", problem->c_str());
     return 1;
@@ -143,8 +173,9 @@ int main(int argc, char** argv) {
                  static_cast<int>(lock.holder().value_or(0)));
     return kExitBusy;
   }
-  ondrel::programs::installCatalogCgi();
+  ondrel::programs::installCgiPrograms();
   ondrel::syncd::Progress progress;
-  if (once) return report(ondrel::syncd::SyncPass(progress).runFullPass(), progress);
+  ondrel::KTSFetchScheduler::setHeartbeat(&ondrel::syncd::Progress::heartbeat);
+  if (once) return report(runPass(true, progress), progress);
   return runService(std::chrono::seconds(intervalSeconds), progress);
 }

@@ -10,11 +10,12 @@
 #include <map>
 #include <thread>
 
-#include "CatalogCgi.h"
+#include "CgiPrograms.h"
 #include "Clock.h"
 #include "Ctl.h"
 #include "DateFormats.h"
 #include "HostPaths.h"
+#include "Json.h"
 #include "KTSJobTicket.h"
 #include "KTSJobTicketManager.h"
 #include "KTSMetaIndex.h"
@@ -29,6 +30,8 @@ namespace ondrel::ctl {
 
 namespace {
 
+constexpr const char* kWebUnit = "ondrel-web.service";
+
 std::string serviceRoot() { return fixedPath("/Library/Server/Ondrel"); }
 std::string configPath() {
   return deletingLastPathComponent(KTSPreferences::defaultPreferences()->prefsPath()) +
@@ -42,11 +45,9 @@ pid_t webServerPid() {
   return pid > 0 && ::kill(pid, 0) == 0 ? pid : 0;
 }
 
-// Runs apache2 on the service's configuration; its output is kept and shown only as the reason
-// of a failure, so a successful check prints nothing of its own.
-int apache(const std::vector<std::string>& arguments, std::string* output = nullptr) {
-  std::vector<std::string> all = {"/usr/sbin/apache2", "-d", serviceRoot(), "-f", configPath()};
-  all.insert(all.end(), arguments.begin(), arguments.end());
+// Runs a command; its output is kept and shown only as the reason of a failure, so a successful
+// check prints nothing of its own.
+int runQuietly(std::vector<std::string> all, std::string* output = nullptr) {
   // Output goes to a file, not a pipe: a starting Apache keeps it open after the command ends.
   char outputPath[] = "/tmp/ondrelctl-apache-XXXXXX";
   int outputFile = ::mkstemp(outputPath);
@@ -69,6 +70,52 @@ int apache(const std::vector<std::string>& arguments, std::string* output = null
   ::unlink(outputPath);
   if (output) *output = text;
   return ran && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Runs apache2 on the service's configuration.
+int apache(const std::vector<std::string>& arguments, std::string* output = nullptr) {
+  std::vector<std::string> all = {"/usr/sbin/apache2", "-d", serviceRoot(), "-f", configPath()};
+  all.insert(all.end(), arguments.begin(), arguments.end());
+  return runQuietly(std::move(all), output);
+}
+
+// Whether the clients' web server runs under its systemd unit: when systemd runs this machine,
+// the unit is installed, and this is the server the unit serves (not a root of ONDREL_ROOT's).
+// Otherwise it is driven directly with apache2 (tests, containers, roots of one's own).
+bool drivenBySystemd() {
+  const char* root = std::getenv("ONDREL_ROOT");
+  if ((root != nullptr && *root != '\0') || ::access("/run/systemd/system", F_OK) != 0) {
+    return false;
+  }
+  for (const char* folder :
+       {"/etc/systemd/system", "/lib/systemd/system", "/usr/lib/systemd/system"}) {
+    if (::access((std::string(folder) + "/" + kWebUnit).c_str(), F_OK) == 0) return true;
+  }
+  return false;
+}
+
+int systemctl(const std::string& action) {
+  return runQuietly({"/usr/bin/systemctl", action, kWebUnit});
+}
+
+// What Apache needs before it starts: ondrd.conf and the document root it names (a commit of
+// the preferences writes both) and the CGIs; then Apache's own check of the configuration.
+int prepareWebServer() {
+  KTSPreferences::defaultPreferences()->commitChanges();
+  programs::installCgiPrograms();
+  std::string reason;
+  if (apache({"-t"}, &reason) != 0) return fail("Apache refuses ondrd.conf (" + reason + ")");
+  return 0;
+}
+
+// Checks the configuration first: a running server is never reloaded into one Apache refuses.
+int reloadWebServer(const std::string& what, const std::string& otherwise) {
+  std::string reason;
+  if (apache({"-t"}, &reason) != 0) {
+    return fail("Apache refuses " + what + " (" + reason + "); " + otherwise);
+  }
+  int status = drivenBySystemd() ? systemctl("reload") : apache({"-k", "graceful"});
+  return status == 0 ? 0 : fail("Apache could not be reloaded");
 }
 
 // A request file is named by the second it was posted in; a second post in the same second
@@ -117,19 +164,22 @@ enum class Kind {
   HttpURL,
   CatalogList,
   HostName,
-  AbsolutePath
+  AbsolutePath,
+  FilePath,
+  Seconds
 };
 
 const std::map<std::string, Kind>& settableKeys() {
   static const std::map<std::string, Kind> keys = {
-      {"autoMirror", Kind::Boolean},          {"autoEnable", Kind::Boolean},
-      {"autoMirrorOnlyNew", Kind::Boolean},   {"PurgeUnused", Kind::Boolean},
-      {"limitBandwidth", Kind::Boolean},      {"portToUse", Kind::Port},
-      {"valueBandwidth", Kind::Integer},      {"syncBandwidth", Kind::Integer},
-      {"volumeReserve", Kind::Percent},       {"metaIndexURL", Kind::HttpURL},
-      {"otherCatalogs", Kind::CatalogList},   {"publicHostName", Kind::HostName},
-      {"updatesDocRoot", Kind::AbsolutePath}, {"maxConcurrentDownloads", Kind::Concurrency},
-      {"minimumDownloadSpeed", Kind::Integer}};
+      {"autoMirror", Kind::Boolean},           {"autoEnable", Kind::Boolean},
+      {"autoMirrorOnlyNew", Kind::Boolean},    {"PurgeUnused", Kind::Boolean},
+      {"limitBandwidth", Kind::Boolean},       {"portToUse", Kind::Port},
+      {"valueBandwidth", Kind::Integer},       {"syncBandwidth", Kind::Integer},
+      {"volumeReserve", Kind::Percent},        {"metaIndexURL", Kind::HttpURL},
+      {"otherCatalogs", Kind::CatalogList},    {"publicHostName", Kind::HostName},
+      {"updatesDocRoot", Kind::AbsolutePath},  {"maxConcurrentDownloads", Kind::Concurrency},
+      {"minimumDownloadSpeed", Kind::Integer}, {"hookTimeout", Kind::Seconds},
+      {"metricsFile", Kind::FilePath}};
   return keys;
 }
 
@@ -194,6 +244,17 @@ Plist settingValue(Kind kind, const std::string& text, std::string* why) {
         return Plist(text.back() == '/' ? text : text + "/");
       }
       *why = "takes an absolute path";
+      break;
+    case Kind::FilePath:
+      if (text.size() > 1 && text.front() == '/' && text.back() != '/' &&
+          text.find_first_of("\n\r") == std::string::npos) {
+        return Plist(text);
+      }
+      *why = "takes the absolute path of a file";
+      break;
+    case Kind::Seconds:
+      if (parseInteger(text, 1, 3600, &number)) return Plist::integer(number);
+      *why = "takes a number of seconds from 1 to 3600";
       break;
   }
   return Plist();
@@ -313,12 +374,9 @@ int configSet(const std::string& key, const std::string& text) {
   if (!preferences->commitChanges()) return fail("the preferences could not be saved");
   std::printf("%s set.\n", key.c_str());
   if (webServerPid() == 0) return 0;
-  std::string reason;
-  if (apache({"-t"}, &reason) != 0) {
-    return fail("Apache refuses the new ondrd.conf (" + reason +
-                "); the running server keeps the old one");
+  if (int status = reloadWebServer("the new ondrd.conf", "the running server keeps the old one")) {
+    return status;
   }
-  if (apache({"-k", "graceful"}) != 0) return fail("Apache could not be reloaded");
   std::printf("Web server reloaded.\n");
   return 0;
 }
@@ -333,12 +391,11 @@ int web(const std::string& action) {
     }
     return 0;
   }
+  if (action == "prepare") return prepareWebServer();
   if (action == "start") {
     if (running) return std::printf("already running (PID %d)\n", static_cast<int>(running)), 0;
-    // The configuration names the document root, which must exist; a commit writes both.
-    KTSPreferences::defaultPreferences()->commitChanges();
-    programs::installCatalogCgi();
-    if (apache({"-k", "start"}) != 0) {
+    if (int status = prepareWebServer()) return status;
+    if (drivenBySystemd() ? systemctl("start") != 0 : apache({"-k", "start"}) != 0) {
       return fail("Apache did not start; see " + serviceRoot() + "/Status/httpd_error.log");
     }
     for (int attempt = 0; attempt < 100 && webServerPid() == 0; ++attempt) {
@@ -348,14 +405,12 @@ int web(const std::string& action) {
     return webServerPid() ? 0 : kExitFailed;
   }
   if (!running) return fail("the web server is not running");
-  if (action == "reload") {
-    std::string reason;
-    if (apache({"-t"}, &reason) != 0) {
-      return fail("Apache refuses ondrd.conf (" + reason + "); nothing was reloaded");
-    }
-    return apache({"-k", "graceful"}) == 0 ? 0 : fail("Apache could not be reloaded");
+  if (action == "reload") return reloadWebServer("ondrd.conf", "nothing was reloaded");
+  if (drivenBySystemd()) {
+    if (systemctl("stop") != 0) return fail("the web server's unit could not be stopped");
+  } else {
+    ::kill(running, SIGTERM);
   }
-  ::kill(running, SIGTERM);
   for (int attempt = 0; attempt < 200 && ::kill(running, 0) == 0; ++attempt) {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }

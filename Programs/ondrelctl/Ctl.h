@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Administration.h"
 #include "Plist.h"
 
 namespace ondrel::ctl {
@@ -19,19 +20,11 @@ int fail(const std::string& message);
 // Text from the command line as a message may show it: in quotes, control characters escaped,
 // at most 64 characters of it.
 std::string quotedForMessage(const std::string& text);
-// A property-list value as JSON: dates as RFC 3339 text, data as base64 text.
-std::string toJson(const Plist& value, int indent = 0);
+// Prints the value as JSON (see Json.h) on standard output.
 void printJson(const Plist& value);
 
-struct ProductFilter {
-  std::string state;
-  bool enabledOnly = false;
-  std::string catalog;
-  std::string search;
-};
-
 int status(bool json);
-int products(const ProductFilter& filter, bool json);
+int products(const programs::ProductFilter& filter, bool json);
 int product(const std::string& productId, bool json);
 int metrics();
 int plan(bool json);

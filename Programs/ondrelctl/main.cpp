@@ -6,9 +6,8 @@
 #include <cstdio>
 #include <exception>
 
-#include "Base64.h"
 #include "Ctl.h"
-#include "DateFormats.h"
+#include "Json.h"
 #include "KTSLogger.h"
 #include "ServiceRoot.h"
 
@@ -33,81 +32,7 @@ std::string quotedForMessage(const std::string& text) {
   return quoted + (text.size() > kShown ? "...\"" : "\"");
 }
 
-namespace {
-
-std::string quoted(const std::string& text) {
-  std::string out = "\"";
-  for (unsigned char c : text) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (c < 0x20) {
-          out += fmt::format("\\u{:04x}", c);
-        } else {
-          out += static_cast<char>(c);
-        }
-    }
-  }
-  return out + "\"";
-}
-
-}  // namespace
-
-std::string toJson(const Plist& value, int indent) {
-  std::string pad(static_cast<std::size_t>(indent + 2), ' ');
-  std::string close(static_cast<std::size_t>(indent), ' ');
-  switch (value.type()) {
-    case Plist::Type::Null:
-      return "null";
-    case Plist::Type::String:
-      return quoted(value.stringValue());
-    case Plist::Type::Integer:
-      return value.integerText();
-    case Plist::Type::Real:
-      return std::isfinite(value.realValue()) ? fmt::format("{}", value.realValue()) : "null";
-    case Plist::Type::Boolean:
-      return value.boolValue() ? "true" : "false";
-    case Plist::Type::Date:
-      return quoted(formatRfc3339Date(*value.dateValue()));
-    case Plist::Type::Data:
-      return quoted(base64Encoded(value.dataValue().data(), value.dataValue().size()));
-    case Plist::Type::Array: {
-      if (value.size() == 0) return "[]";
-      std::string out = "[\n";
-      for (std::size_t i = 0; i < value.size(); ++i) {
-        out += pad + toJson(value[i], indent + 2) + (i + 1 < value.size() ? ",\n" : "\n");
-      }
-      return out + close + "]";
-    }
-    case Plist::Type::Dictionary: {
-      if (value.size() == 0) return "{}";
-      std::string out = "{\n";
-      std::size_t i = 0;
-      for (const auto& [key, item] : value.items()) {
-        out += pad + quoted(key) + ": " + toJson(item, indent + 2) +
-               (++i < value.size() ? ",\n" : "\n");
-      }
-      return out + close + "}";
-    }
-  }
-  return "null";
-}
-
-void printJson(const Plist& value) { std::printf("%s\n", toJson(value).c_str()); }
+void printJson(const Plist& value) { std::printf("%s\n", ondrel::toJson(value).c_str()); }
 
 }  // namespace ondrel::ctl
 
@@ -125,7 +50,7 @@ int main(int argc, char** argv) {
   };
 
   CLI::App* statusCommand = withJson(app.add_subcommand("status", "Sync state, products, space"));
-  ProductFilter filter;
+  ondrel::programs::ProductFilter filter;
   CLI::App* productsCommand = withJson(app.add_subcommand("products", "List the products"));
   productsCommand->add_option("--state", filter.state, "Mirror state or catalog state");
   productsCommand->add_flag("--enabled", filter.enabledOnly, "Only products offered to clients");
@@ -158,9 +83,11 @@ int main(int argc, char** argv) {
   configSetCommand->add_option("VALUE", value)->required();
   std::string webAction;
   CLI::App* webCommand = app.add_subcommand("web", "The Apache httpd that serves clients");
-  webCommand->add_option("ACTION", webAction, "start, stop, reload or status")
+  webCommand
+      ->add_option("ACTION", webAction,
+                   "start, stop, reload or status (prepare: write what it needs, then check it)")
       ->required()
-      ->check(CLI::IsMember({"start", "stop", "reload", "status"}));
+      ->check(CLI::IsMember({"start", "stop", "reload", "status", "prepare"}));
   CLI::App* planCommand = withJson(app.add_subcommand("plan", "What the next pass downloads"));
   CLI::App* metricsCommand = app.add_subcommand("metrics", "Status as Prometheus text");
 
@@ -168,6 +95,9 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kExitUsage;
+  }
+  if (std::optional<std::string> problem = ondrel::programs::administratorProblem()) {
+    return fail(*problem);
   }
   if (std::optional<std::string> problem = ondrel::programs::serviceRootProblem()) {
     return fail(*problem);

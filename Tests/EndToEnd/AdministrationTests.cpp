@@ -1,6 +1,8 @@
 // ondrelctl and the catalog CGI as programs: what an administrator sees and steers, and what a
 // client fetches through a real Apache.
+#include <grp.h>
 #include <httplib.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <regex>
@@ -103,6 +105,40 @@ TEST_F(AdministrationTest, StatusProductsAndMetricsReadTheSharedFiles) {
             std::string::npos);
 }
 
+TEST_F(AdministrationTest, OnlyRootAndTheServiceGroupAdminister) {
+  writeWorkingSet();
+  ASSERT_EQ(ctl({"status"}).exitStatus, 0);
+  // As on an installed server: the service folder belongs to the group, others get nothing.
+  namespace fs = std::filesystem;
+  for (std::string folder = root_; folder != "/"; folder = fs::path(folder).parent_path()) {
+    fs::permissions(folder, fs::perms::others_exec, fs::perm_options::add);
+  }
+  for (const fs::directory_entry& entry : fs::recursive_directory_iterator(root_)) {
+    ASSERT_EQ(::chown(entry.path().c_str(), 0, ::getgrnam("_ondrel")->gr_gid), 0);
+    fs::permissions(entry.path(), fs::perms::group_all, fs::perm_options::add);
+    fs::permissions(entry.path(), fs::perms::others_all, fs::perm_options::remove);
+  }
+  auto asNobody = [](const std::vector<std::string>& groups, const std::vector<std::string>& rest) {
+    std::vector<std::string> arguments = {"--reuid=nobody", "--regid=nogroup"};
+    arguments.insert(arguments.end(), groups.begin(), groups.end());
+    arguments.push_back(ONDREL_CTL);
+    arguments.insert(arguments.end(), rest.begin(), rest.end());
+    return runProgram("/usr/bin/setpriv", arguments);
+  };
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"status"}, {"mirror", "VT-000002"}}) {
+    test::ProgramResult refused = asNobody({"--clear-groups"}, command);
+    EXPECT_EQ(refused.exitStatus, 1);
+    EXPECT_EQ(refused.output,
+              "ondrelctl: only root and members of group _ondrel may administer this server, and "
+              "nobody is neither; an administrator can add you with \"adduser nobody _ondrel\" "
+              "(it counts from your next login)\n");
+  }
+  test::ProgramResult member = asNobody({"--groups=_ondrel"}, {"status"});
+  EXPECT_EQ(member.exitStatus, 0) << member.output;
+  EXPECT_NE(member.output.find("Products:        3, 1 enabled"), std::string::npos);
+}
+
 TEST_F(AdministrationTest, ChangesArePostedMergedWithTicketsAndNeverLost) {
   writeWorkingSet();
   test::ProgramResult unknown = ctl({"mirror", "VT-000001", "VT-404"});
@@ -203,9 +239,37 @@ TEST_F(AdministrationTest, ClientsFetchServedCatalogsThroughApacheAndTheCgi) {
   auto early = client.Get("/index.ktcatalog", taltos16);
   ASSERT_TRUE(early);
   EXPECT_EQ(early->status, 503) << "before the first pass";
+  auto unhealthy = client.Get("/health");
+  ASSERT_TRUE(unhealthy);
+  EXPECT_EQ(unhealthy->status, 503);
+  EXPECT_NE(unhealthy->body.find("\"healthy\": false"), std::string::npos) << unhealthy->body;
+  const std::string hookOutput = root_ + "/hook.env";
+  writeFile(path("/Library/Server/Ondrel/Config/hooks.d/10-record"),
+            "#!/bin/sh\nenv | grep ^ONDREL_PASS_ | sort > " + hookOutput + "\n");
+  std::filesystem::permissions(path("/Library/Server/Ondrel/Config/hooks.d/10-record"),
+                               std::filesystem::perms::owner_all);
 
   test::ProgramResult pass = runProgram(ONDREL_SYNCD, {"--once"});
   ASSERT_EQ(pass.exitStatus, 0) << pass.output;
+  auto healthy = client.Get("/health");
+  ASSERT_TRUE(healthy);
+  EXPECT_EQ(healthy->status, 200) << healthy->body;
+  EXPECT_EQ(healthy->get_header_value("Content-Type"), "application/json");
+  EXPECT_NE(healthy->body.find("\"lastGoodPassAgeSeconds\": "), std::string::npos);
+  std::string hookEnvironment = readFile(hookOutput);
+  EXPECT_NE(hookEnvironment.find("ONDREL_PASS_OUTCOME=succeeded\n"), std::string::npos)
+      << hookEnvironment;
+  EXPECT_NE(hookEnvironment.find("ONDREL_PASS_CATALOGS=7\n"), std::string::npos);
+  std::string listedNew = ctl({"products", "--state", "NEW"}).output;
+  std::string newCount = listedNew.substr(listedNew.rfind('\n', listedNew.size() - 2) + 1);
+  EXPECT_NE(hookEnvironment.find(
+                "ONDREL_PASS_PRODUCTS_NEW=" + newCount.substr(0, newCount.find(' ')) + "\n"),
+            std::string::npos)
+      << hookEnvironment << newCount;
+  EXPECT_EQ(hookEnvironment.find("ONDREL_PASS_BYTES_FETCHED=0\n"), std::string::npos);
+  EXPECT_NE(
+      readFile(path("/Library/Server/Ondrel/Status/ondrel.prom")).find("ondrel_passes_total 1"),
+      std::string::npos);
   test::ProgramResult status = ctl({"status", "--json"});
   EXPECT_NE(status.output.find("\"syncState\": \"done\""), std::string::npos) << status.output;
 

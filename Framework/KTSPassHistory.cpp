@@ -1,0 +1,176 @@
+#include "KTSPassHistory.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "DateFormats.h"
+#include "HostPaths.h"
+#include "Json.h"
+#include "KTSPreferences.h"
+
+namespace ondrel {
+
+namespace {
+
+// The history is a handful of keys; anything larger is not one.
+constexpr std::size_t kHistoryReadLimit = 64 * 1024;
+constexpr std::size_t kNoteLimit = 1024;
+
+std::uint64_t counter(const Plist& value) {
+  return value.isNumber() && value.integerValue() > 0
+             ? static_cast<std::uint64_t>(value.integerValue())
+             : 0;
+}
+
+Plist integer(std::uint64_t value) {
+  return Plist::integer(static_cast<std::int64_t>(
+      std::min<std::uint64_t>(value, static_cast<std::uint64_t>(INT64_MAX))));
+}
+
+double secondsSinceEpoch(Date date) {
+  return std::chrono::duration<double>(date.time_since_epoch()).count();
+}
+
+std::optional<KTSPassHistory::Outcome> outcomeNamed(const std::string& name) {
+  for (auto outcome : {KTSPassHistory::Outcome::Succeeded, KTSPassHistory::Outcome::Failed,
+                       KTSPassHistory::Outcome::Interrupted}) {
+    if (KTSPassHistory::outcomeName(outcome) == name) return outcome;
+  }
+  return std::nullopt;
+}
+
+std::optional<KTSPassHistory::Pass> passFromPlist(const Plist& record) {
+  std::optional<Date> started = record["started"].dateValue();
+  std::optional<Date> ended = record["ended"].dateValue();
+  std::optional<KTSPassHistory::Outcome> outcome = outcomeNamed(record["outcome"].stringValue());
+  if (!started || !ended || !outcome || *ended < *started) return std::nullopt;
+  KTSPassHistory::Pass pass;
+  pass.started = *started;
+  pass.ended = *ended;
+  pass.outcome = *outcome;
+  pass.fullSync = record["fullSync"].boolValue();
+  pass.note = record["note"].stringValue().substr(0, kNoteLimit);
+  pass.catalogs = counter(record["catalogs"]);
+  pass.productsNew = counter(record["productsNew"]);
+  pass.productsRemoved = counter(record["productsRemoved"]);
+  pass.bytesFetched = counter(record["bytesFetched"]);
+  return pass;
+}
+
+Plist passAsPlist(const KTSPassHistory::Pass& pass) {
+  Plist record = Plist::dictionary();
+  record.set("started", Plist::date(pass.started));
+  record.set("ended", Plist::date(pass.ended));
+  record.set("outcome", KTSPassHistory::outcomeName(pass.outcome));
+  record.set("fullSync", Plist::boolean(pass.fullSync));
+  record.set("note", pass.note.substr(0, kNoteLimit));
+  record.set("catalogs", integer(pass.catalogs));
+  record.set("productsNew", integer(pass.productsNew));
+  record.set("productsRemoved", integer(pass.productsRemoved));
+  record.set("bytesFetched", integer(pass.bytesFetched));
+  return record;
+}
+
+}  // namespace
+
+double KTSPassHistory::Pass::seconds() const {
+  return std::chrono::duration<double>(ended - started).count();
+}
+
+std::string KTSPassHistory::defaultPath() {
+  return KTSPreferences::defaultPreferences()->statusWorkingPathForPath(
+      fixedPath("/Library/Server/Ondrel/Status/.pass_history"));
+}
+
+std::string KTSPassHistory::outcomeName(Outcome outcome) {
+  switch (outcome) {
+    case Outcome::Succeeded:
+      return "succeeded";
+    case Outcome::Failed:
+      return "failed";
+    case Outcome::Interrupted:
+      return "interrupted";
+  }
+  return "failed";
+}
+
+KTSPassHistory::KTSPassHistory(std::string path) : path_(std::move(path)) {
+  std::string error;
+  std::optional<Plist> read = Plist::readFile(path_, &error, kHistoryReadLimit);
+  if (!read || !read->isDictionary()) return;
+  lastPass_ = passFromPlist((*read)["lastPass"]);
+  lastGoodPassEnd_ = (*read)["lastGoodPassEnd"].dateValue();
+  passes_ = counter((*read)["passes"]);
+  failedPasses_ = counter((*read)["failedPasses"]);
+  bytesFetched_ = counter((*read)["bytesFetched"]);
+}
+
+bool KTSPassHistory::record(const Pass& pass) {
+  lastPass_ = pass;
+  ++passes_;
+  if (pass.outcome == Outcome::Succeeded) {
+    lastGoodPassEnd_ = pass.ended;
+  } else {
+    ++failedPasses_;
+  }
+  bytesFetched_ += pass.bytesFetched;
+  std::string error;
+  return asPlist().writeXmlFile(path_, &error);
+}
+
+Plist KTSPassHistory::asPlist() const {
+  Plist history = Plist::dictionary();
+  if (lastPass_) history.set("lastPass", passAsPlist(*lastPass_));
+  if (lastGoodPassEnd_) history.set("lastGoodPassEnd", Plist::date(*lastGoodPassEnd_));
+  history.set("passes", integer(passes_));
+  history.set("failedPasses", integer(failedPasses_));
+  history.set("bytesFetched", integer(bytesFetched_));
+  return history;
+}
+
+bool KTSPassHistory::healthy() const {
+  return lastGoodPassEnd_ && lastPass_ && lastPass_->outcome != Outcome::Failed;
+}
+
+std::string KTSPassHistory::healthJson(Date now) const {
+  Plist health = Plist::dictionary();
+  health.set("healthy", Plist::boolean(healthy()));
+  health.set("lastGoodPass", lastGoodPassEnd_ ? Plist::date(*lastGoodPassEnd_) : Plist());
+  health.set(
+      "lastGoodPassAgeSeconds",
+      lastGoodPassEnd_
+          ? Plist::integer(
+                std::chrono::duration_cast<std::chrono::seconds>(now - *lastGoodPassEnd_).count())
+          : Plist());
+  health.set("lastPassOutcome", lastPass_ ? Plist(outcomeName(lastPass_->outcome)) : Plist());
+  health.set("lastPassFailed", Plist::boolean(lastPass_ && lastPass_->outcome == Outcome::Failed));
+  health.set("lastPassError",
+             lastPass_ && !lastPass_->note.empty() ? Plist(lastPass_->note) : Plist());
+  return toJson(health) + "\n";
+}
+
+std::string KTSPassHistory::prometheusText() const {
+  std::string text;
+  auto metric = [&text](const char* name, const char* type, const char* help, double value) {
+    text += fmt::format("# HELP {0} {1}\n# TYPE {0} {2}\n{0} {3}\n", name, help, type, value);
+  };
+  metric("ondrel_passes_total", "counter", "Passes run", static_cast<double>(passes_));
+  metric("ondrel_pass_failures_total", "counter", "Passes that failed or were interrupted",
+         static_cast<double>(failedPasses_));
+  metric("ondrel_fetched_bytes_total", "counter", "Bytes fetched from the upstream by passes",
+         static_cast<double>(bytesFetched_));
+  metric("ondrel_last_good_pass_timestamp_seconds", "gauge",
+         "End of the last pass that succeeded, in seconds since the epoch",
+         lastGoodPassEnd_ ? secondsSinceEpoch(*lastGoodPassEnd_) : 0);
+  if (!lastPass_) return text;
+  metric("ondrel_last_pass_duration_seconds", "gauge", "How long the last pass took",
+         lastPass_->seconds());
+  metric("ondrel_last_pass_fetched_bytes", "gauge", "Bytes the last pass fetched",
+         static_cast<double>(lastPass_->bytesFetched));
+  metric("ondrel_last_pass_success", "gauge", "1 when the last pass succeeded",
+         lastPass_->outcome == Outcome::Succeeded ? 1 : 0);
+  return text;
+}
+
+}  // namespace ondrel

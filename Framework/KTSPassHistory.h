@@ -1,0 +1,70 @@
+// KTSPassHistory remembers what the sync daemon's passes did, from one pass to the next: the last
+// pass (when, how it ended, why it failed, what it brought), when the last good pass ended, and
+// running totals of passes, failed passes and bytes fetched. The daemon records every pass in the
+// status folder's ".pass_history"; the metrics and the health check read it. The file is written
+// atomically and read as untrusted: a damaged or hostile one counts as no history. One thread
+// uses an instance.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "Plist.h"
+
+namespace ondrel {
+
+class KTSPassHistory {
+ public:
+  enum class Outcome { Succeeded, Failed, Interrupted };
+
+  struct Pass {
+    Date started;
+    Date ended;
+    Outcome outcome = Outcome::Succeeded;
+    bool fullSync = true;
+    std::string note;  // why it failed or was interrupted; empty when it succeeded
+    std::uint64_t catalogs = 0;
+    std::uint64_t productsNew = 0;
+    std::uint64_t productsRemoved = 0;
+    std::uint64_t bytesFetched = 0;
+    double seconds() const;
+  };
+
+  // The status folder's ".pass_history".
+  static std::string defaultPath();
+  // "succeeded", "failed" or "interrupted".
+  static std::string outcomeName(Outcome outcome);
+
+  // Reads the history at path; a missing, damaged or hostile file gives an empty history.
+  explicit KTSPassHistory(std::string path);
+
+  const std::optional<Pass>& lastPass() const { return lastPass_; }
+  const std::optional<Date>& lastGoodPassEnd() const { return lastGoodPassEnd_; }
+  std::uint64_t passes() const { return passes_; }
+  std::uint64_t failedPasses() const { return failedPasses_; }
+  std::uint64_t bytesFetched() const { return bytesFetched_; }
+
+  // Adds the pass to the history and writes it; false when it could not be written.
+  bool record(const Pass& pass);
+
+  // Healthy: a good pass has ended and the last pass did not fail.
+  bool healthy() const;
+  // The health document: healthy, the last good pass and its age in seconds at now, whether
+  // the last pass failed and why.
+  std::string healthJson(Date now) const;
+  // The Prometheus text of the counters and of the last pass.
+  std::string prometheusText() const;
+
+ private:
+  Plist asPlist() const;
+
+  std::string path_;
+  std::optional<Pass> lastPass_;
+  std::optional<Date> lastGoodPassEnd_;
+  std::uint64_t passes_ = 0;
+  std::uint64_t failedPasses_ = 0;
+  std::uint64_t bytesFetched_ = 0;
+};
+
+}  // namespace ondrel

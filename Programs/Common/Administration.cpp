@@ -1,0 +1,298 @@
+#include "Administration.h"
+
+#include <fmt/format.h>
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <set>
+
+#include "DateFormats.h"
+#include "HostPaths.h"
+#include "KTCatalogKeys.h"
+#include "KTSCatalog.h"
+#include "KTSJobTicketManager.h"
+#include "KTSMetaIndex.h"
+#include "KTSPassHistory.h"
+#include "KTSPreferences.h"
+#include "KTSProduct.h"
+#include "KTSSyncStatus.h"
+#include "KTSUtilities.h"
+#include "KTSWorkingSet.h"
+
+namespace ondrel::programs {
+
+namespace {
+
+VolumeSpace documentRootVolume() {
+  struct statvfs volume {};
+  VolumeSpace result;
+  if (::statvfs(KTSPreferences::defaultPreferences()->updatesDocRoot().c_str(), &volume) == 0) {
+    result.total = static_cast<std::uint64_t>(volume.f_blocks) * volume.f_frsize;
+    result.free = static_cast<std::uint64_t>(volume.f_bavail) * volume.f_frsize;
+  }
+  return result;
+}
+
+std::string modeText() {
+  auto preferences = KTSPreferences::defaultPreferences();
+  if (preferences->automaticPresetsEnabled()) return "AUTOMATIC";
+  return preferences->autoMirror() ? "MANUAL (auto-download ON)" : "MANUAL (auto-download OFF)";
+}
+
+std::string lowercased(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return text;
+}
+
+std::size_t pendingRequestCount() {
+  std::size_t count = 0;
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(fixedPath("/var/spool/ondrd"), error), end;
+       !error && entry != end; entry.increment(error)) {
+    if (entry->path().filename().string().rfind("ondr_req.", 0) == 0) ++count;
+  }
+  return count;
+}
+
+std::uint64_t nonNegative(const Plist& value) {
+  return static_cast<std::uint64_t>(std::max<std::int64_t>(0, value.integerValue()));
+}
+
+Plist counts(const std::map<std::string, std::uint64_t>& byName) {
+  Plist dictionary = Plist::dictionary();
+  for (const auto& [name, count] : byName) {
+    dictionary.set(name, Plist::integer(static_cast<std::int64_t>(count)));
+  }
+  return dictionary;
+}
+
+Plist optionalDate(const std::optional<Date>& date) {
+  return date ? Plist(formatRfc3339Date(*date)) : Plist();
+}
+
+std::set<std::string> productsOfCatalog(const std::string& name) {
+  std::set<std::string> ids;
+  std::string composite = KTSPreferences::defaultPreferences()->updatesHtmlPath() +
+                          "/content/catalogs/others/" + name + ".composite";
+  for (const auto& [productId, entry] :
+       KTSUtilities::readPropertyListAtPath(composite)[KTCatalogProductsDictKey].items()) {
+    ids.insert(productId);
+  }
+  return ids;
+}
+
+// Bytes of the product's files that are not in place with their catalog size yet.
+std::pair<std::uint64_t, std::uint64_t> filesAndBytesToFetch(const KTSProduct& product) {
+  std::uint64_t files = 0;
+  std::uint64_t bytes = 0;
+  for (const Plist& record : product.mirrorFiles().elements()) {
+    const Plist& size = record[KTSProduct::kFileSizeKey];
+    std::optional<std::int64_t> expected;
+    if (size.isNumber()) expected = size.integerValue();
+    if (KTSUtilities::fileExistsAtPathWithSize(record[KTSProduct::kFileLocalPathKey].stringValue(),
+                                               expected)) {
+      continue;
+    }
+    ++files;
+    bytes += static_cast<std::uint64_t>(std::max<std::int64_t>(0, expected.value_or(0)));
+  }
+  return {files, bytes};
+}
+
+}  // namespace
+
+std::string syncStateName(std::int64_t state) {
+  return state == KTSSyncStatus::InProgress ? "syncing"
+         : state == KTSSyncStatus::Done     ? "done"
+                                            : "never run";
+}
+
+std::string humanBytes(std::uint64_t bytes) {
+  const char* units[] = {"B", "KB", "MB", "GB", "TB"};
+  double value = static_cast<double>(bytes);
+  int unit = 0;
+  while (value >= 1000 && unit < 4) value /= 1000, ++unit;
+  if (unit == 0) return fmt::format("{:.0f} {}", value, units[unit]);
+  return fmt::format("{:.1f} {}", value, units[unit]);
+}
+
+ServerSummary summarizeServer() {
+  ServerSummary summary;
+  auto status = KTSSyncStatus::defaultStatus();
+  summary.syncState = status->getSyncStatus();
+  summary.startTime = status->getStartTime();
+  summary.lastRunTime = status->getLastRunTime();
+  summary.updateError = status->getUpdateError();
+  summary.errorNote = status->getErrorNote();
+  summary.mode = modeText();
+  for (const auto& [productId, record] : KTSWorkingSet::defaultWorkingSet()->products().items()) {
+    ++summary.products;
+    std::int32_t mirror = KTSProduct::mirrorStateForString(record["mirror"].stringValue());
+    ++summary.byMirrorState[KTSProduct::mirrorStringForState(mirror)];
+    ++summary.byCompositeState[KTSCatalog::compositeProductStringForStateValue(
+        KTSCatalog::compositeProductStateForString(record["CompositeProductState"].stringValue()))];
+    if (record["enable"].boolValue()) ++summary.enabled;
+    std::uint64_t total = nonNegative(record["TotalDownloadSize"]);
+    std::uint64_t downloaded = nonNegative(record["DownloadedSize"]);
+    if (mirror >= KTSProduct::Mirrored) summary.bytesMirrored += total;
+    if (mirror == KTSProduct::PleaseMirror || mirror == KTSProduct::Downloading) {
+      summary.bytesToMirror += total > downloaded ? total - downloaded : 0;
+    }
+  }
+  summary.pendingRequests = pendingRequestCount();
+  auto tickets = KTSJobTicketManager::defaultManager();
+  tickets->refresh();
+  summary.pendingTickets = tickets->openJobs().size();
+  summary.volume = documentRootVolume();
+  return summary;
+}
+
+Plist summaryAsPlist(const ServerSummary& summary) {
+  auto integer = [](std::uint64_t value) {
+    return Plist::integer(static_cast<std::int64_t>(value));
+  };
+  Plist out = Plist::dictionary();
+  out.set("syncState", syncStateName(summary.syncState));
+  out.set("startTime", optionalDate(summary.startTime));
+  out.set("lastRunTime", optionalDate(summary.lastRunTime));
+  out.set("updateError", Plist::boolean(summary.updateError));
+  out.set("errorNote", summary.errorNote ? Plist(*summary.errorNote) : Plist());
+  out.set("mode", summary.mode);
+  out.set("products", integer(summary.products));
+  out.set("productsByMirrorState", counts(summary.byMirrorState));
+  out.set("productsByCompositeState", counts(summary.byCompositeState));
+  out.set("enabled", integer(summary.enabled));
+  out.set("bytesMirrored", integer(summary.bytesMirrored));
+  out.set("bytesToMirror", integer(summary.bytesToMirror));
+  out.set("pendingRequests", integer(summary.pendingRequests));
+  out.set("pendingTickets", integer(summary.pendingTickets));
+  out.set("volumeBytes", integer(summary.volume.total));
+  out.set("volumeFreeBytes", integer(summary.volume.free));
+  return out;
+}
+
+std::string prometheusText(const ServerSummary& summary, const KTSPassHistory& history) {
+  std::string text;
+  auto gauge = [&text](const char* name, const char* help, double value) {
+    text += fmt::format("# HELP {0} {1}\n# TYPE {0} gauge\n{0} {2}\n", name, help, value);
+  };
+  gauge("ondrel_sync_state", "0 never run, 1 syncing, 2 done",
+        static_cast<double>(summary.syncState));
+  gauge("ondrel_last_run_timestamp_seconds", "Start of the last pass, in seconds since the epoch",
+        summary.lastRunTime
+            ? std::chrono::duration<double>(summary.lastRunTime->time_since_epoch()).count()
+            : 0);
+  gauge("ondrel_update_error", "1 when the last pass failed", summary.updateError ? 1 : 0);
+  text += "# HELP ondrel_products Products by mirror state\n# TYPE ondrel_products gauge\n";
+  for (const auto& [name, count] : summary.byMirrorState) {
+    text += fmt::format("ondrel_products{{mirror_state=\"{}\"}} {}\n", name, count);
+  }
+  text +=
+      "# HELP ondrel_catalog_products Products by catalog state\n"
+      "# TYPE ondrel_catalog_products gauge\n";
+  for (const auto& [name, count] : summary.byCompositeState) {
+    text += fmt::format("ondrel_catalog_products{{state=\"{}\"}} {}\n", name, count);
+  }
+  gauge("ondrel_products_enabled", "Products offered to clients",
+        static_cast<double>(summary.enabled));
+  gauge("ondrel_mirrored_bytes", "Bytes of mirrored products",
+        static_cast<double>(summary.bytesMirrored));
+  gauge("ondrel_to_mirror_bytes", "Bytes still to mirror",
+        static_cast<double>(summary.bytesToMirror));
+  gauge("ondrel_pending_requests", "Requests waiting for the daemon",
+        static_cast<double>(summary.pendingRequests));
+  gauge("ondrel_pending_tickets", "Job tickets waiting for the daemon",
+        static_cast<double>(summary.pendingTickets));
+  gauge("ondrel_volume_free_bytes", "Free bytes on the document root's volume",
+        static_cast<double>(summary.volume.free));
+  gauge("ondrel_volume_size_bytes", "Size of the document root's volume",
+        static_cast<double>(summary.volume.total));
+  return text + history.prometheusText();
+}
+
+std::string productTitle(const Plist& record) {
+  for (const char* language : {"English", "en"}) {
+    const Plist& title = record["localization"][language]["title"];
+    if (title.isString()) return title.stringValue();
+  }
+  for (const auto& [language, strings] : record["localization"].items()) {
+    if (strings["title"].isString()) return strings["title"].stringValue();
+  }
+  return "";
+}
+
+Plist listProducts(const ProductFilter& filter) {
+  std::optional<std::set<std::string>> inCatalog;
+  if (!filter.catalog.empty()) inCatalog = productsOfCatalog(filter.catalog);
+  std::string wantedState = lowercased(filter.state);
+  std::string wantedText = lowercased(filter.search);
+  Plist listed = Plist::array();
+  for (const auto& [productId, record] : KTSWorkingSet::defaultWorkingSet()->products().items()) {
+    if (!record.isDictionary()) continue;
+    if (!wantedState.empty() && lowercased(record["mirror"].stringValue()) != wantedState &&
+        lowercased(record["CompositeProductState"].stringValue()) != wantedState) {
+      continue;
+    }
+    if (filter.enabledOnly && !record["enable"].boolValue()) continue;
+    if (inCatalog && inCatalog->count(productId) == 0) continue;
+    if (!wantedText.empty()) {
+      std::string haystack = lowercased(
+          productId + " " + record["IFPkgFlagProductFamily"].stringValue() + " " +
+          record["CFBundleShortVersionString"].stringValue() + " " + productTitle(record));
+      if (haystack.find(wantedText) == std::string::npos) continue;
+    }
+    listed.append(record);
+  }
+  return listed;
+}
+
+Plist nextPassPlan() {
+  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  auto metaIndex = KTSMetaIndex::defaultMetaIndex();
+  metaIndex->updateLocalPaths();
+  metaIndex->refresh();
+  std::set<std::string> seen;
+  Plist planned = Plist::array();
+  std::uint64_t files = 0;
+  std::uint64_t bytes = 0;
+  for (const KTSURL& url : metaIndex->catalogs()) {
+    KTSCatalog catalog(*url.url());
+    catalog.loadCompositeCatalog();
+    if (!catalog.loadProductIndexCache()) continue;
+    for (const auto& [productId, product] : *catalog.products()) {
+      std::int32_t mirror = workingSet->containsProductID(productId)
+                                ? workingSet->mirrorSettingForProductID(productId)
+                                : product->mirror();
+      if ((mirror != KTSProduct::PleaseMirror && mirror != KTSProduct::Downloading) ||
+          !seen.insert(productId).second) {
+        continue;
+      }
+      auto [productFiles, productBytes] = filesAndBytesToFetch(*product);
+      Plist item = Plist::dictionary();
+      item.set("ProductID", productId);
+      item.set("files", Plist::integer(static_cast<std::int64_t>(productFiles)));
+      item.set("bytes", Plist::integer(static_cast<std::int64_t>(productBytes)));
+      planned.append(item);
+      files += productFiles;
+      bytes += productBytes;
+    }
+  }
+  VolumeSpace volume = documentRootVolume();
+  std::int64_t reservePercent = std::clamp<std::int64_t>(
+      KTSPreferences::defaultPreferences()->volumeReserve().integerValue(), 0, 100);
+  std::uint64_t reserve = volume.total / 100 * static_cast<std::uint64_t>(reservePercent);
+  Plist out = Plist::dictionary();
+  out.set("products", planned);
+  out.set("files", Plist::integer(static_cast<std::int64_t>(files)));
+  out.set("bytes", Plist::integer(static_cast<std::int64_t>(bytes)));
+  out.set("freeBytes", Plist::integer(static_cast<std::int64_t>(volume.free)));
+  out.set("reserveBytes", Plist::integer(static_cast<std::int64_t>(reserve)));
+  out.set("reservePercent", Plist::integer(reservePercent));
+  out.set("fits", Plist::boolean(bytes + reserve <= volume.free));
+  return out;
+}
+
+}  // namespace ondrel::programs

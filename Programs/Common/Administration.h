@@ -1,0 +1,70 @@
+// What the administration side knows about the server, gathered from the files the daemon
+// shares: the status summary, the products as the working set records them, the plan of the
+// next pass and the Prometheus text of all of it. ondrelctl prints it, the administration page
+// serves it as JSON and the daemon writes the metrics file from it, so that all three say the
+// same. Nothing here writes. One thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "Plist.h"
+
+namespace ondrel {
+class KTSPassHistory;
+}
+
+namespace ondrel::programs {
+
+struct VolumeSpace {
+  std::uint64_t total = 0;
+  std::uint64_t free = 0;
+};
+
+struct ServerSummary {
+  std::int64_t syncState = 0;
+  std::optional<Date> startTime;
+  std::optional<Date> lastRunTime;
+  bool updateError = false;
+  std::optional<std::string> errorNote;
+  std::string mode;
+  std::map<std::string, std::uint64_t> byMirrorState;
+  std::map<std::string, std::uint64_t> byCompositeState;
+  std::uint64_t products = 0;
+  std::uint64_t enabled = 0;
+  std::uint64_t bytesMirrored = 0;
+  std::uint64_t bytesToMirror = 0;
+  std::size_t pendingRequests = 0;
+  std::size_t pendingTickets = 0;
+  VolumeSpace volume;
+};
+
+ServerSummary summarizeServer();
+// The summary as `ondrelctl status --json` prints it.
+Plist summaryAsPlist(const ServerSummary& summary);
+// "syncing", "done" or "never run".
+std::string syncStateName(std::int64_t state);
+// The Prometheus text exposition of the summary and of the passes' history.
+std::string prometheusText(const ServerSummary& summary, const KTSPassHistory& history);
+
+struct ProductFilter {
+  std::string state;  // a mirror or catalog state, any case; empty for all
+  bool enabledOnly = false;
+  std::string catalog;  // a catalog's file name without extension; empty for all
+  std::string search;   // found in id, family, version or title, any case
+};
+
+// The working set's records of the products the filter lets through, in id order.
+Plist listProducts(const ProductFilter& filter);
+// The English title of a working-set record, else any title it has.
+std::string productTitle(const Plist& record);
+// What the next pass downloads: "products" (ProductID, files, bytes), "files", "bytes",
+// "freeBytes", "reserveBytes", "reservePercent" and whether it "fits".
+Plist nextPassPlan();
+
+// Bytes in the units a person reads (1000-based, one decimal).
+std::string humanBytes(std::uint64_t bytes);
+
+}  // namespace ondrel::programs

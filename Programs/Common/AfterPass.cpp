@@ -1,0 +1,185 @@
+#include "AfterPass.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <thread>
+
+#include "Administration.h"
+#include "Clock.h"
+#include "DateFormats.h"
+#include "FileIO.h"
+#include "HostPaths.h"
+#include "KTSPreferences.h"
+
+extern char** environ;
+
+namespace ondrel::programs {
+
+namespace {
+
+constexpr std::int64_t kDefaultHookSeconds = 60;
+constexpr std::int64_t kMostHookSeconds = 3600;
+constexpr auto kKillGrace = std::chrono::seconds(2);
+constexpr auto kWaitStep = std::chrono::milliseconds(20);
+
+// Names an administrator does not mean to run: hidden files, editor backups, and the copies a
+// package manager leaves beside a changed file.
+bool isLeftoverName(const std::string& name) {
+  return name.empty() || name.front() == '.' || name.back() == '~' ||
+         name.find(".dpkg-") != std::string::npos || name.find(".ucf-") != std::string::npos;
+}
+
+// Why a file of the hooks folder is not run, or empty when it is a hook.
+std::string refusalOf(const std::filesystem::path& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return "not a regular file";
+  if ((status.st_mode & S_IWOTH) != 0) return "writable by anyone";
+  if (::access(path.c_str(), X_OK) != 0) return "not executable";
+  return "";
+}
+
+// Waits for the child until the deadline; true when it ended, with its status.
+bool waitUntil(pid_t child, std::chrono::steady_clock::time_point deadline, int* status) {
+  for (;;) {
+    pid_t ended = ::waitpid(child, status, WNOHANG);
+    if (ended == child) return true;
+    if (ended < 0 && errno != EINTR) return true;
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(kWaitStep);
+  }
+}
+
+HookRun runHook(const std::filesystem::path& path, const std::vector<std::string>& environment,
+                std::chrono::milliseconds timeout) {
+  HookRun run;
+  run.name = path.filename().string();
+  std::vector<std::string> variables;
+  for (char** entry = environ; *entry != nullptr; ++entry) variables.emplace_back(*entry);
+  variables.insert(variables.end(), environment.begin(), environment.end());
+  std::vector<char*> envp;
+  for (std::string& variable : variables) envp.push_back(variable.data());
+  envp.push_back(nullptr);
+  std::string program = path.string();
+  char* argv[] = {program.data(), nullptr};
+  pid_t child = ::fork();
+  if (child < 0) return run;
+  if (child == 0) {
+    // A group of its own, so that what the hook starts ends with it at the time limit.
+    ::setpgid(0, 0);
+    int devNull = ::open("/dev/null", O_RDONLY);
+    if (devNull >= 0) ::dup2(devNull, STDIN_FILENO);
+    ::execve(argv[0], argv, envp.data());
+    ::_exit(127);
+  }
+  ::setpgid(child, child);
+  int status = 0;
+  auto deadline = std::chrono::steady_clock::now() + timeout;
+  if (!waitUntil(child, deadline, &status)) {
+    run.timedOut = true;
+    ::kill(-child, SIGTERM);
+    if (!waitUntil(child, std::chrono::steady_clock::now() + kKillGrace, &status)) {
+      ::kill(-child, SIGKILL);
+      while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+      }
+    }
+  }
+  ::kill(-child, SIGKILL);
+  if (!run.timedOut && WIFEXITED(status)) run.exitStatus = WEXITSTATUS(status);
+  return run;
+}
+
+void writeMetricsFile(const std::string& text, const LogHandle& log) {
+  std::string path = metricsFilePath();
+  std::string error;
+  if (!writeStringAtomically(path, text, &error)) {
+    log.warning("The metrics file {} could not be written: {}", path, error);
+    return;
+  }
+  // A node exporter reads it as a user of its own; it holds counts, nothing private.
+  ::chmod(path.c_str(), 0644);
+}
+
+}  // namespace
+
+std::string hooksFolder() { return fixedPath("/Library/Server/Ondrel/Config/hooks.d"); }
+
+std::chrono::seconds hookTimeout() {
+  Plist value = KTSPreferences::defaultPreferences()->prefs()["hookTimeout"];
+  if (!value.isNumber() || value.integerValue() < 1 || value.integerValue() > kMostHookSeconds) {
+    return std::chrono::seconds(kDefaultHookSeconds);
+  }
+  return std::chrono::seconds(value.integerValue());
+}
+
+std::string metricsFilePath() {
+  Plist value = KTSPreferences::defaultPreferences()->prefs()["metricsFile"];
+  const std::string& path = value.stringValue();
+  if (!path.empty() && path.front() == '/' && path.back() != '/') return path;
+  return KTSPreferences::defaultPreferences()->statusWorkingPathForPath(
+      fixedPath("/Library/Server/Ondrel/Status/ondrel.prom"));
+}
+
+std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass) {
+  // The note is one line, as a hook would pass it on to a chat or a mail subject.
+  std::string note = pass.note;
+  std::replace_if(
+      note.begin(), note.end(), [](char c) { return c == '\n' || c == '\r'; }, ' ');
+  return {
+      "ONDREL_PASS_OUTCOME=" + KTSPassHistory::outcomeName(pass.outcome),
+      std::string("ONDREL_PASS_KIND=") + (pass.fullSync ? "full" : "changes"),
+      "ONDREL_PASS_ERROR=" + note,
+      "ONDREL_PASS_STARTED=" + formatRfc3339Date(pass.started),
+      "ONDREL_PASS_ENDED=" + formatRfc3339Date(pass.ended),
+      fmt::format("ONDREL_PASS_DURATION_SECONDS={:.1f}", pass.seconds()),
+      fmt::format("ONDREL_PASS_CATALOGS={}", pass.catalogs),
+      fmt::format("ONDREL_PASS_PRODUCTS_NEW={}", pass.productsNew),
+      fmt::format("ONDREL_PASS_PRODUCTS_REMOVED={}", pass.productsRemoved),
+      fmt::format("ONDREL_PASS_BYTES_FETCHED={}", pass.bytesFetched),
+  };
+}
+
+std::vector<HookRun> runHooks(const std::string& folder, const KTSPassHistory::Pass& pass,
+                              std::chrono::milliseconds timeout, const LogHandle& log) {
+  namespace fs = std::filesystem;
+  std::vector<fs::path> hooks;
+  std::error_code error;
+  for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
+       entry.increment(error)) {
+    if (!isLeftoverName(entry->path().filename().string())) hooks.push_back(entry->path());
+  }
+  std::sort(hooks.begin(), hooks.end());
+  std::vector<std::string> environment = hookEnvironment(pass);
+  std::vector<HookRun> runs;
+  for (const fs::path& hook : hooks) {
+    if (std::string refusal = refusalOf(hook); !refusal.empty()) {
+      log.warning("The hook {} is not run: {}.", hook.string(), refusal);
+      continue;
+    }
+    runs.push_back(runHook(hook, environment, timeout));
+    const HookRun& run = runs.back();
+    if (run.timedOut) {
+      log.warning("The hook {} was stopped after {} s.", hook.string(),
+                  std::chrono::duration_cast<std::chrono::seconds>(timeout).count());
+    } else if (run.exitStatus != 0) {
+      log.warning("The hook {} failed (exit status {}).", hook.string(), run.exitStatus);
+    }
+  }
+  return runs;
+}
+
+void afterPass(const KTSPassHistory::Pass& pass, const LogHandle& log) {
+  KTSPassHistory history(KTSPassHistory::defaultPath());
+  if (!history.record(pass)) log.warning("The pass could not be recorded in the pass history.");
+  writeMetricsFile(prometheusText(summarizeServer(), history), log);
+  runHooks(hooksFolder(), pass, hookTimeout(), log);
+}
+
+}  // namespace ondrel::programs

@@ -1,0 +1,46 @@
+// What the sync daemon does once a pass has ended, whatever its outcome: it records the pass in
+// the history, writes the metrics file (the Prometheus text of `ondrelctl metrics`, replaced
+// atomically, for a node exporter's textfile collector) and runs the administrator's hooks.
+// Hooks are the executable files of the hooks folder, run one after the other in name order,
+// each with the pass's figures in its environment and a time limit; a hook that fails, hangs or
+// cannot be started is logged and never fails the pass. Used by ondrd_syncd; one thread.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "KTSLogger.h"
+#include "KTSPassHistory.h"
+
+namespace ondrel::programs {
+
+struct HookRun {
+  std::string name;
+  int exitStatus = -1;  // -1 when it did not exit by itself
+  bool timedOut = false;
+};
+
+// The service root's "Config/hooks.d".
+std::string hooksFolder();
+// The preference "hookTimeout" in seconds (1 to 3600), 60 when unset or unusable.
+std::chrono::seconds hookTimeout();
+// The preference "metricsFile", an absolute path; the status folder's "ondrel.prom" when unset.
+std::string metricsFilePath();
+
+// The environment a hook gets beside the daemon's own: ONDREL_PASS_OUTCOME, ONDREL_PASS_KIND,
+// ONDREL_PASS_ERROR, ONDREL_PASS_STARTED, ONDREL_PASS_ENDED, ONDREL_PASS_DURATION_SECONDS,
+// ONDREL_PASS_CATALOGS, ONDREL_PASS_PRODUCTS_NEW, ONDREL_PASS_PRODUCTS_REMOVED and
+// ONDREL_PASS_BYTES_FETCHED, as NAME=value.
+std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass);
+
+// Runs the hooks of folder for the pass. A hook gets SIGTERM at its time limit, and SIGKILL with
+// all it started two seconds later. Hidden files, editor and package-manager leftovers, files
+// that are not executable and files others may write are passed over.
+std::vector<HookRun> runHooks(const std::string& folder, const KTSPassHistory::Pass& pass,
+                              std::chrono::milliseconds timeout, const LogHandle& log);
+
+// Records the pass, writes the metrics file and runs the hooks.
+void afterPass(const KTSPassHistory::Pass& pass, const LogHandle& log);
+
+}  // namespace ondrel::programs
