@@ -1,7 +1,9 @@
 #include "ServiceRoot.h"
 
 #include <fmt/format.h>
+#include <grp.h>
 #include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -24,6 +26,17 @@ std::optional<std::string> administratorProblem() {
       "only root and members of group {0} may administer this server, and {1} is neither; an "
       "administrator can add you with \"adduser {1} {0}\" (it counts from your next login)",
       kServiceAccount, name);
+}
+
+void adoptServiceGroupPermissions() {
+  struct stat folder {};
+  struct group* serviceGroup = ::getgrnam(kServiceAccount);
+  if (serviceGroup == nullptr ||
+      ::stat(fixedPath("/Library/Server/Ondrel").c_str(), &folder) != 0 ||
+      folder.st_gid != serviceGroup->gr_gid || (folder.st_mode & S_ISGID) == 0) {
+    return;
+  }
+  ::umask(0007);
 }
 
 std::optional<std::string> serviceRootProblem() {

@@ -14,6 +14,11 @@ namespace ondrel::programs {
 // Otherwise one line that says who may, and how to become one of them.
 std::optional<std::string> administratorProblem();
 
+// On a server laid out for the service group (its folder belongs to the group and passes it on
+// to what is made inside), makes what this process creates the group's too, and nobody else's:
+// an administrator's files and folders must stay writable by the daemon.
+void adoptServiceGroupPermissions();
+
 // None when the preferences can be loaded; otherwise one line saying what is wrong and what to
 // do about it. Creates the service root's parent folder when it is missing.
 std::optional<std::string> serviceRootProblem();

@@ -160,6 +160,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "ondrd_syncd: %s\n", problem->c_str());
     return 1;
   }
+  ondrel::programs::adoptServiceGroupPermissions();
   if (std::optional<std::string> problem = ondrel::programs::serviceRootProblem()) {
     std::fprintf(stderr, "ondrd_syncd: %s\n", problem->c_str());
     return 1;

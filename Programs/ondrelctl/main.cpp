@@ -99,6 +99,7 @@ int main(int argc, char** argv) {
   if (std::optional<std::string> problem = ondrel::programs::administratorProblem()) {
     return fail(*problem);
   }
+  ondrel::programs::adoptServiceGroupPermissions();
   if (std::optional<std::string> problem = ondrel::programs::serviceRootProblem()) {
     return fail(*problem);
   }
