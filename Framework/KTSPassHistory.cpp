@@ -55,6 +55,7 @@ std::optional<KTSPassHistory::Pass> passFromPlist(const Plist& record) {
   pass.productsNew = counter(record["productsNew"]);
   pass.productsRemoved = counter(record["productsRemoved"]);
   pass.bytesFetched = counter(record["bytesFetched"]);
+  pass.nextPassDue = record["nextPassDue"].dateValue();
   return pass;
 }
 
@@ -69,6 +70,7 @@ Plist passAsPlist(const KTSPassHistory::Pass& pass) {
   record.set("productsNew", integer(pass.productsNew));
   record.set("productsRemoved", integer(pass.productsRemoved));
   record.set("bytesFetched", integer(pass.bytesFetched));
+  if (pass.nextPassDue) record.set("nextPassDue", Plist::date(*pass.nextPassDue));
   return record;
 }
 

@@ -7,19 +7,25 @@
 #include <cctype>
 #include <filesystem>
 #include <set>
+#include <thread>
 
+#include "Clock.h"
 #include "DateFormats.h"
 #include "HostPaths.h"
 #include "KTCatalogKeys.h"
 #include "KTSCatalog.h"
+#include "KTSJobTicket.h"
 #include "KTSJobTicketManager.h"
 #include "KTSMetaIndex.h"
 #include "KTSPassHistory.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
+#include "KTSRequestManager.h"
 #include "KTSSyncStatus.h"
 #include "KTSUtilities.h"
 #include "KTSWorkingSet.h"
+#include "PathString.h"
+#include "ProductId.h"
 
 namespace ondrel::programs {
 
@@ -100,6 +106,33 @@ std::pair<std::uint64_t, std::uint64_t> filesAndBytesToFetch(const KTSProduct& p
     bytes += static_cast<std::uint64_t>(std::max<std::int64_t>(0, expected.value_or(0)));
   }
   return {files, bytes};
+}
+
+std::int64_t secondsNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
+}
+
+std::string requestPath(std::int64_t second) {
+  return fixedPath("/var/spool/ondrd/ondr_req." + std::to_string(second));
+}
+
+// A request file is named by the second it was posted in; a second post in the same second
+// would replace the first, so it waits for the next second. Gives the second it is in.
+std::int64_t waitForAFreshSecond() {
+  for (;;) {
+    std::int64_t second = secondsNow();
+    if (!std::filesystem::exists(requestPath(second))) return second;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+}
+
+// Whether a request file named by a second from since on is in the spool: the request manager
+// does not say when it could not write one.
+bool requestWrittenSince(std::int64_t since) {
+  for (std::int64_t second = since; second <= secondsNow(); ++second) {
+    if (std::filesystem::exists(requestPath(second))) return true;
+  }
+  return false;
 }
 
 }  // namespace
@@ -249,6 +282,40 @@ Plist listProducts(const ProductFilter& filter) {
   return listed;
 }
 
+Plist productDetail(const std::string& productId) {
+  Plist record = KTSWorkingSet::defaultWorkingSet()->productDictForID(productId);
+  if (!record.isDictionary()) return Plist();
+  auto metaIndex = KTSMetaIndex::defaultMetaIndex();
+  metaIndex->updateLocalPaths();
+  metaIndex->refresh();
+  const std::string html = KTSPreferences::defaultPreferences()->updatesHtmlPath();
+  Plist catalogs = Plist::array();
+  Plist files = Plist::array();
+  for (const KTSURL& url : metaIndex->catalogs()) {
+    KTSCatalog catalog(*url.url());
+    catalog.loadCompositeCatalog();
+    if (!catalog.loadProductIndexCache()) continue;
+    auto found = catalog.products()->find(productId);
+    if (found == catalog.products()->end()) continue;
+    catalogs.append(lastPathComponent(catalog.catalogURL().path()));
+    if (files.size() > 0) continue;
+    for (const Plist& file : found->second->mirrorFiles().elements()) {
+      const std::string& local = file[KTSProduct::kFileLocalPathKey].stringValue();
+      const Plist& size = file[KTSProduct::kFileSizeKey];
+      Plist item = Plist::dictionary();
+      item.set("path", local.rfind(html, 0) == 0 ? local.substr(html.size()) : local);
+      item.set("size", size.isNumber() ? Plist::integer(size.integerValue()) : Plist());
+      item.set("present",
+               Plist::boolean(KTSUtilities::fileExistsAtPathWithSize(
+                   local, size.isNumber() ? std::optional(size.integerValue()) : std::nullopt)));
+      files.append(item);
+    }
+  }
+  record.set("catalogs", catalogs);
+  record.set("files", files);
+  return record;
+}
+
 Plist nextPassPlan() {
   auto workingSet = KTSWorkingSet::defaultWorkingSet();
   auto metaIndex = KTSMetaIndex::defaultMetaIndex();
@@ -293,6 +360,81 @@ Plist nextPassPlan() {
   out.set("reservePercent", Plist::integer(reservePercent));
   out.set("fits", Plist::boolean(bytes + reserve <= volume.free));
   return out;
+}
+
+bool isProductAction(const std::string& action) {
+  return action == "mirror" || action == "enable" || action == "disable" || action == "remove";
+}
+
+bool postProductChanges(const std::string& action, const std::vector<std::string>& productIds,
+                        std::string* error) {
+  if (!isProductAction(action)) {
+    *error = quotedForMessage(action) + " is not a product change; nothing was posted";
+    return false;
+  }
+  if (productIds.empty()) {
+    *error = "no product was named; nothing was posted";
+    return false;
+  }
+  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  for (const std::string& productId : productIds) {
+    if (!isValidProductId(productId)) {
+      *error = quotedForMessage(productId) + " is not a product id; nothing was posted";
+      return false;
+    }
+    if (!workingSet->containsProductID(productId)) {
+      *error = "no product " + productId + " in the working set; nothing was posted";
+      return false;
+    }
+  }
+  static const std::map<std::string, std::pair<const char*, std::int64_t>> kChanges = {
+      {"mirror", {"mirror", KTSJobTicket::Mirror}},
+      {"enable", {"enable", KTSJobTicket::Enable}},
+      {"disable", {"enable", KTSJobTicket::Disable}},
+      {"remove", {"remove", KTSJobTicket::Remove}}};
+  const auto& [key, ticketType] = kChanges.at(action);
+  Plist items = Plist::array();
+  for (const std::string& productId : productIds) {
+    Plist item = Plist::dictionary();
+    item.set("ProductID", productId);
+    item.set(key, Plist::boolean(action != "disable"));
+    items.append(item);
+  }
+  std::int64_t posted = waitForAFreshSecond();
+  if (!KTSRequestManager::defaultManager()->postChangeRequestForProductItems(items) ||
+      !requestWrittenSince(posted)) {
+    *error = "the request could not be written to the spool " + fixedPath("/var/spool/ondrd");
+    return false;
+  }
+  auto tickets = KTSJobTicketManager::defaultManager();
+  tickets->refresh();
+  for (const std::string& productId : productIds) {
+    tickets->addTicketOfTypeForProduct(ticketType, productId);
+  }
+  return true;
+}
+
+bool postSyncRequest(std::string* error) {
+  std::int64_t posted = waitForAFreshSecond();
+  if (KTSRequestManager::defaultManager()->postSyncRequest() && requestWrittenSince(posted)) {
+    return true;
+  }
+  *error = "the sync request could not be written to the spool " + fixedPath("/var/spool/ondrd");
+  return false;
+}
+
+std::string quotedForMessage(const std::string& text) {
+  constexpr std::size_t kShown = 64;
+  std::string quoted = "\"";
+  for (std::size_t i = 0; i < text.size() && i < kShown; ++i) {
+    auto c = static_cast<unsigned char>(text[i]);
+    if (c < 0x20 || c == 0x7f) {
+      quoted += fmt::format("\\x{:02x}", c);
+    } else {
+      quoted += text[i];
+    }
+  }
+  return quoted + (text.size() > kShown ? "...\"" : "\"");
 }
 
 }  // namespace ondrel::programs

@@ -1,14 +1,16 @@
-// What the administration side knows about the server, gathered from the files the daemon
-// shares: the status summary, the products as the working set records them, the plan of the
-// next pass and the Prometheus text of all of it. ondrelctl prints it, the administration page
-// serves it as JSON and the daemon writes the metrics file from it, so that all three say the
-// same. Nothing here writes. One thread.
+// What the administration side knows about the server and asks of it, through the files the
+// daemon shares: the status summary, the products as the working set records them, the plan of
+// the next pass and the Prometheus text of all of it; and the product changes and sync requests
+// it posts to the daemon. ondrelctl prints and posts through it, the administration page serves
+// and posts through it and the daemon writes the metrics file from it, so that all of them say
+// and do the same. One thread.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Plist.h"
 
@@ -60,9 +62,27 @@ struct ProductFilter {
 Plist listProducts(const ProductFilter& filter);
 // The English title of a working-set record, else any title it has.
 std::string productTitle(const Plist& record);
+// The product's working-set record with "catalogs" (the names of the catalogs that list it) and
+// "files" (each with its "path" under the document root, "size" and whether it is "present");
+// null when the working set has no such product.
+Plist productDetail(const std::string& productId);
 // What the next pass downloads: "products" (ProductID, files, bytes), "files", "bytes",
 // "freeBytes", "reserveBytes", "reservePercent" and whether it "fits".
 Plist nextPassPlan();
+
+// The product changes an administrator can post: "mirror", "enable", "disable", "remove".
+bool isProductAction(const std::string& action);
+// Posts the action for the products to the daemon: one change request and a job ticket per
+// product. Nothing is posted, and error says why, when the action is unknown, an id is not a
+// product id or not in the working set, or the spool refuses the request.
+bool postProductChanges(const std::string& action, const std::vector<std::string>& productIds,
+                        std::string* error);
+// Asks the daemon for a pass now; false with the reason when the spool refuses the request.
+bool postSyncRequest(std::string* error);
+
+// Text from outside as a message may show it: in quotes, control characters escaped, at most
+// 64 characters of it.
+std::string quotedForMessage(const std::string& text);
 
 // Bytes in the units a person reads (1000-based, one decimal).
 std::string humanBytes(std::uint64_t bytes);

@@ -11,7 +11,8 @@ namespace ondrel::programs {
 
 namespace {
 
-constexpr const char* kCgiNames[] = {"OndrelServerGetCatalog", "OndrelServerHealth"};
+constexpr const char* kCgiNames[] = {"OndrelServerGetCatalog", "OndrelServerHealth",
+                                     "OndrelServerAdmin"};
 constexpr const char* kServiceTail = "/Library/Server/Ondrel/cgi-bin/";
 
 void installCgi(const std::string& name) {

@@ -76,7 +76,9 @@ std::string lockPath() {
 
 // Runs one pass (a full one, or only the product changes) and what follows every pass: its
 // record in the history, the metrics file and the administrator's hooks.
-ondrel::syncd::PassOutcome runPass(bool fullSync, ondrel::syncd::Progress& progress) {
+// interval: the time to the next full pass, when the daemon runs them on its own.
+ondrel::syncd::PassOutcome runPass(bool fullSync, ondrel::syncd::Progress& progress,
+                                   std::optional<std::chrono::seconds> interval) {
   using namespace ondrel;
   KTSPassHistory::Pass pass;
   pass.started = Clock::now();
@@ -92,6 +94,10 @@ ondrel::syncd::PassOutcome runPass(bool fullSync, ondrel::syncd::Progress& progr
   pass.productsNew = outcome.productsNew;
   pass.productsRemoved = outcome.productsRemoved;
   pass.bytesFetched = outcome.bytesFetched;
+  if (interval) {
+    std::optional<Date> lastRun = KTSSyncStatus::defaultStatus()->getLastRunTime();
+    pass.nextPassDue = lastRun.value_or(pass.started) + *interval;
+  }
   programs::afterPass(pass, LogHandle::shared());
   return outcome;
 }
@@ -125,10 +131,10 @@ int runService(std::chrono::seconds interval, ondrel::syncd::Progress& progress)
     bool requested =
         KTSRequestManager::defaultManager()->getPendingSyncRequestsDeletingSource(true);
     if (due || requested) {
-      runPass(true, progress);
+      runPass(true, progress, interval);
       sd_notify(0, "STATUS=waiting for the next pass");
     } else if (productChangesPending()) {
-      runPass(false, progress);
+      runPass(false, progress, interval);
       sd_notify(0, "STATUS=waiting for the next pass");
     }
     for (int slice = 0; slice < 10 && !stopRequested.load(); ++slice) {
@@ -177,6 +183,6 @@ int main(int argc, char** argv) {
   ondrel::programs::installCgiPrograms();
   ondrel::syncd::Progress progress;
   ondrel::KTSFetchScheduler::setHeartbeat(&ondrel::syncd::Progress::heartbeat);
-  if (once) return report(runPass(true, progress), progress);
+  if (once) return report(runPass(true, progress, std::nullopt), progress);
   return runService(std::chrono::seconds(intervalSeconds), progress);
 }

@@ -7,9 +7,11 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <iostream>
 #include <map>
 #include <thread>
 
+#include "AdminSite.h"
 #include "CgiPrograms.h"
 #include "Clock.h"
 #include "Ctl.h"
@@ -104,6 +106,7 @@ int prepareWebServer() {
   KTSPreferences::defaultPreferences()->commitChanges();
   programs::installCgiPrograms();
   std::string reason;
+  if (!programs::writeAdminSite(&reason)) return fail(reason);
   if (apache({"-t"}, &reason) != 0) return fail("Apache refuses ondrd.conf (" + reason + ")");
   return 0;
 }
@@ -116,20 +119,6 @@ int reloadWebServer(const std::string& what, const std::string& otherwise) {
   }
   int status = drivenBySystemd() ? systemctl("reload") : apache({"-k", "graceful"});
   return status == 0 ? 0 : fail("Apache could not be reloaded");
-}
-
-// A request file is named by the second it was posted in; a second post in the same second
-// would replace the first, so it waits for the next second.
-void waitForAFreshSecond() {
-  for (;;) {
-    auto seconds =
-        std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
-    if (!std::filesystem::exists(
-            fixedPath("/var/spool/ondrd/ondr_req." + std::to_string(seconds)))) {
-      return;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
 }
 
 bool parseBoolean(const std::string& text, bool* value) {
@@ -166,7 +155,8 @@ enum class Kind {
   HostName,
   AbsolutePath,
   FilePath,
-  Seconds
+  Seconds,
+  ListenAddress
 };
 
 const std::map<std::string, Kind>& settableKeys() {
@@ -179,7 +169,8 @@ const std::map<std::string, Kind>& settableKeys() {
       {"otherCatalogs", Kind::CatalogList},    {"publicHostName", Kind::HostName},
       {"updatesDocRoot", Kind::AbsolutePath},  {"maxConcurrentDownloads", Kind::Concurrency},
       {"minimumDownloadSpeed", Kind::Integer}, {"hookTimeout", Kind::Seconds},
-      {"metricsFile", Kind::FilePath}};
+      {"metricsFile", Kind::FilePath},         {"adminPort", Kind::Port},
+      {"adminAddress", Kind::ListenAddress}};
   return keys;
 }
 
@@ -252,6 +243,10 @@ Plist settingValue(Kind kind, const std::string& text, std::string* why) {
       }
       *why = "takes the absolute path of a file";
       break;
+    case Kind::ListenAddress:
+      if (programs::isListenAddress(text)) return Plist(text);
+      *why = "takes an IPv4 address, or an IPv6 address in brackets";
+      break;
     case Kind::Seconds:
       if (parseInteger(text, 1, 3600, &number)) return Plist::integer(number);
       *why = "takes a number of seconds from 1 to 3600";
@@ -263,44 +258,8 @@ Plist settingValue(Kind kind, const std::string& text, std::string* why) {
 }  // namespace
 
 int postChanges(const std::string& action, const std::vector<std::string>& productIds) {
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
-  for (const std::string& productId : productIds) {
-    if (!isValidProductId(productId)) {
-      return fail(quotedForMessage(productId) + " is not a product id; nothing was posted");
-    }
-    if (!workingSet->containsProductID(productId)) {
-      return fail("no product " + productId + " in the working set; nothing was posted");
-    }
-  }
-  Plist items = Plist::array();
-  std::int64_t ticketType = KTSJobTicket::Undefined;
-  for (const std::string& productId : productIds) {
-    Plist item = Plist::dictionary();
-    item.set("ProductID", productId);
-    if (action == "mirror") {
-      item.set("mirror", Plist::boolean(true));
-      ticketType = KTSJobTicket::Mirror;
-    } else if (action == "enable") {
-      item.set("enable", Plist::boolean(true));
-      ticketType = KTSJobTicket::Enable;
-    } else if (action == "disable") {
-      item.set("enable", Plist::boolean(false));
-      ticketType = KTSJobTicket::Disable;
-    } else {
-      item.set("remove", Plist::boolean(true));
-      ticketType = KTSJobTicket::Remove;
-    }
-    items.append(item);
-  }
-  waitForAFreshSecond();
-  if (!KTSRequestManager::defaultManager()->postChangeRequestForProductItems(items)) {
-    return fail("the request could not be posted to the spool");
-  }
-  auto tickets = KTSJobTicketManager::defaultManager();
-  tickets->refresh();
-  for (const std::string& productId : productIds) {
-    tickets->addTicketOfTypeForProduct(ticketType, productId);
-  }
+  std::string error;
+  if (!programs::postProductChanges(action, productIds, &error)) return fail(error);
   std::printf("Posted: %s %zu product%s.\n", action.c_str(), productIds.size(),
               productIds.size() == 1 ? "" : "s");
   return 0;
@@ -309,10 +268,8 @@ int postChanges(const std::string& action, const std::vector<std::string>& produ
 int sync(bool wait) {
   auto status = KTSSyncStatus::defaultStatus();
   std::optional<Date> before = status->getLastRunTime();
-  waitForAFreshSecond();
-  if (!KTSRequestManager::defaultManager()->postSyncRequest()) {
-    return fail("the sync request could not be posted to the spool");
-  }
+  std::string error;
+  if (!programs::postSyncRequest(&error)) return fail(error);
   std::printf("Sync requested.\n");
   if (!wait) return 0;
   bool started = false;
@@ -368,17 +325,45 @@ int configSet(const std::string& key, const std::string& text) {
   Plist value = settingValue(found->second, text, &why);
   if (value.isNull()) return fail(key + " " + why + "; nothing was changed");
   auto preferences = KTSPreferences::defaultPreferences();
+  if ((key == "adminPort" && value.integerValue() == preferences->portToUse().integerValue()) ||
+      (key == "portToUse" && value.integerValue() == programs::adminPort())) {
+    return fail("the clients and the administration page cannot share port " + text +
+                "; nothing was changed");
+  }
   Plist settings = preferences->prefs();
   settings.set(key, value);
   preferences->setPrefs(settings);
   if (!preferences->commitChanges()) return fail("the preferences could not be saved");
   std::printf("%s set.\n", key.c_str());
+  if (!programs::writeAdminSite(&why)) return fail(why);
   if (webServerPid() == 0) return 0;
   if (int status = reloadWebServer("the new ondrd.conf", "the running server keeps the old one")) {
     return status;
   }
   std::printf("Web server reloaded.\n");
   return 0;
+}
+
+int webPassword(const std::string& user) {
+  std::string password;
+  if (::isatty(STDIN_FILENO)) {
+    const char* first = ::getpass(("New password for " + user + ": ").c_str());
+    password = first != nullptr ? first : "";
+    const char* again = ::getpass("The same again: ");
+    if (again == nullptr || password != again)
+      return fail("the passwords differ; nothing was changed");
+  } else {
+    std::getline(std::cin, password);
+  }
+  std::string error;
+  if (!programs::setAdminPassword(user, password, &error)) {
+    return fail(error + "; nothing was changed");
+  }
+  if (!programs::writeAdminSite(&error)) return fail(error);
+  std::printf("Password of %s set; the page is at http://%s:%d/\n", user.c_str(),
+              programs::adminAddress().c_str(), programs::adminPort());
+  if (webServerPid() == 0) return 0;
+  return reloadWebServer("ondrd.conf", "the page comes with the next start of the web server");
 }
 
 int web(const std::string& action) {

@@ -17,9 +17,7 @@ inline constexpr int kExitUsage = 2;
 
 // Prints "ondrelctl: <message>" on standard error and gives kExitFailed.
 int fail(const std::string& message);
-// Text from the command line as a message may show it: in quotes, control characters escaped,
-// at most 64 characters of it.
-std::string quotedForMessage(const std::string& text);
+using programs::quotedForMessage;
 // Prints the value as JSON (see Json.h) on standard output.
 void printJson(const Plist& value);
 
@@ -34,5 +32,6 @@ int configShow(bool json);
 int configGet(const std::string& key, bool json);
 int configSet(const std::string& key, const std::string& value);
 int web(const std::string& action);
+int webPassword(const std::string& user);
 
 }  // namespace ondrel::ctl

@@ -18,20 +18,6 @@ int fail(const std::string& message) {
   return kExitFailed;
 }
 
-std::string quotedForMessage(const std::string& text) {
-  constexpr std::size_t kShown = 64;
-  std::string quoted = "\"";
-  for (std::size_t i = 0; i < text.size() && i < kShown; ++i) {
-    auto c = static_cast<unsigned char>(text[i]);
-    if (c < 0x20 || c == 0x7f) {
-      quoted += fmt::format("\\x{:02x}", c);
-    } else {
-      quoted += text[i];
-    }
-  }
-  return quoted + (text.size() > kShown ? "...\"" : "\"");
-}
-
 void printJson(const Plist& value) { std::printf("%s\n", ondrel::toJson(value).c_str()); }
 
 }  // namespace ondrel::ctl
@@ -86,8 +72,13 @@ int main(int argc, char** argv) {
   webCommand
       ->add_option("ACTION", webAction,
                    "start, stop, reload or status (prepare: write what it needs, then check it)")
-      ->required()
       ->check(CLI::IsMember({"start", "stop", "reload", "status", "prepare"}));
+  std::string passwordUser;
+  CLI::App* passwordCommand = webCommand->add_subcommand(
+      "passwd",
+      "Set a user's password for the administration page (read from the terminal, "
+      "or one line of standard input)");
+  passwordCommand->add_option("USER", passwordUser)->required();
   CLI::App* planCommand = withJson(app.add_subcommand("plan", "What the next pass downloads"));
   CLI::App* metricsCommand = app.add_subcommand("metrics", "Status as Prometheus text");
 
@@ -112,7 +103,11 @@ int main(int argc, char** argv) {
     if (*configShowCommand) return configShow(json);
     if (*configGetCommand) return configGet(key, json);
     if (*configSetCommand) return configSet(key, value);
-    if (*webCommand) return web(webAction);
+    if (*passwordCommand) return webPassword(passwordUser);
+    if (*webCommand) {
+      if (webAction.empty()) return fail("web needs an action: start, stop, reload or status");
+      return web(webAction);
+    }
     if (*planCommand) return plan(json);
     if (*metricsCommand) return metrics();
   } catch (const std::exception&) {

@@ -1,0 +1,276 @@
+// The administration page: reads the server through /api and posts the administrator's changes
+// with the session's token. Everything from the server is shown as text, never as markup.
+"use strict";
+
+const ROW = { id: 0, title: 1, version: 2, mirror: 3, catalog: 4, enabled: 5, size: 6, posted: 7 };
+const SHOWN_ROWS = 500;
+const SVG = "http://www.w3.org/2000/svg";
+const COLORS = ["#2f6fd6", "#2aa876", "#e0a526", "#d8553b", "#8a63c9", "#5b6b7f", "#1aa3b8"];
+
+const page = { token: "", rows: [], sortColumn: ROW.id, sortUp: true, selected: new Set() };
+
+function $(id) { return document.getElementById(id); }
+
+function element(name, text, className) {
+  const node = document.createElement(name);
+  if (text !== undefined) node.textContent = String(text);
+  if (className) node.className = className;
+  return node;
+}
+
+function bytes(count) {
+  const units = ["B", "KB", "MB", "GB", "TB"];
+  let value = Number(count) || 0;
+  let unit = 0;
+  while (value >= 1000 && unit < units.length - 1) { value /= 1000; unit++; }
+  return unit === 0 ? `${value} B` : `${value.toFixed(1)} ${units[unit]}`;
+}
+
+function age(fromIso, nowIso) {
+  const seconds = Math.max(0, Math.round((Date.parse(nowIso) - Date.parse(fromIso)) / 1000));
+  if (seconds < 120) return `${seconds} s ago`;
+  if (seconds < 7200) return `${Math.round(seconds / 60)} min ago`;
+  if (seconds < 172800) return `${Math.round(seconds / 3600)} h ago`;
+  return `${Math.round(seconds / 86400)} days ago`;
+}
+
+function say(text, isError) {
+  $("message").textContent = text;
+  $("message").className = isError ? "error" : "";
+}
+
+async function api(path, options) {
+  const response = await fetch(`/api${path}`, options);
+  const body = await response.json().catch(() => ({ error: `HTTP ${response.status}` }));
+  if (!response.ok) throw new Error(body.error || `HTTP ${response.status}`);
+  return body;
+}
+
+async function post(path, fields) {
+  return api(path, {
+    method: "POST",
+    headers: { "X-Ondrel-Token": page.token, "Content-Type": "application/x-www-form-urlencoded" },
+    body: new URLSearchParams(fields),
+  });
+}
+
+// Horizontal bars, one per name, as SVG drawn from the DOM (no framework, no inline style).
+function drawBars(svg, counts) {
+  while (svg.firstChild) svg.removeChild(svg.firstChild);
+  const names = Object.keys(counts);
+  const most = Math.max(1, ...names.map((name) => counts[name]));
+  const width = 320;
+  svg.setAttribute("width", width);
+  svg.setAttribute("height", Math.max(1, names.length) * 22);
+  names.forEach((name, index) => {
+    const bar = document.createElementNS(SVG, "rect");
+    bar.setAttribute("x", 110);
+    bar.setAttribute("y", index * 22 + 3);
+    bar.setAttribute("height", 16);
+    bar.setAttribute("width", Math.max(2, ((width - 160) * counts[name]) / most));
+    bar.setAttribute("fill", COLORS[index % COLORS.length]);
+    const label = document.createElementNS(SVG, "text");
+    label.setAttribute("x", 0);
+    label.setAttribute("y", index * 22 + 15);
+    label.textContent = name;
+    const value = document.createElementNS(SVG, "text");
+    value.setAttribute("x", 114 + Math.max(2, ((width - 160) * counts[name]) / most));
+    value.setAttribute("y", index * 22 + 15);
+    value.textContent = String(counts[name]);
+    svg.append(bar, label, value);
+  });
+}
+
+function showStatus(status) {
+  const pass = status.lastPass || {};
+  $("sync-state").textContent = status.syncState;
+  $("last-pass").textContent = pass.outcome
+    ? `${pass.outcome}, ${age(pass.started, status.now)} (${Math.round(pass.seconds)} s)`
+    : "none yet";
+  $("next-pass").textContent = pass.nextPassDue
+    ? new Date(pass.nextPassDue).toLocaleString()
+    : "not scheduled";
+  $("product-count").textContent = `${status.products} (${status.enabled} enabled)`;
+  $("bytes-mirrored").textContent = bytes(status.bytesMirrored);
+  $("bytes-to-mirror").textContent = bytes(status.bytesToMirror);
+  const reserve = (status.volumeBytes * (status.reservePercent || 0)) / 100;
+  $("free-space").textContent = `${bytes(status.volumeFreeBytes)} (reserve ${bytes(reserve)})`;
+  const failure = $("last-failure");
+  failure.hidden = !status.updateError;
+  failure.textContent = status.updateError ? `Last failure: ${status.errorNote || ""}` : "";
+  drawBars($("chart-mirror"), status.productsByMirrorState);
+  drawBars($("chart-catalog"), status.productsByCompositeState);
+  drawBars($("chart-space"), {
+    "used (MB)": Math.round((status.volumeBytes - status.volumeFreeBytes) / 1e6),
+    "free (MB)": Math.round(status.volumeFreeBytes / 1e6),
+    "reserve (MB)": Math.round(reserve / 1e6),
+  });
+  const states = new Set([...Object.keys(status.productsByMirrorState),
+                          ...Object.keys(status.productsByCompositeState)]);
+  const select = $("filter-state");
+  const chosen = select.value;
+  while (select.options.length > 1) select.remove(1);
+  for (const state of states) select.add(new Option(state, state));
+  select.value = states.has(chosen) ? chosen : "";
+}
+
+function showPlan(plan) {
+  $("plan-summary").textContent =
+    `${plan.products.length} products, ${plan.files} files, ${bytes(plan.bytes)}; ` +
+    `${bytes(plan.freeBytes)} free, ${bytes(plan.reserveBytes)} kept in reserve: ` +
+    (plan.fits ? "fits" : "DOES NOT FIT");
+}
+
+function matchingRows() {
+  const text = $("filter-text").value.trim().toLowerCase();
+  const state = $("filter-state").value;
+  const rows = page.rows.filter((row) =>
+    (!state || row[ROW.mirror] === state || row[ROW.catalog] === state) &&
+    (!text || `${row[ROW.id]} ${row[ROW.title]} ${row[ROW.version]}`.toLowerCase().includes(text)));
+  const column = page.sortColumn;
+  const direction = page.sortUp ? 1 : -1;
+  const numeric = column === ROW.size;
+  rows.sort((a, b) => {
+    const left = numeric ? Number(a[column]) || 0 : String(a[column] ?? "");
+    const right = numeric ? Number(b[column]) || 0 : String(b[column] ?? "");
+    return (left < right ? -1 : left > right ? 1 : 0) * direction;
+  });
+  return rows;
+}
+
+function showProducts() {
+  const rows = matchingRows();
+  const body = document.createElement("tbody");
+  for (const row of rows.slice(0, SHOWN_ROWS)) {
+    const line = document.createElement("tr");
+    line.dataset.id = row[ROW.id];
+    const pick = element("input");
+    pick.type = "checkbox";
+    pick.checked = page.selected.has(row[ROW.id]);
+    pick.addEventListener("change", () => {
+      if (pick.checked) page.selected.add(row[ROW.id]); else page.selected.delete(row[ROW.id]);
+    });
+    const choose = element("td");
+    choose.append(pick);
+    const id = element("td", "", "id");
+    const link = element("a", row[ROW.id]);
+    link.addEventListener("click", () => showDetail(row[ROW.id]));
+    id.append(link);
+    line.append(choose, id, element("td", row[ROW.title]), element("td", row[ROW.version]),
+                element("td", row[ROW.mirror], "mirror"), element("td", row[ROW.catalog], "catalog"),
+                element("td", row[ROW.enabled] ? "yes" : "no", "enabled"),
+                element("td", bytes(row[ROW.size]), "size"), element("td", row[ROW.posted]));
+    body.append(line);
+  }
+  $("product-table").replaceChild(body, $("product-table").tBodies[0]);
+  $("shown-count").textContent = rows.length > SHOWN_ROWS
+    ? `${SHOWN_ROWS} of ${rows.length} matching (${page.rows.length} in all); filter to see the rest`
+    : `${rows.length} of ${page.rows.length} products`;
+  for (const header of document.querySelectorAll("th[data-column]")) {
+    const sorted = Number(header.dataset.column) === page.sortColumn;
+    header.className = sorted ? (page.sortUp ? "sorted-up" : "sorted-down") : "";
+  }
+}
+
+async function showDetail(productId) {
+  try {
+    const product = await api(`/product?id=${encodeURIComponent(productId)}`);
+    $("detail-id").textContent = productId;
+    const fields = $("detail-fields");
+    fields.replaceChildren();
+    const title = (product.localization && (product.localization.English || product.localization.en)) || {};
+    const shown = [
+      ["Title", title.title], ["Family", product.IFPkgFlagProductFamily],
+      ["Version", product.CFBundleShortVersionString], ["Mirror state", product.mirror],
+      ["Catalog state", product.CompositeProductState], ["Enabled", product.enable ? "yes" : "no"],
+      ["Posted", product.PostDate], ["Size", bytes(product.TotalDownloadSize)],
+      ["Catalogs", (product.catalogs || []).join(", ")],
+      ["Replaces", (product.DeprecatedProducts || []).join(", ")],
+      ["Replaced by", (product.Deprecators || []).join(", ")],
+    ];
+    for (const [label, value] of shown) {
+      fields.append(element("dt", label), element("dd", value === undefined || value === "" ? "-" : value));
+    }
+    const files = document.createElement("tbody");
+    for (const file of product.files || []) {
+      const line = element("tr");
+      line.append(element("td", file.path), element("td", bytes(file.size), "size"),
+                  element("td", file.present ? "yes" : "no"));
+      files.append(line);
+    }
+    $("detail-files").replaceChild(files, $("detail-files").tBodies[0]);
+    $("detail").hidden = false;
+    $("detail").scrollIntoView();
+  } catch (error) {
+    say(`Product ${productId}: ${error.message}`, true);
+  }
+}
+
+async function refresh() {
+  try {
+    const [status, products, plan] = await Promise.all([api("/status"), api("/products"), api("/plan")]);
+    page.rows = products;
+    showStatus(status);
+    showPlan(plan);
+    showProducts();
+    document.body.dataset.loaded = String(Date.now());
+  } catch (error) {
+    say(`The server could not be read: ${error.message}`, true);
+  }
+}
+
+async function change(action) {
+  const ids = [...page.selected];
+  if (ids.length === 0) return say("Select products first.", true);
+  try {
+    await post("/changes", [["action", action], ...ids.map((id) => ["id", id])]);
+    say(`Posted: ${action} ${ids.length} product${ids.length === 1 ? "" : "s"}. The daemon applies it now.`);
+    page.selected.clear();
+    setTimeout(refresh, 1500);
+  } catch (error) {
+    say(`Nothing was posted: ${error.message}`, true);
+  }
+}
+
+async function start() {
+  try {
+    const session = await api("/session");
+    page.token = session.token;
+    $("user").textContent = session.user;
+  } catch (error) {
+    return say(`No session: ${error.message}`, true);
+  }
+  $("refresh").addEventListener("click", refresh);
+  $("sync-now").addEventListener("click", async () => {
+    try {
+      await post("/sync", []);
+      say("Sync requested; the daemon starts a pass now.");
+      setTimeout(refresh, 2000);
+    } catch (error) {
+      say(`Sync not requested: ${error.message}`, true);
+    }
+  });
+  $("filter-text").addEventListener("input", showProducts);
+  $("filter-state").addEventListener("change", showProducts);
+  $("select-all").addEventListener("change", (event) => {
+    for (const row of matchingRows().slice(0, SHOWN_ROWS)) {
+      if (event.target.checked) page.selected.add(row[ROW.id]); else page.selected.delete(row[ROW.id]);
+    }
+    showProducts();
+  });
+  for (const header of document.querySelectorAll("th[data-column]")) {
+    header.addEventListener("click", () => {
+      const column = Number(header.dataset.column);
+      page.sortUp = page.sortColumn === column ? !page.sortUp : true;
+      page.sortColumn = column;
+      showProducts();
+    });
+  }
+  for (const button of document.querySelectorAll("button[data-action]")) {
+    button.addEventListener("click", () => change(button.dataset.action));
+  }
+  $("detail-close").addEventListener("click", () => { $("detail").hidden = true; });
+  await refresh();
+}
+
+start();

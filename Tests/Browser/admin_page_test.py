@@ -1,0 +1,264 @@
+#!/usr/bin/python3
+"""The administration page in a real browser: headless Chromium, driven through WebDriver, against
+a mirror after a pass on the sample upstream. It logs in, compares the dashboard with
+`ondrelctl status`, filters and sorts the table, mirrors a product and sees it become Mirrored
+after "Sync now", opens a product's detail, and sends forged and hostile requests that must
+change nothing. Screenshots of the dashboard and the table go to the folder given."""
+
+import argparse
+import base64
+import json
+import os
+import shutil
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import urllib.error
+import urllib.request
+
+from selenium import webdriver
+from selenium.common.exceptions import StaleElementReferenceException
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.support.ui import Select, WebDriverWait
+
+PASSWORD = "browser-test-password"
+PRODUCT = "VT-000003"
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def run(command, stdin=None, check=True):
+    done = subprocess.run(command, input=stdin, capture_output=True, text=True, timeout=120)
+    if check and done.returncode != 0:
+        raise AssertionError(f"{command} failed ({done.returncode}): {done.stdout}{done.stderr}")
+    return done
+
+
+def request(url, data=None, headers=None, auth=True):
+    """Status, body and headers of one request, errors included."""
+    headers = dict(headers or {})
+    if auth:
+        headers["Authorization"] = "Basic " + base64.b64encode(
+            f"admin:{PASSWORD}".encode()).decode()
+    try:
+        with urllib.request.urlopen(urllib.request.Request(url, data=data, headers=headers),
+                                    timeout=30) as response:
+            return response.status, response.read().decode(), response.headers
+    except urllib.error.HTTPError as error:
+        return error.code, error.read().decode(), error.headers
+
+
+def spool(root):
+    folder = os.path.join(root, "var/spool/ondrd")
+    return sorted(os.listdir(folder)) if os.path.isdir(folder) else []
+
+
+class Mirror:
+    """A mirror after one pass, its web server with the page, and its daemon running."""
+
+    def __init__(self, options, folder):
+        self.options = options
+        self.folder = folder
+        self.root = os.path.join(folder, "root")
+        os.makedirs(os.path.join(self.root, "Library/Server"))
+        os.environ["ONDREL_ROOT"] = self.root
+        os.environ["ONDREL_RESOURCES"] = options.resources
+        self.upstream = os.path.join(folder, "upstream")
+        upstream_port, self.client_port, self.admin_port = free_port(), free_port(), free_port()
+        base = f"http://127.0.0.1:{upstream_port}"
+        run([options.sample, "generate", "--out", self.upstream, "--base-url", base,
+             "--products", "20"])
+        run([options.sample, "serve", "--dir", self.upstream, "--listen",
+             f"127.0.0.1:{upstream_port}"])
+        for key, value in (("metaIndexURL", f"{base}/content/meta/config.plist"),
+                           ("publicHostName", "127.0.0.1"),
+                           ("portToUse", str(self.client_port)),
+                           ("adminPort", str(self.admin_port))):
+            self.ctl("config", "set", key, value)
+        run([options.syncd, "--once"])
+        # As on an installed server: the page's CGI runs as the service account and posts to
+        # the spool as it.
+        run(["chown", "-R", "_ondrel:_ondrel", self.root])
+        self.ctl("web", "passwd", "admin", stdin=PASSWORD + "\n")
+        self.ctl("web", "start")
+        self.daemon = subprocess.Popen([options.syncd, "--interval", "86400"],
+                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.url = f"http://127.0.0.1:{self.admin_port}"
+
+    def ctl(self, *arguments, stdin=None):
+        return run([self.options.ctl, *arguments], stdin=stdin).stdout
+
+    def status(self):
+        return json.loads(self.ctl("status", "--json"))
+
+    def close(self):
+        self.daemon.terminate()
+        self.daemon.wait(timeout=30)
+        run([self.options.ctl, "web", "stop"], check=False)
+        run([self.options.sample, "stop", "--dir", self.upstream], check=False)
+
+
+def browser():
+    options = webdriver.ChromeOptions()
+    for argument in ("--headless=new", "--no-sandbox", "--disable-gpu",
+                     "--disable-dev-shm-usage", "--window-size=1280,1100"):
+        options.add_argument(argument)
+    options.binary_location = "/usr/bin/chromium"
+    driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+    driver.execute_cdp_cmd("Network.enable", {})
+    credentials = base64.b64encode(f"admin:{PASSWORD}".encode()).decode()
+    driver.execute_cdp_cmd("Network.setExtraHTTPHeaders",
+                           {"headers": {"Authorization": f"Basic {credentials}"}})
+    return driver
+
+
+def rows(driver):
+    return driver.find_elements(By.CSS_SELECTOR, "#product-table tbody tr")
+
+
+def click(driver, selector):
+    """Clicks what the selector finds, again if the table was redrawn under the click."""
+    for _ in range(10):
+        try:
+            driver.find_element(By.CSS_SELECTOR, selector).click()
+            return
+        except StaleElementReferenceException:
+            time.sleep(0.2)
+    raise AssertionError(f"{selector} kept changing under the click")
+
+
+def mirror_state(driver, product):
+    """The Mirror cell of the product's row as shown now (rows are redrawn at any time)."""
+    return driver.execute_script(
+        "const cell = document.querySelector(`#product-table tr[data-id='${arguments[0]}'] "
+        "td.mirror`); return cell ? cell.textContent : null;", product)
+
+
+def wait_loaded(driver, after=0):
+    WebDriverWait(driver, 30).until(
+        lambda d: int(d.find_element(By.TAG_NAME, "body").get_attribute("data-loaded") or 0)
+        > after)
+    return int(driver.find_element(By.TAG_NAME, "body").get_attribute("data-loaded"))
+
+
+def check_page(mirror, driver, screenshots):
+    driver.get(mirror.url + "/")
+    loaded = wait_loaded(driver)
+    status = mirror.status()
+    text = lambda element_id: driver.find_element(By.ID, element_id).text
+    assert text("user") == "admin", text("user")
+    assert text("product-count") == f"{status['products']} ({status['enabled']} enabled)", \
+        (text("product-count"), status)
+    assert text("sync-state") == status["syncState"]
+    bars = driver.find_elements(By.CSS_SELECTOR, "#chart-mirror rect")
+    assert len(bars) == len(status["productsByMirrorState"]), len(bars)
+    driver.save_screenshot(os.path.join(screenshots, "page.png"))
+    driver.find_element(By.ID, "dashboard").screenshot(os.path.join(screenshots, "dashboard.png"))
+
+    assert len(rows(driver)) == status["products"], len(rows(driver))
+    search = driver.find_element(By.ID, "filter-text")
+    search.send_keys(PRODUCT)
+    assert [row.get_attribute("data-id") for row in rows(driver)] == [PRODUCT]
+    search.clear()
+    search.send_keys(" ")
+    Select(driver.find_element(By.ID, "filter-state")).select_by_value("NEW")
+    listed_new = mirror.ctl("products", "--state", "NEW").strip().splitlines()[-1].split()[0]
+    assert len(rows(driver)) == int(listed_new), (len(rows(driver)), listed_new)
+    Select(driver.find_element(By.ID, "filter-state")).select_by_value("")
+    driver.find_element(By.CSS_SELECTOR, "th[data-column='0']").click()
+    ids = [row.get_attribute("data-id") for row in rows(driver)]
+    assert ids == sorted(ids, reverse=True), "a second click sorts the other way"
+
+    search.clear()
+    search.send_keys(PRODUCT)
+    assert mirror_state(driver, PRODUCT) == "DoNotMirror"
+    click(driver, f"tr[data-id='{PRODUCT}'] input[type=checkbox]")
+    driver.find_element(By.CSS_SELECTOR, "button[data-action='mirror']").click()
+    WebDriverWait(driver, 20).until(lambda d: "Posted: mirror 1 product" in text("message"))
+    driver.find_element(By.ID, "sync-now").click()
+    WebDriverWait(driver, 20).until(lambda d: "Sync requested" in text("message"))
+    deadline = time.time() + 120
+    while time.time() < deadline:
+        driver.find_element(By.ID, "refresh").click()
+        loaded = wait_loaded(driver, loaded)
+        if mirror_state(driver, PRODUCT) == "Mirrored":
+            break
+        time.sleep(1)
+    assert mirror_state(driver, PRODUCT) == "Mirrored", "the product never became Mirrored"
+    assert json.loads(mirror.ctl("product", PRODUCT, "--json"))["mirror"] == "Mirrored"
+
+    click(driver, f"tr[data-id='{PRODUCT}'] td.id a")
+    WebDriverWait(driver, 30).until(lambda d: d.find_element(By.ID, "detail").is_displayed())
+    files = driver.find_elements(By.CSS_SELECTOR, "#detail-files tbody tr")
+    assert files and all(f.find_elements(By.TAG_NAME, "td")[2].text == "yes" for f in files)
+    search.clear()
+    search.send_keys(" ")
+    driver.execute_script("window.scrollTo(0, document.getElementById('products').offsetTop)")
+    driver.save_screenshot(os.path.join(screenshots, "products.png"))
+
+
+def check_refusals(mirror):
+    assert request(mirror.url + "/", auth=False)[0] == 401
+    assert request(mirror.url + "/api/status", auth=False)[0] == 401
+    assert request(f"http://127.0.0.1:{mirror.client_port}/api/status")[0] == 404, \
+        "the page is never on the clients' port"
+    status, body, headers = request(mirror.url + "/api/session")
+    assert status == 200, body
+    token = json.loads(body)["token"]
+    cookie = headers["Set-Cookie"].split(";")[0]
+    other_cookie = "ondrel_session=" + "0" * 32
+    form = "application/x-www-form-urlencoded"
+    before = spool(mirror.root)
+    for headers, data, expected in (
+            ({"Cookie": cookie, "X-Ondrel-Token": "forged"}, b"action=mirror&id=VT-000004", 403),
+            ({"Cookie": cookie}, b"action=mirror&id=VT-000004", 403),
+            ({"Cookie": other_cookie, "X-Ondrel-Token": token}, b"action=mirror&id=VT-000004",
+             403),
+            ({"Cookie": cookie, "X-Ondrel-Token": token}, b"action=mirror&id=../../etc", 400),
+            ({"Cookie": cookie, "X-Ondrel-Token": token}, b"action=mirror&id=VT-999999", 400),
+            ({"Cookie": cookie, "X-Ondrel-Token": token}, b"action=format&id=VT-000004", 400),
+            ({"Cookie": cookie, "X-Ondrel-Token": token}, b"action=mirror&id=%ZZ", 400),
+            ({"Cookie": cookie, "X-Ondrel-Token": token}, b"id=" * 200000, 413)):
+        headers["Content-Type"] = form
+        status, body, _ = request(mirror.url + "/api/changes", data, headers)
+        assert status == expected, (headers, data[:40], status, body)
+        assert "error" in json.loads(body), body
+    status, _, _ = request(mirror.url + "/api/changes")
+    assert status == 404, "a GET changes nothing"
+    assert request(mirror.url + "/api/product?id=%2e%2e%2fetc")[0] == 400
+    assert spool(mirror.root) == before, "a refused request posted something"
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    for name in ("ctl", "syncd", "sample", "resources", "screenshots"):
+        parser.add_argument(f"--{name}", required=True)
+    options = parser.parse_args()
+    os.makedirs(options.screenshots, exist_ok=True)
+    folder = tempfile.mkdtemp(prefix="ondrel-browser-")
+    os.chmod(folder, 0o755)
+    mirror = None
+    driver = None
+    try:
+        mirror = Mirror(options, folder)
+        check_refusals(mirror)
+        driver = browser()
+        check_page(mirror, driver, options.screenshots)
+    finally:
+        if driver:
+            driver.quit()
+        if mirror:
+            mirror.close()
+        shutil.rmtree(folder, ignore_errors=True)
+    print("The administration page works in Chromium; screenshots in", options.screenshots)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
