@@ -47,8 +47,10 @@ std::string refusalOf(const std::filesystem::path& path) {
 }
 
 // Waits for the child until the deadline; true when it ended, with its status.
-bool waitUntil(pid_t child, std::chrono::steady_clock::time_point deadline, int* status) {
+bool waitUntil(pid_t child, std::chrono::steady_clock::time_point deadline, int* status,
+               const Heartbeat& heartbeat) {
   for (;;) {
+    if (heartbeat) heartbeat();
     pid_t ended = ::waitpid(child, status, WNOHANG);
     if (ended == child) return true;
     if (ended < 0 && errno != EINTR) return true;
@@ -58,7 +60,7 @@ bool waitUntil(pid_t child, std::chrono::steady_clock::time_point deadline, int*
 }
 
 HookRun runHook(const std::filesystem::path& path, const std::vector<std::string>& environment,
-                std::chrono::milliseconds timeout) {
+                std::chrono::milliseconds timeout, const Heartbeat& heartbeat) {
   HookRun run;
   run.name = path.filename().string();
   std::vector<std::string> variables;
@@ -82,10 +84,10 @@ HookRun runHook(const std::filesystem::path& path, const std::vector<std::string
   ::setpgid(child, child);
   int status = 0;
   auto deadline = std::chrono::steady_clock::now() + timeout;
-  if (!waitUntil(child, deadline, &status)) {
+  if (!waitUntil(child, deadline, &status, heartbeat)) {
     run.timedOut = true;
     ::kill(-child, SIGTERM);
-    if (!waitUntil(child, std::chrono::steady_clock::now() + kKillGrace, &status)) {
+    if (!waitUntil(child, std::chrono::steady_clock::now() + kKillGrace, &status, heartbeat)) {
       ::kill(-child, SIGKILL);
       while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
       }
@@ -147,7 +149,8 @@ std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass) {
 }
 
 std::vector<HookRun> runHooks(const std::string& folder, const KTSPassHistory::Pass& pass,
-                              std::chrono::milliseconds timeout, const LogHandle& log) {
+                              std::chrono::milliseconds timeout, const LogHandle& log,
+                              const Heartbeat& heartbeat) {
   namespace fs = std::filesystem;
   std::vector<fs::path> hooks;
   std::error_code error;
@@ -163,7 +166,7 @@ std::vector<HookRun> runHooks(const std::string& folder, const KTSPassHistory::P
       log.warning("The hook {} is not run: {}.", hook.string(), refusal);
       continue;
     }
-    runs.push_back(runHook(hook, environment, timeout));
+    runs.push_back(runHook(hook, environment, timeout, heartbeat));
     const HookRun& run = runs.back();
     if (run.timedOut) {
       log.warning("The hook {} was stopped after {} s.", hook.string(),
@@ -175,11 +178,11 @@ std::vector<HookRun> runHooks(const std::string& folder, const KTSPassHistory::P
   return runs;
 }
 
-void afterPass(const KTSPassHistory::Pass& pass, const LogHandle& log) {
+void afterPass(const KTSPassHistory::Pass& pass, const LogHandle& log, const Heartbeat& heartbeat) {
   KTSPassHistory history(KTSPassHistory::defaultPath());
   if (!history.record(pass)) log.warning("The pass could not be recorded in the pass history.");
   writeMetricsFile(prometheusText(summarizeServer(), history), log);
-  runHooks(hooksFolder(), pass, hookTimeout(), log);
+  runHooks(hooksFolder(), pass, hookTimeout(), log, heartbeat);
 }
 
 }  // namespace ondrel::programs

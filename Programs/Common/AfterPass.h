@@ -7,6 +7,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -34,13 +35,19 @@ std::string metricsFilePath();
 // ONDREL_PASS_BYTES_FETCHED, as NAME=value.
 std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass);
 
+// Called again and again while a hook runs, so that a service manager's watchdog hears from the
+// daemon however long the hooks take.
+using Heartbeat = std::function<void()>;
+
 // Runs the hooks of folder for the pass. A hook gets SIGTERM at its time limit, and SIGKILL with
 // all it started two seconds later. Hidden files, editor and package-manager leftovers, files
 // that are not executable and files others may write are passed over.
 std::vector<HookRun> runHooks(const std::string& folder, const KTSPassHistory::Pass& pass,
-                              std::chrono::milliseconds timeout, const LogHandle& log);
+                              std::chrono::milliseconds timeout, const LogHandle& log,
+                              const Heartbeat& heartbeat = {});
 
 // Records the pass, writes the metrics file and runs the hooks.
-void afterPass(const KTSPassHistory::Pass& pass, const LogHandle& log);
+void afterPass(const KTSPassHistory::Pass& pass, const LogHandle& log,
+               const Heartbeat& heartbeat = {});
 
 }  // namespace ondrel::programs

@@ -98,7 +98,7 @@ ondrel::syncd::PassOutcome runPass(bool fullSync, ondrel::syncd::Progress& progr
     std::optional<Date> lastRun = KTSSyncStatus::defaultStatus()->getLastRunTime();
     pass.nextPassDue = lastRun.value_or(pass.started) + *interval;
   }
-  programs::afterPass(pass, LogHandle::shared());
+  programs::afterPass(pass, LogHandle::shared(), &syncd::Progress::heartbeat);
   return outcome;
 }
 
