@@ -518,4 +518,19 @@ void KTSProduct::removeAllMirroredFiles(const KTSFileOwnership* ownership) {
   mirror_ = DoNotMirror;
 }
 
+KTSProduct::StillToFetch KTSProduct::stillToFetch() const {
+  StillToFetch still;
+  for (const Plist& record : mirrorFiles_.elements()) {
+    const Plist& size = record[kFileSizeKey];
+    std::optional<std::int64_t> expected;
+    if (size.isNumber()) expected = size.integerValue();
+    if (KTSUtilities::fileExistsAtPathWithSize(record[kFileLocalPathKey].stringValue(), expected)) {
+      continue;
+    }
+    ++still.files;
+    if (expected && *expected > 0) still.bytes += static_cast<std::uint64_t>(*expected);
+  }
+  return still;
+}
+
 }  // namespace ondrel

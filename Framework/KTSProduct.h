@@ -182,6 +182,12 @@ class KTSProduct {
     smdValidationKeys_ = std::make_shared<const std::vector<std::string>>(std::move(keys));
   }
   const Plist& mirrorFiles() const { return mirrorFiles_; }
+  // The files of mirrorFiles not in place with their catalog size, and the bytes they come to.
+  struct StillToFetch {
+    std::uint64_t files = 0;
+    std::uint64_t bytes = 0;
+  };
+  StillToFetch stillToFetch() const;
   void setMirrorFiles(Plist files) { mirrorFiles_ = std::move(files); }
   std::int64_t totalDownloadCount() const { return totalDownloadCount_; }
   void setTotalDownloadCount(std::int64_t count) { totalDownloadCount_ = count; }

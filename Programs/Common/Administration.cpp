@@ -1,7 +1,6 @@
 #include "Administration.h"
 
 #include <fmt/format.h>
-#include <sys/statvfs.h>
 
 #include <algorithm>
 #include <cctype>
@@ -17,6 +16,7 @@
 #include "KTSJobTicket.h"
 #include "KTSJobTicketManager.h"
 #include "KTSMetaIndex.h"
+#include "KTSMirrorSpace.h"
 #include "KTSPassHistory.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
@@ -30,16 +30,6 @@
 namespace ondrel::programs {
 
 namespace {
-
-VolumeSpace documentRootVolume() {
-  struct statvfs volume {};
-  VolumeSpace result;
-  if (::statvfs(KTSPreferences::defaultPreferences()->updatesDocRoot().c_str(), &volume) == 0) {
-    result.total = static_cast<std::uint64_t>(volume.f_blocks) * volume.f_frsize;
-    result.free = static_cast<std::uint64_t>(volume.f_bavail) * volume.f_frsize;
-  }
-  return result;
-}
 
 std::string modeText() {
   auto preferences = KTSPreferences::defaultPreferences();
@@ -88,24 +78,6 @@ std::set<std::string> productsOfCatalog(const std::string& name) {
     ids.insert(productId);
   }
   return ids;
-}
-
-// Bytes of the product's files that are not in place with their catalog size yet.
-std::pair<std::uint64_t, std::uint64_t> filesAndBytesToFetch(const KTSProduct& product) {
-  std::uint64_t files = 0;
-  std::uint64_t bytes = 0;
-  for (const Plist& record : product.mirrorFiles().elements()) {
-    const Plist& size = record[KTSProduct::kFileSizeKey];
-    std::optional<std::int64_t> expected;
-    if (size.isNumber()) expected = size.integerValue();
-    if (KTSUtilities::fileExistsAtPathWithSize(record[KTSProduct::kFileLocalPathKey].stringValue(),
-                                               expected)) {
-      continue;
-    }
-    ++files;
-    bytes += static_cast<std::uint64_t>(std::max<std::int64_t>(0, expected.value_or(0)));
-  }
-  return {files, bytes};
 }
 
 std::int64_t secondsNow() {
@@ -179,7 +151,7 @@ ServerSummary summarizeServer() {
   auto tickets = KTSJobTicketManager::defaultManager();
   tickets->refresh();
   summary.pendingTickets = tickets->openJobs().size();
-  summary.volume = documentRootVolume();
+  summary.volume = KTSMirrorSpace::now();
   return summary;
 }
 
@@ -204,6 +176,8 @@ Plist summaryAsPlist(const ServerSummary& summary) {
   out.set("pendingTickets", integer(summary.pendingTickets));
   out.set("volumeBytes", integer(summary.volume.total));
   out.set("volumeFreeBytes", integer(summary.volume.free));
+  out.set("reserveBytes", integer(summary.volume.reserve));
+  out.set("reservePercent", Plist::integer(summary.volume.reservePercent));
   return out;
 }
 
@@ -337,28 +311,25 @@ Plist nextPassPlan() {
           !seen.insert(productId).second) {
         continue;
       }
-      auto [productFiles, productBytes] = filesAndBytesToFetch(*product);
+      KTSProduct::StillToFetch still = product->stillToFetch();
       Plist item = Plist::dictionary();
       item.set("ProductID", productId);
-      item.set("files", Plist::integer(static_cast<std::int64_t>(productFiles)));
-      item.set("bytes", Plist::integer(static_cast<std::int64_t>(productBytes)));
+      item.set("files", Plist::integer(static_cast<std::int64_t>(still.files)));
+      item.set("bytes", Plist::integer(static_cast<std::int64_t>(still.bytes)));
       planned.append(item);
-      files += productFiles;
-      bytes += productBytes;
+      files += still.files;
+      bytes += still.bytes;
     }
   }
-  VolumeSpace volume = documentRootVolume();
-  std::int64_t reservePercent = std::clamp<std::int64_t>(
-      KTSPreferences::defaultPreferences()->volumeReserve().integerValue(), 0, 100);
-  std::uint64_t reserve = volume.total / 100 * static_cast<std::uint64_t>(reservePercent);
+  KTSMirrorSpace space = KTSMirrorSpace::now();
   Plist out = Plist::dictionary();
   out.set("products", planned);
   out.set("files", Plist::integer(static_cast<std::int64_t>(files)));
   out.set("bytes", Plist::integer(static_cast<std::int64_t>(bytes)));
-  out.set("freeBytes", Plist::integer(static_cast<std::int64_t>(volume.free)));
-  out.set("reserveBytes", Plist::integer(static_cast<std::int64_t>(reserve)));
-  out.set("reservePercent", Plist::integer(reservePercent));
-  out.set("fits", Plist::boolean(bytes + reserve <= volume.free));
+  out.set("freeBytes", Plist::integer(static_cast<std::int64_t>(space.free)));
+  out.set("reserveBytes", Plist::integer(static_cast<std::int64_t>(space.reserve)));
+  out.set("reservePercent", Plist::integer(space.reservePercent));
+  out.set("fits", Plist::boolean(space.fits(bytes)));
   return out;
 }
 

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "KTSMirrorSpace.h"
 #include "Plist.h"
 
 namespace ondrel {
@@ -19,11 +20,6 @@ class KTSPassHistory;
 }
 
 namespace ondrel::programs {
-
-struct VolumeSpace {
-  std::uint64_t total = 0;
-  std::uint64_t free = 0;
-};
 
 struct ServerSummary {
   std::int64_t syncState = 0;
@@ -40,7 +36,7 @@ struct ServerSummary {
   std::uint64_t bytesToMirror = 0;
   std::size_t pendingRequests = 0;
   std::size_t pendingTickets = 0;
-  VolumeSpace volume;
+  KTSMirrorSpace volume;
 };
 
 ServerSummary summarizeServer();

@@ -69,7 +69,6 @@ Plist status() {
   out.set("lastPass", pass);
   if (history.lastGoodPassEnd()) out.set("lastGoodPass", Plist::date(*history.lastGoodPassEnd()));
   out.set("now", Plist::date(Clock::now()));
-  out.set("reservePercent", programs::nextPassPlan()["reservePercent"]);
   return out;
 }
 

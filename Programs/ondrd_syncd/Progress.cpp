@@ -10,14 +10,14 @@ namespace ondrel::syncd {
 
 Progress::Progress() : terminal_(::isatty(STDOUT_FILENO) == 1) {}
 
-void Progress::catalog(std::size_t number, std::size_t count, const std::string& name) {
+void Progress::catalogStarted(std::size_t number, std::size_t count, const std::string& name) {
   catalogLabel_ = fmt::format("catalog {} of {}", number, count);
   notifySystemd("syncing " + catalogLabel_);
   note(fmt::format("Syncing {}: {}", catalogLabel_, name));
 }
 
-void Progress::product(const std::string& productId, std::size_t files, std::uint64_t bytes,
-                       std::chrono::duration<double> took) {
+void Progress::productMirrored(const std::string& productId, std::size_t files, std::uint64_t bytes,
+                               std::chrono::duration<double> took) {
   double rate = took.count() > 0 ? static_cast<double>(bytes) / 1048576.0 / took.count() : 0;
   std::string text = fmt::format("Mirrored {}: {} files, {:.1f} MiB, {:.1f} MiB/s", productId,
                                  files, static_cast<double>(bytes) / 1048576.0, rate);

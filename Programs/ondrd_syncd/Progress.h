@@ -1,22 +1,25 @@
 // Progress tells a person (and systemd) what a pass is doing: on a terminal one live line that is
 // rewritten (catalog n of m, product, files, bytes, rate); otherwise one line per step on
 // standard output. Status lines also go to systemd when the daemon runs as a notify service,
-// and so do the watchdog's pings while the daemon is alive. Used by SyncPass and main; one
-// thread.
+// and so do the watchdog's pings while the daemon is alive. The observer of the daemon's passes;
+// used by main; one thread.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <string>
 
+#include "KTSSyncPass.h"
+
 namespace ondrel::syncd {
 
-class Progress {
+class Progress : public KTSPassObserver {
  public:
   Progress();
-  void catalog(std::size_t number, std::size_t count, const std::string& name);
-  void product(const std::string& productId, std::size_t files, std::uint64_t bytes,
-               std::chrono::duration<double> took);
+  void catalogStarted(std::size_t number, std::size_t count, const std::string& name) override;
+  void productMirrored(const std::string& productId, std::size_t files, std::uint64_t bytes,
+                       std::chrono::duration<double> took) override;
+  void passWorkEnded() override { finish(); }
   // A line that stays (a step, a warning); ends a live line first.
   void note(const std::string& text);
   // Ends a live line, if any.

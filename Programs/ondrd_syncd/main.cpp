@@ -26,12 +26,12 @@
 #include "KTSPassHistory.h"
 #include "KTSPreferences.h"
 #include "KTSRequestManager.h"
+#include "KTSSyncPass.h"
 #include "KTSSyncStatus.h"
 #include "KTSWorkingSet.h"
 #include "PassLock.h"
 #include "Progress.h"
 #include "ServiceRoot.h"
-#include "SyncPass.h"
 #include "Transfer.h"
 
 namespace {
@@ -77,13 +77,13 @@ std::string lockPath() {
 // Runs one pass (a full one, or only the product changes) and what follows every pass: its
 // record in the history, the metrics file and the administrator's hooks.
 // interval: the time to the next full pass, when the daemon runs them on its own.
-ondrel::syncd::PassOutcome runPass(bool fullSync, ondrel::syncd::Progress& progress,
-                                   std::optional<std::chrono::seconds> interval) {
+ondrel::KTSPassOutcome runPass(bool fullSync, ondrel::syncd::Progress& progress,
+                               std::optional<std::chrono::seconds> interval) {
   using namespace ondrel;
   KTSPassHistory::Pass pass;
   pass.started = Clock::now();
-  syncd::SyncPass syncPass(progress);
-  syncd::PassOutcome outcome = fullSync ? syncPass.runFullPass() : syncPass.runProductChanges();
+  KTSSyncPass syncPass(progress);
+  KTSPassOutcome outcome = fullSync ? syncPass.runFullPass() : syncPass.runProductChanges();
   pass.ended = Clock::now();
   pass.fullSync = fullSync;
   pass.outcome = outcome.interrupted         ? KTSPassHistory::Outcome::Interrupted
@@ -102,7 +102,7 @@ ondrel::syncd::PassOutcome runPass(bool fullSync, ondrel::syncd::Progress& progr
   return outcome;
 }
 
-int report(const ondrel::syncd::PassOutcome& outcome, ondrel::syncd::Progress& progress) {
+int report(const ondrel::KTSPassOutcome& outcome, ondrel::syncd::Progress& progress) {
   if (!outcome.failed()) {
     progress.note("Pass complete.");
     return 0;

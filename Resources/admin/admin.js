@@ -93,7 +93,7 @@ function showStatus(status) {
   $("product-count").textContent = `${status.products} (${status.enabled} enabled)`;
   $("bytes-mirrored").textContent = bytes(status.bytesMirrored);
   $("bytes-to-mirror").textContent = bytes(status.bytesToMirror);
-  const reserve = (status.volumeBytes * (status.reservePercent || 0)) / 100;
+  const reserve = status.reserveBytes;
   $("free-space").textContent = `${bytes(status.volumeFreeBytes)} (reserve ${bytes(reserve)})`;
   const failure = $("last-failure");
   failure.hidden = !status.updateError;

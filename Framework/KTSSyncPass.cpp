@@ -1,6 +1,5 @@
-#include "SyncPass.h"
+#include "KTSSyncPass.h"
 
-#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +16,7 @@
 #include "KTSJobTicket.h"
 #include "KTSJobTicketManager.h"
 #include "KTSMetaIndex.h"
+#include "KTSMirrorSpace.h"
 #include "KTSPath.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
@@ -28,7 +28,7 @@
 #include "PathString.h"
 #include "Transfer.h"
 
-namespace ondrel::syncd {
+namespace ondrel {
 
 namespace {
 
@@ -86,7 +86,7 @@ std::string megabytes(std::uint64_t bytes) {
 
 }  // namespace
 
-std::string PassOutcome::note() const {
+std::string KTSPassOutcome::note() const {
   if (interrupted) return "interrupted";
   std::string text = "failed: ";
   for (std::size_t i = 0; i < failures.size(); ++i) {
@@ -95,21 +95,22 @@ std::string PassOutcome::note() const {
   return text;
 }
 
-SyncPass::SyncPass(Progress& progress) : progress_(progress), log_(LogHandle::shared()) {}
+KTSSyncPass::KTSSyncPass(KTSPassObserver& observer)
+    : observer_(observer), log_(LogHandle::shared()) {}
 
-std::string SyncPass::servedCatalogPath(const Url& catalogURL) {
+std::string KTSSyncPass::servedCatalogPath(const Url& catalogURL) {
   return standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath() +
                            catalogURL.path());
 }
 
-bool SyncPass::interrupted() const { return Transfer::isCancelled(); }
+bool KTSSyncPass::interrupted() const { return Transfer::isCancelled(); }
 
-PassOutcome SyncPass::runFullPass() { return run(true); }
+KTSPassOutcome KTSSyncPass::runFullPass() { return run(true); }
 
-PassOutcome SyncPass::runProductChanges() { return run(false); }
+KTSPassOutcome KTSSyncPass::runProductChanges() { return run(false); }
 
-PassOutcome SyncPass::run(bool fullSync) {
-  PassOutcome outcome;
+KTSPassOutcome KTSSyncPass::run(bool fullSync) {
+  KTSPassOutcome outcome;
   auto status = KTSSyncStatus::defaultStatus();
   if (fullSync) {
     status->setSyncStatus(KTSSyncStatus::InProgress);
@@ -177,7 +178,7 @@ PassOutcome SyncPass::run(bool fullSync) {
   writeServedCatalogs(outcome);
   outcome.interrupted = interrupted();
   if (!outcome.interrupted) finishTickets();
-  progress_.finish();
+  observer_.passWorkEnded();
 
   if (fullSync) {
     status->setUpdateErrorWithNote(outcome.failed(),
@@ -189,7 +190,7 @@ PassOutcome SyncPass::run(bool fullSync) {
   return outcome;
 }
 
-void SyncPass::collectChanges() {
+void KTSSyncPass::collectChanges() {
   Plist requested =
       KTSRequestManager::defaultManager()->getPendingChangeRequestsDeletingSource(true);
   for (const auto& [productId, item] : requested.items()) {
@@ -228,7 +229,7 @@ void SyncPass::collectChanges() {
 
 // The settings go into the working set first, so that products built from the catalogs in this
 // pass take them, and so that they survive a pass that fails.
-void SyncPass::recordChangesInWorkingSet() {
+void KTSSyncPass::recordChangesInWorkingSet() {
   if (changes_.empty()) return;
   auto workingSet = KTSWorkingSet::defaultWorkingSet();
   workingSet->refreshProducts();
@@ -251,7 +252,7 @@ void SyncPass::recordChangesInWorkingSet() {
   workingSet->saveProductsArchivingPrevious(false);
 }
 
-void SyncPass::applyChangesToProducts() {
+void KTSSyncPass::applyChangesToProducts() {
   std::set<std::string> removed;
   for (const auto& catalog : catalogs_) {
     for (const auto& [productId, change] : changes_) {
@@ -307,19 +308,19 @@ std::string catalogSettingsPath() {
 
 }  // namespace
 
-bool SyncPass::catalogSettingsChanged() const {
+bool KTSSyncPass::catalogSettingsChanged() const {
   std::string recorded;
   return !readWholeFile(catalogSettingsPath(), &recorded, nullptr, kSmallFileReadLimit) ||
          recorded != catalogSettings();
 }
 
-void SyncPass::rememberCatalogSettings() const {
+void KTSSyncPass::rememberCatalogSettings() const {
   KTSUtilities::writeStringToPath(catalogSettings(), catalogSettingsPath());
 }
 
 // The list is checked before it takes the served place: a page that is no property list (an
 // error page, say) never replaces the last good list.
-Plist SyncPass::fetchDeprecations() {
+Plist KTSSyncPass::fetchDeprecations() {
   auto metaIndex = KTSMetaIndex::defaultMetaIndex();
   std::optional<Url> url = metaIndex->deprecationsURL();
   std::optional<std::string> path = metaIndex->deprecationsLocalPath();
@@ -368,14 +369,14 @@ Plist SyncPass::fetchDeprecations() {
   return deprecations;
 }
 
-void SyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& catalogs, bool fullSync,
-                            const Plist& deprecations, PassOutcome& outcome) {
+void KTSSyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& catalogs,
+                               bool fullSync, const Plist& deprecations, KTSPassOutcome& outcome) {
   // Every product of the pass is made here; what they share is let go of before mirroring.
   KTSProductPass productPass;
   for (std::size_t i = 0; i < catalogs.size() && !interrupted(); ++i) {
     const std::shared_ptr<KTSCatalog>& catalog = catalogs[i];
     const Url& url = catalog->catalogURL();
-    progress_.catalog(i + 1, catalogs.size(), catalogName(url));
+    observer_.catalogStarted(i + 1, catalogs.size(), catalogName(url));
     if (fullSync) {
       try {
         catalog->syncCatalogWithDeprecationsForcingUpdate(deprecations, true);
@@ -399,41 +400,19 @@ void SyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& cata
   }
 }
 
-std::uint64_t SyncPass::bytesStillToFetch(const KTSProduct& product) {
-  std::uint64_t needed = 0;
-  for (const Plist& record : product.mirrorFiles().elements()) {
-    const Plist& size = record[KTSProduct::kFileSizeKey];
-    if (!size.isNumber() || size.integerValue() <= 0) continue;
-    if (!KTSUtilities::fileExistsAtPathWithSize(record[KTSProduct::kFileLocalPathKey].stringValue(),
-                                                size.integerValue())) {
-      needed += static_cast<std::uint64_t>(size.integerValue());
-    }
-  }
-  return needed;
-}
-
-bool SyncPass::fitsOnVolume(const KTSProduct& product, std::uint64_t needed,
-                            std::uint64_t promised) {
-  auto preferences = KTSPreferences::defaultPreferences();
-  struct statvfs volume {};
-  if (::statvfs(preferences->updatesDocRoot().c_str(), &volume) != 0) return true;
-  std::uint64_t total = static_cast<std::uint64_t>(volume.f_blocks) * volume.f_frsize;
-  std::uint64_t free = static_cast<std::uint64_t>(volume.f_bavail) * volume.f_frsize;
-  // What the products still being fetched will take is as good as taken.
-  free -= std::min(free, promised);
-  std::uint64_t reserve = total / 100 *
-                          static_cast<std::uint64_t>(std::clamp<std::int64_t>(
-                              preferences->volumeReserve().integerValue(), 0, 100));
-  if (needed + reserve <= free) return true;
+bool KTSSyncPass::fitsOnVolume(const KTSProduct& product, std::uint64_t needed,
+                               std::uint64_t promised) {
+  KTSMirrorSpace space = KTSMirrorSpace::now();
+  if (space.fits(needed, promised)) return true;
   log_.warning(
       "Skipping product {}: it needs {} and {} are free, of which {} are kept in reserve "
       "(volumeReserve {}%).",
-      product.productId().value_or(""), megabytes(needed), megabytes(free), megabytes(reserve),
-      preferences->volumeReserve().integerValue());
+      product.productId().value_or(""), megabytes(needed), megabytes(space.freeAfter(promised)),
+      megabytes(space.reserve), space.reservePercent);
   return false;
 }
 
-std::vector<std::shared_ptr<KTSProduct>> SyncPass::productsOfPass() const {
+std::vector<std::shared_ptr<KTSProduct>> KTSSyncPass::productsOfPass() const {
   std::vector<std::shared_ptr<KTSProduct>> products;
   std::set<std::string> seen;
   for (const auto& catalog : catalogs_) {
@@ -448,8 +427,8 @@ std::vector<std::shared_ptr<KTSProduct>> SyncPass::productsOfPass() const {
 // The served catalogs on disk still name what the last pass served. Before a file they may name
 // is deleted (a removed product's) or replaced (a product whose files changed upstream), they are
 // written anew from this pass's states, which serve neither.
-void SyncPass::withdrawFilesAboutToChange(const std::vector<std::shared_ptr<KTSProduct>>& products,
-                                          PassOutcome& outcome) {
+void KTSSyncPass::withdrawFilesAboutToChange(
+    const std::vector<std::shared_ptr<KTSProduct>>& products, KTSPassOutcome& outcome) {
   bool changing = !removed_.empty();
   for (const auto& product : products) {
     if (changing) break;
@@ -470,8 +449,8 @@ void SyncPass::withdrawFilesAboutToChange(const std::vector<std::shared_ptr<KTSP
 
 // Products are handed to the scheduler as it has room, so a pass holds the transfers of a few
 // products at a time, whatever their number, and every transfer slot stays busy.
-void SyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwnership& ownership,
-                              PassOutcome& outcome) {
+void KTSSyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwnership& ownership,
+                                 KTSPassOutcome& outcome) {
   std::vector<std::shared_ptr<KTSProduct>> waiting;
   std::set<std::string> seen;
   for (const auto& catalog : catalogs_) {
@@ -486,7 +465,7 @@ void SyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwnersh
   auto startNextProduct = [&]() -> bool {
     while (next < waiting.size() && !upstreamStopped && !interrupted()) {
       std::shared_ptr<KTSProduct> product = waiting[next++];
-      std::uint64_t needed = bytesStillToFetch(*product);
+      std::uint64_t needed = product->stillToFetch().bytes;
       if (!fitsOnVolume(*product, needed, promised)) continue;
       promised += needed;
       auto stateBefore = recordedState(*product);
@@ -514,13 +493,14 @@ void SyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwnersh
   scheduler.run(startNextProduct);
 }
 
-void SyncPass::productMirrored(const KTSProduct& product, bool complete, bool stateChanged,
-                               std::chrono::duration<double> took) {
+void KTSSyncPass::productMirrored(const KTSProduct& product, bool complete, bool stateChanged,
+                                  std::chrono::duration<double> took) {
   const std::string& productId = *product.productId();
   if (stateChanged) changedProducts_.insert(productId);
   if (complete) {
-    progress_.product(productId, static_cast<std::size_t>(product.totalDownloadCount()),
-                      static_cast<std::uint64_t>(product.downloadedSize().integerValue()), took);
+    observer_.productMirrored(productId, static_cast<std::size_t>(product.totalDownloadCount()),
+                              static_cast<std::uint64_t>(product.downloadedSize().integerValue()),
+                              took);
   } else if (!interrupted()) {
     // One product's failure never fails the pass: it is told and tried again next time.
     log_.warning("Product {} could not be mirrored completely; the next pass tries again.",
@@ -532,7 +512,7 @@ void SyncPass::productMirrored(const KTSProduct& product, bool complete, bool st
 
 // An upstream that stopped answering fails the pass, and the products not yet started wait for
 // the next one.
-bool SyncPass::upstreamStillAnswers(PassOutcome& outcome) {
+bool KTSSyncPass::upstreamStillAnswers(KTSPassOutcome& outcome) {
   const Url& upstream = *KTSMetaIndex::defaultMetaIndex()->catalogs().front().url();
   if (UpstreamProbe().answers(upstream)) return true;
   outcome.failures.push_back(fmt::format(
@@ -542,7 +522,7 @@ bool SyncPass::upstreamStillAnswers(PassOutcome& outcome) {
   return false;
 }
 
-void SyncPass::carryStateToOtherInstances(const KTSProduct& mirrored) {
+void KTSSyncPass::carryStateToOtherInstances(const KTSProduct& mirrored) {
   const std::string& productId = *mirrored.productId();
   for (const auto& catalog : catalogs_) {
     std::shared_ptr<KTSProduct> other = catalog->productForProductId(productId);
@@ -553,7 +533,7 @@ void SyncPass::carryStateToOtherInstances(const KTSProduct& mirrored) {
   }
 }
 
-void SyncPass::saveState() {
+void KTSSyncPass::saveState() {
   KTSWorkingSet::ProductsById all;
   for (const auto& catalog : catalogs_) {
     if (catalog->products()) all.insert(catalog->products()->begin(), catalog->products()->end());
@@ -571,7 +551,7 @@ void SyncPass::saveState() {
 
 // A cache saved by this pass's sync is current unless a product it lists changed afterwards;
 // writing it again would cost the whole file (tens of megabytes for a large catalog).
-bool SyncPass::cacheIsCurrent(const KTSCatalog& catalog) const {
+bool KTSSyncPass::cacheIsCurrent(const KTSCatalog& catalog) const {
   if (cacheSaved_.count(&catalog) == 0) return false;
   for (const std::string& productId : changedProducts_) {
     if (catalog.productForProductId(productId)) return false;
@@ -579,7 +559,7 @@ bool SyncPass::cacheIsCurrent(const KTSCatalog& catalog) const {
   return true;
 }
 
-void SyncPass::writeServedCatalogs(PassOutcome& outcome) {
+void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {
   for (const auto& catalog : catalogs_) {
     std::string path = servedCatalogPath(catalog->catalogURL());
     if (!KTSPath::isInsideHtmlFolder(path)) continue;
@@ -609,11 +589,11 @@ void SyncPass::writeServedCatalogs(PassOutcome& outcome) {
   }
 }
 
-void SyncPass::finishTickets() {
+void KTSSyncPass::finishTickets() {
   auto tickets = KTSJobTicketManager::defaultManager();
   for (const auto& [jobType, productId] : ticketsDone_) {
     tickets->deleteTicketOfTypeForProduct(jobType, productId);
   }
 }
 
-}  // namespace ondrel::syncd
+}  // namespace ondrel

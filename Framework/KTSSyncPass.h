@@ -1,8 +1,9 @@
-// SyncPass is one run of the sync daemon: it applies the administration side's requests and
-// tickets, builds and publishes the meta-index, syncs every catalog, mirrors and removes
-// products, saves the working set and the caches, writes the catalogs served to clients and
-// records the outcome in the status files. A changes-only run does the same from the catalogs'
-// caches, without the network. Used by ondrd_syncd's main; one thread, one pass at a time.
+// KTSSyncPass is one pass of the sync daemon, in the order the server needs it: it applies the
+// administration side's requests and tickets, builds and publishes the meta-index, syncs every
+// catalog, mirrors and removes products, saves the working set and the caches, writes the
+// catalogs served to clients and records the outcome in the status files. A changes-only pass
+// does the same from the catalogs' caches, without the network. What it does as it goes is told
+// to a KTSPassObserver. Used by ondrd_syncd; one thread, one pass at a time.
 #pragma once
 
 #include <chrono>
@@ -16,17 +17,27 @@
 #include "KTSCatalog.h"
 #include "KTSLogger.h"
 #include "Plist.h"
-#include "Progress.h"
 
 namespace ondrel {
+
 class KTSFetchScheduler;
 class KTSFileOwnership;
 class KTSProduct;
-}  // namespace ondrel
 
-namespace ondrel::syncd {
+// What a pass tells whoever watches it (the daemon's progress display), on the pass's thread.
+class KTSPassObserver {
+ public:
+  virtual ~KTSPassObserver() = default;
+  // The pass starts to sync (or load) the number-th of count catalogs.
+  virtual void catalogStarted(std::size_t number, std::size_t count, const std::string& name) = 0;
+  // A product's files are all in place.
+  virtual void productMirrored(const std::string& productId, std::size_t files, std::uint64_t bytes,
+                               std::chrono::duration<double> took) = 0;
+  // The pass's work is done; only its outcome is still to be recorded.
+  virtual void passWorkEnded() = 0;
+};
 
-struct PassOutcome {
+struct KTSPassOutcome {
   bool interrupted = false;
   std::vector<std::string> failures;  // one short line per failed step
   std::size_t catalogs = 0;           // catalogs that serve this pass
@@ -38,14 +49,14 @@ struct PassOutcome {
   std::string note() const;
 };
 
-class SyncPass {
+class KTSSyncPass {
  public:
-  explicit SyncPass(Progress& progress);
+  explicit KTSSyncPass(KTSPassObserver& observer);
 
   // A whole pass: the catalogs are downloaded and merged.
-  PassOutcome runFullPass();
+  KTSPassOutcome runFullPass();
   // Only the pending product changes: the catalogs are loaded from their caches.
-  PassOutcome runProductChanges();
+  KTSPassOutcome runProductChanges();
 
   // Path of the served catalog of an upstream catalog URL, under the document root.
   static std::string servedCatalogPath(const Url& catalogURL);
@@ -57,7 +68,7 @@ class SyncPass {
     bool remove = false;
   };
 
-  PassOutcome run(bool fullSync);
+  KTSPassOutcome run(bool fullSync);
   void collectChanges();
   void recordChangesInWorkingSet();
   bool catalogSettingsChanged() const;
@@ -65,29 +76,28 @@ class SyncPass {
   Plist fetchDeprecations();
   // Syncs (or only loads) the catalogs in turn; those it reached serve this pass.
   void loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& catalogs, bool fullSync,
-                    const Plist& deprecations, PassOutcome& outcome);
+                    const Plist& deprecations, KTSPassOutcome& outcome);
   void applyChangesToProducts();
   // Every product of the pass once, in the order of the catalogs.
   std::vector<std::shared_ptr<KTSProduct>> productsOfPass() const;
   void withdrawFilesAboutToChange(const std::vector<std::shared_ptr<KTSProduct>>& products,
-                                  PassOutcome& outcome);
+                                  KTSPassOutcome& outcome);
   void mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwnership& ownership,
-                      PassOutcome& outcome);
-  static std::uint64_t bytesStillToFetch(const KTSProduct& product);
+                      KTSPassOutcome& outcome);
   // Whether needed bytes fit beside the reserve once what is promised to products still being
   // fetched is taken; logs why not.
   bool fitsOnVolume(const KTSProduct& product, std::uint64_t needed, std::uint64_t promised);
   void productMirrored(const KTSProduct& product, bool complete, bool stateChanged,
                        std::chrono::duration<double> took);
-  bool upstreamStillAnswers(PassOutcome& outcome);
+  bool upstreamStillAnswers(KTSPassOutcome& outcome);
   void carryStateToOtherInstances(const KTSProduct& mirrored);
   void saveState();
   bool cacheIsCurrent(const KTSCatalog& catalog) const;
-  void writeServedCatalogs(PassOutcome& outcome);
+  void writeServedCatalogs(KTSPassOutcome& outcome);
   void finishTickets();
   bool interrupted() const;
 
-  Progress& progress_;
+  KTSPassObserver& observer_;
   LogHandle log_;
   std::map<std::string, ProductChange> changes_;
   std::vector<std::pair<std::int64_t, std::string>> ticketsDone_;
@@ -101,4 +111,4 @@ class SyncPass {
   std::vector<std::shared_ptr<KTSProduct>> removed_;
 };
 
-}  // namespace ondrel::syncd
+}  // namespace ondrel
