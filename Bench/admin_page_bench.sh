@@ -17,12 +17,12 @@ echo "bench-password" | "$ctl" web passwd bench >/dev/null
 "$ctl" config set adminPort "$admin_port" >/dev/null
 "$ctl" web start >/dev/null
 
-printf '%-34s %10s %12s %10s\n' "request" "seconds" "peak (MB)" "body (KB)"
+printf '%-40s %10s %12s %10s\n' "request" "seconds" "peak (MB)" "body (KB)"
 for route in status products plan; do
   env REMOTE_USER=bench REQUEST_METHOD=GET PATH_INFO=/$route /usr/bin/time -f "%e %M" \
     -o "$work/time" "$cgi" >"$work/$route.json"
   read -r seconds kilobytes <"$work/time"
-  printf '%-34s %10s %12s %10s\n' "CGI /api/$route" "$seconds" "$((kilobytes / 1024))" \
+  printf '%-40s %10s %12s %10s\n' "CGI /api/$route" "$seconds" "$((kilobytes / 1024))" \
     "$(($(stat -c %s "$work/$route.json") / 1024))"
 done
 for route in status products plan; do
@@ -30,7 +30,7 @@ for route in status products plan; do
     curl -s -o /dev/null -u bench:bench-password -w '%{time_total}\n' \
       "http://127.0.0.1:$admin_port/api/$route"
   done | sort -n | head -1)
-  printf '%-34s %10s\n' "through Apache /api/$route (best of 3)" "$best"
+  printf '%-40s %10s\n' "through Apache /api/$route (best of 3)" "$best"
 done
 
 /usr/bin/python3 - "$admin_port" <<'PYTHON'
@@ -54,7 +54,7 @@ try:
     driver.get(f"http://127.0.0.1:{sys.argv[1]}/")
     WebDriverWait(driver, 120).until(
         lambda d: d.find_element(By.TAG_NAME, "body").get_attribute("data-loaded"))
-    print(f"{'page loaded, table drawn (s)':34s} {time.time() - started:10.2f}")
+    print(f"{'page loaded, table drawn (s)':40s} {time.time() - started:10.2f}")
     for label, script in (
             ("filter by text 'VT-00042' (ms)",
              "const f = document.getElementById('filter-text'); const t = performance.now();"
@@ -66,8 +66,8 @@ try:
             ("sort 10,000 rows by title (ms)",
              "const t = performance.now(); document.querySelector(\"th[data-column='1']\").click();"
              "return performance.now() - t;")):
-        print(f"{label:34s} {driver.execute_script(script):10.0f}")
-    print(f"{'rows shown':34s} {driver.find_element(By.ID, 'shown-count').text}")
+        print(f"{label:40s} {driver.execute_script(script):10.0f}")
+    print(f"{'rows shown':40s} {driver.find_element(By.ID, 'shown-count').text}")
 finally:
     driver.quit()
 PYTHON

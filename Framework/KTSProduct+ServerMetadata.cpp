@@ -10,9 +10,9 @@
 #include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
 #include "KTSMetadataGenerator.h"
+#include "KTSPassMemo.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
-#include "KTSProductPass.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
 #include "ProductId.h"
@@ -123,15 +123,15 @@ Plist KTSProduct::loadActiveServerMetadataAtURL(const Url& url) {
     return Plist();
   }
   // This pass fetched it already: ahead of the catalog's products, or for another catalog.
-  if (const KTSProductPass::ServerMetadata* fetched =
-          KTSProductPass::serverMetadataFetchedFrom(url.text())) {
+  if (const KTSPassMemo::ServerMetadata* fetched =
+          KTSPassMemo::serverMetadataFetchedFrom(url.text())) {
     smdPath_ = fetched->smdPath;
     return fetched->contents;
   }
-  KTSProductPass::ServerMetadata fetched;
+  KTSPassMemo::ServerMetadata fetched;
   if (downloadServerMetadata(url, *localPath)) fetched = placeServerMetadata(url, *localPath);
   smdPath_ = fetched.smdPath;
-  KTSProductPass::recordServerMetadataFetchedFrom(url.text(), fetched);
+  KTSPassMemo::recordServerMetadataFetchedFrom(url.text(), fetched);
   return fetched.contents;
 }
 
@@ -154,8 +154,8 @@ bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& local
 
 // The old file becomes L.previous by a link and the new one replaces it by a rename, so L
 // always holds a whole file.
-KTSProductPass::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
-                                                               const std::string& localPath) {
+KTSPassMemo::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
+                                                            const std::string& localPath) {
   keepPreviousVersion(localPath, sideFilePath(localPath, "previous"));
   std::rename(sideFilePath(localPath, "downloading").c_str(), localPath.c_str());
   return {KTSUtilities::readPropertyListAtPath(localPath), KTSPath(url)};
@@ -165,7 +165,7 @@ KTSProductPass::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
 // what replacing L would give: a pass in which nothing changed upstream creates and deletes no
 // file (on some file systems a deleted file costs a synchronous discard, and a new one a scan
 // past every file deleted in the last half minute).
-std::optional<KTSProductPass::ServerMetadata> KTSProduct::placeFetchedServerMetadata(
+std::optional<KTSPassMemo::ServerMetadata> KTSProduct::placeFetchedServerMetadata(
     const Url& url, const std::string& localPath, const std::string& bytes) {
   std::string previousPath = sideFilePath(localPath, "previous");
   std::string current;
@@ -183,11 +183,11 @@ std::optional<KTSProductPass::ServerMetadata> KTSProduct::placeFetchedServerMeta
       return std::nullopt;
     }
   }
-  return KTSProductPass::ServerMetadata{KTSUtilities::propertyListWithData(bytes), KTSPath(url)};
+  return KTSPassMemo::ServerMetadata{KTSUtilities::propertyListWithData(bytes), KTSPath(url)};
 }
 
 void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
-  if (!KTSProductPass::isInEffect()) return;
+  if (!KTSPassMemo::isInEffect()) return;
   std::optional<KTSFetchScheduler> own;
   KTSFetchScheduler* scheduler = KTSFetchScheduler::current();
   if (scheduler == nullptr) {
@@ -201,11 +201,11 @@ void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
     } else if (!readWholeFile(fetched.downloadPath(), &bytes, nullptr, kPrefetchedMetadataLimit)) {
       return;
     }
-    std::optional<KTSProductPass::ServerMetadata> placed =
+    std::optional<KTSPassMemo::ServerMetadata> placed =
         placeFetchedServerMetadata(fetched.sourceUrl(), fetched.downloadPath(), bytes);
     if (!placed) return;
     fetched.recordValidatorsOfPlacedFile();
-    KTSProductPass::recordServerMetadataFetchedFrom(fetched.sourceUrl().text(), std::move(*placed));
+    KTSPassMemo::recordServerMetadataFetchedFrom(fetched.sourceUrl().text(), std::move(*placed));
   };
   std::set<std::string> localPaths;
   auto next = entries.items().begin();
@@ -240,7 +240,7 @@ std::optional<Url> KTSProduct::prefetchableServerMetadataURL(const std::string& 
     return std::nullopt;
   }
   std::optional<Url> url = Url::parse(entry["ServerMetadataURL"].stringValue());
-  if (!url || KTSProductPass::serverMetadataFetchedFrom(url->text())) return std::nullopt;
+  if (!url || KTSPassMemo::serverMetadataFetchedFrom(url->text())) return std::nullopt;
   return url;
 }
 

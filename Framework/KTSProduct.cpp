@@ -4,7 +4,7 @@
 
 #include "Clock.h"
 #include "KTCatalogKeys.h"
-#include "KTSProductPass.h"
+#include "KTSPassMemo.h"
 #include "KTSUtilities.h"
 #include "ProductId.h"
 
@@ -86,10 +86,10 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
     log_.debug("PROD: ERROR - Product SMD file missing key (localization).");
     log_.error("*** Product missing essential data (SMD).");
   }
-  bundleNames_ = KTSProductPass::shareEqualValue(productId + "\nbundleNames",
-                                                 getServerMetadataBundleTitles(metadata));
-  descriptions_ = KTSProductPass::shareEqualValue(productId + "\ndescriptions",
-                                                  getServerMetadataDescriptions(metadata));
+  bundleNames_ = KTSPassMemo::shareEqualValue(productId + "\nbundleNames",
+                                              getServerMetadataBundleTitles(metadata));
+  descriptions_ = KTSPassMemo::shareEqualValue(productId + "\ndescriptions",
+                                               getServerMetadataDescriptions(metadata));
 
   const Plist& posted = dictionary[KTCatalogProductPostDateKey];
   postDate_ = KTSUtilities::validDateForValue(posted);
@@ -111,7 +111,7 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
   if (!restartAction_) restartAction_ = optionalString(metadata["IFPkgFlagRestartAction"]);
   mirror_ = DoNotMirror;
   enabled_ = false;
-  mirrorFiles_ = KTSProductPass::shareEqualValue(productId + "\nmirrorFiles", makeMirrorFiles());
+  mirrorFiles_ = KTSPassMemo::shareEqualValue(productId + "\nmirrorFiles", makeMirrorFiles());
   totalDownloadSize_ = getTotalMirrorSize();
 }
 

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "KTSLogger.h"
+#include "KTSPassMemo.h"
 #include "KTSPath.h"
-#include "KTSProductPass.h"
 #include "Plist.h"
 #include "Url.h"
 
@@ -206,11 +206,11 @@ class KTSProduct {
   // Fetches url to localPath's ".downloading" side file (three attempts).
   bool downloadServerMetadata(const Url& url, const std::string& localPath);
   // Moves the side file to localPath, keeping the old file as its ".previous", and reads it.
-  static KTSProductPass::ServerMetadata placeServerMetadata(const Url& url,
-                                                            const std::string& localPath);
+  static KTSPassMemo::ServerMetadata placeServerMetadata(const Url& url,
+                                                         const std::string& localPath);
   // Puts bytes fetched ahead of the walk at localPath as a download would, and reads them;
   // none when they could not be written.
-  static std::optional<KTSProductPass::ServerMetadata> placeFetchedServerMetadata(
+  static std::optional<KTSPassMemo::ServerMetadata> placeFetchedServerMetadata(
       const Url& url, const std::string& localPath, const std::string& bytes);
   static std::optional<Url> prefetchableServerMetadataURL(const std::string& productId,
                                                           const Plist& entry);

@@ -17,10 +17,10 @@
 #include "KTSJobTicketManager.h"
 #include "KTSMetaIndex.h"
 #include "KTSMirrorSpace.h"
+#include "KTSPassMemo.h"
 #include "KTSPath.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
-#include "KTSProductPass.h"
 #include "KTSRequestManager.h"
 #include "KTSSyncStatus.h"
 #include "KTSUtilities.h"
@@ -372,7 +372,7 @@ Plist KTSSyncPass::fetchDeprecations() {
 void KTSSyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& catalogs,
                                bool fullSync, const Plist& deprecations, KTSPassOutcome& outcome) {
   // Every product of the pass is made here; what they share is let go of before mirroring.
-  KTSProductPass productPass;
+  KTSPassMemo productPass;
   for (std::size_t i = 0; i < catalogs.size() && !interrupted(); ++i) {
     const std::shared_ptr<KTSCatalog>& catalog = catalogs[i];
     const Url& url = catalog->catalogURL();

@@ -5,9 +5,9 @@
 #include "KTCatalogKeys.h"
 #include "KTProductForKTS.h"
 #include "KTSMetadataGenerator.h"
+#include "KTSPassMemo.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
-#include "KTSProductPass.h"
 #include "UpstreamFiles.h"
 
 namespace ondrel {
@@ -138,7 +138,7 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
   std::optional<std::uint64_t> unchangedFile = fileIdentity(smdFile);
   Plist entries = Plist::dictionary();
   {
-    KTSProductPass pass;
+    KTSPassMemo pass;
     // The catalog's prefetch takes the fetch; a deprecated product's metadata is never fetched,
     // and a prefetch that failed leaves the product its own attempts.
     upstream_.put("/d/P3/P3.smd", metadata("Old", "1.0").toXml());
@@ -173,7 +173,7 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
   }
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.9").toXml());
   {
-    KTSProductPass pass;
+    KTSPassMemo pass;
     KTSProduct::prefetchServerMetadataForEntries(entries);
     EXPECT_EQ(make(smdUrl)->version(), "10.6.9") << "the next pass fetches anew";
   }

@@ -1,6 +1,6 @@
-// KTSProductPass lets the products built during one pass share what does not depend on the
-// catalog that lists them. While one lives, each server metadata URL is fetched and read once
-// (a fetch that failed is not retried for the next catalog either), and equal values recorded
+// KTSPassMemo is the memo of one pass: the products built during it share what does not depend
+// on the catalog that lists them. While one lives, each server metadata URL is fetched and read
+// once (a fetch that failed is not retried for the next catalog either), and equal values recorded
 // under the same key, such as a product's file list, share one copy in memory. The sync daemon
 // holds one while a pass loads its catalogs, so every pass fetches anew; without one nothing is
 // shared. Used by KTSProduct. One thread; the newest instance is in effect until it ends.
@@ -16,7 +16,7 @@
 
 namespace ondrel {
 
-class KTSProductPass {
+class KTSPassMemo {
  public:
   // A server metadata file as the first product of the pass got it: its contents (null when
   // the fetch failed) and where it came from.
@@ -25,10 +25,10 @@ class KTSProductPass {
     std::optional<KTSPath> smdPath;
   };
 
-  KTSProductPass();
-  ~KTSProductPass();
-  KTSProductPass(const KTSProductPass&) = delete;
-  KTSProductPass& operator=(const KTSProductPass&) = delete;
+  KTSPassMemo();
+  ~KTSPassMemo();
+  KTSPassMemo(const KTSPassMemo&) = delete;
+  KTSPassMemo& operator=(const KTSPassMemo&) = delete;
 
   static bool isInEffect() { return current_ != nullptr; }
   // What the current pass got from url; none outside a pass or before the first fetch.

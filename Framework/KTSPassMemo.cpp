@@ -1,0 +1,29 @@
+#include "KTSPassMemo.h"
+
+namespace ondrel {
+
+KTSPassMemo::Memory* KTSPassMemo::current_ = nullptr;
+
+KTSPassMemo::KTSPassMemo() : previous_(current_) { current_ = &memory_; }
+
+KTSPassMemo::~KTSPassMemo() { current_ = previous_; }
+
+const KTSPassMemo::ServerMetadata* KTSPassMemo::serverMetadataFetchedFrom(const std::string& url) {
+  if (current_ == nullptr) return nullptr;
+  auto found = current_->serverMetadata.find(url);
+  return found == current_->serverMetadata.end() ? nullptr : &found->second;
+}
+
+void KTSPassMemo::recordServerMetadataFetchedFrom(const std::string& url, ServerMetadata metadata) {
+  if (current_ != nullptr) current_->serverMetadata[url] = std::move(metadata);
+}
+
+Plist KTSPassMemo::shareEqualValue(const std::string& key, Plist value) {
+  if (current_ == nullptr) return value;
+  auto [found, inserted] = current_->values.try_emplace(key, value);
+  if (inserted || found->second == value) return found->second;
+  found->second = value;
+  return value;
+}
+
+}  // namespace ondrel
