@@ -579,13 +579,16 @@ void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {
       }
     }
     served.set(KTCatalogProductsDictKey, std::move(products));
+    // A catalog that did not change keeps its file, so what clients cached of it stays valid.
+    bool replaced = false;
+    std::string error;
     if (!KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(path)) ||
-        !KTSUtilities::writeDictionaryToPath(served, path)) {
+        !served.writeXmlFileUnlessUnchanged(path, &replaced, &error)) {
       outcome.failures.push_back(
           fmt::format("served catalog {} not written", catalogName(catalog->catalogURL())));
       continue;
     }
-    KTSUtilities::setDefaultFileOwnerAtPath(path);
+    if (replaced) KTSUtilities::setDefaultFileOwnerAtPath(path);
   }
 }
 

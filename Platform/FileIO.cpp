@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 
 #include "PathString.h"
 
@@ -131,9 +132,44 @@ mode_t processUmask() {
 
 }  // namespace
 
-bool writeFileAtomically(const std::string& path,
-                         const std::function<bool(std::FILE*)>& writeContents, std::string* error,
-                         const std::function<void()>& beforeReplace) {
+namespace {
+
+// Whether the two regular files hold the same bytes, read side by side in blocks.
+bool sameContents(const std::string& one, const std::string& other) {
+  struct stat first {};
+  struct stat second {};
+  if (::stat(one.c_str(), &first) != 0 || ::stat(other.c_str(), &second) != 0 ||
+      !S_ISREG(first.st_mode) || !S_ISREG(second.st_mode) || first.st_size != second.st_size) {
+    return false;
+  }
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> a(std::fopen(one.c_str(), "rb"), &std::fclose);
+  std::unique_ptr<std::FILE, int (*)(std::FILE*)> b(std::fopen(other.c_str(), "rb"), &std::fclose);
+  if (!a || !b) return false;
+  static thread_local char left[1 << 16];
+  static thread_local char right[1 << 16];
+  for (;;) {
+    std::size_t count = std::fread(left, 1, sizeof left, a.get());
+    if (std::fread(right, 1, sizeof right, b.get()) != count ||
+        std::memcmp(left, right, count) != 0) {
+      return false;
+    }
+    if (count < sizeof left) return std::ferror(a.get()) == 0 && std::ferror(b.get()) == 0;
+  }
+}
+
+bool syncToDisk(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return false;
+  bool synced = ::fsync(fd) == 0;
+  ::close(fd);
+  return synced;
+}
+
+// The contents go to a temporary file beside path, reach the disk, and are renamed into place.
+// With replaced, contents equal to the file's own are dropped instead (and need no disk sync).
+bool writeAtomically(const std::string& path, const std::function<bool(std::FILE*)>& writeContents,
+                     std::string* error, const std::function<void()>& beforeReplace,
+                     bool* replaced) {
   std::string folder = deletingLastPathComponent(path);
   std::string temporary = appendingPathComponent(
       folder.empty() ? "." : folder,
@@ -158,8 +194,16 @@ bool writeFileAtomically(const std::string& path,
   bool written = writeContents(file);
   int code = errno;
   if (written && std::fflush(file) != 0) written = false, code = errno;
-  if (written && ::fsync(fileno(file)) != 0) written = false, code = errno;
+  if (written && replaced == nullptr && ::fsync(fileno(file)) != 0) written = false, code = errno;
   if (std::fclose(file) != 0 && written) written = false, code = errno;
+  if (written && replaced != nullptr) {
+    *replaced = !sameContents(temporary, path);
+    if (!*replaced) {
+      ::unlink(temporary.c_str());
+      return true;
+    }
+    if (!syncToDisk(temporary)) written = false, code = errno;
+  }
   if (written && beforeReplace) beforeReplace();
   if (written && ::rename(temporary.c_str(), path.c_str()) != 0) written = false, code = errno;
   if (!written) {
@@ -168,6 +212,20 @@ bool writeFileAtomically(const std::string& path,
     return false;
   }
   return true;
+}
+
+}  // namespace
+
+bool writeFileAtomically(const std::string& path,
+                         const std::function<bool(std::FILE*)>& writeContents, std::string* error,
+                         const std::function<void()>& beforeReplace) {
+  return writeAtomically(path, writeContents, error, beforeReplace, nullptr);
+}
+
+bool writeFileAtomicallyUnlessUnchanged(const std::string& path,
+                                        const std::function<bool(std::FILE*)>& writeContents,
+                                        bool* replaced, std::string* error) {
+  return writeAtomically(path, writeContents, error, {}, replaced);
 }
 
 bool writeStringAtomically(const std::string& path, const std::string& text, std::string* error) {

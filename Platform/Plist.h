@@ -135,6 +135,9 @@ class Plist {
   std::string toXml() const;
   // Replaces the file at path atomically: readers see the old file or the new one, never a part.
   bool writeXmlFile(const std::string& path, std::string* error) const;
+  // The same, except that a file that already holds this very document is left untouched.
+  bool writeXmlFileUnlessUnchanged(const std::string& path, bool* replaced,
+                                   std::string* error) const;
   // Writes the document to an open stream; false when a write failed.
   bool writeXml(std::FILE* file) const;
   // Writes, like writeXmlFile, a document whose root is an array of the values nextElement gives

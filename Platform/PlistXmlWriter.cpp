@@ -244,6 +244,12 @@ bool Plist::writeXmlFile(const std::string& path, std::string* error) const {
       path, [this](std::FILE* file) { return writeXml(file); }, error);
 }
 
+bool Plist::writeXmlFileUnlessUnchanged(const std::string& path, bool* replaced,
+                                        std::string* error) const {
+  return writeFileAtomicallyUnlessUnchanged(
+      path, [this](std::FILE* file) { return writeXml(file); }, replaced, error);
+}
+
 bool Plist::writeXml(std::FILE* file) const { return PlistXmlWriter(file).writeDocument(*this); }
 
 bool Plist::writeXmlArrayFile(const std::string& path, const std::function<Plist()>& nextElement,

@@ -295,6 +295,17 @@ TEST_F(AdministrationTest, ClientsFetchServedCatalogsThroughApacheAndTheCgi) {
     ASSERT_TRUE(again);
     EXPECT_EQ(again->status, expected) << field << ": " << value;
   }
+  // The second pass changes the catalog (its NEW products become RECURRING); the third changes
+  // nothing and leaves the served catalogs as they were, so what clients cached stays valid.
+  ASSERT_EQ(runProgram(ONDREL_SYNCD, {"--once"}).exitStatus, 0);
+  auto second = cgi.Get(direct.c_str(), httplib::Headers{{"If-None-Match", tag}});
+  ASSERT_TRUE(second);
+  EXPECT_EQ(second->status, 200);
+  ASSERT_EQ(runProgram(ONDREL_SYNCD, {"--once"}).exitStatus, 0);
+  auto unchanged = cgi.Get(direct.c_str(),
+                           httplib::Headers{{"If-None-Match", second->get_header_value("ETag")}});
+  ASSERT_TRUE(unchanged);
+  EXPECT_EQ(unchanged->status, 304);
   // A link put in the catalog's place is not followed.
   const std::string place = KTSPreferences::defaultPreferences()->updatesHtmlPath() +
                             "/content/catalogs/others/" + kNewest;
