@@ -16,6 +16,8 @@ namespace {
 // The history is a handful of keys; anything larger is not one.
 constexpr std::size_t kHistoryReadLimit = 64 * 1024;
 constexpr std::size_t kNoteLimit = 1024;
+// How long after its time a pass that has not run makes the server unhealthy.
+constexpr auto kOverdueGrace = std::chrono::hours(1);
 
 std::uint64_t counter(const Plist& value) {
   return value.isNumber() && value.integerValue() > 0
@@ -131,13 +133,18 @@ Plist KTSPassHistory::asPlist() const {
   return history;
 }
 
-bool KTSPassHistory::healthy() const {
-  return lastGoodPassEnd_ && lastPass_ && lastPass_->outcome != Outcome::Failed;
+bool KTSPassHistory::overdue(Date now) const {
+  return lastPass_ && lastPass_->nextPassDue && now > *lastPass_->nextPassDue + kOverdueGrace;
+}
+
+bool KTSPassHistory::healthy(Date now) const {
+  return lastGoodPassEnd_ && lastPass_ && lastPass_->outcome != Outcome::Failed && !overdue(now);
 }
 
 std::string KTSPassHistory::healthJson(Date now) const {
   Plist health = Plist::dictionary();
-  health.set("healthy", Plist::boolean(healthy()));
+  health.set("healthy", Plist::boolean(healthy(now)));
+  health.set("nextPassOverdue", Plist::boolean(overdue(now)));
   health.set("lastGoodPass", lastGoodPassEnd_ ? Plist::date(*lastGoodPassEnd_) : Plist());
   health.set(
       "lastGoodPassAgeSeconds",

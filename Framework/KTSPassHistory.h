@@ -50,10 +50,12 @@ class KTSPassHistory {
   // Adds the pass to the history and writes it; false when it could not be written.
   bool record(const Pass& pass);
 
-  // Healthy: a good pass has ended and the last pass did not fail.
-  bool healthy() const;
+  // Overdue at now: the daemon meant to run a pass by now and, an hour later, has not.
+  bool overdue(Date now) const;
+  // Healthy at now: a good pass has ended, the last pass did not fail, and none is overdue.
+  bool healthy(Date now) const;
   // The health document: healthy, the last good pass and its age in seconds at now, whether
-  // the last pass failed and why.
+  // the last pass failed and why, and whether the next one is overdue.
   std::string healthJson(Date now) const;
   // The Prometheus text of the counters and of the last pass.
   std::string prometheusText() const;

@@ -43,7 +43,7 @@ class AfterPassTest : public OndrelTest {
 TEST_F(AfterPassTest, HistoryKeepsTheLastGoodPassAndRefusesDamage) {
   const std::string file = KTSPassHistory::defaultPath();
   KTSPassHistory empty(file);
-  EXPECT_FALSE(empty.healthy());
+  EXPECT_FALSE(empty.healthy(clock_->now()));
   EXPECT_NE(empty.healthJson(clock_->now()).find("\"lastGoodPass\": null"), std::string::npos);
 
   Date first = clock_->now();
@@ -54,7 +54,7 @@ TEST_F(AfterPassTest, HistoryKeepsTheLastGoodPassAndRefusesDamage) {
   EXPECT_EQ(reread.passes(), 2u);
   EXPECT_EQ(reread.failedPasses(), 1u);
   EXPECT_EQ(reread.bytesFetched(), 2 * 123456789u);
-  EXPECT_FALSE(reread.healthy()) << "the last pass failed";
+  EXPECT_FALSE(reread.healthy(first + 2h)) << "the last pass failed";
   std::string health = reread.healthJson(first + 90s + 2h);
   EXPECT_NE(health.find("\"lastGoodPass\": \"" + formatRfc3339Date(first + 90s) + "\""),
             std::string::npos)
@@ -68,8 +68,14 @@ TEST_F(AfterPassTest, HistoryKeepsTheLastGoodPassAndRefusesDamage) {
   EXPECT_NE(metrics.find("ondrel_last_pass_success 0\n"), std::string::npos);
   EXPECT_NE(metrics.find("ondrel_last_pass_duration_seconds 90\n"), std::string::npos);
 
-  KTSPassHistory(file).record(pass(KTSPassHistory::Outcome::Interrupted, first + 2h));
-  EXPECT_TRUE(KTSPassHistory(file).healthy()) << "an interrupted pass is no failure";
+  KTSPassHistory::Pass interrupted = pass(KTSPassHistory::Outcome::Interrupted, first + 2h);
+  interrupted.nextPassDue = first + 26h;
+  KTSPassHistory(file).record(interrupted);
+  EXPECT_TRUE(KTSPassHistory(file).healthy(first + 3h)) << "an interrupted pass is no failure";
+  EXPECT_TRUE(KTSPassHistory(file).healthy(first + 26h + 59min));
+  EXPECT_FALSE(KTSPassHistory(file).healthy(first + 27h + 1min)) << "a pass is overdue";
+  EXPECT_NE(KTSPassHistory(file).healthJson(first + 28h).find("\"nextPassOverdue\": true"),
+            std::string::npos);
 
   // Damaged and hostile histories count as none: the server is not healthy on their word.
   const std::string hostileEnd = "<date>2001-01-01T00:00:00Z</date>";
@@ -84,7 +90,7 @@ TEST_F(AfterPassTest, HistoryKeepsTheLastGoodPassAndRefusesDamage) {
     KTSPassHistory read(file);
     EXPECT_FALSE(read.lastPass().has_value());
     EXPECT_EQ(read.passes(), 0u);
-    EXPECT_FALSE(read.healthy());
+    EXPECT_FALSE(read.healthy(clock_->now()));
   }
 }
 

@@ -1,7 +1,8 @@
 // OndrelServerHealth: the CGI behind the mirror's "/health". It answers a small JSON document
 // from the passes' history (whether the server is healthy, the last good pass and its age,
-// whether the last pass failed and why) with status 200 when healthy and 503 otherwise, so that
-// a load balancer or a monitor can check the server by the status alone. Never cached.
+// whether the last pass failed and why, whether the next is overdue) with status 200 when healthy
+// and 503 otherwise, so that a load balancer or a monitor can check the server by the status alone.
+// Never cached.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,11 +16,12 @@ int main(int, char** argv) {
   ondrel::KTSPassHistory history(ondrel::KTSPassHistory::defaultPath());
   const char* method = std::getenv("REQUEST_METHOD");
   bool headOnly = method != nullptr && std::strcmp(method, "HEAD") == 0;
-  std::string body = history.healthJson(ondrel::Clock::now());
+  ondrel::Date now = ondrel::Clock::now();
+  std::string body = history.healthJson(now);
   std::printf(
       "Status: %s\r\nContent-Type: application/json\r\nCache-Control: no-store\r\n"
       "Content-Length: %zu\r\n\r\n%s",
-      history.healthy() ? "200 OK" : "503 Service Unavailable", body.size(),
+      history.healthy(now) ? "200 OK" : "503 Service Unavailable", body.size(),
       headOnly ? "" : body.c_str());
   return 0;
 }
