@@ -5,9 +5,9 @@
 #include <algorithm>
 
 #include "DateFormats.h"
-#include "HostPaths.h"
 #include "Json.h"
 #include "KTSPreferences.h"
+#include "KTSServerLayout.h"
 
 namespace ondrel {
 
@@ -82,10 +82,7 @@ double KTSPassHistory::Pass::seconds() const {
   return std::chrono::duration<double>(ended - started).count();
 }
 
-std::string KTSPassHistory::defaultPath() {
-  return KTSPreferences::defaultPreferences()->statusWorkingPathForPath(
-      fixedPath("/Library/Server/Ondrel/Status/.pass_history"));
-}
+std::string KTSPassHistory::defaultPath() { return KTSServerLayout::statusPath(".pass_history"); }
 
 std::string KTSPassHistory::outcomeName(Outcome outcome) {
   switch (outcome) {

@@ -22,6 +22,7 @@
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSRequestManager.h"
+#include "KTSServerLayout.h"
 #include "KTSSyncStatus.h"
 #include "KTSUtilities.h"
 #include "KTSWorkingSet.h"
@@ -301,10 +302,7 @@ std::string catalogSettings() {
                      preferences->otherCatalogs());
 }
 
-std::string catalogSettingsPath() {
-  return KTSPreferences::defaultPreferences()->statusWorkingPathForPath(
-      fixedPath("/Library/Server/Ondrel/Status/.catalog_settings"));
-}
+std::string catalogSettingsPath() { return KTSServerLayout::statusPath(".catalog_settings"); }
 
 }  // namespace
 

@@ -13,6 +13,7 @@
 #include "FileIO.h"
 #include "HostPaths.h"
 #include "KTSPreferences.h"
+#include "KTSServerLayout.h"
 #include "PathString.h"
 
 namespace ondrel::programs {
@@ -23,10 +24,6 @@ constexpr int kDefaultAdminPort = 8089;
 constexpr std::size_t kMostPasswordFileBytes = 1 << 20;
 // bcrypt's cost: about 60 ms on this class of machine, paid by Apache on every request.
 constexpr unsigned long kPasswordHashCost = 10;
-
-std::string configFolder() {
-  return deletingLastPathComponent(KTSPreferences::defaultPreferences()->prefsPath());
-}
 
 // Readable by the web server's children (the service account) and the administrators only.
 bool writePrivateFile(const std::string& path, const std::string& text, std::string* error) {
@@ -47,7 +44,7 @@ bool isUserName(const std::string& user) {
 std::string siteConfiguration() {
   std::string listen = fmt::format("{}:{}", adminAddress(), adminPort());
   std::string folder = adminStaticFolder();
-  std::string cgi = fixedPath("/Library/Server/Ondrel/cgi-bin/OndrelServerAdmin");
+  std::string cgi = KTSServerLayout::cgiPath("OndrelServerAdmin");
   std::string text =
       "# The administration page, written by ondrelctl from \"adminAddress\" and \"adminPort\";\n"
       "# edits here are lost. Never on the clients' port, always behind a password.\n";
@@ -86,9 +83,9 @@ std::string siteConfiguration() {
 
 }  // namespace
 
-std::string adminSiteConfigPath() { return configFolder() + "/ondrd-admin.conf"; }
-std::string adminPasswordPath() { return configFolder() + "/admin.passwd"; }
-std::string adminSecretPath() { return configFolder() + "/admin.secret"; }
+std::string adminSiteConfigPath() { return KTSServerLayout::configFolder() + "/ondrd-admin.conf"; }
+std::string adminPasswordPath() { return KTSServerLayout::configFolder() + "/admin.passwd"; }
+std::string adminSecretPath() { return KTSServerLayout::configFolder() + "/admin.secret"; }
 
 std::string adminStaticFolder() {
   return deletingLastPathComponent(resourcePath("ondrd", "plist")) + "/admin";

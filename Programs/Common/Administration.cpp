@@ -10,7 +10,6 @@
 
 #include "Clock.h"
 #include "DateFormats.h"
-#include "HostPaths.h"
 #include "KTCatalogKeys.h"
 #include "KTSCatalog.h"
 #include "KTSJobTicket.h"
@@ -21,6 +20,7 @@
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSRequestManager.h"
+#include "KTSServerLayout.h"
 #include "KTSSyncStatus.h"
 #include "KTSUtilities.h"
 #include "KTSWorkingSet.h"
@@ -46,7 +46,7 @@ std::string lowercased(std::string text) {
 std::size_t pendingRequestCount() {
   std::size_t count = 0;
   std::error_code error;
-  for (std::filesystem::directory_iterator entry(fixedPath("/var/spool/ondrd"), error), end;
+  for (std::filesystem::directory_iterator entry(KTSServerLayout::spoolFolder(), error), end;
        !error && entry != end; entry.increment(error)) {
     if (entry->path().filename().string().rfind("ondr_req.", 0) == 0) ++count;
   }
@@ -71,8 +71,8 @@ Plist optionalDate(const std::optional<Date>& date) {
 
 std::set<std::string> productsOfCatalog(const std::string& name) {
   std::set<std::string> ids;
-  std::string composite = KTSPreferences::defaultPreferences()->updatesHtmlPath() +
-                          "/content/catalogs/others/" + name + ".composite";
+  std::string composite =
+      KTSPreferences::defaultPreferences()->updatesOtherCatalogsPath() + "/" + name + ".composite";
   for (const auto& [productId, entry] :
        KTSUtilities::readPropertyListAtPath(composite)[KTCatalogProductsDictKey].items()) {
     ids.insert(productId);
@@ -84,16 +84,12 @@ std::int64_t secondsNow() {
   return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
 }
 
-std::string requestPath(std::int64_t second) {
-  return fixedPath("/var/spool/ondrd/ondr_req." + std::to_string(second));
-}
-
 // A request file is named by the second it was posted in; a second post in the same second
 // would replace the first, so it waits for the next second. Gives the second it is in.
 std::int64_t waitForAFreshSecond() {
   for (;;) {
     std::int64_t second = secondsNow();
-    if (!std::filesystem::exists(requestPath(second))) return second;
+    if (!std::filesystem::exists(KTSServerLayout::requestPath(second))) return second;
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
 }
@@ -102,7 +98,7 @@ std::int64_t waitForAFreshSecond() {
 // does not say when it could not write one.
 bool requestWrittenSince(std::int64_t since) {
   for (std::int64_t second = since; second <= secondsNow(); ++second) {
-    if (std::filesystem::exists(requestPath(second))) return true;
+    if (std::filesystem::exists(KTSServerLayout::requestPath(second))) return true;
   }
   return false;
 }
@@ -374,7 +370,7 @@ bool postProductChanges(const std::string& action, const std::vector<std::string
   std::int64_t posted = waitForAFreshSecond();
   if (!KTSRequestManager::defaultManager()->postChangeRequestForProductItems(items) ||
       !requestWrittenSince(posted)) {
-    *error = "the request could not be written to the spool " + fixedPath("/var/spool/ondrd");
+    *error = "the request could not be written to the spool " + KTSServerLayout::spoolFolder();
     return false;
   }
   auto tickets = KTSJobTicketManager::defaultManager();
@@ -390,7 +386,7 @@ bool postSyncRequest(std::string* error) {
   if (KTSRequestManager::defaultManager()->postSyncRequest() && requestWrittenSince(posted)) {
     return true;
   }
-  *error = "the sync request could not be written to the spool " + fixedPath("/var/spool/ondrd");
+  *error = "the sync request could not be written to the spool " + KTSServerLayout::spoolFolder();
   return false;
 }
 

@@ -16,8 +16,8 @@
 #include "Clock.h"
 #include "DateFormats.h"
 #include "FileIO.h"
-#include "HostPaths.h"
 #include "KTSPreferences.h"
+#include "KTSServerLayout.h"
 
 extern char** environ;
 
@@ -111,8 +111,6 @@ void writeMetricsFile(const std::string& text, const LogHandle& log) {
 
 }  // namespace
 
-std::string hooksFolder() { return fixedPath("/Library/Server/Ondrel/Config/hooks.d"); }
-
 std::chrono::seconds hookTimeout() {
   Plist value = KTSPreferences::defaultPreferences()->prefs()["hookTimeout"];
   if (!value.isNumber() || value.integerValue() < 1 || value.integerValue() > kMostHookSeconds) {
@@ -125,8 +123,7 @@ std::string metricsFilePath() {
   Plist value = KTSPreferences::defaultPreferences()->prefs()["metricsFile"];
   const std::string& path = value.stringValue();
   if (!path.empty() && path.front() == '/' && path.back() != '/') return path;
-  return KTSPreferences::defaultPreferences()->statusWorkingPathForPath(
-      fixedPath("/Library/Server/Ondrel/Status/ondrel.prom"));
+  return KTSServerLayout::statusPath("ondrel.prom");
 }
 
 std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass) {
@@ -182,7 +179,7 @@ void afterPass(const KTSPassHistory::Pass& pass, const LogHandle& log, const Hea
   KTSPassHistory history(KTSPassHistory::defaultPath());
   if (!history.record(pass)) log.warning("The pass could not be recorded in the pass history.");
   writeMetricsFile(prometheusText(summarizeServer(), history), log);
-  runHooks(hooksFolder(), pass, hookTimeout(), log, heartbeat);
+  runHooks(KTSServerLayout::hooksFolder(), pass, hookTimeout(), log, heartbeat);
 }
 
 }  // namespace ondrel::programs

@@ -22,8 +22,6 @@ struct HookRun {
   bool timedOut = false;
 };
 
-// The service root's "Config/hooks.d".
-std::string hooksFolder();
 // The preference "hookTimeout" in seconds (1 to 3600), 60 when unset or unusable.
 std::chrono::seconds hookTimeout();
 // The preference "metricsFile", an absolute path; the status folder's "ondrel.prom" when unset.

@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <string>
 
-#include "HostPaths.h"
 #include "KTSLogger.h"
+#include "KTSServerLayout.h"
 
 namespace ondrel::programs {
 
@@ -20,7 +20,7 @@ void installCgi(const std::string& name) {
   std::error_code error;
   fs::path source = fs::read_symlink("/proc/self/exe", error).parent_path() / name;
   if (!fs::exists(source, error)) source = fs::path(ONDREL_CGI_INSTALL_DIR) / name;
-  fs::path target = fixedPath("/Library/Server/Ondrel/cgi-bin/" + name);
+  fs::path target = KTSServerLayout::cgiPath(name);
   if (!fs::exists(source, error)) return;
   if (fs::exists(target, error) && fs::file_size(target, error) == fs::file_size(source, error) &&
       fs::last_write_time(target, error) >= fs::last_write_time(source, error)) {

@@ -10,6 +10,7 @@
 
 #include "HostPaths.h"
 #include "KTSPreferences.h"
+#include "KTSServerLayout.h"
 
 namespace ondrel::programs {
 
@@ -17,7 +18,7 @@ std::optional<std::string> administratorProblem() {
   namespace fs = std::filesystem;
   if (::geteuid() == 0) return std::nullopt;
   std::error_code error;
-  fs::path folder = fixedPath("/Library/Server/Ondrel");
+  fs::path folder = KTSServerLayout::serviceFolder();
   while (!fs::exists(folder, error) && folder.has_relative_path()) folder = folder.parent_path();
   if (::access(folder.c_str(), W_OK | X_OK) == 0) return std::nullopt;
   struct passwd* user = ::getpwuid(::geteuid());
@@ -31,8 +32,7 @@ std::optional<std::string> administratorProblem() {
 void adoptServiceGroupPermissions() {
   struct stat folder {};
   struct group* serviceGroup = ::getgrnam(kServiceAccount);
-  if (serviceGroup == nullptr ||
-      ::stat(fixedPath("/Library/Server/Ondrel").c_str(), &folder) != 0 ||
+  if (serviceGroup == nullptr || ::stat(KTSServerLayout::serviceFolder().c_str(), &folder) != 0 ||
       folder.st_gid != serviceGroup->gr_gid || (folder.st_mode & S_ISGID) == 0) {
     return;
   }

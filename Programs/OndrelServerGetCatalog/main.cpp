@@ -108,7 +108,7 @@ int main(int, char** argv) {
     return 0;
   }
   ondrel::programs::locateServiceRootOfCgi(argv[0]);
-  std::string path = ondrel::KTSPreferences::defaultPreferences()->updatesHtmlPath() +
-                     "/content/catalogs/others/" + name;
+  std::string path =
+      ondrel::KTSPreferences::defaultPreferences()->updatesOtherCatalogsPath() + "/" + name;
   return serve(path, environment("REQUEST_METHOD") == "HEAD");
 }

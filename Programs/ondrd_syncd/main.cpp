@@ -17,7 +17,6 @@
 #include "AfterPass.h"
 #include "CgiPrograms.h"
 #include "Clock.h"
-#include "HostPaths.h"
 #include "KTSFetchScheduler.h"
 #include "KTSJobTicketManager.h"
 #include "KTSLogger.h"
@@ -26,6 +25,7 @@
 #include "KTSPassHistory.h"
 #include "KTSPreferences.h"
 #include "KTSRequestManager.h"
+#include "KTSServerLayout.h"
 #include "KTSSyncPass.h"
 #include "KTSSyncStatus.h"
 #include "KTSWorkingSet.h"
@@ -69,10 +69,7 @@ void freshSharedInstances() {
   KTSPreferences::defaultPreferences();
 }
 
-std::string lockPath() {
-  return ondrel::KTSPreferences::defaultPreferences()->statusWorkingPathForPath(
-      ondrel::fixedPath("/Library/Server/Ondrel/Status/ondrd_syncd.lock"));
-}
+std::string lockPath() { return ondrel::KTSServerLayout::statusPath("ondrd_syncd.lock"); }
 
 // Runs one pass (a full one, or only the product changes) and what follows every pass: its
 // record in the history, the metrics file and the administrator's hooks.

@@ -16,13 +16,13 @@
 #include "Clock.h"
 #include "Ctl.h"
 #include "DateFormats.h"
-#include "HostPaths.h"
 #include "Json.h"
 #include "KTSJobTicket.h"
 #include "KTSJobTicketManager.h"
 #include "KTSMetaIndex.h"
 #include "KTSPreferences.h"
 #include "KTSRequestManager.h"
+#include "KTSServerLayout.h"
 #include "KTSSyncStatus.h"
 #include "KTSWorkingSet.h"
 #include "PathString.h"
@@ -34,12 +34,9 @@ namespace {
 
 constexpr const char* kWebUnit = "ondrel-web.service";
 
-std::string serviceRoot() { return fixedPath("/Library/Server/Ondrel"); }
-std::string configPath() {
-  return deletingLastPathComponent(KTSPreferences::defaultPreferences()->prefsPath()) +
-         "/ondrd.conf";
-}
-std::string pidPath() { return serviceRoot() + "/Status/httpd.pid"; }
+std::string serviceRoot() { return KTSServerLayout::serviceFolder(); }
+std::string configPath() { return KTSServerLayout::webConfigurationPath(); }
+std::string pidPath() { return KTSServerLayout::webServerPidPath(); }
 
 pid_t webServerPid() {
   pid_t pid = 0;

@@ -1,0 +1,31 @@
+// KTSServerLayout names the places of the server's layout that the preferences do not: the
+// service folder and its cgi-bin, the status files of Ondrel Server's own, the request spool, the
+// web server's configuration and PID file, the hooks. The daemon, ondrelctl and the CGIs ask it
+// instead of spelling paths out, so that each place is spelled once. Every path follows
+// ONDREL_ROOT (and a preferences file elsewhere than the default) as the preferences' own do.
+// Thread-safe as the shared preferences are.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace ondrel::KTSServerLayout {
+
+// "/Library/Server/Ondrel" below the root.
+std::string serviceFolder();
+// The folder of the preferences file: ondrd.conf and the administration page's files.
+std::string configFolder();
+// The web server's configuration, "ondrd.conf" beside the preferences.
+std::string webConfigurationPath();
+std::string webServerPidPath();
+// A file of the status folder (e.g. ".pass_history").
+std::string statusPath(const std::string& name);
+// The CGI program called name in the service folder's cgi-bin.
+std::string cgiPath(const std::string& name);
+// The executables run after every pass.
+std::string hooksFolder();
+// The spool of requests from the administration side, and the request posted in that second.
+std::string spoolFolder();
+std::string requestPath(std::int64_t second);
+
+}  // namespace ondrel::KTSServerLayout
