@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <string_view>
 #include <thread>
 
 #include "Administration.h"
@@ -63,8 +64,13 @@ HookRun runHook(const std::filesystem::path& path, const std::vector<std::string
                 std::chrono::milliseconds timeout, const Heartbeat& heartbeat) {
   HookRun run;
   run.name = path.filename().string();
+  // The daemon's environment, less what systemd gave the daemon alone to talk to it.
   std::vector<std::string> variables;
-  for (char** entry = environ; *entry != nullptr; ++entry) variables.emplace_back(*entry);
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    std::string_view variable(*entry);
+    if (variable.rfind("NOTIFY_SOCKET=", 0) == 0 || variable.rfind("WATCHDOG_", 0) == 0) continue;
+    variables.emplace_back(variable);
+  }
   variables.insert(variables.end(), environment.begin(), environment.end());
   std::vector<char*> envp;
   for (std::string& variable : variables) envp.push_back(variable.data());
