@@ -324,6 +324,10 @@ TEST_F(KTSProductMirrorTest, AKilledDownloadIsCompletedByTheNextRun) {
   big.set(KTCatalogPackageSizeKey, Plist::integer(8 << 20));
   entry.mutableValue(KTCatalogProductPackagesKey).append(big);
 
+  // The child is forked while servers' threads run: only once they all wait idle, so that none
+  // holds an allocator lock the child would then wait for forever.
+  while (!slow.is_running()) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
   pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
