@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
+#include <functional>
 #include <set>
 #include <thread>
 
@@ -101,6 +102,19 @@ bool requestWrittenSince(std::int64_t since) {
     if (std::filesystem::exists(KTSServerLayout::requestPath(second))) return true;
   }
   return false;
+}
+
+// Calls visit with each catalog of the meta-index whose product index cache could be read, in the
+// meta-index's order: what the last pass left, without the network.
+void forEachCachedCatalog(const std::function<void(const KTSCatalog&)>& visit) {
+  auto metaIndex = KTSMetaIndex::defaultMetaIndex();
+  metaIndex->updateLocalPaths();
+  metaIndex->refresh();
+  for (const KTSURL& url : metaIndex->catalogs()) {
+    KTSCatalog catalog(*url.url());
+    catalog.loadCompositeCatalog();
+    if (catalog.loadProductIndexCache()) visit(catalog);
+  }
 }
 
 }  // namespace
@@ -255,20 +269,14 @@ Plist listProducts(const ProductFilter& filter) {
 Plist productDetail(const std::string& productId) {
   Plist record = KTSWorkingSet::defaultWorkingSet()->productDictForID(productId);
   if (!record.isDictionary()) return Plist();
-  auto metaIndex = KTSMetaIndex::defaultMetaIndex();
-  metaIndex->updateLocalPaths();
-  metaIndex->refresh();
   const std::string html = KTSPreferences::defaultPreferences()->updatesHtmlPath();
   Plist catalogs = Plist::array();
   Plist files = Plist::array();
-  for (const KTSURL& url : metaIndex->catalogs()) {
-    KTSCatalog catalog(*url.url());
-    catalog.loadCompositeCatalog();
-    if (!catalog.loadProductIndexCache()) continue;
+  forEachCachedCatalog([&](const KTSCatalog& catalog) {
     auto found = catalog.products()->find(productId);
-    if (found == catalog.products()->end()) continue;
+    if (found == catalog.products()->end()) return;
     catalogs.append(lastPathComponent(catalog.catalogURL().path()));
-    if (files.size() > 0) continue;
+    if (files.size() > 0) return;
     for (const Plist& file : found->second->mirrorFiles().elements()) {
       const std::string& local = file[KTSProduct::kFileLocalPathKey].stringValue();
       const Plist& size = file[KTSProduct::kFileSizeKey];
@@ -280,7 +288,7 @@ Plist productDetail(const std::string& productId) {
                    local, size.isNumber() ? std::optional(size.integerValue()) : std::nullopt)));
       files.append(item);
     }
-  }
+  });
   record.set("catalogs", catalogs);
   record.set("files", files);
   return record;
@@ -288,17 +296,11 @@ Plist productDetail(const std::string& productId) {
 
 Plist nextPassPlan() {
   auto workingSet = KTSWorkingSet::defaultWorkingSet();
-  auto metaIndex = KTSMetaIndex::defaultMetaIndex();
-  metaIndex->updateLocalPaths();
-  metaIndex->refresh();
   std::set<std::string> seen;
   Plist planned = Plist::array();
   std::uint64_t files = 0;
   std::uint64_t bytes = 0;
-  for (const KTSURL& url : metaIndex->catalogs()) {
-    KTSCatalog catalog(*url.url());
-    catalog.loadCompositeCatalog();
-    if (!catalog.loadProductIndexCache()) continue;
+  forEachCachedCatalog([&](const KTSCatalog& catalog) {
     for (const auto& [productId, product] : *catalog.products()) {
       std::int32_t mirror = workingSet->containsProductID(productId)
                                 ? workingSet->mirrorSettingForProductID(productId)
@@ -316,7 +318,7 @@ Plist nextPassPlan() {
       files += still.files;
       bytes += still.bytes;
     }
-  }
+  });
   KTSMirrorSpace space = KTSMirrorSpace::now();
   Plist out = Plist::dictionary();
   out.set("products", planned);

@@ -46,6 +46,11 @@ void installCgiPrograms() {
   for (const char* name : kCgiNames) installCgi(name);
 }
 
+std::string cgiVariable(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
 void locateServiceRootOfCgi(const char* argv0) {
   const char* root = std::getenv("ONDREL_ROOT");
   if (root != nullptr && *root != '\0') return;

@@ -4,7 +4,12 @@
 // service root from its own place. One thread.
 #pragma once
 
+#include <string>
+
 namespace ondrel::programs {
+
+// The value of a variable Apache sets for the CGI; empty when it is not set.
+std::string cgiVariable(const char* name);
 
 // Copies each CGI from beside the running program (or from its install folder) into cgi-bin
 // when it is missing or older, by a rename, so Apache never runs a half-copied file.

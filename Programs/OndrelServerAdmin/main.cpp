@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "AdminRequests.h"
@@ -31,11 +30,6 @@ namespace {
 using namespace ondrel;
 
 constexpr const char* kSessionCookie = "ondrel_session";
-
-std::string environment(const char* name) {
-  const char* value = std::getenv(name);
-  return value ? value : "";
-}
 
 void answer(int status, const char* reason, const Plist& body, const std::string& headers = "") {
   std::string text = toJson(body) + "\n";
@@ -92,7 +86,7 @@ Plist productRows() {
 
 // The session's id from its cookie, or none when the browser has no usable one.
 std::string sessionOfRequest() {
-  std::string session = programs::cookieValue(environment("HTTP_COOKIE"), kSessionCookie);
+  std::string session = programs::cookieValue(programs::cgiVariable("HTTP_COOKIE"), kSessionCookie);
   return programs::isSessionId(session) ? session : "";
 }
 
@@ -113,7 +107,7 @@ int session(const std::string& user, const std::string& secret) {
 
 // The body of a POST, when it is of a size the page sends.
 std::optional<std::string> requestBody() {
-  std::string length = environment("CONTENT_LENGTH");
+  std::string length = programs::cgiVariable("CONTENT_LENGTH");
   if (length.empty() || length.size() > 7 ||
       length.find_first_not_of("0123456789") != std::string::npos) {
     return std::nullopt;
@@ -132,7 +126,7 @@ std::optional<std::string> requestBody() {
 
 int change(const std::string& route, const std::string& user, const std::string& secret) {
   if (!programs::csrfTokenMatches(secret, user, sessionOfRequest(),
-                                  environment("HTTP_X_ONDREL_TOKEN"))) {
+                                  programs::cgiVariable("HTTP_X_ONDREL_TOKEN"))) {
     return refuse(403, "Forbidden",
                   "the request does not carry this session's token; reload the page");
   }
@@ -164,7 +158,7 @@ int read(const std::string& route) {
   if (route == "/products") return answer(200, "OK", productRows()), 0;
   if (route == "/plan") return answer(200, "OK", programs::nextPassPlan()), 0;
   if (route == "/product") {
-    std::string query = environment("QUERY_STRING");
+    std::string query = programs::cgiVariable("QUERY_STRING");
     std::string id = query.rfind("id=", 0) == 0 ? query.substr(3) : "";
     if (!isValidProductId(id)) {
       return refuse(400, "Bad Request", programs::quotedForMessage(id) + " is not a product id");
@@ -180,15 +174,15 @@ int read(const std::string& route) {
 
 int main(int, char** argv) {
   programs::locateServiceRootOfCgi(argv[0]);
-  std::string user = environment("REMOTE_USER");
+  std::string user = programs::cgiVariable("REMOTE_USER");
   if (user.empty()) return refuse(401, "Unauthorized", "log in first");
   std::string secret = programs::readAdminSecret();
   if (secret.empty()) {
     return refuse(500, "Internal Server Error",
                   "the page has no secret yet; run \"ondrelctl web prepare\"");
   }
-  std::string method = environment("REQUEST_METHOD");
-  std::string route = environment("PATH_INFO");
+  std::string method = programs::cgiVariable("REQUEST_METHOD");
+  std::string route = programs::cgiVariable("PATH_INFO");
   try {
     if (method == "GET" && route == "/session") return session(user, secret);
     if (method == "GET") return read(route);

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string>
@@ -22,11 +21,6 @@
 #include "KTSSyncStatus.h"
 
 namespace {
-
-std::string environment(const char* name) {
-  const char* value = std::getenv(name);
-  return value ? value : "";
-}
 
 void answer(int status, const char* reason, const std::string& headers = "") {
   std::printf("Status: %d %s\r\nContent-Type: text/plain\r\n%s\r\n%d %s\n", status, reason,
@@ -68,9 +62,9 @@ int serve(const std::string& path, bool headOnly) {
                     std::to_string(status.st_mtim.tv_sec) + "." +
                     std::to_string(status.st_mtim.tv_nsec) + "\"";
   // If-Modified-Since counts only where there is no If-None-Match.
-  std::string ifNoneMatch = environment("HTTP_IF_NONE_MATCH");
+  std::string ifNoneMatch = ondrel::programs::cgiVariable("HTTP_IF_NONE_MATCH");
   std::optional<std::int64_t> ifModifiedSince =
-      ondrel::parseHttpDate(environment("HTTP_IF_MODIFIED_SINCE"));
+      ondrel::parseHttpDate(ondrel::programs::cgiVariable("HTTP_IF_MODIFIED_SINCE"));
   bool notModified = !ifNoneMatch.empty()
                          ? ondrel::ifNoneMatchNames(ifNoneMatch, tag)
                          : ifModifiedSince && status.st_mtim.tv_sec <= *ifModifiedSince;
@@ -100,7 +94,7 @@ int serve(const std::string& path, bool headOnly) {
 }  // namespace
 
 int main(int, char** argv) {
-  std::string query = environment("QUERY_STRING");
+  std::string query = ondrel::programs::cgiVariable("QUERY_STRING");
   std::string name = query.rfind('/', 0) == 0 ? query.substr(1) : query;
   // Only a supported catalog's plain name reaches the disk.
   if (!isSupportedCatalogName(name)) {
@@ -110,5 +104,5 @@ int main(int, char** argv) {
   ondrel::programs::locateServiceRootOfCgi(argv[0]);
   std::string path =
       ondrel::KTSPreferences::defaultPreferences()->updatesOtherCatalogsPath() + "/" + name;
-  return serve(path, environment("REQUEST_METHOD") == "HEAD");
+  return serve(path, ondrel::programs::cgiVariable("REQUEST_METHOD") == "HEAD");
 }

@@ -4,8 +4,6 @@
 // and 503 otherwise, so that a load balancer or a monitor can check the server by the status alone.
 // Never cached.
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 
 #include "CgiPrograms.h"
 #include "Clock.h"
@@ -14,8 +12,7 @@
 int main(int, char** argv) {
   ondrel::programs::locateServiceRootOfCgi(argv[0]);
   ondrel::KTSPassHistory history(ondrel::KTSPassHistory::defaultPath());
-  const char* method = std::getenv("REQUEST_METHOD");
-  bool headOnly = method != nullptr && std::strcmp(method, "HEAD") == 0;
+  bool headOnly = ondrel::programs::cgiVariable("REQUEST_METHOD") == "HEAD";
   ondrel::Date now = ondrel::Clock::now();
   std::string body = history.healthJson(now);
   std::printf(
