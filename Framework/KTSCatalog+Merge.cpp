@@ -116,7 +116,7 @@ void KTSCatalog::updateCompositeCatalogWithCatalog(const Plist& catalog) {
   }
   composite.set(KTCatalogProductsDictKey, std::move(result));
   compositeCatalog_ = std::move(composite);
-  saveCompositeCatalog();
+  saveMergedCompositeCatalog();
 }
 
 bool KTSCatalog::shouldIgnoreProductForDictionaryWithIdentifier(const Plist& dictionary,

@@ -5,6 +5,7 @@
 
 #include "KTCatalogKeys.h"
 #include "KTSCatalog.h"
+#include "KTSPassRecord.h"
 #include "KTSPath.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
@@ -223,6 +224,42 @@ void KTSCatalog::saveProductIndexCache() {
   if (!KTSUtilities::writePropertyListArrayToPath(take, productsCachePath_)) {
     log_.debug("CTLG: product index cache save failed!");
   }
+  if (KTSPassRecord* record = KTSPassRecord::current()) {
+    record->recordFile(productsCachePath_, productIndexCacheInputs(*record));
+  }
+}
+
+void KTSCatalog::saveProductIndexCacheUnlessCurrent() {
+  KTSPassRecord* record = KTSPassRecord::current();
+  if (record && compositeUnchanged_) {
+    std::string inputs = productIndexCacheInputs(*record);
+    if (record->isCurrent(productsCachePath_, inputs)) {
+      record->recordFile(productsCachePath_, inputs);
+      log_.debug("CTLG: product index cache unchanged.");
+      return;
+    }
+  }
+  saveProductIndexCache();
+}
+
+// A product's record in the cache is made from its composite entry, its server metadata and its
+// states; the entries are those of the composite catalog, which the caller compares itself.
+std::string KTSCatalog::productIndexCacheInputs(KTSPassRecord& record) const {
+  KTSPassRecord::Inputs inputs;
+  if (!products_) return inputs.text();
+  for (const auto& [productId, product] : *products_) {
+    inputs.add(std::string_view(productId))
+        .add(product->mirror())
+        .add(product->enabled())
+        .add(product->enableWhenMirrored())
+        .add(product->downloadStatus())
+        .addValue(product->totalDownloadSize())
+        .addValue(product->downloadedSize());
+    std::optional<std::string> metadata =
+        product->smdPath() ? product->smdPath()->asLocalPath() : std::nullopt;
+    inputs.add(metadata ? std::string_view(record.stampOfSettledFile(*metadata)) : "");
+  }
+  return inputs.text();
 }
 
 std::int64_t KTSCatalog::compositeStateForProduct(const KTSProduct& product) const {

@@ -6,6 +6,7 @@
 #include "KTSCatalogDownloader.h"
 #include "KTSError.h"
 #include "KTSFetchScheduler.h"
+#include "KTSPassRecord.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSUtilities.h"
@@ -57,6 +58,11 @@ KTSCatalog::KTSCatalog(const Url& catalogURL) : catalogURL_(catalogURL), log_(Lo
 KTSCatalog::~KTSCatalog() = default;
 
 void KTSCatalog::syncCatalogWithDeprecationsForcingUpdate(const Plist& deprecations, bool force) {
+  syncCatalogLeavingCache(deprecations, force);
+  if (products_) saveProductIndexCacheUnlessCurrent();
+}
+
+void KTSCatalog::syncCatalogLeavingCache(const Plist& deprecations, bool force) {
   log_.info("Updating local catalog: {}", lastPathComponent(catalogPrimePath_));
   log_.debug("CTLG: ==== syncing composite catalog with Vantor server ====");
   log_.debug("CTLG: URL   = {}", catalogURL_);
@@ -74,7 +80,6 @@ void KTSCatalog::syncCatalogWithDeprecationsForcingUpdate(const Plist& deprecati
   applyGlobalProductPreferences();
   updateAllDeprecatedProductsStates();
   verifyAllProductDownloadStates();
-  if (products_) saveProductIndexCache();
   throttleDownloads_ = false;
   setDeprecatedProducts(Plist());
 }
@@ -100,12 +105,27 @@ void KTSCatalog::loadCompositeCatalog() {
   } else {
     compositeCatalog_ = Plist::dictionary();
   }
+  KTSPassRecord* record = KTSPassRecord::current();
+  compositeAsRecorded_ = record && record->isCurrent(compositeCatalogPath_, "");
+  loadedComposite_ = compositeAsRecorded_ ? compositeCatalog_ : Plist();
+  compositeUnchanged_ = false;
 }
 
 void KTSCatalog::saveCompositeCatalog() {
   if (compositeCatalog_.isNull()) return;
   KTSUtilities::writeDictionaryToPath(compositeCatalog_, compositeCatalogPath_);
+  if (KTSPassRecord* record = KTSPassRecord::current()) {
+    record->recordFile(compositeCatalogPath_, "");
+  }
   log_.debug("CTLG: composite catalog saved.");
+}
+
+void KTSCatalog::saveMergedCompositeCatalog() {
+  compositeUnchanged_ = compositeAsRecorded_ && compositeCatalog_.isIdenticalTo(loadedComposite_);
+  loadedComposite_ = Plist();
+  if (!compositeUnchanged_) return saveCompositeCatalog();
+  KTSPassRecord::current()->recordFile(compositeCatalogPath_, "");
+  log_.debug("CTLG: composite catalog unchanged.");
 }
 
 void KTSCatalog::fetchCatalogAheadWithScheduler(KTSFetchScheduler& scheduler) {
@@ -222,6 +242,7 @@ void KTSCatalog::commitCatalogProductRemovals() {
   Plist& entries = catalog.mutableValue(KTCatalogProductsDictKey);
   for (const std::string& productId : removed) entries.remove(productId);
   compositeCatalog_ = std::move(catalog);
+  compositeUnchanged_ = false;
   saveCompositeCatalog();
 }
 

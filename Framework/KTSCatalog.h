@@ -21,6 +21,7 @@ namespace ondrel {
 class KTSCatalogDownloader;
 class KTSError;
 class KTSFetchScheduler;
+class KTSPassRecord;
 class KTSProduct;
 
 class KTSCatalog {
@@ -47,8 +48,15 @@ class KTSCatalog {
   // Downloads, merges, rebuilds the index and runs the policies. A merge that cannot be made
   // (no usable upstream catalog) throws KTSError and changes nothing.
   void syncCatalogWithDeprecationsForcingUpdate(const Plist& deprecations, bool force);
+  // The same without saving the product index cache: a pass saves it once its products are
+  // mirrored.
+  void syncCatalogLeavingCache(const Plist& deprecations, bool force);
   void loadCompositeCatalog();
+  // Writes the composite catalog, and records it in the pass record in effect.
   void saveCompositeCatalog();
+  // After a merge: writes the composite catalog unless the merge left it exactly as the pass
+  // record shows it on disk.
+  void saveMergedCompositeCatalog();
   // The catalog read from path after an optional download; null when there is none.
   Plist downloadCatalogToPathForcingUpdate(const std::string& path, bool force);
   // Starts the download of the upstream catalog through scheduler, beside other transfers; the
@@ -89,7 +97,11 @@ class KTSCatalog {
 
   // The product index cache and the check of files on disk.
   bool loadProductIndexCache();
+  // Writes the cache, and records it in the pass record in effect.
   void saveProductIndexCache();
+  // Leaves the cache as it is when the pass record shows it was made from this very composite
+  // catalog and these products; writes it otherwise.
+  void saveProductIndexCacheUnlessCurrent();
   std::int64_t compositeStateForProduct(const KTSProduct& product) const;
   void verifyAllProductDownloadStates();
 
@@ -116,6 +128,9 @@ class KTSCatalog {
   const LogHandle& logger() const { return log_; }
 
  private:
+  // The digest of what the product index cache is made from besides the composite catalog: the
+  // products' states and their server metadata files.
+  std::string productIndexCacheInputs(KTSPassRecord& record) const;
   void updateDeprecatedProductsStatesInWalk(KTSProduct& product, const KTSProduct* deprecator,
                                             bool superiorEnabled, std::set<std::string>& visited);
 
@@ -130,6 +145,12 @@ class KTSCatalog {
   std::string updatesDocRoot_;
   std::string catalogPrimePath_;
   Plist compositeCatalog_;
+  // The composite catalog as loaded, while a merge may still change it, and whether the pass
+  // record showed the file as the last pass left it.
+  Plist loadedComposite_;
+  bool compositeAsRecorded_ = false;
+  // True when this sync's merge left the composite catalog exactly as the last pass recorded it.
+  bool compositeUnchanged_ = false;
   std::optional<ProductIndex> products_;
   bool throttleDownloads_ = false;
   bool lastDownloadSucceeded_ = true;

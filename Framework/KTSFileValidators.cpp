@@ -44,7 +44,7 @@ std::optional<std::int64_t> parseNumber(std::string_view text) {
 }
 
 // The size and modification time of the regular file at path, not following a link.
-std::optional<std::pair<std::int64_t, std::int64_t>> fileStamp(const std::string& path) {
+std::optional<std::pair<std::int64_t, std::int64_t>> sizeAndModification(const std::string& path) {
   struct stat info {};
   if (::lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
   std::int64_t modified =
@@ -103,7 +103,7 @@ std::optional<KTSFileValidators::Validators> KTSFileValidators::validatorsForFil
     const std::string& path) const {
   auto found = entries_.find(path);
   if (found == entries_.end()) return std::nullopt;
-  auto stamp = fileStamp(path);
+  auto stamp = sizeAndModification(path);
   if (!stamp || stamp->first != found->second.size || stamp->second != found->second.modified) {
     return std::nullopt;
   }
@@ -112,7 +112,7 @@ std::optional<KTSFileValidators::Validators> KTSFileValidators::validatorsForFil
 
 void KTSFileValidators::recordValidatorsForFile(const std::string& path,
                                                 const Validators& validators) {
-  auto stamp = fileStamp(path);
+  auto stamp = sizeAndModification(path);
   bool usable = stamp && isRecordablePath(path) &&
                 isPrintableField(validators.etag, kValidatorLengthLimit) &&
                 isPrintableField(validators.lastModified, kValidatorLengthLimit) &&

@@ -106,7 +106,15 @@ std::string KTSSyncPass::servedCatalogPath(const Url& catalogURL) {
 
 bool KTSSyncPass::interrupted() const { return Transfer::isCancelled(); }
 
-KTSPassOutcome KTSSyncPass::runFullPass() { return run(true); }
+KTSPassOutcome KTSSyncPass::runFullPass(KTSPassRecord::Reuse reuse) {
+  // What the last full pass left that this one would write alike stays as it is.
+  KTSPassRecord record(reuse);
+  KTSPassOutcome outcome = run(true);
+  if (!outcome.interrupted && !record.save()) {
+    log_.warning("The record of this pass could not be kept; the next pass writes every file.");
+  }
+  return outcome;
+}
 
 KTSPassOutcome KTSSyncPass::runProductChanges() { return run(false); }
 
@@ -377,8 +385,8 @@ void KTSSyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& c
     observer_.catalogStarted(i + 1, catalogs.size(), catalogName(url));
     if (fullSync) {
       try {
-        catalog->syncCatalogWithDeprecationsForcingUpdate(deprecations, true);
-        cacheSaved_.insert(catalog.get());
+        catalog->syncCatalogLeavingCache(deprecations, true);
+        synced_.insert(catalog.get());
         if (!catalog->lastDownloadSucceeded() && !interrupted()) {
           outcome.failures.push_back(
               fmt::format("{} (download failed; the last copy was used)", catalogName(url)));
@@ -538,23 +546,27 @@ void KTSSyncPass::saveState() {
   }
   auto workingSet = KTSWorkingSet::defaultWorkingSet();
   workingSet->refreshProducts();
-  workingSet->updateWithProductsAndRevocationsArchivingPrevious(all, Plist(), true);
+  workingSet->mergeProducts(all);
   // The merge keeps the settings already recorded; the states after this pass replace them.
-  for (const auto& [productId, product] : all) workingSet->updateProductStatus(*product);
-  workingSet->saveProductsArchivingPrevious(false);
+  for (const auto& [productId, product] : all) workingSet->applyProductStatus(*product);
+  workingSet->saveProductsUnlessCurrent(true);
   for (const auto& catalog : catalogs_) {
-    if (catalog->products() && !cacheIsCurrent(*catalog)) catalog->saveProductIndexCache();
+    if (!catalog->products()) continue;
+    if (synced_.count(catalog.get()) != 0) {
+      catalog->saveProductIndexCacheUnlessCurrent();
+    } else if (listsChangedProduct(*catalog)) {
+      catalog->saveProductIndexCache();
+    }
   }
 }
 
-// A cache saved by this pass's sync is current unless a product it lists changed afterwards;
-// writing it again would cost the whole file (tens of megabytes for a large catalog).
-bool KTSSyncPass::cacheIsCurrent(const KTSCatalog& catalog) const {
-  if (cacheSaved_.count(&catalog) == 0) return false;
+// A cache loaded in this pass is current unless a product it lists changed since; writing it
+// again would cost the whole file (tens of megabytes for a large catalog).
+bool KTSSyncPass::listsChangedProduct(const KTSCatalog& catalog) const {
   for (const std::string& productId : changedProducts_) {
-    if (catalog.productForProductId(productId)) return false;
+    if (catalog.productForProductId(productId)) return true;
   }
-  return true;
+  return false;
 }
 
 void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {

@@ -16,6 +16,7 @@
 
 #include "KTSCatalog.h"
 #include "KTSLogger.h"
+#include "KTSPassRecord.h"
 #include "Plist.h"
 
 namespace ondrel {
@@ -53,8 +54,10 @@ class KTSSyncPass {
  public:
   explicit KTSSyncPass(KTSPassObserver& observer);
 
-  // A whole pass: the catalogs are downloaded and merged.
-  KTSPassOutcome runFullPass();
+  // A whole pass: the catalogs are downloaded and merged. With Reuse::Nothing every file is
+  // made and written anew (ondrd_syncd --full); otherwise a file the last pass left exactly as
+  // this one would write it stays as it is.
+  KTSPassOutcome runFullPass(KTSPassRecord::Reuse reuse = KTSPassRecord::Reuse::Allowed);
   // Only the pending product changes: the catalogs are loaded from their caches.
   KTSPassOutcome runProductChanges();
 
@@ -92,7 +95,7 @@ class KTSSyncPass {
   bool upstreamStillAnswers(KTSPassOutcome& outcome);
   void carryStateToOtherInstances(const KTSProduct& mirrored);
   void saveState();
-  bool cacheIsCurrent(const KTSCatalog& catalog) const;
+  bool listsChangedProduct(const KTSCatalog& catalog) const;
   void writeServedCatalogs(KTSPassOutcome& outcome);
   void finishTickets();
   bool interrupted() const;
@@ -102,8 +105,8 @@ class KTSSyncPass {
   std::map<std::string, ProductChange> changes_;
   std::vector<std::pair<std::int64_t, std::string>> ticketsDone_;
   std::vector<std::shared_ptr<KTSCatalog>> catalogs_;
-  // Catalogs whose sync in this pass saved their product index cache.
-  std::set<const KTSCatalog*> cacheSaved_;
+  // Catalogs synced in this pass; their product index caches are saved at its end.
+  std::set<const KTSCatalog*> synced_;
   // Products whose state this pass changed after the catalogs were synced or loaded.
   std::set<std::string> changedProducts_;
   std::map<std::string, bool> verified_;

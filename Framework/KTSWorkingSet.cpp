@@ -6,6 +6,7 @@
 #include "HostPaths.h"
 #include "KTCatalogKeys.h"
 #include "KTSCatalog.h"
+#include "KTSPassRecord.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSUtilities.h"
@@ -77,6 +78,7 @@ bool KTSWorkingSet::loadProducts() {
   }
   if (!root.contains(kProductsKey)) return false;
   products_ = products;
+  savedProducts_ = products_;
   cacheDirty_ = false;
   cacheDate_ = Clock::now();
   cachedFileStamp_ = stamp;
@@ -108,6 +110,8 @@ bool KTSWorkingSet::saveProductsArchivingPrevious(bool archivePrevious) {
   cacheDate_ = lastWrite_;
   cacheDirty_ = false;
   cachedFileStamp_ = currentFileStamp();
+  savedProducts_ = root[kProductsKey];
+  if (KTSPassRecord* record = KTSPassRecord::current()) record->recordFile(currentPath_, "");
   log_.debug("WSET: cache date = {}", Plist::date(*cacheDate_));
   return true;
 }
@@ -144,6 +148,11 @@ void KTSWorkingSet::refreshProducts() {
 bool KTSWorkingSet::updateWithProductsAndRevocationsArchivingPrevious(const ProductsById& products,
                                                                       const Plist&,
                                                                       bool archivePrevious) {
+  mergeProducts(products);
+  return saveProductsArchivingPrevious(archivePrevious);
+}
+
+void KTSWorkingSet::mergeProducts(const ProductsById& products) {
   Plist merged = products_.isDictionary() ? products_ : Plist::dictionary();
   for (const auto& [key, product] : products) {
     Plist record = representationForProduct(product.get());
@@ -162,14 +171,30 @@ bool KTSWorkingSet::updateWithProductsAndRevocationsArchivingPrevious(const Prod
     merged.set(productId, std::move(record));
   }
   setProductCache(std::move(merged));
+}
+
+bool KTSWorkingSet::saveProductsUnlessCurrent(bool archivePrevious) {
+  KTSPassRecord* record = KTSPassRecord::current();
+  if (record && products_.isIdenticalTo(savedProducts_) && record->isCurrent(currentPath_, "")) {
+    record->recordFile(currentPath_, "");
+    log_.debug("WSET: {} unchanged", lastPathComponent(currentPath_));
+    return true;
+  }
   return saveProductsArchivingPrevious(archivePrevious);
 }
 
 void KTSWorkingSet::updateProductStatus(const KTSProduct& product) {
-  if (!product.productId()) return;
+  if (!applyProductStatus(product)) return;
+  if (!lastWrite_ || Clock::now() - *lastWrite_ > kStatusSaveInterval) {
+    saveProductsArchivingPrevious(false);
+  }
+}
+
+bool KTSWorkingSet::applyProductStatus(const KTSProduct& product) {
+  if (!product.productId()) return false;
   const std::string& productId = *product.productId();
   const Plist& record = products_[productId];
-  if (!record.isDictionary()) return;
+  if (!record.isDictionary()) return false;
   bool changed = false;
   std::int32_t oldMirror = KTSProduct::mirrorStateForString(record["mirror"].stringValue());
   if (oldMirror != product.mirror()) {
@@ -197,7 +222,7 @@ void KTSWorkingSet::updateProductStatus(const KTSProduct& product) {
     changed = true;
     log_.debug("WSET: {} restart action changed: old={}, new={}.", productId, oldAction, newAction);
   }
-  if (!changed) return;
+  if (!changed) return false;
 
   Plist updated = record;
   updated.set("mirror", product.mirrorStateDescription());
@@ -210,9 +235,7 @@ void KTSWorkingSet::updateProductStatus(const KTSProduct& product) {
   Plist products = std::move(products_);
   products.set(productId, std::move(updated));
   setProductCache(std::move(products));
-  if (!lastWrite_ || Clock::now() - *lastWrite_ > kStatusSaveInterval) {
-    saveProductsArchivingPrevious(false);
-  }
+  return true;
 }
 
 Plist KTSWorkingSet::representationForProduct(const KTSProduct* product) const {

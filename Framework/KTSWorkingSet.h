@@ -40,8 +40,15 @@ class KTSWorkingSet {
   bool updateWithProductsAndRevocationsArchivingPrevious(const ProductsById& products,
                                                          const Plist& revocations,
                                                          bool archivePrevious);
+  // The merge alone, in memory.
+  void mergeProducts(const ProductsById& products);
   // Records a product's changed state; saves at most once a second.
   void updateProductStatus(const KTSProduct& product);
+  // Records a product's changed state in memory; true when it changed.
+  bool applyProductStatus(const KTSProduct& product);
+  // Saves unless the records are exactly those of the file on disk as the pass record in effect
+  // shows it; the file replaced becomes ".previous" when archivePrevious is true.
+  bool saveProductsUnlessCurrent(bool archivePrevious);
   // The record of a product, or null when it lacks required data.
   Plist representationForProduct(const KTSProduct* product) const;
 
@@ -74,6 +81,8 @@ class KTSWorkingSet {
 
   std::string currentPath_;
   Plist products_;
+  // The records as last loaded from or saved to the file.
+  Plist savedProducts_;
   std::optional<Date> cacheDate_;
   bool cacheDirty_ = false;
   std::optional<Date> lastWrite_;

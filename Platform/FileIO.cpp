@@ -106,6 +106,13 @@ std::optional<std::uint64_t> fileIdentity(const std::string& path) {
   return static_cast<std::uint64_t>(status.st_ino);
 }
 
+std::optional<std::string> fileStamp(const std::string& path) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0) return std::nullopt;
+  return fmt::format("{}:{}:{}:{}.{:09}", status.st_dev, status.st_ino, status.st_size,
+                     status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
+}
+
 bool isSymbolicLink(const std::string& path) {
   struct stat status {};
   return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);

@@ -61,6 +61,10 @@ void keepPreviousVersion(const std::string& path, const std::string& previousPat
 // Identifies the file now at path (its inode), so a later look can tell whether it was replaced.
 std::optional<std::uint64_t> fileIdentity(const std::string& path);
 
+// The file now at path as text: its inode, size and modification time at full resolution. Every
+// write this system makes replaces the file, so an equal stamp later means nobody wrote it since.
+std::optional<std::string> fileStamp(const std::string& path);
+
 // True when path itself is a symbolic link (it is not followed).
 bool isSymbolicLink(const std::string& path);
 

@@ -372,6 +372,35 @@ bool Plist::operator==(const Plist& other) const {
   }
 }
 
+bool Plist::isIdenticalTo(const Plist& other) const {
+  if (type_ != other.type_) return false;
+  switch (type_) {
+    case Type::Integer:
+      return integer_ == other.integer_ && unsigned_ == other.unsigned_;
+    case Type::Real:
+      return (real_ == other.real_ && std::signbit(real_) == std::signbit(other.real_)) ||
+             (std::isnan(real_) && std::isnan(other.real_));
+    case Type::Array: {
+      if (node_ == other.node_) return true;
+      const Array& mine = elements();
+      const Array& theirs = other.elements();
+      return std::equal(mine.begin(), mine.end(), theirs.begin(), theirs.end(),
+                        [](const Plist& a, const Plist& b) { return a.isIdenticalTo(b); });
+    }
+    case Type::Dictionary: {
+      if (node_ == other.node_) return true;
+      const Dictionary& mine = items();
+      const Dictionary& theirs = other.items();
+      return std::equal(mine.begin(), mine.end(), theirs.begin(), theirs.end(),
+                        [](const auto& a, const auto& b) {
+                          return a.first == b.first && a.second.isIdenticalTo(b.second);
+                        });
+    }
+    default:
+      return *this == other;
+  }
+}
+
 bool Plist::sharesStorageWith(const Plist& other) const {
   return holdsNode() && type_ == other.type_ && node_ == other.node_;
 }

@@ -119,6 +119,9 @@ class Plist {
 
   bool operator==(const Plist& other) const;
   bool operator!=(const Plist& other) const { return !(*this == other); }
+  // Stricter than ==: true only when both are written as the same text, so numbers of different
+  // kinds (1 and 1.0) differ. What decides whether a file needs writing again.
+  bool isIdenticalTo(const Plist& other) const;
 
   // The text form used in messages: strings as they are, numbers in decimal, booleans as 1 or 0,
   // dates as "yyyy-MM-dd HH:mm:ss +0000", collections in the classic bracketed form.

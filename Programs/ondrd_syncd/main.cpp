@@ -74,13 +74,14 @@ std::string lockPath() { return ondrel::KTSServerLayout::statusPath("ondrd_syncd
 // Runs one pass (a full one, or only the product changes) and what follows every pass: its
 // record in the history, the metrics file and the administrator's hooks.
 // interval: the time to the next full pass, when the daemon runs them on its own.
-ondrel::KTSPassOutcome runPass(bool fullSync, ondrel::syncd::Progress& progress,
-                               std::optional<std::chrono::seconds> interval) {
+ondrel::KTSPassOutcome runPass(
+    bool fullSync, ondrel::syncd::Progress& progress, std::optional<std::chrono::seconds> interval,
+    ondrel::KTSPassRecord::Reuse reuse = ondrel::KTSPassRecord::Reuse::Allowed) {
   using namespace ondrel;
   KTSPassHistory::Pass pass;
   pass.started = Clock::now();
   KTSSyncPass syncPass(progress);
-  KTSPassOutcome outcome = fullSync ? syncPass.runFullPass() : syncPass.runProductChanges();
+  KTSPassOutcome outcome = fullSync ? syncPass.runFullPass(reuse) : syncPass.runProductChanges();
   pass.ended = Clock::now();
   pass.fullSync = fullSync;
   pass.outcome = outcome.interrupted         ? KTSPassHistory::Outcome::Interrupted
@@ -149,8 +150,12 @@ int runService(std::chrono::seconds interval, ondrel::syncd::Progress& progress)
 int main(int argc, char** argv) {
   CLI::App app{"Ondrel Server sync daemon: mirrors the upstream catalogs and products."};
   bool once = false;
+  bool full = false;
   long intervalSeconds = 24 * 3600;
-  app.add_flag("--once", once, "Run one pass and exit");
+  CLI::Option* onceFlag = app.add_flag("--once", once, "Run one pass and exit");
+  app.add_flag("--full", full,
+               "Make and write every file anew, reusing nothing from the last pass (a repair)")
+      ->needs(onceFlag);
   app.add_option("--interval", intervalSeconds, "Seconds from one pass to the next (service)")
       ->check(CLI::Range(1L, 365L * 24 * 3600));
   try {
@@ -180,6 +185,10 @@ int main(int argc, char** argv) {
   ondrel::programs::installCgiPrograms();
   ondrel::syncd::Progress progress;
   ondrel::KTSFetchScheduler::setHeartbeat(&ondrel::syncd::Progress::heartbeat);
-  if (once) return report(runPass(true, progress, std::nullopt), progress);
+  if (once) {
+    auto reuse =
+        full ? ondrel::KTSPassRecord::Reuse::Nothing : ondrel::KTSPassRecord::Reuse::Allowed;
+    return report(runPass(true, progress, std::nullopt, reuse), progress);
+  }
   return runService(std::chrono::seconds(intervalSeconds), progress);
 }

@@ -8,10 +8,13 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <thread>
 
 #include "ApacheServer.h"
+#include "Clock.h"
+#include "FileIO.h"
 #include "KTCatalogKeys.h"
 #include "OndrelTest.h"
 #include "ProgramRunner.h"
@@ -513,6 +516,150 @@ TEST_F(WholeSystemTest, PassLevelFaultsAreToldAndMended) {
   EXPECT_EQ(readFile(mirror.html() + "/content/catalogs/others/" + kNewest + ".composite"),
             composite);
   EXPECT_GT(mirror.served()[KTCatalogProductsDictKey].size(), 0u) << "still served";
+}
+
+// Files whose bytes differ between any two trees by nature, each with its reason; everything
+// else an incremental pass writes must be what a full rebuild writes.
+const std::map<std::string, const char*> kNaturallyDifferent = {
+    {"Status/.pass_record", "stamps (inodes, modification times) of the files a pass wrote"},
+    {"Status/.pass_history", "the times of the passes"},
+    {"Status/ondrel.prom", "the times and durations of the passes"},
+    {"Status/.start_time", "the time the last pass started"},
+    {"Status/.last_run", "the time the last pass ended"},
+    {"Status/ondrd_syncd.lock", "the process id of the last pass"},
+    {"Data/.validators", "the modification times of the files placed"},
+    {"Status/com.vantor.server.ondrel.plist.previous",
+     "a pass that leaves the working set as it was does not rotate it, so its previous version "
+     "stays the last one that differed"},
+};
+
+// Whether text at "at" is a date as property lists write it, "yyyy-MM-ddTHH:mm:ssZ" in a date
+// and "yyyy-MM-dd HH:mm:ss +0000" in a string; its first 19 characters, with a "T", if so.
+std::optional<std::string> writtenDate(const std::string& text, std::size_t at) {
+  static const std::string shape = "dddd-dd-dd?dd:dd:dd";
+  if (text.size() < at + shape.size()) return std::nullopt;
+  std::string date = text.substr(at, shape.size());
+  for (std::size_t i = 0; i < shape.size(); ++i) {
+    bool digit = std::isdigit(static_cast<unsigned char>(date[i])) != 0;
+    if (shape[i] == 'd'   ? !digit
+        : shape[i] == '?' ? date[i] != 'T' && date[i] != ' '
+                          : date[i] != shape[i]) {
+      return std::nullopt;
+    }
+  }
+  date[10] = 'T';
+  return date;
+}
+
+// The files of a tree (relative path to bytes), with the tree's own location in them replaced
+// by "@ROOT@", and dates taken from the clock during the test (a product whose post date is no
+// date takes the pass's "now") replaced by "@NOW@".
+std::map<std::string, std::string> treeContents(const std::string& root, const std::string& since) {
+  std::map<std::string, std::string> contents;
+  const std::string base = root + "/Library/Server/Ondrel/";
+  for (const auto& item : std::filesystem::recursive_directory_iterator(root)) {
+    if (!item.is_regular_file() || item.is_symlink()) continue;
+    std::string path = item.path().string();
+    std::string relative = path.rfind(base, 0) == 0 ? path.substr(base.size()) : path;
+    if (kNaturallyDifferent.count(relative) != 0) continue;
+    std::string bytes = test::OndrelTest::readFile(path);
+    for (std::size_t at = bytes.find(root); at != std::string::npos; at = bytes.find(root, at)) {
+      bytes.replace(at, root.size(), "@ROOT@");
+    }
+    for (const std::string tag : {"<date>", "<string>"}) {
+      for (std::size_t at = bytes.find(tag); at != std::string::npos; at = bytes.find(tag, at)) {
+        at += tag.size();
+        std::optional<std::string> date = writtenDate(bytes, at);
+        if (date && *date >= since) bytes.replace(at, date->size(), "@NOW@");
+      }
+    }
+    contents[path.substr(root.size())] = std::move(bytes);
+  }
+  return contents;
+}
+
+void expectSameTrees(const Mirror& incremental, const Mirror& rebuilt, const std::string& since,
+                     const std::string& day) {
+  auto mine = treeContents(incremental.root(), since);
+  auto theirs = treeContents(rebuilt.root(), since);
+  for (const auto& [path, bytes] : theirs) {
+    auto found = mine.find(path);
+    if (found == mine.end()) {
+      ADD_FAILURE() << day << ": only the full rebuild wrote " << path;
+    } else if (found->second != bytes) {
+      ADD_FAILURE() << day << ": " << path << " differs from the full rebuild's";
+    }
+  }
+  for (const auto& [path, bytes] : mine) {
+    if (theirs.count(path) == 0)
+      ADD_FAILURE() << day << ": only the incremental pass wrote " << path;
+  }
+}
+
+TEST_F(WholeSystemTest, IncrementalPassesWriteWhatAFullRebuildWrites) {
+  // Two servers side by side on the same upstream; their trees differ only in where they are.
+  int port = test::freeLoopbackPort();
+  Mirror incremental(root_ + "/incremental", port);
+  Mirror rebuilt(root_ + "/rebuilt", port);
+  // As the dates are compared: UTC, "yyyy-MM-ddTHH:mm:ss".
+  std::string since = Plist::date(Clock::now()).description().substr(0, 19);
+  since[10] = 'T';
+  publishEpoch(0);
+  incremental.configure(upstreamPort_, false);
+  rebuilt.configure(upstreamPort_, false);
+  auto both = [&](const std::vector<std::string>& arguments) {
+    ASSERT_EQ(incremental.ctl(arguments).exitStatus, 0);
+    ASSERT_EQ(rebuilt.ctl(arguments).exitStatus, 0);
+  };
+  auto passes = [&](const std::string& day, int exitStatus = 0) {
+    auto t0 = std::chrono::steady_clock::now();
+    ProgramResult pass = incremental.pass();
+    fprintf(stderr, "%s %.1f\n", day.c_str(),
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count());
+    EXPECT_EQ(pass.exitStatus, exitStatus) << day << ": " << pass.output;
+    ProgramResult full = rebuilt.run(ONDREL_SYNCD, {"--once", "--full"});
+    EXPECT_EQ(full.exitStatus, exitStatus) << day << ": " << full.output;
+    expectSameTrees(incremental, rebuilt, since, day);
+  };
+  passes("day 0");
+  passes("day 0 again: every product recurs");
+  // Nothing changed: the incremental pass leaves the catalog's files as they are.
+  const std::string files = incremental.html() + "/content/catalogs/others/";
+  const std::string cache = files + kNewest.substr(0, kNewest.rfind('.')) + ".productscache";
+  std::optional<std::string> cacheStamp = fileStamp(cache);
+  std::optional<std::string> compositeStamp = fileStamp(files + kNewest + ".composite");
+  passes("day 0 a third time: nothing changes");
+  EXPECT_EQ(fileStamp(cache), cacheStamp);
+  EXPECT_EQ(fileStamp(files + kNewest + ".composite"), compositeStamp);
+  both({"mirror", "VT-000020", "VT-000021"});
+  both({"enable", "VT-000022"});
+  passes("day 0 with products chosen");
+  publishEpoch(1);
+  passes("day 1: new, withdrawn and deprecated products, changed metadata");
+  both({"disable", "VT-000022"});
+  both({"remove", "VT-000020"});
+  both({"enable", "VT-000021"});
+  passes("day 1 with products disabled and removed");
+  publishEpoch(2, 3000);
+  passes("day 2: every package has another size");
+  // A package that cannot be fetched fails its product on both servers alike.
+  Plist entry = upstreamCatalog()["VT-000021"];
+  std::string url = entry[KTCatalogProductPackagesKey][0]["URL"].stringValue();
+  std::string package = upstream_ + url.substr(url.find("/content/"));
+  std::filesystem::permissions(package, std::filesystem::perms::none);
+  passes("day 2 with a package refused upstream");
+  std::filesystem::permissions(package, std::filesystem::perms::owner_read |
+                                            std::filesystem::perms::group_read |
+                                            std::filesystem::perms::others_read);
+  passes("day 2 with the package back");
+  EXPECT_EQ(incremental.served()[KTCatalogProductsDictKey].size(), 1u) << "VT-000021 is served";
+  // Only one product's server metadata changes upstream; the catalogs stay as they were.
+  std::string metadataURL = upstreamCatalog()["VT-000021"]["ServerMetadataURL"].stringValue();
+  std::string metadataPath = upstream_ + metadataURL.substr(metadataURL.find("/content/"));
+  Plist metadata = Plist::readFile(metadataPath, nullptr).value_or(Plist());
+  metadata.set("CFBundleShortVersionString", "9.9.9");
+  ASSERT_TRUE(metadata.writeXmlFile(metadataPath, nullptr));
+  passes("day 2 with one product's server metadata changed");
 }
 
 }  // namespace

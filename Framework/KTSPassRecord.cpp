@@ -1,0 +1,133 @@
+#include "KTSPassRecord.h"
+
+#include <sys/stat.h>
+
+#include "FileIO.h"
+#include "KTSPreferences.h"
+#include "KTSServerLayout.h"
+#include "KTSUtilities.h"
+
+namespace ondrel {
+
+namespace {
+
+constexpr const char* kSettingsKey = "settings";
+constexpr const char* kFilesKey = "files";
+constexpr const char* kStampKey = "stamp";
+constexpr const char* kInputsKey = "inputs";
+
+}  // namespace
+
+KTSPassRecord* KTSPassRecord::current_ = nullptr;
+
+// Two FNV-1a sums with different starts and one multiplier: 128 bits against a chance match.
+KTSPassRecord::Inputs& KTSPassRecord::Inputs::add(std::string_view text) {
+  constexpr std::uint64_t kPrime = 1099511628211ull;
+  for (unsigned char c : text) {
+    low_ = (low_ ^ c) * kPrime;
+    high_ = (high_ ^ c) * kPrime;
+  }
+  // A separator, so that "ab" then "c" differs from "a" then "bc".
+  low_ = (low_ ^ 0xff) * kPrime;
+  high_ = (high_ ^ 0xfe) * kPrime;
+  return *this;
+}
+
+KTSPassRecord::Inputs& KTSPassRecord::Inputs::add(std::int64_t number) {
+  return add(std::to_string(number));
+}
+
+// The kind too: 5 and 5.0 are written differently.
+KTSPassRecord::Inputs& KTSPassRecord::Inputs::addValue(const Plist& value) {
+  return add(static_cast<std::int64_t>(value.type())).add(value.description());
+}
+
+std::string KTSPassRecord::Inputs::text() const {
+  return fmt::format("{:016x}{:016x}", high_, low_);
+}
+
+KTSPassRecord::KTSPassRecord(Reuse reuse)
+    : reuse_(reuse), settings_(settingsStamp()), outer_(current_) {
+  if (reuse_ == Reuse::Allowed) load();
+  current_ = this;
+}
+
+KTSPassRecord::~KTSPassRecord() { current_ = outer_; }
+
+std::string KTSPassRecord::defaultPath() { return KTSServerLayout::statusPath(".pass_record"); }
+
+// The running program's own file (a new build or an upgrade is another file) and the bytes of
+// the preferences, which decide paths, policies and modes.
+std::string KTSPassRecord::settingsStamp() {
+  struct stat program {};
+  std::string text;
+  if (::stat("/proc/self/exe", &program) == 0) {
+    text = fmt::format("{}:{}:{}:{}.{:09}", program.st_dev, program.st_ino, program.st_size,
+                       program.st_mtim.tv_sec, program.st_mtim.tv_nsec);
+  }
+  std::string preferences;
+  readWholeFile(KTSPreferences::defaultPreferences()->prefsPath(), &preferences, nullptr,
+                kSmallFileReadLimit);
+  return text + "/" + Inputs().add(preferences).text();
+}
+
+void KTSPassRecord::load() {
+  std::string bytes;
+  if (!readWholeFile(defaultPath(), &bytes, nullptr, kSmallFileReadLimit)) return;
+  Plist record = KTSUtilities::propertyListWithData(bytes);
+  if (!record[kSettingsKey].isString() || record[kSettingsKey].stringValue() != settings_) return;
+  for (const auto& [path, entry] : record[kFilesKey].items()) {
+    const Plist& stamp = entry[kStampKey];
+    const Plist& inputs = entry[kInputsKey];
+    if (stamp.isString() && inputs.isString()) {
+      previous_[path] = Entry{stamp.stringValue(), inputs.stringValue()};
+    }
+  }
+}
+
+bool KTSPassRecord::isCurrent(const std::string& path, const std::string& inputs) const {
+  if (reuse_ == Reuse::Nothing) return false;
+  // What this pass wrote itself, else what the last pass left.
+  const Entry* entry = nullptr;
+  if (auto found = recorded_.find(path); found != recorded_.end()) {
+    entry = &found->second;
+  } else if (auto earlier = previous_.find(path); earlier != previous_.end()) {
+    entry = &earlier->second;
+  }
+  if (entry == nullptr || entry->inputs != inputs) return false;
+  std::optional<std::string> stamp = fileStamp(path);
+  return stamp && *stamp == entry->stamp;
+}
+
+void KTSPassRecord::recordFile(const std::string& path, const std::string& inputs) {
+  std::optional<std::string> stamp = fileStamp(path);
+  if (stamp) {
+    recorded_[path] = Entry{*stamp, inputs};
+  } else {
+    recorded_.erase(path);
+  }
+}
+
+const std::string& KTSPassRecord::stampOfSettledFile(const std::string& path) {
+  auto found = settledStamps_.find(path);
+  if (found == settledStamps_.end()) {
+    found = settledStamps_.emplace(path, fileStamp(path).value_or("")).first;
+  }
+  return found->second;
+}
+
+bool KTSPassRecord::save() const {
+  Plist files = Plist::dictionary();
+  for (const auto& [path, entry] : recorded_) {
+    Plist item = Plist::dictionary();
+    item.set(kStampKey, entry.stamp);
+    item.set(kInputsKey, entry.inputs);
+    files.set(path, std::move(item));
+  }
+  Plist record = Plist::dictionary();
+  record.set(kSettingsKey, settings_);
+  record.set(kFilesKey, std::move(files));
+  return KTSUtilities::writeDictionaryToPath(record, defaultPath());
+}
+
+}  // namespace ondrel

@@ -1,0 +1,79 @@
+// KTSPassRecord is what one full pass leaves to the next about the files it writes whole from
+// what it builds: the composite catalogs, the product index caches and the working set. For each
+// it keeps the file's stamp (inode, size, modification time) as the pass left it and a digest of
+// what the file was made from. A later pass that would make the same file from inputs with the
+// same digest, and finds the file with the same stamp (nobody wrote it since), leaves it as it
+// is: writing it would put the very same bytes there. The record lives in Status/.pass_record
+// and is read as untrusted; a missing or damaged record, or one left by another build of the
+// programs or under other preferences, reuses nothing. KTSSyncPass holds one for each full pass
+// (one that reuses nothing for ondrd_syncd --full); KTSCatalog and KTSWorkingSet consult the
+// one in effect. One thread; the newest instance is in effect until it ends.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Plist.h"
+
+namespace ondrel {
+
+class KTSPassRecord {
+ public:
+  enum class Reuse { Allowed, Nothing };
+
+  // The digest of what a file is made from, fed piece by piece.
+  class Inputs {
+   public:
+    Inputs& add(std::string_view text);
+    Inputs& add(std::int64_t number);
+    Inputs& addValue(const Plist& value);
+    std::string text() const;
+
+   private:
+    std::uint64_t low_ = 14695981039346656037ull;
+    std::uint64_t high_ = 0x6c62272e07bb0142ull;
+  };
+
+  explicit KTSPassRecord(Reuse reuse);
+  ~KTSPassRecord();
+  KTSPassRecord(const KTSPassRecord&) = delete;
+  KTSPassRecord& operator=(const KTSPassRecord&) = delete;
+
+  // The record of the pass under way; null outside a full pass.
+  static KTSPassRecord* current() { return current_; }
+
+  // Whether the file at path may stay as it is: this pass or the last one recorded it as made
+  // from inputs with this digest, and it has not been written since. Never with Reuse::Nothing.
+  bool isCurrent(const std::string& path, const std::string& inputs) const;
+  // Records the file now at path as made from inputs, once it was written or found current.
+  void recordFile(const std::string& path, const std::string& inputs);
+  // The stamp of a file that does not change while the pass runs (a server metadata file once
+  // its product was made), looked at once per pass.
+  const std::string& stampOfSettledFile(const std::string& path);
+  // Keeps what this pass recorded for the next one; a file it did not record is not reused.
+  bool save() const;
+
+  static std::string defaultPath();
+
+ private:
+  struct Entry {
+    std::string stamp;
+    std::string inputs;
+  };
+  // What ties a record to the programs and the settings it was made under.
+  static std::string settingsStamp();
+  void load();
+
+  Reuse reuse_;
+  std::string settings_;
+  std::map<std::string, Entry, std::less<>> previous_;
+  std::map<std::string, Entry, std::less<>> recorded_;
+  std::map<std::string, std::string, std::less<>> settledStamps_;
+  KTSPassRecord* outer_;
+  static KTSPassRecord* current_;
+};
+
+}  // namespace ondrel
