@@ -117,6 +117,9 @@ class KTSCatalog {
   const std::string& updatesDocRoot() const { return updatesDocRoot_; }
   const std::string& catalogPrimePath() const { return catalogPrimePath_; }
   const Plist& compositeCatalog() const { return compositeCatalog_; }
+  // True after a sync whose merge left the composite catalog exactly as the pass record shows
+  // the last pass left it.
+  bool compositeUnchanged() const { return compositeUnchanged_; }
   void setCompositeCatalog(Plist catalog) { compositeCatalog_ = std::move(catalog); }
   const std::optional<ProductIndex>& products() const { return products_; }
   void setProducts(std::optional<ProductIndex> products) { products_ = std::move(products); }

@@ -1,5 +1,7 @@
 #include "KTSPassMemo.h"
 
+#include "KTSUtilities.h"
+
 namespace ondrel {
 
 KTSPassMemo::Memory* KTSPassMemo::current_ = nullptr;
@@ -21,9 +23,22 @@ void KTSPassMemo::recordServerMetadataFetchedFrom(const std::string& url, Server
 Plist KTSPassMemo::shareEqualValue(const std::string& key, Plist value) {
   if (current_ == nullptr) return value;
   auto [found, inserted] = current_->values.try_emplace(key, value);
-  if (inserted || found->second == value) return found->second;
+  if (inserted || found->second.isIdenticalTo(value)) return found->second;
   found->second = value;
   return value;
+}
+
+std::optional<std::int64_t> KTSPassMemo::sizeOfExistingItemAtPath(const std::string& path) {
+  if (current_ == nullptr) return KTSUtilities::sizeOfExistingItemAtPath(path);
+  auto found = current_->itemSizes.find(path);
+  if (found == current_->itemSizes.end()) {
+    found = current_->itemSizes.emplace(path, KTSUtilities::sizeOfExistingItemAtPath(path)).first;
+  }
+  return found->second;
+}
+
+void KTSPassMemo::forgetItemAtPath(const std::string& path) {
+  if (current_ != nullptr) current_->itemSizes.erase(path);
 }
 
 }  // namespace ondrel

@@ -87,6 +87,7 @@ Plist KTSProduct::getServerMetadataForURL(const std::optional<Url>& url) {
   if (!active) {
     std::optional<std::string> generic = makeGenericServerMetadataLocalPath();
     if (generic && KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*generic))) {
+      KTSPassMemo::forgetItemAtPath(*generic);
       KTSUtilities::writeDictionaryToPath(repaired, *generic);
     }
   }
@@ -156,6 +157,7 @@ bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& local
 // always holds a whole file.
 KTSPassMemo::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
                                                             const std::string& localPath) {
+  KTSPassMemo::forgetItemAtPath(localPath);
   keepPreviousVersion(localPath, sideFilePath(localPath, "previous"));
   std::rename(sideFilePath(localPath, "downloading").c_str(), localPath.c_str());
   return {KTSUtilities::readPropertyListAtPath(localPath), KTSPath(url)};
@@ -167,6 +169,7 @@ KTSPassMemo::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
 // past every file deleted in the last half minute).
 std::optional<KTSPassMemo::ServerMetadata> KTSProduct::placeFetchedServerMetadata(
     const Url& url, const std::string& localPath, const std::string& bytes) {
+  KTSPassMemo::forgetItemAtPath(localPath);
   std::string previousPath = sideFilePath(localPath, "previous");
   std::string current;
   if (readWholeFile(localPath, &current, nullptr, bytes.size()) && current == bytes) {
@@ -252,6 +255,7 @@ Plist KTSProduct::generateServerMetadataDictionaryAtPath(const std::string& path
     metadata = generator->createMetadataWithDictionaryIdentifier(masterRepresentation_, id());
     if (metadata.isDictionary() &&
         KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(path))) {
+      KTSPassMemo::forgetItemAtPath(path);
       KTSUtilities::writeDictionaryToPath(metadata, path);
     }
     if (generator->smdResult() == -2) initStatus_ = -1;

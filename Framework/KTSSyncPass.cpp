@@ -570,23 +570,29 @@ bool KTSSyncPass::listsChangedProduct(const KTSCatalog& catalog) const {
 }
 
 void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {
+  KTSPassRecord* record = KTSPassRecord::current();
   for (const auto& catalog : catalogs_) {
     std::string path = servedCatalogPath(catalog->catalogURL());
     if (!KTSPath::isInsideHtmlFolder(path)) continue;
+    std::vector<KTSProduct*> serving = servedProducts(*catalog);
+    // A served entry is made from the composite entry and names the server metadata file.
+    KTSPassRecord::Inputs inputs;
+    for (KTSProduct* product : serving) {
+      std::optional<std::string> metadata =
+          product->smdPath() ? product->smdPath()->asLocalPath() : std::nullopt;
+      inputs.add(*product->productId()).add(metadata.value_or(""));
+      inputs.add(metadata ? std::string_view(record ? record->stampOfSettledFile(*metadata) : "")
+                          : "");
+    }
+    if (record && catalog->compositeUnchanged() && record->isCurrent(path, inputs.text())) {
+      record->recordFile(path, inputs.text());
+      continue;
+    }
     Plist served = catalog->compositeCatalog().isDictionary() ? catalog->compositeCatalog()
                                                               : Plist::dictionary();
     Plist products = Plist::dictionary();
-    if (catalog->products()) {
-      for (const auto& [productId, product] : *catalog->products()) {
-        if (!product->enabled() || !product->isInServedState()) continue;
-        auto verified = verified_.find(productId);
-        if (verified == verified_.end()) {
-          verified = verified_.emplace(productId, product->verifyMirroredFiles()).first;
-        }
-        if (verified->second) {
-          products.set(productId, catalog->mirrorRepresentationForProduct(*product));
-        }
-      }
+    for (KTSProduct* product : serving) {
+      products.set(*product->productId(), catalog->mirrorRepresentationForProduct(*product));
     }
     served.set(KTCatalogProductsDictKey, std::move(products));
     // A catalog that did not change keeps its file, so what clients cached of it stays valid.
@@ -599,7 +605,23 @@ void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {
       continue;
     }
     if (replaced) KTSUtilities::setDefaultFileOwnerAtPath(path);
+    if (record) record->recordFile(path, inputs.text());
   }
+}
+
+// The products clients are served from a catalog: enabled, in a served state, every file there.
+std::vector<KTSProduct*> KTSSyncPass::servedProducts(const KTSCatalog& catalog) {
+  std::vector<KTSProduct*> serving;
+  if (!catalog.products()) return serving;
+  for (const auto& [productId, product] : *catalog.products()) {
+    if (!product->enabled() || !product->isInServedState()) continue;
+    auto verified = verified_.find(productId);
+    if (verified == verified_.end()) {
+      verified = verified_.emplace(productId, product->verifyMirroredFiles()).first;
+    }
+    if (verified->second) serving.push_back(product.get());
+  }
+  return serving;
 }
 
 void KTSSyncPass::finishTickets() {

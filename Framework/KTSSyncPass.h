@@ -97,6 +97,7 @@ class KTSSyncPass {
   void saveState();
   bool listsChangedProduct(const KTSCatalog& catalog) const;
   void writeServedCatalogs(KTSPassOutcome& outcome);
+  std::vector<KTSProduct*> servedProducts(const KTSCatalog& catalog);
   void finishTickets();
   bool interrupted() const;
 
