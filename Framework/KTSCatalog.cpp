@@ -2,10 +2,12 @@
 #include "KTSCatalog.h"
 
 #include "Clock.h"
+#include "FileIO.h"
 #include "KTCatalogKeys.h"
 #include "KTSCatalogDownloader.h"
 #include "KTSError.h"
 #include "KTSFetchScheduler.h"
+#include "KTSPassMemo.h"
 #include "KTSPassRecord.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
@@ -70,8 +72,10 @@ void KTSCatalog::syncCatalogLeavingCache(const Plist& deprecations, bool force) 
   setDeprecatedProducts(deprecations);
   try {
     loadCompositeCatalog();
-    Plist incoming = downloadCatalogToPathForcingUpdate(vantorCatalogPath_, force);
-    updateCompositeCatalogWithCatalog(incoming);
+    if (!mergeChangesNothing(deprecations)) {
+      Plist incoming = downloadCatalogToPathForcingUpdate(vantorCatalogPath_, force);
+      updateCompositeCatalogWithCatalog(incoming);
+    }
   } catch (...) {
     setDeprecatedProducts(Plist());
     throw;
@@ -106,7 +110,7 @@ void KTSCatalog::loadCompositeCatalog() {
     compositeCatalog_ = Plist::dictionary();
   }
   KTSPassRecord* record = KTSPassRecord::current();
-  compositeAsRecorded_ = record && record->isCurrent(compositeCatalogPath_, "");
+  compositeAsRecorded_ = record && record->inputsOfCurrentFile(compositeCatalogPath_);
   loadedComposite_ = compositeAsRecorded_ ? compositeCatalog_ : Plist();
   compositeUnchanged_ = false;
 }
@@ -124,8 +128,29 @@ void KTSCatalog::saveMergedCompositeCatalog() {
   compositeUnchanged_ = compositeAsRecorded_ && compositeCatalog_.isIdenticalTo(loadedComposite_);
   loadedComposite_ = Plist();
   if (!compositeUnchanged_) return saveCompositeCatalog();
-  KTSPassRecord::current()->recordFile(compositeCatalogPath_, "");
+  // Merging the same upstream copy into it again would leave it as it is, too.
+  KTSPassRecord::current()->recordFile(compositeCatalogPath_, mergeInputs_);
   log_.debug("CTLG: composite catalog unchanged.");
+}
+
+// A merge that left the composite catalog as it was leaves it so again while the upstream copy,
+// the deprecations and the composite catalog itself stay as they were: the copy need not even
+// be read. Only once the pass fetched the copy ahead, so no download is skipped.
+bool KTSCatalog::mergeChangesNothing(const Plist& deprecations) {
+  KTSPassRecord* record = KTSPassRecord::current();
+  mergeInputs_.clear();
+  if (record == nullptr || !fetchAhead_) return false;
+  mergeInputs_ = KTSPassRecord::Inputs()
+                     .add(fileStamp(vantorCatalogPath_).value_or(""))
+                     .addValue(deprecations)
+                     .text();
+  if (record->inputsOfCurrentFile(compositeCatalogPath_) != mergeInputs_) return false;
+  fetchAhead_.reset();
+  compositeUnchanged_ = true;
+  loadedComposite_ = Plist();
+  record->recordFile(compositeCatalogPath_, mergeInputs_);
+  log_.debug("CTLG: upstream copy, deprecations and composite catalog unchanged.");
+  return true;
 }
 
 void KTSCatalog::fetchCatalogAheadWithScheduler(KTSFetchScheduler& scheduler) {
@@ -189,8 +214,12 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
   if (entry["ServerMetadataURL"].isString()) {
     metadataURL = Url::parse(entry["ServerMetadataURL"].stringValue());
   }
-  auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      productId, entry, metadataURL);
+  std::shared_ptr<KTSProduct> product = madeEarlierInPass(productId, entry);
+  if (!product) {
+    product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+        productId, entry, metadataURL);
+    KTSPassMemo::recordProductMadeFirst(productId, std::make_shared<const KTSProduct>(*product));
+  }
   if (product->initStatus() != 1) {
     if (error) {
       Plist userInfo;
@@ -209,6 +238,33 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
     product->setEnabled(workingSet->enableSettingForProductID(productId));
   }
   if (throttleDownloads_) Clock::sleepFor(Clock::now() - start);
+  return product;
+}
+
+// A product is made from its entry alone, and only an active one fetches its server metadata: a
+// copy of the product another catalog made in this pass from the same entry (but for its
+// composite state, active alike) is what making it again would give.
+std::shared_ptr<KTSProduct> KTSCatalog::madeEarlierInPass(const std::string& productId,
+                                                          const Plist& entry) {
+  std::shared_ptr<const KTSProduct> earlier = KTSPassMemo::productMadeFirst(productId);
+  if (!earlier) return nullptr;
+  const Plist& earlierEntry = earlier->masterRepresentation();
+  if (KTSProduct::isActiveEntry(earlierEntry) != KTSProduct::isActiveEntry(entry)) return nullptr;
+  const Plist::Dictionary& mine = entry.items();
+  const Plist::Dictionary& theirs = earlierEntry.items();
+  auto skipState = [](const Plist::Dictionary& items, Plist::Dictionary::const_iterator at) {
+    return at != items.end() && at->first == "CompositeProductState" ? std::next(at) : at;
+  };
+  auto a = skipState(mine, mine.begin());
+  auto b = skipState(theirs, theirs.begin());
+  while (a != mine.end() && b != theirs.end()) {
+    if (a->first != b->first || !a->second.isIdenticalTo(b->second)) return nullptr;
+    a = skipState(mine, std::next(a));
+    b = skipState(theirs, std::next(b));
+  }
+  if (a != mine.end() || b != theirs.end()) return nullptr;
+  auto product = std::make_shared<KTSProduct>(*earlier);
+  product->setMasterRepresentation(entry);
   return product;
 }
 

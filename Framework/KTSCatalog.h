@@ -57,6 +57,9 @@ class KTSCatalog {
   // After a merge: writes the composite catalog unless the merge left it exactly as the pass
   // record shows it on disk.
   void saveMergedCompositeCatalog();
+  // True, with the composite catalog recorded as unchanged, when the pass record shows that
+  // merging the fetched upstream copy would change nothing.
+  bool mergeChangesNothing(const Plist& deprecations);
   // The catalog read from path after an optional download; null when there is none.
   Plist downloadCatalogToPathForcingUpdate(const std::string& path, bool force);
   // Starts the download of the upstream catalog through scheduler, beside other transfers; the
@@ -75,6 +78,10 @@ class KTSCatalog {
   bool loadProductIndexForcingUpdate(bool force);
   std::shared_ptr<KTSProduct> makeProductItemForProductIDError(const std::string& productId,
                                                                std::optional<KTSError>* error);
+  // A copy of the product made from an entry like this one by another catalog in this pass;
+  // null when there is none.
+  static std::shared_ptr<KTSProduct> madeEarlierInPass(const std::string& productId,
+                                                       const Plist& entry);
   void mergeWorkingSetProductsStates();
   void commitCatalogProductRemovals();
   std::shared_ptr<KTSProduct> productForProductId(const std::string& productId) const;
@@ -152,6 +159,8 @@ class KTSCatalog {
   // record showed the file as the last pass left it.
   Plist loadedComposite_;
   bool compositeAsRecorded_ = false;
+  // The digest of what this sync's merge is made from: the upstream copy and the deprecations.
+  std::string mergeInputs_;
   // True when this sync's merge left the composite catalog exactly as the last pass recorded it.
   bool compositeUnchanged_ = false;
   std::optional<ProductIndex> products_;

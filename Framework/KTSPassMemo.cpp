@@ -1,5 +1,6 @@
 #include "KTSPassMemo.h"
 
+#include "KTSProduct.h"
 #include "KTSUtilities.h"
 
 namespace ondrel {
@@ -38,7 +39,37 @@ std::optional<std::int64_t> KTSPassMemo::sizeOfExistingItemAtPath(const std::str
 }
 
 void KTSPassMemo::forgetItemAtPath(const std::string& path) {
-  if (current_ != nullptr) current_->itemSizes.erase(path);
+  if (current_ == nullptr) return;
+  current_->itemSizes.erase(path);
+  // Whatever products' checks saw of it is forgotten with it.
+  current_->verifiedFiles.clear();
+}
+
+std::optional<bool> KTSPassMemo::filesVerifiedEarlier(const std::string& productId,
+                                                      const Plist& mirrorFiles) {
+  if (current_ == nullptr) return std::nullopt;
+  auto found = current_->verifiedFiles.find(productId);
+  if (found == current_->verifiedFiles.end() ||
+      !found->second.first.sharesStorageWith(mirrorFiles)) {
+    return std::nullopt;
+  }
+  return found->second.second;
+}
+
+void KTSPassMemo::recordFilesVerified(const std::string& productId, const Plist& mirrorFiles,
+                                      bool verified) {
+  if (current_ != nullptr) current_->verifiedFiles[productId] = {mirrorFiles, verified};
+}
+
+std::shared_ptr<const KTSProduct> KTSPassMemo::productMadeFirst(const std::string& productId) {
+  if (current_ == nullptr) return nullptr;
+  auto found = current_->products.find(productId);
+  return found == current_->products.end() ? nullptr : found->second;
+}
+
+void KTSPassMemo::recordProductMadeFirst(const std::string& productId,
+                                         std::shared_ptr<const KTSProduct> product) {
+  if (current_ != nullptr) current_->products.try_emplace(productId, std::move(product));
 }
 
 }  // namespace ondrel

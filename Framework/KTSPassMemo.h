@@ -2,7 +2,8 @@
 // on the catalog that lists them. While one lives, each server metadata URL is fetched and read
 // once (a fetch that failed is not retried for the next catalog either), equal values recorded
 // under the same key, such as a product's file list, share one copy in memory, and each file of
-// a product is looked at once. The sync daemon holds one while a pass loads its catalogs, so
+// a product is looked at once; a product listed alike by several catalogs is made once and
+// copied. The sync daemon holds one while a pass loads its catalogs, so
 // every pass fetches and looks anew; without one nothing is shared. Used by KTSProduct. One
 // thread; the newest instance is in effect until it ends.
 #pragma once
@@ -12,11 +13,14 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 
 #include "KTSPath.h"
 #include "Plist.h"
 
 namespace ondrel {
+
+class KTSProduct;
 
 class KTSPassMemo {
  public:
@@ -44,12 +48,25 @@ class KTSPassMemo {
   // in effect is forgotten first. Outside a pass, looked at every time.
   static std::optional<std::int64_t> sizeOfExistingItemAtPath(const std::string& path);
   static void forgetItemAtPath(const std::string& path);
+  // Whether the files of this very list (the same storage) were all in place when a product
+  // checked them earlier in the current pass; none when none did.
+  static std::optional<bool> filesVerifiedEarlier(const std::string& productId,
+                                                  const Plist& mirrorFiles);
+  static void recordFilesVerified(const std::string& productId, const Plist& mirrorFiles,
+                                  bool verified);
+  // The product as first made in the current pass from a catalog entry, before any catalog's
+  // settings and policies touched it; null outside a pass or before it was made.
+  static std::shared_ptr<const KTSProduct> productMadeFirst(const std::string& productId);
+  static void recordProductMadeFirst(const std::string& productId,
+                                     std::shared_ptr<const KTSProduct> product);
 
  private:
   struct Memory {
     std::map<std::string, ServerMetadata, std::less<>> serverMetadata;
     std::map<std::string, Plist, std::less<>> values;
-    std::map<std::string, std::optional<std::int64_t>, std::less<>> itemSizes;
+    std::unordered_map<std::string, std::optional<std::int64_t>> itemSizes;
+    std::map<std::string, std::shared_ptr<const KTSProduct>, std::less<>> products;
+    std::map<std::string, std::pair<Plist, bool>, std::less<>> verifiedFiles;
   };
 
   // The memory of the pass in effect; only its thread builds products.

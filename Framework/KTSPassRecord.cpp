@@ -86,7 +86,11 @@ void KTSPassRecord::load() {
 }
 
 bool KTSPassRecord::isCurrent(const std::string& path, const std::string& inputs) const {
-  if (reuse_ == Reuse::Nothing) return false;
+  return inputsOfCurrentFile(path) == inputs;
+}
+
+std::optional<std::string> KTSPassRecord::inputsOfCurrentFile(const std::string& path) const {
+  if (reuse_ == Reuse::Nothing) return std::nullopt;
   // What this pass wrote itself, else what the last pass left.
   const Entry* entry = nullptr;
   if (auto found = recorded_.find(path); found != recorded_.end()) {
@@ -94,9 +98,9 @@ bool KTSPassRecord::isCurrent(const std::string& path, const std::string& inputs
   } else if (auto earlier = previous_.find(path); earlier != previous_.end()) {
     entry = &earlier->second;
   }
-  if (entry == nullptr || entry->inputs != inputs) return false;
-  std::optional<std::string> stamp = fileStamp(path);
-  return stamp && *stamp == entry->stamp;
+  std::optional<std::string> stamp = entry ? fileStamp(path) : std::nullopt;
+  if (!stamp || *stamp != entry->stamp) return std::nullopt;
+  return entry->inputs;
 }
 
 void KTSPassRecord::recordFile(const std::string& path, const std::string& inputs) {

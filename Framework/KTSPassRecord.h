@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 #include "Plist.h"
 
@@ -48,6 +49,9 @@ class KTSPassRecord {
   // Whether the file at path may stay as it is: this pass or the last one recorded it as made
   // from inputs with this digest, and it has not been written since. Never with Reuse::Nothing.
   bool isCurrent(const std::string& path, const std::string& inputs) const;
+  // The digest recorded for the file at path when it has not been written since; none
+  // otherwise, and always with Reuse::Nothing.
+  std::optional<std::string> inputsOfCurrentFile(const std::string& path) const;
   // Records the file now at path as made from inputs, once it was written or found current.
   void recordFile(const std::string& path, const std::string& inputs);
   // The stamp of a file that does not change while the pass runs (a server metadata file once
@@ -71,7 +75,7 @@ class KTSPassRecord {
   std::string settings_;
   std::map<std::string, Entry, std::less<>> previous_;
   std::map<std::string, Entry, std::less<>> recorded_;
-  std::map<std::string, std::string, std::less<>> settledStamps_;
+  std::unordered_map<std::string, std::string> settledStamps_;
   KTSPassRecord* outer_;
   static KTSPassRecord* current_;
 };

@@ -463,10 +463,14 @@ bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo) const {
 }
 
 bool KTSProduct::verifyMirroredFiles() const {
+  if (std::optional<bool> known = KTSPassMemo::filesVerifiedEarlier(id(), mirrorFiles_)) {
+    return *known;
+  }
   bool allVerified = true;
   for (const Plist& record : mirrorFiles_.elements()) {
     if (!verifyMirroredFileWithInfo(record)) allVerified = false;
   }
+  KTSPassMemo::recordFilesVerified(id(), mirrorFiles_, allVerified);
   std::string title = "?title?";
   if (bundleNames_.contains("English")) {
     title = bundleNames_["English"].stringValue();
