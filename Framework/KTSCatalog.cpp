@@ -202,8 +202,21 @@ bool KTSCatalog::loadProductIndexForcingUpdate(bool force) {
       log_.debug("CTLG: Error creating product {}; reason {}", productId, failure.what());
     }
   }
+  // A product copied from another catalog holds that catalog's entry: the composite catalog
+  // takes it too, so the catalogs keep one copy in memory of what they list alike.
+  if (!rebuilt.empty()) shareEntriesOfProducts(rebuilt);
   products_ = std::move(rebuilt);
   return true;
+}
+
+void KTSCatalog::shareEntriesOfProducts(const ProductIndex& products) {
+  Plist& entries = compositeCatalog_.mutableValue(KTCatalogProductsDictKey);
+  for (const auto& [productId, product] : products) {
+    Plist& entry = entries.mutableValue(productId);
+    if (!entry.sharesStorageWith(product->masterRepresentation())) {
+      entry = product->masterRepresentation();
+    }
+  }
 }
 
 std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
@@ -263,8 +276,15 @@ std::shared_ptr<KTSProduct> KTSCatalog::madeEarlierInPass(const std::string& pro
     b = skipState(theirs, std::next(b));
   }
   if (a != mine.end() || b != theirs.end()) return nullptr;
+  // The earlier entry with this one's state: alike, and sharing what they say alike.
+  Plist shared = earlierEntry;
+  if (entry.contains("CompositeProductState")) {
+    shared.set("CompositeProductState", entry["CompositeProductState"]);
+  } else {
+    shared.remove("CompositeProductState");
+  }
   auto product = std::make_shared<KTSProduct>(*earlier);
-  product->setMasterRepresentation(entry);
+  product->setMasterRepresentation(std::move(shared));
   return product;
 }
 

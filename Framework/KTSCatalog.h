@@ -138,6 +138,8 @@ class KTSCatalog {
   const LogHandle& logger() const { return log_; }
 
  private:
+  // Makes the composite catalog hold the very entries the products hold.
+  void shareEntriesOfProducts(const ProductIndex& products);
   // The digest of what the product index cache is made from besides the composite catalog: the
   // products' states and their server metadata files.
   std::string productIndexCacheInputs(KTSPassRecord& record) const;
