@@ -30,18 +30,20 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# measure NAME COMMAND...: runs COMMAND, keeps its seconds and peak RSS (KB) in NAME_s / NAME_kb.
+# measure NAME COMMAND...: runs COMMAND, keeps its seconds, peak RSS (KB) and CPU seconds (user
+# and system) in NAME_s / NAME_kb / NAME_cpu.
 measure() {
   local name=$1
   shift
-  if ! /usr/bin/time -f "%e %M" -o "$work/time" "$@" >"$work/$name.out" 2>&1; then
+  if ! /usr/bin/time -f "%e %M %U %S" -o "$work/time" "$@" >"$work/$name.out" 2>&1; then
     tail -20 "$work/$name.out" >&2
     echo "$name failed" >&2
     exit 1
   fi
-  read -r seconds kilobytes <"$work/time"
+  read -r seconds kilobytes user system <"$work/time"
   printf -v "${name}_s" '%s' "$seconds"
   printf -v "${name}_kb" '%s' "$kilobytes"
+  printf -v "${name}_cpu" '%s' "$(python3 -c "print(f'{$user + $system:.2f}')")"
 }
 ratio() { python3 -c "print(f'{$1 / $2:.2f}x')"; }
 row() { printf '%-46s %12s %12s %8s\n' "$@"; }

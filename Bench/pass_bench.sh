@@ -4,8 +4,12 @@
 # - the first pass in automatic mode against one curl process fetching every file the pass
 #   fetched (the upstream's request log gives the list; curl reuses its connection);
 # - a steady-state pass (nothing new upstream) against curl fetching once each file that pass
-#   asked for (in full, where the pass was answered 304 for files it keeps), twice: the first one after the first pass, and the one after it, which is what every
-#   later pass of a running server looks like (the files it replaces now have previous versions);
+#   asked for (in full, where the pass was answered 304 for files it keeps), three times: the
+#   first one after the first pass (every product turns from new to recurring), the next (the
+#   files it replaces now have previous versions), and the one after, which finds every merge
+#   already made and is what every later pass of a running server looks like;
+# - the pass after the vendor's next day against curl fetching what that pass asked for, and
+#   the same day rebuilt with --full;
 # - ondrelctl status and ondrelctl products --json on the mirrored server;
 # - the peak memory of each program.
 # Usage: Bench/pass_bench.sh [products]   (as root; builds the release preset)
@@ -36,13 +40,24 @@ measure first_pass "$syncd" --once
 fetched_urls >"$work/first.list"
 curl_fetch first_curl "$work/first.list"
 
-for pass in steady later; do
+for pass in steady later settled; do
   : >"$requests"
   measure "${pass}_pass" "$syncd" --once
   fetched_urls 200 304 | sort -u >"$work/$pass.list"
   printf -v "${pass}_unchanged" '%s' "$(awk '$1 == "GET" && $3 == 304' "$requests" | wc -l)"
   curl_fetch "${pass}_curl" "$work/$pass.list"
 done
+
+# The vendor's next day: 5 % new products (their files fetched), 3 % withdrawn, 2 % with new
+# server metadata; every catalog changes.
+"$sample" generate --out "$work/upstream" --base-url "$base" --products "$products" --epoch 1 \
+  >/dev/null
+: >"$requests"
+measure day_pass "$syncd" --once
+fetched_urls 200 304 | sort -u >"$work/day.list"
+curl_fetch day_curl "$work/day.list"
+# The same day again, rebuilt from scratch: what --full costs.
+measure full_pass "$syncd" --once --full
 
 measure status "$ctl" status
 measure products_json "$ctl" products --json
@@ -55,7 +70,14 @@ row "steady pass, $(wc -l <"$work/steady.list") files fetched (s)" "$steady_pass
   "$steady_curl_s" "$(ratio "$steady_pass_s" "$steady_curl_s")"
 row "later steady pass, $(wc -l <"$work/later.list") files fetched (s)" "$later_pass_s" \
   "$later_curl_s" "$(ratio "$later_pass_s" "$later_curl_s")"
-row "steady passes, requests answered 304" "$steady_unchanged / $later_unchanged" "" ""
+row "settled steady pass, $(wc -l <"$work/settled.list") files fetched (s)" "$settled_pass_s" \
+  "$settled_curl_s" "$(ratio "$settled_pass_s" "$settled_curl_s")"
+row "steady passes, requests answered 304" \
+  "$steady_unchanged / $later_unchanged / $settled_unchanged" "" ""
+row "steady passes, CPU (s)" "$steady_pass_cpu / $later_pass_cpu / $settled_pass_cpu" "" ""
+row "next vendor day, $(wc -l <"$work/day.list") files fetched (s)" "$day_pass_s" "$day_curl_s" \
+  "$(ratio "$day_pass_s" "$day_curl_s")"
+row "same day rebuilt with --full (s)" "$full_pass_s" "" ""
 row "ondrelctl status (s)" "$status_s" "" ""
 row "ondrelctl products --json (s)" "$products_json_s" "" ""
 row "peak memory, ondrd_syncd first pass (MB)" "$((first_pass_kb / 1024))" \
@@ -64,6 +86,10 @@ row "peak memory, ondrd_syncd steady pass (MB)" "$((steady_pass_kb / 1024))" \
   "$((steady_curl_kb / 1024))" ""
 row "peak memory, ondrd_syncd later steady pass (MB)" "$((later_pass_kb / 1024))" \
   "$((later_curl_kb / 1024))" ""
+row "peak memory, ondrd_syncd settled steady pass (MB)" "$((settled_pass_kb / 1024))" \
+  "$((settled_curl_kb / 1024))" ""
+row "peak memory, next vendor day / --full (MB)" "$((day_pass_kb / 1024)) / $((full_pass_kb / 1024))" \
+  "$((day_curl_kb / 1024))" ""
 row "peak memory, ondrelctl status (MB)" "$((status_kb / 1024))" "" ""
 row "peak memory, ondrelctl products --json (MB)" "$((products_json_kb / 1024))" "" ""
 echo "first pass: $(tail -1 "$work/first_pass.out")"

@@ -636,6 +636,9 @@ TEST_F(WholeSystemTest, IncrementalPassesWriteWhatAFullRebuildWrites) {
   passes("day 0 with products chosen");
   publishEpoch(1);
   passes("day 1: new, withdrawn and deprecated products, changed metadata");
+  // A damaged record is no record: the pass still writes what a full rebuild writes.
+  writeFile(incremental.root() + "/Library/Server/Ondrel/Status/.pass_record",
+            "<plist><dict><key>files</key><array><string>\x01");
   both({"disable", "VT-000022"});
   both({"remove", "VT-000020"});
   both({"enable", "VT-000021"});
