@@ -312,6 +312,15 @@ TEST_F(PlistTest, CoercionsFollowTheConventionalRules) {
   EXPECT_EQ(Plist::integer(2), Plist::real(2.0));
   EXPECT_NE(Plist("1"), Plist::integer(1));
   EXPECT_TRUE(Plist()["missing"].isNull());
+  // Identical means written alike: what decides whether a file needs writing again.
+  Plist nested = Plist::dictionary();
+  nested.mutableValue("sizes").append(Plist::integer(2));
+  Plist other = Plist::dictionary();
+  other.mutableValue("sizes").append(Plist::real(2.0));
+  EXPECT_EQ(nested, other);
+  EXPECT_FALSE(nested.isIdenticalTo(other));
+  EXPECT_TRUE(nested.isIdenticalTo(Plist::fromBytes(nested.toXml(), nullptr).value_or(Plist())));
+  EXPECT_FALSE(Plist::real(0.0).isIdenticalTo(Plist::real(-0.0)));
 }
 
 TEST_F(PlistTest, DescriptionIsTheMessageForm) {
