@@ -48,7 +48,7 @@ void KTSCatalog::applyAutoMirrorsForAllProducts() {
     if (product->mirror() != KTSProduct::DoNotMirror) {
       outcome = fmt::format("SKIPPED (state: {})", product->mirrorStateDescription());
     } else if (state != Unknown && (!onlyNew || state == New)) {
-      product->setMirror(KTSProduct::PleaseMirror);
+      product->scheduleMirroring();
       outcome = "scheduled";
     } else {
       outcome = fmt::format("SKIPPED (state: {})", compositeProductStringForStateValue(state));
@@ -69,13 +69,13 @@ void KTSCatalog::applyAutoEnablesForAllProducts() {
     std::string outcome;
     switch (product->mirror()) {
       case KTSProduct::Mirrored:
-        product->setEnabled(true);
+        product->enable();
         outcome = "enabled";
         break;
       case KTSProduct::PleaseMirror:
       case KTSProduct::Downloading:
       case KTSProduct::LocalOnly:
-        product->setEnableWhenMirrored(true);
+        product->enableOnceMirrored();
         outcome = "will enable when mirrored";
         break;
       default:
@@ -95,12 +95,12 @@ void KTSCatalog::cancelPendingAutoRequestsForAllProducts() {
   for (const auto& [productId, product] : *products_) {
     if (product->mirror() == KTSProduct::Downloading) {
       log_.debug("CTLG: canceling pending enable for in-progress download; product {}", productId);
-      product->setEnableWhenMirrored(false);
+      product->cancelPendingEnable();
     } else if (product->mirror() == KTSProduct::PleaseMirror) {
       log_.debug("CTLG: canceling pending {} for product {}",
                  autoMirror ? "enable" : "mirror and enable", productId);
-      product->setEnableWhenMirrored(false);
-      if (!autoMirror) product->setMirror(KTSProduct::DoNotMirror);
+      product->cancelPendingEnable();
+      if (!autoMirror) product->stopMirroring();
     }
   }
 }
@@ -113,16 +113,16 @@ void KTSCatalog::updateAllDeprecatedProductsStates() {
     std::int32_t mirror = product->mirror();
     if (state == Orphaned) {
       log_.info("Product {} is no longer available and has no replacement.", productId);
-      product->setMirror(KTSProduct::LocalOrphaned);
+      product->markOrphaned();
     } else if (state == Deprecated && mirror < KTSProduct::Mirrored) {
       log_.info(
           "Product {} (not downloaded) is no longer available and will be removed from the "
           "catalog.",
           productId);
-      product->setMirror(KTSProduct::LocalNotMirrored);
+      product->markWithdrawnUnmirrored();
     } else if (state == Deprecated && mirror == KTSProduct::Mirrored) {
       log_.info("Product {} is no longer available but may still be enabled.", productId);
-      product->setMirror(KTSProduct::LocalOnly);
+      product->keepLocally();
     }
   }
   for (const auto& [productId, product] : *products_) {
@@ -153,14 +153,13 @@ void KTSCatalog::updateDeprecatedProductsStatesInWalk(KTSProduct& product,
       if (product.mirror() == KTSProduct::LocalDeprecated) {
         log_.info("Product {} may be re-enabled; replacement product {} was disabled.", productId,
                   deprecatorId);
-        product.setMirror(KTSProduct::LocalOnly);
+        product.keepLocally();
       }
       carry = false;
     } else {
       log_.info("Product {} is disabled because replacement product {} was enabled.", productId,
                 deprecatorId);
-      product.setMirror(KTSProduct::LocalDeprecated);
-      product.setEnableWhenMirrored(false);
+      product.markReplaced();
       carry = true;
     }
   }
@@ -287,7 +286,7 @@ void KTSCatalog::verifyAllProductDownloadStates() {
           "available and will be removed.",
           productId);
     } else if (mirror == KTSProduct::Mirrored && !product->verifyMirroredFiles()) {
-      product->setMirror(KTSProduct::PleaseMirror);
+      product->scheduleMirroring();
       log_.debug("CTLG: WARNING - {} product {} not found / missing files.",
                  product->mirrorStateDescription(), productId);
       log_.info(

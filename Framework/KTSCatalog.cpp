@@ -247,8 +247,8 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
   }
   auto workingSet = KTSWorkingSet::defaultWorkingSet();
   if (workingSet->containsProductID(productId)) {
-    product->setMirror(workingSet->mirrorSettingForProductID(productId));
-    product->setEnabled(workingSet->enableSettingForProductID(productId));
+    product->restoreSettings(workingSet->mirrorSettingForProductID(productId),
+                             workingSet->enableSettingForProductID(productId));
   }
   if (throttleDownloads_) Clock::sleepFor(Clock::now() - start);
   return product;
@@ -296,10 +296,10 @@ void KTSCatalog::mergeWorkingSetProductsStates() {
     if (!workingSet->containsProductID(productId)) continue;
     log_.debug("CTLG: transferring working set data for {}", productId);
     Plist record = workingSet->productDictForID(productId);
-    if (record.contains("mirror")) {
-      product->setMirror(KTSProduct::mirrorStateForString(record["mirror"].stringValue()));
-    }
-    if (record.contains("enable")) product->setEnabled(record["enable"].boolValue());
+    product->restoreSettings(
+        record.contains("mirror") ? KTSProduct::mirrorStateForString(record["mirror"].stringValue())
+                                  : product->mirror(),
+        record.contains("enable") ? record["enable"].boolValue() : product->enabled());
     if (record.contains("DownloadedSize")) product->setDownloadedSize(record["DownloadedSize"]);
     if (record.contains("TotalDownloadSize")) {
       product->setTotalDownloadSize(record["TotalDownloadSize"]);

@@ -139,14 +139,46 @@ class KTSProduct {
   // Deletes only files under the downloads folder, and with an ownership only the product's own.
   void removeAllMirroredFiles(const KTSFileOwnership* ownership = nullptr);
 
+  // The transitions of the mirror and enable states, by name; mirroring itself moves a product
+  // through Downloading to Mirrored, and removing its files back to DoNotMirror.
+  // Its files are to be fetched (from DoNotMirror, or again when they went missing).
+  void scheduleMirroring() { mirror_ = PleaseMirror; }
+  // Its files are no longer wanted: not fetched, nor kept as mirrored.
+  void stopMirroring() { mirror_ = DoNotMirror; }
+  // Served to clients; enableOnceMirrored when the files are still to come.
+  void enable() { enabled_ = true; }
+  void enableOnceMirrored() { enableWhenMirrored_ = true; }
+  void cancelPendingEnable() { enableWhenMirrored_ = false; }
+  void disable() {
+    enabled_ = false;
+    enableWhenMirrored_ = false;
+  }
+  // Before its files are removed: neither mirrored nor served, nothing pending.
+  void retire() {
+    stopMirroring();
+    disable();
+  }
+  // What the vendor's catalog says of a product the server keeps: gone without a replacement,
+  // gone before it was mirrored, kept for clients although withdrawn, or replaced by an enabled
+  // product (and so not served).
+  void markOrphaned() { mirror_ = LocalOrphaned; }
+  void markWithdrawnUnmirrored() { mirror_ = LocalNotMirrored; }
+  void keepLocally() { mirror_ = LocalOnly; }
+  void markReplaced() {
+    mirror_ = LocalDeprecated;
+    enableWhenMirrored_ = false;
+  }
+  // The settings the working set or a test records for the product.
+  void restoreSettings(std::int32_t mirror, bool enabled) {
+    mirror_ = mirror;
+    enabled_ = enabled;
+  }
+
   std::int64_t initStatus() const { return initStatus_; }
   void setInitStatus(std::int64_t status) { initStatus_ = status; }
   std::int32_t mirror() const { return mirror_; }
-  void setMirror(std::int32_t state) { mirror_ = state; }
   bool enabled() const { return enabled_; }
-  void setEnabled(bool enabled) { enabled_ = enabled; }
   bool enableWhenMirrored() const { return enableWhenMirrored_; }
-  void setEnableWhenMirrored(bool enable) { enableWhenMirrored_ = enable; }
   const std::optional<std::string>& productId() const { return productId_; }
   void setProductId(std::optional<std::string> id) { productId_ = std::move(id); }
   const std::optional<std::string>& productFamily() const { return productFamily_; }

@@ -275,26 +275,23 @@ void KTSSyncPass::applyChangesToProducts() {
           log_.info("Removing the files of product {}", productId);
           removed_.push_back(product);
         }
-        product->setMirror(KTSProduct::DoNotMirror);
-        product->setEnabled(false);
-        product->setEnableWhenMirrored(false);
+        product->retire();
         continue;
       }
       bool wantsFiles = change.mirror.value_or(false) || change.enable.value_or(false);
       if (wantsFiles && product->mirror() == KTSProduct::DoNotMirror) {
-        product->setMirror(KTSProduct::PleaseMirror);
+        product->scheduleMirroring();
       } else if (change.mirror == false && product->mirror() <= KTSProduct::Mirrored) {
-        product->setMirror(KTSProduct::DoNotMirror);
+        product->stopMirroring();
       }
       if (change.enable == true) {
         if (product->mirror() >= KTSProduct::Mirrored) {
-          product->setEnabled(true);
+          product->enable();
         } else {
-          product->setEnableWhenMirrored(true);
+          product->enableOnceMirrored();
         }
       } else if (change.enable == false) {
-        product->setEnabled(false);
-        product->setEnableWhenMirrored(false);
+        product->disable();
       }
     }
   }

@@ -50,7 +50,7 @@ class KTSProductMirrorTest : public test::UpstreamProductTest {
   std::shared_ptr<KTSProduct> productFor(const Plist& entry) {
     auto made =
         KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL("P1", entry, {});
-    made->setMirror(KTSProduct::PleaseMirror);
+    made->scheduleMirroring();
     return made;
   }
 
@@ -70,7 +70,7 @@ class KTSProductMirrorTest : public test::UpstreamProductTest {
 
 TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
   auto first = product();
-  first->setEnableWhenMirrored(true);
+  first->enableOnceMirrored();
   EXPECT_TRUE(first->downloadMirroredFiles());
   EXPECT_EQ(first->mirror(), KTSProduct::Mirrored);
   EXPECT_TRUE(first->enabled());
@@ -187,7 +187,7 @@ TEST_F(KTSProductMirrorTest, ProductsMirrorSideBySideAndOneFailureStopsNoOther) 
                                   productId));
     products.push_back(KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
         productId, entry, {}));
-    products.back()->setMirror(KTSProduct::PleaseMirror);
+    products.back()->scheduleMirroring();
   }
   KTSFetchScheduler scheduler(16, nullptr);
   std::map<std::string, bool> finished;
@@ -261,7 +261,7 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
   auto made = [&](const std::string& productId, const std::vector<test::PackageFiles>& files) {
     auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
         productId, upstream_.entry({}, files), {});
-    product->setMirror(KTSProduct::PleaseMirror);
+    product->scheduleMirroring();
     return product;
   };
   const std::string shared = "/content/downloads/d/shared.pkg";
@@ -358,7 +358,7 @@ TEST_F(KTSProductMirrorTest, RemovalKeepsDescriptionsOrTakesTheWholeFolder) {
   auto mirrored = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
       "P1", entry, Url::parse(upstream_.url("/content/downloads/d/P1/P1.smd")));
   ASSERT_TRUE(mirrored->downloadMirroredFiles());
-  mirrored->setEnabled(true);
+  mirrored->enable();
   mirrored->removeAllMirroredFiles();
   EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/a.pkg")));
   EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/a.pkm")));

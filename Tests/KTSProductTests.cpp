@@ -257,8 +257,8 @@ TEST_F(KTSProductTest, ArchiveRoundTripsAndRestoreToleratesMissingKeys) {
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.7.2").toXml());
   auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
       "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")));
-  product->setMirror(KTSProduct::Mirrored);
-  product->setEnableWhenMirrored(true);
+  product->restoreSettings(KTSProduct::Mirrored, false);
+  product->enableOnceMirrored();
   Plist archive = product->archiveRepresentation();
   ASSERT_TRUE(archive.isDictionary());
   EXPECT_EQ(archive["mirror"].stringValue(), "Mirrored");
@@ -301,11 +301,11 @@ TEST_F(KTSProductTest, StatesAndTheirNames) {
   EXPECT_EQ(KTSProduct::mirrorStateForString("LocalOrphaned"), 6);
   for (int state : {0, 8, -1}) EXPECT_EQ(KTSProduct::mirrorStringForState(state), "DoNotMirror");
   KTSProduct product{Plist::dictionary()};
-  product.setEnableWhenMirrored(true);
-  product.setMirror(KTSProduct::Downloading);
+  product.enableOnceMirrored();
+  product.restoreSettings(KTSProduct::Downloading, false);
   EXPECT_FALSE(product.applyPendingEnable());
   EXPECT_EQ(product.getEffectiveRestartAction(), "IncompleteDownload");
-  product.setMirror(KTSProduct::LocalOrphaned);
+  product.markOrphaned();
   EXPECT_TRUE(product.applyPendingEnable());
   EXPECT_EQ(product.getEffectiveRestartAction(), "NoRestart");
   KTSProduct other{Plist::dictionary()};

@@ -111,7 +111,7 @@ TEST_F(KTSWorkingSetTest, StatusUpdatesAreThrottledToOneWriteASecond) {
   ASSERT_TRUE(
       workingSet->updateWithProductsAndRevocationsArchivingPrevious({{"P1", p1}}, Plist(), false));
   clock_->advance(std::chrono::seconds(2));
-  p1->setMirror(KTSProduct::Downloading);
+  p1->restoreSettings(KTSProduct::Downloading, false);
   p1->setDownloadedSize(Plist::integer(100));
   workingSet->updateProductStatus(*p1);
   EXPECT_EQ(onDisk()["P1"]["mirror"].stringValue(), "Downloading");
@@ -123,8 +123,7 @@ TEST_F(KTSWorkingSetTest, StatusUpdatesAreThrottledToOneWriteASecond) {
   EXPECT_EQ(onDisk()["P1"]["DownloadedSize"].integerValue(), 100) << "second write held back";
   EXPECT_TRUE(workingSet->cacheDirty());
   clock_->advance(std::chrono::milliseconds(1100));
-  p1->setMirror(KTSProduct::Mirrored);
-  p1->setEnabled(true);
+  p1->restoreSettings(KTSProduct::Mirrored, true);
   workingSet->updateProductStatus(*p1);
   EXPECT_EQ(onDisk()["P1"]["DownloadedSize"].integerValue(), 200);
   EXPECT_TRUE(onDisk()["P1"]["enable"].boolValue());
@@ -197,8 +196,8 @@ TEST_F(KTSWorkingSetTest, TwoProcessesShareTheFileWithoutLosingSettings) {
   for (int round = 0, adminDone = 0; adminDone < 2; ++round) {
     daemon->refreshProducts();
     auto& current = catalog[fmt::format("P{}", round % 50)];
-    current->setMirror(daemon->mirrorSettingForProductID(*current->productId()));
-    current->setEnabled(daemon->enableSettingForProductID(*current->productId()));
+    current->restoreSettings(daemon->mirrorSettingForProductID(*current->productId()),
+                             daemon->enableSettingForProductID(*current->productId()));
     current->setDownloadedSize(Plist::integer(round));
     daemon->updateProductStatus(*current);
     if (!Plist::readFile(file(), nullptr)) ++torn;
