@@ -21,6 +21,7 @@
 #include "KTSPath.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
+#include "KTSProductChange.h"
 #include "KTSRequestManager.h"
 #include "KTSServerLayout.h"
 #include "KTSSyncStatus.h"
@@ -203,7 +204,7 @@ void KTSSyncPass::collectChanges() {
   Plist requested =
       KTSRequestManager::defaultManager()->getPendingChangeRequestsDeletingSource(true);
   for (const auto& [productId, item] : requested.items()) {
-    ProductChange& change = changes_[productId];
+    KTSProductChange& change = changes_[productId];
     if (item.contains("mirror")) change.mirror = item["mirror"].boolValue();
     if (item.contains("enable")) change.enable = item["enable"].boolValue();
     if (item["remove"].boolValue()) change.remove = true;
@@ -212,7 +213,7 @@ void KTSSyncPass::collectChanges() {
   tickets->refresh();
   for (const auto& ticket : tickets->openJobs()) {
     const std::string productId = ticket->productId().value_or("");
-    ProductChange& change = changes_[productId];
+    KTSProductChange& change = changes_[productId];
     switch (ticket->jobType()) {
       case KTSJobTicket::Mirror:
         change.mirror = true;
@@ -243,20 +244,7 @@ void KTSSyncPass::recordChangesInWorkingSet() {
   auto workingSet = KTSWorkingSet::defaultWorkingSet();
   workingSet->refreshProducts();
   for (const auto& [productId, change] : changes_) {
-    if (!workingSet->containsProductID(productId)) continue;
-    std::int32_t mirror = workingSet->mirrorSettingForProductID(productId);
-    if (change.remove) {
-      workingSet->setMirrorSettingForProductID(KTSProduct::DoNotMirror, productId);
-      workingSet->setEnableSettingForProductID(false, productId);
-      continue;
-    }
-    bool wantsFiles = change.mirror.value_or(false) || change.enable.value_or(false);
-    if (wantsFiles && mirror == KTSProduct::DoNotMirror) {
-      workingSet->setMirrorSettingForProductID(KTSProduct::PleaseMirror, productId);
-    } else if (change.mirror == false) {
-      workingSet->setMirrorSettingForProductID(KTSProduct::DoNotMirror, productId);
-    }
-    if (change.enable) workingSet->setEnableSettingForProductID(*change.enable, productId);
+    if (workingSet->containsProductID(productId)) change.applyToSettings(*workingSet, productId);
   }
   workingSet->saveProductsArchivingPrevious(false);
 }
@@ -275,24 +263,8 @@ void KTSSyncPass::applyChangesToProducts() {
           log_.info("Removing the files of product {}", productId);
           removed_.push_back(product);
         }
-        product->retire();
-        continue;
       }
-      bool wantsFiles = change.mirror.value_or(false) || change.enable.value_or(false);
-      if (wantsFiles && product->mirror() == KTSProduct::DoNotMirror) {
-        product->scheduleMirroring();
-      } else if (change.mirror == false && product->mirror() <= KTSProduct::Mirrored) {
-        product->stopMirroring();
-      }
-      if (change.enable == true) {
-        if (product->mirror() >= KTSProduct::Mirrored) {
-          product->enable();
-        } else {
-          product->enableOnceMirrored();
-        }
-      } else if (change.enable == false) {
-        product->disable();
-      }
+      change.applyToProduct(*product);
     }
   }
 }

@@ -17,6 +17,7 @@
 #include "KTSCatalog.h"
 #include "KTSLogger.h"
 #include "KTSPassRecord.h"
+#include "KTSProductChange.h"
 #include "Plist.h"
 
 namespace ondrel {
@@ -65,12 +66,6 @@ class KTSSyncPass {
   static std::string servedCatalogPath(const Url& catalogURL);
 
  private:
-  struct ProductChange {
-    std::optional<bool> mirror;
-    std::optional<bool> enable;
-    bool remove = false;
-  };
-
   KTSPassOutcome run(bool fullSync);
   void collectChanges();
   void recordChangesInWorkingSet();
@@ -103,7 +98,7 @@ class KTSSyncPass {
 
   KTSPassObserver& observer_;
   LogHandle log_;
-  std::map<std::string, ProductChange> changes_;
+  std::map<std::string, KTSProductChange> changes_;
   std::vector<std::pair<std::int64_t, std::string>> ticketsDone_;
   std::vector<std::shared_ptr<KTSCatalog>> catalogs_;
   // Catalogs synced in this pass; their product index caches are saved at its end.
