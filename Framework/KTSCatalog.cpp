@@ -231,7 +231,9 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
   if (!product) {
     product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
         productId, entry, metadataURL);
-    KTSPassMemo::recordProductMadeFirst(productId, std::make_shared<const KTSProduct>(*product));
+    if (KTSPassMemo::isInEffect()) {
+      KTSPassMemo::recordProductMadeFirst(productId, std::make_shared<const KTSProduct>(*product));
+    }
   }
   if (product->initStatus() != 1) {
     if (error) {

@@ -1,9 +1,10 @@
 // KTSSyncPass is one pass of the sync daemon, in the order the server needs it: it applies the
 // administration side's requests and tickets, builds and publishes the meta-index, syncs every
 // catalog, mirrors and removes products, saves the working set and the caches, writes the
-// catalogs served to clients and records the outcome in the status files. A changes-only pass
-// does the same from the catalogs' caches, without the network. What it does as it goes is told
-// to a KTSPassObserver. Used by ondrd_syncd; one thread, one pass at a time.
+// catalogs served to clients and records the outcome in the status files. A full pass keeps a
+// KTSPassRecord, so that a file the last pass wrote just as this one would stays as it is. A
+// changes-only pass does the same from the catalogs' caches, without the network. What it does as
+// it goes is told to a KTSPassObserver. Used by ondrd_syncd; one thread, one pass at a time.
 #pragma once
 
 #include <chrono>
