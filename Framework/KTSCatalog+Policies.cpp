@@ -254,9 +254,7 @@ std::string KTSCatalog::productIndexCacheInputs(KTSPassRecord& record) const {
         .add(product->downloadStatus())
         .addValue(product->totalDownloadSize())
         .addValue(product->downloadedSize());
-    std::optional<std::string> metadata =
-        product->smdPath() ? product->smdPath()->asLocalPath() : std::nullopt;
-    inputs.add(metadata ? std::string_view(record.stampOfSettledFile(*metadata)) : "");
+    inputs.add(record.stampOfSettledFile(product->serverMetadataLocalPath()));
   }
   return inputs.text();
 }

@@ -1,6 +1,6 @@
 #include "KTSPassRecord.h"
 
-#include <sys/stat.h>
+#include <filesystem>
 
 #include "FileIO.h"
 #include "KTSPreferences.h"
@@ -59,16 +59,12 @@ std::string KTSPassRecord::defaultPath() { return KTSServerLayout::statusPath(".
 // The running program's own file (a new build or an upgrade is another file) and the bytes of
 // the preferences, which decide paths, policies and modes.
 std::string KTSPassRecord::settingsStamp() {
-  struct stat program {};
-  std::string text;
-  if (::stat("/proc/self/exe", &program) == 0) {
-    text = fmt::format("{}:{}:{}:{}.{:09}", program.st_dev, program.st_ino, program.st_size,
-                       program.st_mtim.tv_sec, program.st_mtim.tv_nsec);
-  }
+  std::error_code error;
+  std::string program = std::filesystem::read_symlink("/proc/self/exe", error).string();
   std::string preferences;
   readWholeFile(KTSPreferences::defaultPreferences()->prefsPath(), &preferences, nullptr,
                 kSmallFileReadLimit);
-  return text + "/" + Inputs().add(preferences).text();
+  return fileStamp(program).value_or("") + "/" + Inputs().add(preferences).text();
 }
 
 void KTSPassRecord::load() {
@@ -112,10 +108,12 @@ void KTSPassRecord::recordFile(const std::string& path, const std::string& input
   }
 }
 
-const std::string& KTSPassRecord::stampOfSettledFile(const std::string& path) {
-  auto found = settledStamps_.find(path);
+const std::string& KTSPassRecord::stampOfSettledFile(const std::optional<std::string>& path) {
+  static const std::string none;
+  if (!path) return none;
+  auto found = settledStamps_.find(*path);
   if (found == settledStamps_.end()) {
-    found = settledStamps_.emplace(path, fileStamp(path).value_or("")).first;
+    found = settledStamps_.emplace(*path, fileStamp(*path).value_or("")).first;
   }
   return found->second;
 }

@@ -55,8 +55,8 @@ class KTSPassRecord {
   // Records the file now at path as made from inputs, once it was written or found current.
   void recordFile(const std::string& path, const std::string& inputs);
   // The stamp of a file that does not change while the pass runs (a server metadata file once
-  // its product was made), looked at once per pass.
-  const std::string& stampOfSettledFile(const std::string& path);
+  // its product was made), looked at once per pass; empty for none.
+  const std::string& stampOfSettledFile(const std::optional<std::string>& path);
   // Keeps what this pass recorded for the next one; a file it did not record is not reused.
   bool save() const;
 

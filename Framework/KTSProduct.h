@@ -202,6 +202,10 @@ class KTSProduct {
   const std::optional<std::string>& restartAction() const { return restartAction_; }
   void setRestartAction(std::optional<std::string> action) { restartAction_ = std::move(action); }
   const std::optional<KTSPath>& smdPath() const { return smdPath_; }
+  // Where the server metadata file is kept on this server; none without one.
+  std::optional<std::string> serverMetadataLocalPath() const {
+    return smdPath_ ? smdPath_->asLocalPath() : std::nullopt;
+  }
   void setSmdPath(std::optional<KTSPath> path) { smdPath_ = std::move(path); }
   const Plist& masterRepresentation() const { return masterRepresentation_; }
   void setMasterRepresentation(Plist entry) { masterRepresentation_ = std::move(entry); }

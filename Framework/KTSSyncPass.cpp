@@ -544,17 +544,9 @@ void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {
     std::string path = servedCatalogPath(catalog->catalogURL());
     if (!KTSPath::isInsideHtmlFolder(path)) continue;
     std::vector<KTSProduct*> serving = servedProducts(*catalog);
-    // A served entry is made from the composite entry and names the server metadata file.
-    KTSPassRecord::Inputs inputs;
-    for (KTSProduct* product : serving) {
-      std::optional<std::string> metadata =
-          product->smdPath() ? product->smdPath()->asLocalPath() : std::nullopt;
-      inputs.add(*product->productId()).add(metadata.value_or(""));
-      inputs.add(metadata ? std::string_view(record ? record->stampOfSettledFile(*metadata) : "")
-                          : "");
-    }
-    if (record && catalog->compositeUnchanged() && record->isCurrent(path, inputs.text())) {
-      record->recordFile(path, inputs.text());
+    std::string inputs = record ? servedCatalogInputs(serving, *record) : "";
+    if (record && catalog->compositeUnchanged() && record->isCurrent(path, inputs)) {
+      record->recordFile(path, inputs);
       continue;
     }
     Plist served = catalog->compositeCatalog().isDictionary() ? catalog->compositeCatalog()
@@ -574,8 +566,20 @@ void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {
       continue;
     }
     if (replaced) KTSUtilities::setDefaultFileOwnerAtPath(path);
-    if (record) record->recordFile(path, inputs.text());
+    if (record) record->recordFile(path, inputs);
   }
+}
+
+// A served entry is made from the composite entry and names the server metadata file.
+std::string KTSSyncPass::servedCatalogInputs(const std::vector<KTSProduct*>& serving,
+                                             KTSPassRecord& record) {
+  KTSPassRecord::Inputs inputs;
+  for (KTSProduct* product : serving) {
+    std::optional<std::string> metadata = product->serverMetadataLocalPath();
+    inputs.add(*product->productId()).add(metadata.value_or(""));
+    inputs.add(record.stampOfSettledFile(metadata));
+  }
+  return inputs.text();
 }
 
 // The products clients are served from a catalog: enabled, in a served state, every file there.

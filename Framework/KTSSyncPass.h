@@ -94,6 +94,8 @@ class KTSSyncPass {
   bool listsChangedProduct(const KTSCatalog& catalog) const;
   void writeServedCatalogs(KTSPassOutcome& outcome);
   std::vector<KTSProduct*> servedProducts(const KTSCatalog& catalog);
+  static std::string servedCatalogInputs(const std::vector<KTSProduct*>& serving,
+                                         KTSPassRecord& record);
   void finishTickets();
   bool interrupted() const;
 
