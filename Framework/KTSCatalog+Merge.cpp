@@ -79,22 +79,28 @@ void KTSCatalog::updateCompositeCatalogWithCatalog(const Plist& catalog) {
   const Plist old = composite[KTCatalogProductsDictKey].isDictionary()
                         ? composite[KTCatalogProductsDictKey]
                         : Plist::dictionary();
-  Plist result = old;
-
+  // The merged entries are gathered and sorted once: setting them one by one into the old
+  // dictionary would move its entries for every new product.
+  std::vector<Plist::Dictionary::Entry> merged;
+  auto keepOldEntry = [&](const std::string& productId) {
+    if (old.contains(productId)) merged.emplace_back(productId, old[productId]);
+  };
   for (const auto& [productId, dictionary] : incoming.items()) {
     if (!isValidProductId(productId)) {
       log_.warning("*** Ignoring catalog product with an invalid product id: \"{}\"", productId);
+      keepOldEntry(productId);
       continue;
     }
     if (!dictionary.isDictionary() ||
         shouldIgnoreProductForDictionaryWithIdentifier(dictionary, productId)) {
+      keepOldEntry(productId);
       continue;
     }
     bool known = old.contains(productId);
     log_.debug("CTLG: [INFO] adding {} composite product entry: {}", known ? "RECURRING" : "NEW",
                productId);
-    result.set(productId, makeCompositeProductForIDAndDictionaryProductState(
-                              productId, dictionary, known ? Recurring : New));
+    merged.emplace_back(productId, makeCompositeProductForIDAndDictionaryProductState(
+                                       productId, dictionary, known ? Recurring : New));
   }
   for (const auto& [productId, entry] : old.items()) {
     if (incoming.contains(productId)) continue;
@@ -102,18 +108,19 @@ void KTSCatalog::updateCompositeCatalogWithCatalog(const Plist& catalog) {
     if (purge) {
       log_.debug("CTLG: [INFO] {} composite product entry: {}",
                  deprecated ? "auto-purging DEPRECATED" : "adding ORPHAN", productId);
-      result.remove(productId);
       continue;
     }
     if (!entry.isDictionary() || shouldIgnoreProductForDictionaryWithIdentifier(entry, productId)) {
+      merged.emplace_back(productId, entry);
       continue;
     }
     if (deprecated) {
       log_.debug("CTLG: [INFO] adding DEPRECATED composite product entry: {}", productId);
     }
-    result.set(productId, makeCompositeProductForIDAndDictionaryProductState(
-                              productId, entry, deprecated ? Deprecated : Orphaned));
+    merged.emplace_back(productId, makeCompositeProductForIDAndDictionaryProductState(
+                                       productId, entry, deprecated ? Deprecated : Orphaned));
   }
+  Plist result(Plist::Dictionary::fromEntries(std::move(merged)));
   composite.set(KTCatalogProductsDictKey, std::move(result));
   compositeCatalog_ = std::move(composite);
   saveMergedCompositeCatalog();

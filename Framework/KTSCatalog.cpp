@@ -317,8 +317,7 @@ void KTSCatalog::commitCatalogProductRemovals() {
   if (removed.empty()) return;
   log_.debug("CTLG: committing changes in product index.");
   Plist catalog = compositeCatalog_;
-  Plist& entries = catalog.mutableValue(KTCatalogProductsDictKey);
-  for (const std::string& productId : removed) entries.remove(productId);
+  catalog.mutableValue(KTCatalogProductsDictKey).removeKeys(removed);
   compositeCatalog_ = std::move(catalog);
   compositeUnchanged_ = false;
   saveCompositeCatalog();

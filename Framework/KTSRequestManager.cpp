@@ -49,7 +49,7 @@ bool KTSRequestManager::postChangeRequestForProductItems(const Plist& items) {
     log_.debug("REQM: WARNING: change request contains no product items (ignored)");
     return false;
   }
-  Plist byProduct = Plist::dictionary();
+  std::vector<Plist::Dictionary::Entry> byProduct;
   for (const Plist& item : items.elements()) {
     const Plist& productId = item["ProductID"];
     log_.debug("REQM: creating change request for product: {}", productId);
@@ -58,9 +58,10 @@ bool KTSRequestManager::postChangeRequestForProductItems(const Plist& items) {
       log_.warning("Ignoring a change request for an invalid product id: \"{}\"", productId);
       continue;
     }
-    byProduct.set(productId.stringValue(), item);
+    byProduct.emplace_back(productId.stringValue(), item);
   }
-  return postRequestOfType(byProduct, kChangeRequestType);
+  return postRequestOfType(Plist(Plist::Dictionary::fromEntries(std::move(byProduct))),
+                           kChangeRequestType);
 }
 
 bool KTSRequestManager::getPendingSyncRequestsDeletingSource(bool deleteSource) {
@@ -77,7 +78,8 @@ Plist KTSRequestManager::getPendingChangeRequestsDeletingSource(bool deleteSourc
 }
 
 Plist KTSRequestManager::mergeChangeRequests(const RequestsByDate& requests) {
-  Plist merged = Plist::dictionary();
+  // The later of two requests for one product wins.
+  std::vector<Plist::Dictionary::Entry> merged;
   for (const auto& [postDate, requestItem] : requests) {
     for (const auto& [productId, item] : requestItem.items()) {
       if (!isValidProductId(productId)) {
@@ -93,10 +95,10 @@ Plist KTSRequestManager::mergeChangeRequests(const RequestsByDate& requests) {
         continue;
       }
       instruction.set("ProductID", productId);
-      merged.set(productId, std::move(instruction));
+      merged.emplace_back(productId, std::move(instruction));
     }
   }
-  return merged;
+  return Plist(Plist::Dictionary::fromEntries(std::move(merged)));
 }
 
 bool KTSRequestManager::hasPendingRequests() {

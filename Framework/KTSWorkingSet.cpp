@@ -140,7 +140,7 @@ void KTSWorkingSet::refreshProducts() {
   if (loadProducts() && unsaved) {
     log_.debug("WSET: merging unsaved changes into loaded cache");
     Plist merged = products_.isDictionary() ? products_ : Plist::dictionary();
-    for (const auto& [productId, record] : unsaved->items()) merged.set(productId, record);
+    merged.setEntries({unsaved->items().begin(), unsaved->items().end()});
     setProductCache(std::move(merged));
   }
 }
@@ -153,7 +153,7 @@ bool KTSWorkingSet::updateWithProductsAndRevocationsArchivingPrevious(const Prod
 }
 
 void KTSWorkingSet::mergeProducts(const ProductsById& products) {
-  Plist merged = products_.isDictionary() ? products_ : Plist::dictionary();
+  std::vector<Plist::Dictionary::Entry> records;
   for (const auto& [key, product] : products) {
     Plist record = representationForProduct(product.get());
     if (record.isNull()) continue;
@@ -168,8 +168,10 @@ void KTSWorkingSet::mergeProducts(const ProductsById& products) {
         }
       }
     }
-    merged.set(productId, std::move(record));
+    records.emplace_back(productId, std::move(record));
   }
+  Plist merged = products_.isDictionary() ? products_ : Plist::dictionary();
+  merged.setEntries(std::move(records));
   setProductCache(std::move(merged));
 }
 

@@ -35,6 +35,7 @@ const Plist::Array kEmptyArray;
 }  // namespace
 
 Plist::Plist(std::string text) : type_(Type::String), node_(new StringNode(std::move(text))) {}
+Plist Plist::dictionary() { return Plist(Dictionary()); }
 Plist::Plist(Dictionary items)
     : type_(Type::Dictionary), node_(new DictionaryNode(std::move(items))) {}
 Plist::Plist(Array elements) : type_(Type::Array), node_(new ArrayNode(std::move(elements))) {}
@@ -277,7 +278,10 @@ const Plist& Plist::operator[](std::size_t index) const& {
   return index < array.size() ? array[index] : kNull;
 }
 
-bool Plist::contains(std::string_view key) const { return items().count(key) != 0; }
+bool Plist::contains(std::string_view key) const {
+  const Dictionary& dictionary = items();
+  return dictionary.find(key) != dictionary.end();
+}
 
 bool Plist::containsElement(const Plist& element) const {
   const Array& array = elements();
@@ -305,30 +309,114 @@ Plist::ArrayNode& Plist::uniqueArray() {
 Plist::Dictionary& Plist::mutableItems() { return uniqueDictionary().value; }
 Plist::Array& Plist::mutableElements() { return uniqueArray().value; }
 
-void Plist::set(std::string_view key, Plist value) {
-  Dictionary& dictionary = mutableItems();
-  auto found = dictionary.find(key);
-  if (found != dictionary.end()) {
-    found->second = std::move(value);
-  } else {
-    dictionary.emplace(std::string(key), std::move(value));
-  }
-}
+void Plist::set(std::string_view key, Plist value) { mutableValue(key) = std::move(value); }
 
 bool Plist::remove(std::string_view key) {
   if (!contains(key)) return false;
-  Dictionary& dictionary = mutableItems();
-  dictionary.erase(dictionary.find(key));
-  return true;
+  return mutableItems().erase(key);
+}
+
+void Plist::setEntries(std::vector<std::pair<std::string, Plist>> entries) {
+  mutableItems().assignAll(Dictionary::fromEntries(std::move(entries)));
+}
+
+void Plist::removeKeys(const std::vector<std::string>& keys) {
+  if (!isDictionary() || keys.empty()) return;
+  mutableItems().eraseKeys(keys);
 }
 
 void Plist::append(Plist value) { mutableElements().push_back(std::move(value)); }
 
-Plist& Plist::mutableValue(std::string_view key) {
-  Dictionary& dictionary = mutableItems();
-  auto found = dictionary.find(key);
-  if (found == dictionary.end()) found = dictionary.emplace(std::string(key), Plist()).first;
-  return found->second;
+Plist& Plist::mutableValue(std::string_view key) { return mutableItems().valueFor(key); }
+
+namespace {
+bool keyIsBefore(const Plist::Dictionary::Entry& entry, std::string_view key) {
+  return entry.first < key;
+}
+bool keysAreOrdered(const Plist::Dictionary::Entry& a, const Plist::Dictionary::Entry& b) {
+  return a.first < b.first;
+}
+}  // namespace
+
+Plist::Dictionary Plist::Dictionary::fromEntries(std::vector<Entry> entries) {
+  Dictionary dictionary;
+  if (!std::is_sorted(entries.begin(), entries.end(), keysAreOrdered)) {
+    std::stable_sort(entries.begin(), entries.end(), keysAreOrdered);
+  }
+  // Of equal keys, now side by side in their first order, the last one stays.
+  auto kept = entries.begin();
+  for (auto next = entries.begin(); next != entries.end(); ++next) {
+    if (kept != entries.begin() && std::prev(kept)->first == next->first) {
+      *std::prev(kept) = std::move(*next);
+    } else {
+      if (kept != next) *kept = std::move(*next);
+      ++kept;
+    }
+  }
+  entries.erase(kept, entries.end());
+  entries.shrink_to_fit();
+  dictionary.entries_ = std::move(entries);
+  return dictionary;
+}
+
+Plist::Dictionary::const_iterator Plist::Dictionary::find(std::string_view key) const {
+  auto found = std::lower_bound(entries_.begin(), entries_.end(), key, keyIsBefore);
+  return found != entries_.end() && found->first == key ? found : entries_.end();
+}
+
+Plist& Plist::Dictionary::valueFor(std::string_view key) {
+  auto found = entries_.empty() || entries_.back().first < key
+                   ? entries_.end()
+                   : std::lower_bound(entries_.begin(), entries_.end(), key, keyIsBefore);
+  if (found != entries_.end() && found->first == key) return found->second;
+  // Growing by a quarter keeps appends amortised constant without doubling a copied
+  // dictionary that gains one key.
+  if (entries_.size() == entries_.capacity()) {
+    std::size_t offset = found - entries_.begin();
+    entries_.reserve(entries_.size() + entries_.size() / 4 + 4);
+    found = entries_.begin() + offset;
+  }
+  return entries_.emplace(found, std::string(key), Plist())->second;
+}
+
+void Plist::Dictionary::assignAll(Dictionary incoming) {
+  if (entries_.empty()) {
+    entries_ = std::move(incoming.entries_);
+    return;
+  }
+  std::vector<Entry> merged;
+  merged.reserve(entries_.size() + incoming.size());
+  auto mine = entries_.begin();
+  auto theirs = incoming.entries_.begin();
+  while (mine != entries_.end() || theirs != incoming.entries_.end()) {
+    if (theirs == incoming.entries_.end() ||
+        (mine != entries_.end() && mine->first < theirs->first)) {
+      merged.push_back(std::move(*mine++));
+      continue;
+    }
+    if (mine != entries_.end() && mine->first == theirs->first) ++mine;
+    merged.push_back(std::move(*theirs++));
+  }
+  merged.shrink_to_fit();
+  entries_ = std::move(merged);
+}
+
+bool Plist::Dictionary::erase(std::string_view key) {
+  auto found = std::lower_bound(entries_.begin(), entries_.end(), key, keyIsBefore);
+  if (found == entries_.end() || found->first != key) return false;
+  entries_.erase(found);
+  return true;
+}
+
+void Plist::Dictionary::eraseKeys(const std::vector<std::string>& keys) {
+  std::vector<std::string_view> doomed(keys.begin(), keys.end());
+  std::sort(doomed.begin(), doomed.end());
+  auto next = doomed.begin();
+  auto removed = std::remove_if(entries_.begin(), entries_.end(), [&](const Entry& entry) {
+    next = std::lower_bound(next, doomed.end(), std::string_view(entry.first));
+    return next != doomed.end() && *next == entry.first;
+  });
+  entries_.erase(removed, entries_.end());
 }
 
 bool Plist::operator==(const Plist& other) const {

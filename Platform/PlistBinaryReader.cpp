@@ -254,7 +254,8 @@ class BinaryPlistReader {
         !fits(offset, *length * 2, referenceSize_)) {
       return fail("truncated dictionary");
     }
-    Plist::Dictionary items;
+    std::vector<Plist::Dictionary::Entry> items;
+    items.reserve(*length);
     for (std::uint64_t i = 0; i < *length; ++i) {
       std::optional<Plist> key = object(reference(offset, i), depth + 1);
       if (!key) return std::nullopt;
@@ -263,9 +264,9 @@ class BinaryPlistReader {
       }
       std::optional<Plist> value = object(reference(offset, *length + i), depth + 1);
       if (!value) return std::nullopt;
-      items.insert_or_assign(key->stringValue(), std::move(*value));
+      items.emplace_back(key->stringValue(), std::move(*value));
     }
-    return Plist(std::move(items));
+    return Plist(Plist::Dictionary::fromEntries(std::move(items)));
   }
 
   std::string_view bytes_;

@@ -209,7 +209,7 @@ class XmlPlistReader {
   }
 
   bool readDictionary(bool empty, Plist& result, int depth) {
-    Plist::Dictionary items;
+    std::vector<Plist::Dictionary::Entry> items;
     if (!empty) {
       for (;;) {
         if (!skipMisc()) return false;
@@ -223,12 +223,11 @@ class XmlPlistReader {
         if (!skipMisc()) return false;
         Plist value;
         if (!readValue(value, depth + 1)) return false;
-        // Keys usually arrive sorted, which makes the hint exact.
-        items.insert_or_assign(items.end(), std::move(key), std::move(value));
+        items.emplace_back(std::move(key), std::move(value));
       }
       if (!readEndTag("dict")) return false;
     }
-    result = Plist(std::move(items));
+    result = Plist(Plist::Dictionary::fromEntries(std::move(items)));
     return true;
   }
 

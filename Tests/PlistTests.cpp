@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cmath>
 #include <filesystem>
+#include <map>
+#include <random>
 #include <thread>
 
 #include "DateFormats.h"
@@ -296,6 +298,61 @@ TEST_F(PlistTest, CopiesShareStorageUntilOneIsChanged) {
   EXPECT_EQ(shared, 99);
 }
 
+// Every way of changing a dictionary, one key at a time and in bulk, against a sorted map.
+TEST_F(PlistTest, DictionariesStaySortedAndUniqueHoweverTheyChange) {
+  std::map<std::string, std::int64_t> model;
+  Plist dictionary = Plist::dictionary();
+  std::mt19937 random(7);
+  auto key = [&] { return fmt::format("k{}", random() % 300); };
+  for (int round = 0; round < 40; ++round) {
+    std::vector<Plist::Dictionary::Entry> entries;
+    std::vector<std::string> doomed;
+    for (int i = 0; i < 25; ++i) {
+      std::string name = key();
+      std::int64_t value = round * 100 + i;
+      switch (random() % 4) {
+        case 0:
+          dictionary.set(name, Plist::integer(value));
+          model[name] = value;
+          break;
+        case 1:
+          EXPECT_EQ(dictionary.remove(name), model.erase(name) == 1);
+          break;
+        case 2:
+          entries.emplace_back(name, Plist::integer(value));
+          break;
+        default:
+          doomed.push_back(name);
+      }
+    }
+    Plist shared = dictionary;
+    dictionary.setEntries(entries);
+    for (const auto& [name, value] : entries) model[name] = value.integerValue();
+    dictionary.removeKeys(doomed);
+    for (const std::string& name : doomed) model.erase(name);
+    ASSERT_EQ(dictionary.size(), model.size()) << "round " << round;
+    auto expected = model.begin();
+    for (const auto& [name, value] : dictionary.items()) {
+      EXPECT_EQ(name, expected->first);
+      EXPECT_EQ(value.integerValue(), expected->second);
+      EXPECT_TRUE(dictionary.contains(name));
+      ++expected;
+    }
+    if (!entries.empty() || !doomed.empty()) {
+      EXPECT_FALSE(shared.sharesStorageWith(dictionary));
+    }
+  }
+  // A document that names a key twice keeps the last value, as the bulk setter does.
+  std::optional<Plist> read = Plist::fromBytes(
+      "<plist><dict><key>b</key><integer>1</integer><key>a</key><integer>2</integer>"
+      "<key>b</key><integer>3</integer></dict></plist>",
+      nullptr);
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->size(), 2u);
+  EXPECT_EQ(read->items().begin()->first, "a");
+  EXPECT_EQ((*read)["b"].integerValue(), 3);
+}
+
 TEST_F(PlistTest, CoercionsFollowTheConventionalRules) {
   EXPECT_TRUE(Plist("YES").boolValue());
   EXPECT_TRUE(Plist("  +007").boolValue());
@@ -375,7 +432,7 @@ TEST_F(PlistTest, AWriterKilledMidwayLeavesTheOldFile) {
   ASSERT_GE(child, 0);
   if (child == 0) {
     Plist huge = Plist::dictionary();
-    for (int i = 0; i < 400000; ++i) huge.set(std::to_string(i), std::string(200, 'x'));
+    for (int i = 0; i < 400000; ++i) huge.set(fmt::format("{:06}", i), std::string(200, 'x'));
     for (;;) huge.writeXmlFile(file, nullptr);
   }
   // Kill it while a temporary file shows that a write is under way.
