@@ -28,7 +28,7 @@ class KTSPassMemo {
   // the fetch failed) and where it came from.
   struct ServerMetadata {
     Plist contents;
-    std::optional<KTSPath> smdPath;
+    std::shared_ptr<const KTSPath> smdPath;
   };
 
   KTSPassMemo();

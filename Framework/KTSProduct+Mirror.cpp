@@ -164,30 +164,31 @@ Plist KTSProduct::makeMirrorFiles() const {
 }
 
 Plist KTSProduct::mirrorFileInfoForDistribution(const std::string& language) const {
-  const std::string& urlText =
-      masterRepresentation_[KTCatalogProductDistributionsDictKey][language].stringValue();
+  const Plist& url = masterRepresentation_[KTCatalogProductDistributionsDictKey][language];
   Plist record = Plist::dictionary();
-  record.set(kFileURLKey, urlText);
-  record.set(kFileLocalPathKey, KTSPath::pathWithString(urlText).asLocalPath().value_or(""));
+  record.set(kFileURLKey, url.isString() ? url : Plist(""));
+  record.set(kFileLocalPathKey,
+             KTSPath::pathWithString(url.stringValue()).asLocalPath().value_or(""));
   return record;
 }
 
 Plist KTSProduct::mirrorFilesForPackage(const Plist& package) const {
   Plist records = Plist::array();
   if (package.contains(KTCatalogPackageMetadataURLStringKey)) {
-    records.append(mirrorFileInfoForPathExpectedSize(
-        package[KTCatalogPackageMetadataURLStringKey].stringValue(), Plist()));
+    records.append(
+        mirrorFileInfoForPathExpectedSize(package[KTCatalogPackageMetadataURLStringKey], Plist()));
   }
-  records.append(mirrorFileInfoForPathExpectedSize(
-      package[KTCatalogPackageURLStringKey].stringValue(), package[KTCatalogPackageSizeKey]));
+  records.append(mirrorFileInfoForPathExpectedSize(package[KTCatalogPackageURLStringKey],
+                                                   package[KTCatalogPackageSizeKey]));
   return records;
 }
 
-Plist KTSProduct::mirrorFileInfoForPathExpectedSize(const std::string& urlText,
-                                                    const Plist& size) const {
+// The record keeps the catalog's own URL value, which shares its storage with the entry.
+Plist KTSProduct::mirrorFileInfoForPathExpectedSize(const Plist& url, const Plist& size) const {
   Plist record = Plist::dictionary();
-  record.set(kFileURLKey, urlText);
-  record.set(kFileLocalPathKey, KTSPath::pathWithString(urlText).asLocalPath().value_or(""));
+  record.set(kFileURLKey, url.isString() ? url : Plist(""));
+  record.set(kFileLocalPathKey,
+             KTSPath::pathWithString(url.stringValue()).asLocalPath().value_or(""));
   if (size.isNumber()) record.set(kFileSizeKey, size);
   record.set(kFileReplaceKey, Plist::boolean(false));
   return record;

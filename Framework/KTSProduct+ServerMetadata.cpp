@@ -101,12 +101,13 @@ Plist KTSProduct::readLegacyServerMetadata(const std::optional<Url>& url) {
   if (std::optional<std::string> mapped = localPathInsideDocumentRoot(url);
       mapped && KTSUtilities::fileExistsAtPath(*mapped)) {
     file = mapped;
-    smdPath_ = KTSPath(url);
+    smdPath_ = std::make_shared<const KTSPath>(url);
   } else {
     std::optional<std::string> generic = makeGenericServerMetadataLocalPath();
     log_.debug("PROD: {}: (legacy) generating URL for local SMD file", id());
     if (generic) {
-      smdPath_ = KTSPath::pathWithLocalFilePathParentHost(*generic, kContentDeliveryHost);
+      smdPath_ = std::make_shared<const KTSPath>(
+          KTSPath::pathWithLocalFilePathParentHost(*generic, kContentDeliveryHost));
       if (KTSUtilities::fileExistsAtPath(*generic)) file = generic;
     }
   }
@@ -160,7 +161,7 @@ KTSPassMemo::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
   KTSPassMemo::forgetItemAtPath(localPath);
   keepPreviousVersion(localPath, sideFilePath(localPath, "previous"));
   std::rename(sideFilePath(localPath, "downloading").c_str(), localPath.c_str());
-  return {KTSUtilities::readPropertyListAtPath(localPath), KTSPath(url)};
+  return {KTSUtilities::readPropertyListAtPath(localPath), std::make_shared<const KTSPath>(url)};
 }
 
 // Bytes equal to the file at L leave L in place and make L.previous the same file, which is
@@ -186,7 +187,8 @@ std::optional<KTSPassMemo::ServerMetadata> KTSProduct::placeFetchedServerMetadat
       return std::nullopt;
     }
   }
-  return KTSPassMemo::ServerMetadata{KTSUtilities::propertyListWithData(bytes), KTSPath(url)};
+  return KTSPassMemo::ServerMetadata{KTSUtilities::propertyListWithData(bytes),
+                                     std::make_shared<const KTSPath>(url)};
 }
 
 void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
@@ -264,8 +266,8 @@ Plist KTSProduct::generateServerMetadataDictionaryAtPath(const std::string& path
   if (std::optional<Url> distribution = firstDistributionURL(masterRepresentation_)) {
     std::string besideDistribution = appendingPathComponent(
         deletingLastPathComponent(distribution->path()), lastPathComponent(path));
-    smdPath_ = KTSPath::pathWithString(
-        fmt::format("http://{}{}", distribution->host(), besideDistribution));
+    smdPath_ = std::make_shared<const KTSPath>(KTSPath::pathWithString(
+        fmt::format("http://{}{}", distribution->host(), besideDistribution)));
   }
   return metadata;
 }

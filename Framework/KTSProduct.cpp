@@ -265,7 +265,8 @@ void KTSProduct::restoreFromArchiveRepresentation(const Plist& archive) {
   downloadedSize_ = archive["downloadedSize"];
   downloadStatus_ = archive["downloadStatus"].integerValue();
   if (archive["smdPath"].isString()) {
-    smdPath_ = KTSPath::pathWithString(archive["smdPath"].stringValue());
+    smdPath_ =
+        std::make_shared<const KTSPath>(KTSPath::pathWithString(archive["smdPath"].stringValue()));
   } else {
     log_.debug("PROD: {}: * * * WARNING! Missing archive value: smdPath.", id());
   }

@@ -113,7 +113,7 @@ class KTSProduct {
   Plist makeMirrorFiles() const;
   Plist mirrorFileInfoForDistribution(const std::string& language) const;
   Plist mirrorFilesForPackage(const Plist& package) const;
-  Plist mirrorFileInfoForPathExpectedSize(const std::string& urlText, const Plist& size) const;
+  Plist mirrorFileInfoForPathExpectedSize(const Plist& url, const Plist& size) const;
   // The sum of the records' sizes; null when it is not above 0.
   Plist getTotalMirrorSize() const;
 
@@ -201,12 +201,15 @@ class KTSProduct {
   void setInstalledSize(Plist size) { installedSize_ = std::move(size); }
   const std::optional<std::string>& restartAction() const { return restartAction_; }
   void setRestartAction(std::optional<std::string> action) { restartAction_ = std::move(action); }
-  const std::optional<KTSPath>& smdPath() const { return smdPath_; }
+  // Where the server metadata is served from; null without one. Copies share it.
+  const KTSPath* smdPath() const { return smdPath_.get(); }
   // Where the server metadata file is kept on this server; none without one.
   std::optional<std::string> serverMetadataLocalPath() const {
     return smdPath_ ? smdPath_->asLocalPath() : std::nullopt;
   }
-  void setSmdPath(std::optional<KTSPath> path) { smdPath_ = std::move(path); }
+  void setSmdPath(std::optional<KTSPath> path) {
+    smdPath_ = path ? std::make_shared<const KTSPath>(std::move(*path)) : nullptr;
+  }
   const Plist& masterRepresentation() const { return masterRepresentation_; }
   void setMasterRepresentation(Plist entry) { masterRepresentation_ = std::move(entry); }
   // Empty for a product restored from its archive.
@@ -284,7 +287,7 @@ class KTSProduct {
   std::optional<Date> postDate_;
   Plist installedSize_;
   std::optional<std::string> restartAction_;
-  std::optional<KTSPath> smdPath_;
+  std::shared_ptr<const KTSPath> smdPath_;
   Plist masterRepresentation_;
   std::shared_ptr<const std::vector<std::string>> smdValidationKeys_;
   Plist mirrorFiles_;
