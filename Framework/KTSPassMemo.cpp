@@ -61,6 +61,10 @@ void KTSPassMemo::recordFilesVerified(const std::string& productId, const Plist&
   if (current_ != nullptr) current_->verifiedFiles[productId] = {mirrorFiles, verified};
 }
 
+KTSPassMemo::FilesVerified KTSPassMemo::filesVerified() {
+  return current_ == nullptr ? FilesVerified() : current_->verifiedFiles;
+}
+
 std::shared_ptr<const KTSProduct> KTSPassMemo::productMadeFirst(const std::string& productId) {
   if (current_ == nullptr) return nullptr;
   auto found = current_->products.find(productId);

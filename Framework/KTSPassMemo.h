@@ -54,6 +54,10 @@ class KTSPassMemo {
                                                   const Plist& mirrorFiles);
   static void recordFilesVerified(const std::string& productId, const Plist& mirrorFiles,
                                   bool verified);
+  // Each product id with the file list checked last and whether its files were all in place.
+  using FilesVerified = std::map<std::string, std::pair<Plist, bool>, std::less<>>;
+  // What the current pass found so far; empty outside a pass.
+  static FilesVerified filesVerified();
   // The product as first made in the current pass from a catalog entry, before any catalog's
   // settings and policies touched it; null outside a pass or before it was made.
   static std::shared_ptr<const KTSProduct> productMadeFirst(const std::string& productId);
@@ -66,7 +70,7 @@ class KTSPassMemo {
     std::map<std::string, Plist, std::less<>> values;
     std::unordered_map<std::string, std::optional<std::int64_t>> itemSizes;
     std::map<std::string, std::shared_ptr<const KTSProduct>, std::less<>> products;
-    std::map<std::string, std::pair<Plist, bool>, std::less<>> verifiedFiles;
+    FilesVerified verifiedFiles;
   };
 
   // The memory of the pass in effect; only its thread builds products.

@@ -170,14 +170,17 @@ KTSPassMemo::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
 // past every file deleted in the last half minute).
 std::optional<KTSPassMemo::ServerMetadata> KTSProduct::placeFetchedServerMetadata(
     const Url& url, const std::string& localPath, const std::string& bytes) {
-  KTSPassMemo::forgetItemAtPath(localPath);
   std::string previousPath = sideFilePath(localPath, "previous");
   std::string current;
+  // What the pass found of a file it leaves as it was still holds.
   if (readWholeFile(localPath, &current, nullptr, bytes.size()) && current == bytes) {
     if (fileIdentity(previousPath) != fileIdentity(localPath)) {
+      KTSPassMemo::forgetItemAtPath(previousPath);
       keepPreviousVersion(localPath, previousPath);
     }
   } else {
+    KTSPassMemo::forgetItemAtPath(localPath);
+    KTSPassMemo::forgetItemAtPath(previousPath);
     // Named as the product's own fetch names its side file, which it overwrites.
     std::string sidePath = sideFilePath(sideFilePath(localPath, "downloading"), "downloading");
     if (!writeSideFile(sidePath, bytes)) return std::nullopt;

@@ -169,6 +169,7 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync) {
         }));
   }
   outcome.productsRemoved = removed_.size();
+  if (!removed_.empty()) filesFoundAtLoad_.clear();
   KTSFileOwnership ownership(products);
   withdrawFilesAboutToChange(products, outcome);
   for (const auto& product : removed_) product->removeAllMirroredFiles(&ownership);
@@ -373,6 +374,7 @@ void KTSSyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& c
     }
     catalogs_.push_back(catalog);
   }
+  filesFoundAtLoad_ = KTSPassMemo::filesVerified();
 }
 
 bool KTSSyncPass::fitsOnVolume(const KTSProduct& product, std::uint64_t needed,
@@ -434,6 +436,7 @@ void KTSSyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwne
       if (product->isDownloading() && seen.insert(productId).second) waiting.push_back(product);
     }
   }
+  if (!waiting.empty()) filesFoundAtLoad_.clear();
   std::size_t next = 0;
   std::uint64_t promised = 0;
   bool upstreamStopped = false;
@@ -590,11 +593,20 @@ std::vector<KTSProduct*> KTSSyncPass::servedProducts(const KTSCatalog& catalog) 
     if (!product->enabled() || !product->isInServedState()) continue;
     auto verified = verified_.find(productId);
     if (verified == verified_.end()) {
-      verified = verified_.emplace(productId, product->verifyMirroredFiles()).first;
+      verified = verified_.emplace(productId, filesInPlace(*product)).first;
     }
     if (verified->second) serving.push_back(product.get());
   }
   return serving;
+}
+
+bool KTSSyncPass::filesInPlace(const KTSProduct& product) const {
+  auto found = filesFoundAtLoad_.find(*product.productId());
+  if (found != filesFoundAtLoad_.end() &&
+      found->second.first.sharesStorageWith(product.mirrorFiles())) {
+    return found->second.second;
+  }
+  return product.verifyMirroredFiles();
 }
 
 void KTSSyncPass::finishTickets() {

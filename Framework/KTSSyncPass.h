@@ -17,6 +17,7 @@
 
 #include "KTSCatalog.h"
 #include "KTSLogger.h"
+#include "KTSPassMemo.h"
 #include "KTSPassRecord.h"
 #include "KTSProductChange.h"
 #include "Plist.h"
@@ -94,6 +95,9 @@ class KTSSyncPass {
   bool listsChangedProduct(const KTSCatalog& catalog) const;
   void writeServedCatalogs(KTSPassOutcome& outcome);
   std::vector<KTSProduct*> servedProducts(const KTSCatalog& catalog);
+  // Whether every file of the product is in place: as the catalogs found it while they loaded
+  // when no file was placed or removed since, else looked at now.
+  bool filesInPlace(const KTSProduct& product) const;
   static std::string servedCatalogInputs(const std::vector<KTSProduct*>& serving,
                                          KTSPassRecord& record);
   void finishTickets();
@@ -109,6 +113,9 @@ class KTSSyncPass {
   // Products whose state this pass changed after the catalogs were synced or loaded.
   std::set<std::string> changedProducts_;
   std::map<std::string, bool> verified_;
+  // The products' files as the catalogs found them while they loaded; let go of as soon as the
+  // pass places or removes a file.
+  KTSPassMemo::FilesVerified filesFoundAtLoad_;
   // Products whose files the administrator asked to remove in this pass.
   std::vector<std::shared_ptr<KTSProduct>> removed_;
 };

@@ -492,6 +492,13 @@ TEST_F(WholeSystemTest, PassLevelFaultsAreToldAndMended) {
       package["URL"].stringValue().substr(package["URL"].stringValue().find("/content/"));
   writeFile(upstream_ + packagePath, std::string(5000, 'n'));
   ASSERT_TRUE(catalog.writeXmlFile(upstream_ + "/content/catalogs/others/" + kNewest, nullptr));
+  // And a mirrored file deleted behind the server's back.
+  const std::string lostUrl =
+      catalog[KTCatalogProductsDictKey]["VT-000022"][KTCatalogProductPackagesKey][0]["URL"]
+          .stringValue();
+  const std::string lostPath = lostUrl.substr(lostUrl.find("/content/"));
+  ASSERT_TRUE(mirror.served()[KTCatalogProductsDictKey].contains("VT-000022"));
+  std::filesystem::remove(mirror.html() + lostPath);
   ProgramResult mended = mirror.pass();
   EXPECT_EQ(mended.exitStatus, 0) << mended.output;
   EXPECT_NE(mended.output.find("Serving the catalogs without the products whose files change"),
@@ -500,6 +507,9 @@ TEST_F(WholeSystemTest, PassLevelFaultsAreToldAndMended) {
   EXPECT_EQ(readFile(mirror.html() + packagePath), std::string(5000, 'n'));
   EXPECT_EQ(std::filesystem::file_size(mirror.html() + bigPath), 24u << 20) << "completed";
   EXPECT_TRUE(mirror.served()[KTCatalogProductsDictKey].contains("VT-000021"));
+  EXPECT_TRUE(std::filesystem::exists(mirror.html() + lostPath)) << "fetched again";
+  EXPECT_TRUE(mirror.served()[KTCatalogProductsDictKey].contains("VT-000022"))
+      << "served again in the pass that fetched its file";
 
   // A catalog replaced by garbage: the memory of it stays, the error is told. An error page
   // where the deprecations list should be never takes the served list's place.
