@@ -120,7 +120,8 @@ class Plist {
   void removeKeys(const std::vector<std::string>& keys);
   void append(Plist value);
   Array& mutableElements();
-  // The value under key, created as null when missing, ready to be changed in place.
+  // The value under key, created as null when missing, ready to be changed in place. The
+  // reference holds until this dictionary gains or loses a key.
   Plist& mutableValue(std::string_view key);
 
   bool operator==(const Plist& other) const;
