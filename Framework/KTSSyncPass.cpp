@@ -169,7 +169,7 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync) {
         }));
   }
   outcome.productsRemoved = removed_.size();
-  if (!removed_.empty()) filesFoundAtLoad_.clear();
+  for (const auto& product : removed_) recordFilesTouchedBy(*product);
   KTSFileOwnership ownership(products);
   withdrawFilesAboutToChange(products, outcome);
   for (const auto& product : removed_) product->removeAllMirroredFiles(&ownership);
@@ -436,7 +436,6 @@ void KTSSyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwne
       if (product->isDownloading() && seen.insert(productId).second) waiting.push_back(product);
     }
   }
-  if (!waiting.empty()) filesFoundAtLoad_.clear();
   std::size_t next = 0;
   std::uint64_t promised = 0;
   bool upstreamStopped = false;
@@ -446,6 +445,7 @@ void KTSSyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwne
       std::uint64_t needed = product->stillToFetch().bytes;
       if (!fitsOnVolume(*product, needed, promised)) continue;
       promised += needed;
+      recordFilesTouchedBy(*product);
       auto stateBefore = recordedState(*product);
       auto start = std::chrono::steady_clock::now();
       // waiting holds the product until the scheduler is done.
@@ -602,11 +602,27 @@ std::vector<KTSProduct*> KTSSyncPass::servedProducts(const KTSCatalog& catalog) 
 
 bool KTSSyncPass::filesInPlace(const KTSProduct& product) const {
   auto found = filesFoundAtLoad_.find(*product.productId());
-  if (found != filesFoundAtLoad_.end() &&
-      found->second.first.sharesStorageWith(product.mirrorFiles())) {
-    return found->second.second;
+  if (found == filesFoundAtLoad_.end() ||
+      !found->second.first.sharesStorageWith(product.mirrorFiles()) ||
+      mayHaveTouchedFilesOf(product)) {
+    return product.verifyMirroredFiles();
   }
-  return product.verifyMirroredFiles();
+  return found->second.second;
+}
+
+bool KTSSyncPass::mayHaveTouchedFilesOf(const KTSProduct& product) const {
+  if (filesTouched_.empty()) return false;
+  for (const Plist& record : product.mirrorFiles().elements()) {
+    const std::string& localPath = record[KTSProduct::kFileLocalPathKey].stringValue();
+    if (filesTouched_.count(standardizingPath(localPath)) != 0) return true;
+  }
+  return false;
+}
+
+void KTSSyncPass::recordFilesTouchedBy(const KTSProduct& product) {
+  for (const Plist& record : product.mirrorFiles().elements()) {
+    filesTouched_.insert(standardizingPath(record[KTSProduct::kFileLocalPathKey].stringValue()));
+  }
 }
 
 void KTSSyncPass::finishTickets() {

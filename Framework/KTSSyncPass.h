@@ -13,6 +13,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "KTSCatalog.h"
@@ -96,8 +97,10 @@ class KTSSyncPass {
   void writeServedCatalogs(KTSPassOutcome& outcome);
   std::vector<KTSProduct*> servedProducts(const KTSCatalog& catalog);
   // Whether every file of the product is in place: as the catalogs found it while they loaded
-  // when no file was placed or removed since, else looked at now.
+  // unless the pass may have placed or removed one of its files since, else looked at now.
   bool filesInPlace(const KTSProduct& product) const;
+  void recordFilesTouchedBy(const KTSProduct& product);
+  bool mayHaveTouchedFilesOf(const KTSProduct& product) const;
   static std::string servedCatalogInputs(const std::vector<KTSProduct*>& serving,
                                          KTSPassRecord& record);
   void finishTickets();
@@ -113,9 +116,10 @@ class KTSSyncPass {
   // Products whose state this pass changed after the catalogs were synced or loaded.
   std::set<std::string> changedProducts_;
   std::map<std::string, bool> verified_;
-  // The products' files as the catalogs found them while they loaded; let go of as soon as the
-  // pass places or removes a file.
+  // The products' files as the catalogs found them while they loaded, and the files the pass
+  // may have placed or removed since: those of the products it mirrored or removed.
   KTSPassMemo::FilesVerified filesFoundAtLoad_;
+  std::unordered_set<std::string> filesTouched_;
   // Products whose files the administrator asked to remove in this pass.
   std::vector<std::shared_ptr<KTSProduct>> removed_;
 };
