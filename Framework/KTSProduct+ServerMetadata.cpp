@@ -169,11 +169,12 @@ KTSPassMemo::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
 // file (on some file systems a deleted file costs a synchronous discard, and a new one a scan
 // past every file deleted in the last half minute).
 std::optional<KTSPassMemo::ServerMetadata> KTSProduct::placeFetchedServerMetadata(
-    const Url& url, const std::string& localPath, const std::string& bytes) {
+    const Url& url, const std::string& localPath, const std::string& bytes, bool bytesAreTheFile) {
   std::string previousPath = sideFilePath(localPath, "previous");
   std::string current;
   // What the pass found of a file it leaves as it was still holds.
-  if (readWholeFile(localPath, &current, nullptr, bytes.size()) && current == bytes) {
+  if (bytesAreTheFile ||
+      (readWholeFile(localPath, &current, nullptr, bytes.size()) && current == bytes)) {
     if (fileIdentity(previousPath) != fileIdentity(localPath)) {
       KTSPassMemo::forgetItemAtPath(previousPath);
       keepPreviousVersion(localPath, previousPath);
@@ -209,8 +210,8 @@ void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
     } else if (!readWholeFile(fetched.downloadPath(), &bytes, nullptr, kPrefetchedMetadataLimit)) {
       return;
     }
-    std::optional<KTSPassMemo::ServerMetadata> placed =
-        placeFetchedServerMetadata(fetched.sourceUrl(), fetched.downloadPath(), bytes);
+    std::optional<KTSPassMemo::ServerMetadata> placed = placeFetchedServerMetadata(
+        fetched.sourceUrl(), fetched.downloadPath(), bytes, fetched.wasNotModified());
     if (!placed) return;
     fetched.recordValidatorsOfPlacedFile();
     KTSPassMemo::recordServerMetadataFetchedFrom(fetched.sourceUrl().text(), std::move(*placed));

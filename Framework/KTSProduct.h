@@ -248,9 +248,10 @@ class KTSProduct {
   static KTSPassMemo::ServerMetadata placeServerMetadata(const Url& url,
                                                          const std::string& localPath);
   // Puts bytes fetched ahead of the walk at localPath as a download would, and reads them;
-  // none when they could not be written.
+  // none when they could not be written. bytesAreTheFile says that they were read from it (the
+  // upstream answered that it has not changed).
   static std::optional<KTSPassMemo::ServerMetadata> placeFetchedServerMetadata(
-      const Url& url, const std::string& localPath, const std::string& bytes);
+      const Url& url, const std::string& localPath, const std::string& bytes, bool bytesAreTheFile);
   static std::optional<Url> prefetchableServerMetadataURL(const std::string& productId,
                                                           const Plist& entry);
   // The standardised local path of an upstream URL when it lies inside the document root's
