@@ -251,6 +251,7 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
   if (workingSet->containsProductID(productId)) {
     product->restoreSettings(workingSet->mirrorSettingForProductID(productId),
                              workingSet->enableSettingForProductID(productId));
+    workingSet->shareTextsWithProduct(*product);
   }
   if (throttleDownloads_) Clock::sleepFor(Clock::now() - start);
   return product;

@@ -294,6 +294,19 @@ Plist KTSWorkingSet::productDictForID(const std::string& productId) const {
   return products_[productId];
 }
 
+void KTSWorkingSet::shareTextsWithProduct(const KTSProduct& product) {
+  const std::string& productId = *product.productId();
+  const Plist& texts = products_[productId]["localization"];
+  if (texts.sharesStorageWith(product.localization()) ||
+      !texts.isIdenticalTo(product.localization())) {
+    return;
+  }
+  // The record as last saved takes the product's copy too, or the old one would stay in memory.
+  bool saved = savedProducts_[productId].sharesStorageWith(products_[productId]);
+  products_.mutableValue(productId).set("localization", product.localization());
+  if (saved) savedProducts_.mutableValue(productId) = products_[productId];
+}
+
 void KTSWorkingSet::setProductDictForID(const Plist& record, const std::string& productId) {
   if (record.isNull()) return;
   Plist products = products_.isDictionary() ? std::move(products_) : Plist::dictionary();

@@ -52,6 +52,10 @@ class KTSWorkingSet {
   // The record of a product, or null when it lacks required data.
   Plist representationForProduct(const KTSProduct* product) const;
 
+  // Lets the product's record hold the product's own copy of the texts both hold alike
+  // (localization), so that the two share memory; the records stay as they were.
+  void shareTextsWithProduct(const KTSProduct& product);
+
   Plist productDictForID(const std::string& productId) const;
   void setProductDictForID(const Plist& record, const std::string& productId);
   bool containsProductID(const std::string& productId) const;
