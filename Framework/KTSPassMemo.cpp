@@ -1,7 +1,6 @@
 #include "KTSPassMemo.h"
 
 #include "KTSProduct.h"
-#include "KTSUtilities.h"
 
 namespace ondrel {
 
@@ -29,20 +28,8 @@ Plist KTSPassMemo::shareEqualValue(const std::string& key, Plist value) {
   return value;
 }
 
-std::optional<std::int64_t> KTSPassMemo::sizeOfExistingItemAtPath(const std::string& path) {
-  if (current_ == nullptr) return KTSUtilities::sizeOfExistingItemAtPath(path);
-  auto found = current_->itemSizes.find(path);
-  if (found == current_->itemSizes.end()) {
-    found = current_->itemSizes.emplace(path, KTSUtilities::sizeOfExistingItemAtPath(path)).first;
-  }
-  return found->second;
-}
-
-void KTSPassMemo::forgetItemAtPath(const std::string& path) {
-  if (current_ == nullptr) return;
-  current_->itemSizes.erase(path);
-  // Whatever products' checks saw of it is forgotten with it.
-  current_->verifiedFiles.clear();
+void KTSPassMemo::fileWillChange() {
+  if (current_ != nullptr) current_->verifiedFiles.clear();
 }
 
 std::optional<bool> KTSPassMemo::filesVerifiedEarlier(const std::string& productId,

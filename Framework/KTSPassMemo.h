@@ -1,19 +1,17 @@
 // KTSPassMemo is the memo of one pass: the products built during it share what does not depend
 // on the catalog that lists them. While one lives, each server metadata URL is fetched and read
 // once (a fetch that failed is not retried for the next catalog either), equal values recorded
-// under the same key, such as a product's file list, share one copy in memory, and each file of
-// a product is looked at once; a product listed alike by several catalogs is made once and
+// under the same key, such as a product's file list, share one copy in memory, and the files of
+// a list are checked once; a product listed alike by several catalogs is made once and
 // copied. The sync daemon holds one while a pass loads its catalogs, so
 // every pass fetches and looks anew; without one nothing is shared. Used by KTSProduct. One
 // thread; the newest instance is in effect until it ends.
 #pragma once
 
-#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
 
 #include "KTSPath.h"
 #include "Plist.h"
@@ -43,11 +41,9 @@ class KTSPassMemo {
   // value itself, or the identical value recorded under key earlier in the current pass, which
   // then shares its storage; value unchanged outside a pass.
   static Plist shareEqualValue(const std::string& key, Plist value);
-  // The size of the item at path (none when there is none), looked at once in the current pass:
-  // the catalogs that list a product check its files alike. A file written while the memo is
-  // in effect is forgotten first. Outside a pass, looked at every time.
-  static std::optional<std::int64_t> sizeOfExistingItemAtPath(const std::string& path);
-  static void forgetItemAtPath(const std::string& path);
+  // A file is about to be written or replaced while the memo is in effect: what products'
+  // checks found is forgotten, since any list may name it.
+  static void fileWillChange();
   // Whether the files of this very list (the same storage) were all in place when a product
   // checked them earlier in the current pass; none when none did.
   static std::optional<bool> filesVerifiedEarlier(const std::string& productId,
@@ -68,7 +64,6 @@ class KTSPassMemo {
   struct Memory {
     std::map<std::string, ServerMetadata, std::less<>> serverMetadata;
     std::map<std::string, Plist, std::less<>> values;
-    std::unordered_map<std::string, std::optional<std::int64_t>> itemSizes;
     std::map<std::string, std::shared_ptr<const KTSProduct>, std::less<>> products;
     FilesVerified verifiedFiles;
   };

@@ -449,7 +449,7 @@ bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo) const {
   log_.debug("PROD: {}: verifying: {}; size: {}", id(), fileName, sizeText(size, "(N/A)"));
   std::optional<std::int64_t> found;
   if (KTSPath::isInsideHtmlFolder(localPath)) {
-    found = KTSPassMemo::sizeOfExistingItemAtPath(localPath);
+    found = KTSUtilities::sizeOfExistingItemAtPath(localPath);
   }
   if (!found) {
     log_.debug("PROD: {}: verification failed; file not found: {}", id(), fileName);

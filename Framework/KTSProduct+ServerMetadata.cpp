@@ -87,7 +87,7 @@ Plist KTSProduct::getServerMetadataForURL(const std::optional<Url>& url) {
   if (!active) {
     std::optional<std::string> generic = makeGenericServerMetadataLocalPath();
     if (generic && KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*generic))) {
-      KTSPassMemo::forgetItemAtPath(*generic);
+      KTSPassMemo::fileWillChange();
       KTSUtilities::writeDictionaryToPath(repaired, *generic);
     }
   }
@@ -158,7 +158,7 @@ bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& local
 // always holds a whole file.
 KTSPassMemo::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
                                                             const std::string& localPath) {
-  KTSPassMemo::forgetItemAtPath(localPath);
+  KTSPassMemo::fileWillChange();
   keepPreviousVersion(localPath, sideFilePath(localPath, "previous"));
   std::rename(sideFilePath(localPath, "downloading").c_str(), localPath.c_str());
   return {KTSUtilities::readPropertyListAtPath(localPath), std::make_shared<const KTSPath>(url)};
@@ -176,12 +176,11 @@ std::optional<KTSPassMemo::ServerMetadata> KTSProduct::placeFetchedServerMetadat
   if (bytesAreTheFile ||
       (readWholeFile(localPath, &current, nullptr, bytes.size()) && current == bytes)) {
     if (fileIdentity(previousPath) != fileIdentity(localPath)) {
-      KTSPassMemo::forgetItemAtPath(previousPath);
+      KTSPassMemo::fileWillChange();
       keepPreviousVersion(localPath, previousPath);
     }
   } else {
-    KTSPassMemo::forgetItemAtPath(localPath);
-    KTSPassMemo::forgetItemAtPath(previousPath);
+    KTSPassMemo::fileWillChange();
     // Named as the product's own fetch names its side file, which it overwrites.
     std::string sidePath = sideFilePath(sideFilePath(localPath, "downloading"), "downloading");
     if (!writeSideFile(sidePath, bytes)) return std::nullopt;
@@ -261,7 +260,7 @@ Plist KTSProduct::generateServerMetadataDictionaryAtPath(const std::string& path
     metadata = generator->createMetadataWithDictionaryIdentifier(masterRepresentation_, id());
     if (metadata.isDictionary() &&
         KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(path))) {
-      KTSPassMemo::forgetItemAtPath(path);
+      KTSPassMemo::fileWillChange();
       KTSUtilities::writeDictionaryToPath(metadata, path);
     }
     if (generator->smdResult() == -2) initStatus_ = -1;
