@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <tuple>
 
 #include "FileIO.h"
@@ -614,14 +615,17 @@ bool KTSSyncPass::mayHaveTouchedFilesOf(const KTSProduct& product) const {
   if (filesTouched_.empty()) return false;
   for (const Plist& record : product.mirrorFiles().elements()) {
     const std::string& localPath = record[KTSProduct::kFileLocalPathKey].stringValue();
-    if (filesTouched_.count(standardizingPath(localPath)) != 0) return true;
+    if (filesTouched_.count(std::hash<std::string>()(standardizingPath(localPath))) != 0) {
+      return true;
+    }
   }
   return false;
 }
 
 void KTSSyncPass::recordFilesTouchedBy(const KTSProduct& product) {
   for (const Plist& record : product.mirrorFiles().elements()) {
-    filesTouched_.insert(standardizingPath(record[KTSProduct::kFileLocalPathKey].stringValue()));
+    const std::string& localPath = record[KTSProduct::kFileLocalPathKey].stringValue();
+    filesTouched_.insert(std::hash<std::string>()(standardizingPath(localPath)));
   }
 }
 

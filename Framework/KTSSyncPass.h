@@ -117,9 +117,10 @@ class KTSSyncPass {
   std::set<std::string> changedProducts_;
   std::map<std::string, bool> verified_;
   // The products' files as the catalogs found them while they loaded, and the files the pass
-  // may have placed or removed since: those of the products it mirrored or removed.
+  // may have placed or removed since: those of the products it mirrored or removed, kept as
+  // hashes of their paths (a first pass touches every file; a collision only costs a check).
   KTSPassMemo::FilesVerified filesFoundAtLoad_;
-  std::unordered_set<std::string> filesTouched_;
+  std::unordered_set<std::size_t> filesTouched_;
   // Products whose files the administrator asked to remove in this pass.
   std::vector<std::shared_ptr<KTSProduct>> removed_;
 };
