@@ -297,7 +297,7 @@ Plist KTSWorkingSet::productDictForID(const std::string& productId) const {
 void KTSWorkingSet::shareTextsWithProduct(const KTSProduct& product) {
   const std::string& productId = *product.productId();
   const Plist& texts = products_[productId]["localization"];
-  if (texts.sharesStorageWith(product.localization()) ||
+  if (!texts.isDictionary() || texts.sharesStorageWith(product.localization()) ||
       !texts.isIdenticalTo(product.localization())) {
     return;
   }
