@@ -171,10 +171,13 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync) {
   }
   outcome.productsRemoved = removed_.size();
   for (const auto& product : removed_) recordFilesTouchedBy(*product);
-  KTSFileOwnership ownership(products);
   withdrawFilesAboutToChange(products, outcome);
-  for (const auto& product : removed_) product->removeAllMirroredFiles(&ownership);
-  mirrorProducts(scheduler, ownership, outcome);
+  {
+    // Who owns each file matters only while files are removed and placed.
+    KTSFileOwnership ownership(products);
+    for (const auto& product : removed_) product->removeAllMirroredFiles(&ownership);
+    mirrorProducts(scheduler, ownership, outcome);
+  }
   for (const auto& catalog : catalogs_) {
     if (!catalog->products()) continue;
     for (const auto& [productId, product] : *catalog->products()) {
@@ -553,18 +556,19 @@ void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {
       record->recordFile(path, inputs);
       continue;
     }
-    Plist served = catalog->compositeCatalog().isDictionary() ? catalog->compositeCatalog()
-                                                              : Plist::dictionary();
-    Plist products = Plist::dictionary();
-    for (KTSProduct* product : serving) {
-      products.set(*product->productId(), catalog->mirrorRepresentationForProduct(*product));
-    }
-    served.set(KTCatalogProductsDictKey, std::move(products));
+    // The composite catalog with the served products' entries, each made as it is written.
+    auto next = serving.begin();
+    auto nextEntry = [&]() -> std::optional<std::pair<std::string, Plist>> {
+      if (next == serving.end()) return std::nullopt;
+      KTSProduct& product = **next++;
+      return std::pair(*product.productId(), catalog->mirrorRepresentationForProduct(product));
+    };
     // A catalog that did not change keeps its file, so what clients cached of it stays valid.
     bool replaced = false;
     std::string error;
     if (!KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(path)) ||
-        !served.writeXmlFileUnlessUnchanged(path, &replaced, &error)) {
+        !catalog->compositeCatalog().writeXmlFileStreamingMemberUnlessUnchanged(
+            path, KTCatalogProductsDictKey, nextEntry, &replaced, &error)) {
       outcome.failures.push_back(
           fmt::format("served catalog {} not written", catalogName(catalog->catalogURL())));
       continue;

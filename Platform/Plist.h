@@ -154,6 +154,13 @@ class Plist {
   // until it gives null: each is written as it comes, so the array is never held in memory.
   static bool writeXmlArrayFile(const std::string& path, const std::function<Plist()>& nextElement,
                                 std::string* error);
+  // Writes, like writeXmlFileUnlessUnchanged, this dictionary with the value of key replaced by
+  // a dictionary of the entries nextEntry gives until it gives none. Each is written as it comes,
+  // so that dictionary is never held in memory; their keys must ascend, or the write fails.
+  using EntrySource = std::function<std::optional<std::pair<std::string, Plist>>()>;
+  bool writeXmlFileStreamingMemberUnlessUnchanged(const std::string& path, std::string_view key,
+                                                  const EntrySource& nextEntry, bool* replaced,
+                                                  std::string* error) const;
 
  private:
   struct Node {

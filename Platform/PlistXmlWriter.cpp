@@ -41,6 +41,29 @@ class PlistXmlWriter {
     return endDocument();
   }
 
+  // The same text as writeDocument with root, a dictionary, holding under streamedKey a
+  // dictionary of the entries nextEntry gives.
+  bool writeDocumentStreamingMember(const Plist& root, std::string_view streamedKey,
+                                    const Plist::EntrySource& nextEntry) {
+    beginDocument();
+    put("<dict>\n");
+    bool streamed = false;
+    if (root.isDictionary()) {
+      for (const auto& [key, item] : root.items()) {
+        if (!streamed && key >= streamedKey) {
+          writeStreamedDictionary(streamedKey, nextEntry, 1);
+          streamed = true;
+        }
+        if (key == streamedKey) continue;
+        writeKey(key, 1);
+        writeValue(item, 1);
+      }
+    }
+    if (!streamed) writeStreamedDictionary(streamedKey, nextEntry, 1);
+    put("</dict>\n");
+    return endDocument();
+  }
+
  private:
   void beginDocument() {
     put("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n");
@@ -188,11 +211,35 @@ class PlistXmlWriter {
     if (value.size() == 0) return put("<dict/>\n");
     put("<dict>\n");
     for (const auto& [key, item] : value.items()) {
-      indent(depth + 1);
-      put("<key>");
-      putEscaped(key);
-      put("</key>\n");
+      writeKey(key, depth + 1);
       writeValue(item, depth + 1);
+    }
+    indent(depth);
+    put("</dict>\n");
+  }
+
+  void writeKey(std::string_view key, int depth) {
+    indent(depth);
+    put("<key>");
+    putEscaped(key);
+    put("</key>\n");
+  }
+
+  // The key and its dictionary; keys that do not ascend fail the write, since a dictionary
+  // read back would hold them in another order or lose one.
+  void writeStreamedDictionary(std::string_view key, const Plist::EntrySource& nextEntry,
+                               int depth) {
+    writeKey(key, depth);
+    indent(depth);
+    std::optional<std::pair<std::string, Plist>> entry = nextEntry();
+    if (!entry) return put("<dict/>\n");
+    put("<dict>\n");
+    std::string previous;
+    for (bool first = true; entry; entry = nextEntry(), first = false) {
+      if (!first && !(previous < entry->first)) ok_ = false;
+      writeKey(entry->first, depth + 1);
+      writeValue(entry->second, depth + 1);
+      previous = std::move(entry->first);
     }
     indent(depth);
     put("</dict>\n");
@@ -248,6 +295,18 @@ bool Plist::writeXmlFileUnlessUnchanged(const std::string& path, bool* replaced,
                                         std::string* error) const {
   return writeFileAtomicallyUnlessUnchanged(
       path, [this](std::FILE* file) { return writeXml(file); }, replaced, error);
+}
+
+bool Plist::writeXmlFileStreamingMemberUnlessUnchanged(const std::string& path,
+                                                       std::string_view key,
+                                                       const EntrySource& nextEntry, bool* replaced,
+                                                       std::string* error) const {
+  return writeFileAtomicallyUnlessUnchanged(
+      path,
+      [&](std::FILE* file) {
+        return PlistXmlWriter(file).writeDocumentStreamingMember(*this, key, nextEntry);
+      },
+      replaced, error);
 }
 
 bool Plist::writeXml(std::FILE* file) const { return PlistXmlWriter(file).writeDocument(*this); }

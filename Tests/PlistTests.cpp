@@ -59,6 +59,38 @@ TEST_F(PlistTest, XmlRoundTripKeepsEveryKindOfValue) {
   EXPECT_EQ(readFile(file), array.toXml());
   ASSERT_TRUE(Plist::writeXmlArrayFile(file, elements, nullptr));
   EXPECT_EQ(readFile(file), Plist::array().toXml());
+
+  // So is a dictionary with one member's entries written one by one, wherever its key falls
+  // and whether or not the dictionary held it; keys that do not ascend fail the write.
+  std::vector<std::pair<std::string, Plist>> entries = {{"one", document}, {"two", array}};
+  for (std::size_t given : {std::size_t{0}, entries.size()}) {
+    for (const char* key : {"a", "list", "m", "zz"}) {
+      std::size_t at = 0;
+      auto nextEntry = [&]() -> std::optional<std::pair<std::string, Plist>> {
+        if (at == given) return std::nullopt;
+        return entries[at++];
+      };
+      Plist whole = document;
+      whole.set(key,
+                Plist(Plist::Dictionary::fromEntries({entries.begin(), entries.begin() + given})));
+      bool replaced = false;
+      ASSERT_TRUE(document.writeXmlFileStreamingMemberUnlessUnchanged(file, key, nextEntry,
+                                                                      &replaced, nullptr));
+      EXPECT_EQ(readFile(file), whole.toXml()) << key;
+    }
+  }
+  std::vector<std::string> keys = {"b", "a"};
+  auto descending = [&]() -> std::optional<std::pair<std::string, Plist>> {
+    if (keys.empty()) return std::nullopt;
+    std::pair<std::string, Plist> entry(keys.front(), document);
+    keys.erase(keys.begin());
+    return entry;
+  };
+  bool replaced = false;
+  std::string before = readFile(file);
+  EXPECT_FALSE(document.writeXmlFileStreamingMemberUnlessUnchanged(file, "list", descending,
+                                                                   &replaced, nullptr));
+  EXPECT_EQ(readFile(file), before);
 }
 
 TEST_F(PlistTest, ReadsDocumentsWrittenByOtherTools) {
