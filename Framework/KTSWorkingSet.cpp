@@ -167,6 +167,8 @@ void KTSWorkingSet::mergeProducts(const ProductsById& products) {
           record.remove(setting);
         }
       }
+      // A record that stays as it was keeps its memory, shared with the record as saved.
+      if (record.isIdenticalTo(old)) continue;
     }
     records.emplace_back(productId, std::move(record));
   }
@@ -233,6 +235,8 @@ bool KTSWorkingSet::applyProductStatus(const KTSProduct& product) {
   updated.set("IFPkgFlagRestartAction", newAction);
   log_.debug("WSET: Updated product {}; mirror={}, d.l.size={}, eanbled={}.", productId,
              product.mirrorStateDescription(), newSize, yesOrNo(product.enabled()));
+  // An enabled product always counts as changed; its record may well stay as it was.
+  if (updated.isIdenticalTo(record)) return true;
   // Moved out first, so the change costs one record, not a copy of every record.
   Plist products = std::move(products_);
   products.set(productId, std::move(updated));
