@@ -279,10 +279,14 @@ std::shared_ptr<KTSProduct> KTSCatalog::madeEarlierInPass(const std::string& pro
     b = skipState(theirs, std::next(b));
   }
   if (a != mine.end() || b != theirs.end()) return nullptr;
-  // The earlier entry with this one's state: alike, and sharing what they say alike.
+  // The earlier entry with this one's state: alike, and sharing what they say alike (all of it
+  // when the states are alike too).
   Plist shared = earlierEntry;
   if (entry.contains("CompositeProductState")) {
-    shared.set("CompositeProductState", entry["CompositeProductState"]);
+    const Plist& state = entry["CompositeProductState"];
+    if (!earlierEntry["CompositeProductState"].isIdenticalTo(state)) {
+      shared.set("CompositeProductState", state);
+    }
   } else {
     shared.remove("CompositeProductState");
   }
