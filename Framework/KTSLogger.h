@@ -54,8 +54,10 @@ class KTSLogger {
   // by the watch of its folder, then told by its modification time at full resolution, its inode
   // or its size).
   void refreshUserDefaults();
-  // Refreshes the switches and tells whether debug messages are written.
-  bool isDebugLoggingOn() {
+  // Whether a debug message would reach the log. The journal's filter holds debug back whatever
+  // the switch says, so only a syslog logger refreshes the switches to answer.
+  bool writesDebugMessages() {
+    if (logType_ != 0) return false;
     refreshUserDefaults();
     return enableDebugLogging_;
   }
@@ -109,10 +111,10 @@ class LogHandle {
   void error(fmt::format_string<Args...> format, Args&&... args) const {
     if (logger_) logger_->logError(fmt::format(format, std::forward<Args>(args)...));
   }
-  // The message is formatted only when debug logging is on.
+  // The message is formatted only when it would be written.
   template <typename... Args>
   void debug(fmt::format_string<Args...> format, Args&&... args) const {
-    if (!logger_ || !logger_->isDebugLoggingOn()) return;
+    if (!logger_ || !logger_->writesDebugMessages()) return;
     logger_->logMessageWithLevelSource(fmt::format(format, std::forward<Args>(args)...),
                                        KTSLogger::Debug, std::nullopt);
   }
