@@ -196,7 +196,7 @@ Plist KTSProduct::mirrorFileInfoForPathExpectedSize(const Plist& url, const Plis
 
 Plist KTSProduct::getTotalMirrorSize() const {
   std::int64_t total = 0;
-  for (const Plist& record : mirrorFiles_.elements()) {
+  for (const Plist& record : facts_->mirrorFiles.elements()) {
     std::int64_t size = record[kFileSizeKey].integerValue();
     if (size > 0 && total <= INT64_MAX - size) total += size;
   }
@@ -226,8 +226,8 @@ void KTSProduct::mirrorFilesWithScheduler(KTSFetchScheduler& scheduler,
   std::vector<std::size_t> first;
   pendingSharedFiles_.clear();
   conflictingFiles_.clear();
-  for (std::size_t i = 0; i < mirrorFiles_.size(); ++i) {
-    const Plist& record = mirrorFiles_[i];
+  for (std::size_t i = 0; i < facts_->mirrorFiles.size(); ++i) {
+    const Plist& record = facts_->mirrorFiles[i];
     auto [known, isFirst] = sizes.try_emplace(
         standardizingPath(record[kFileLocalPathKey].stringValue()), record[kFileSizeKey]);
     if (isFirst) {
@@ -260,7 +260,7 @@ void KTSProduct::addToDownloadedSize(std::int64_t bytes) {
 }
 
 void KTSProduct::attemptFile(std::size_t index, int attempt, std::int64_t fileStatus) {
-  const std::string& localPath = mirrorFiles_[index][kFileLocalPathKey].stringValue();
+  const std::string& localPath = facts_->mirrorFiles[index][kFileLocalPathKey].stringValue();
   const std::string fileName = lastPathComponent(localPath);
   if (std::optional<std::string> owner = otherOwnerOfFile(index)) {
     log_.error("*** File {} of product {} belongs to {}; it is neither fetched nor touched.",
@@ -296,7 +296,7 @@ void KTSProduct::attemptFile(std::size_t index, int attempt, std::int64_t fileSt
 }
 
 void KTSProduct::downloadFileWithInfo(std::size_t index, int attempt) {
-  const Plist& fileInfo = mirrorFiles_[index];
+  const Plist& fileInfo = facts_->mirrorFiles[index];
   std::optional<Url> url = Url::parse(fileInfo[kFileURLKey].stringValue());
   const std::string& localPath = fileInfo[kFileLocalPathKey].stringValue();
   const Plist& size = fileInfo[kFileSizeKey];
@@ -350,7 +350,7 @@ void KTSProduct::downloadFileWithInfo(std::size_t index, int attempt) {
 }
 
 void KTSProduct::attemptEnded(std::size_t index, int attempt, std::int64_t bytesPlaced) {
-  const Plist& record = mirrorFiles_[index];
+  const Plist& record = facts_->mirrorFiles[index];
   log_.debug("PROD: {}: ...downloaded {} bytes of total {}", id(),
              downloadedSize_.integerValue() + bytesPlaced, totalDownloadSize_.integerValue());
   if (verifyMirroredFileWithInfo(record)) {
@@ -372,8 +372,8 @@ std::optional<std::string> KTSProduct::otherOwnerOfFile(std::size_t index) const
   }
   const KTSFileOwnership* ownership = mirroring_ ? mirroring_->ownership : nullptr;
   if (ownership == nullptr) return std::nullopt;
-  const std::string* owner =
-      ownership->otherOwnerOfPath(mirrorFiles_[index][kFileLocalPathKey].stringValue(), id());
+  const std::string* owner = ownership->otherOwnerOfPath(
+      facts_->mirrorFiles[index][kFileLocalPathKey].stringValue(), id());
   if (owner == nullptr) return std::nullopt;
   return fmt::format("product {}", *owner);
 }
@@ -403,7 +403,7 @@ void KTSProduct::fileProcessed(bool givenUp) {
 void KTSProduct::endDownload() {
   log_.info("Finished downloading product: {}", id());
   downloadStatus_ = DownloadFinished;
-  auto expected = static_cast<std::int64_t>(mirrorFiles_.size());
+  auto expected = static_cast<std::int64_t>(facts_->mirrorFiles.size());
   log_.debug("PROD: {}: files downloaded = {}, expected {}", id(), totalDownloadCount_, expected);
   mirror_ = totalDownloadCount_ == expected ? Mirrored : PleaseMirror;
   log_.debug("PROD: {}: mirror = {}", id(), mirrorStateDescription());
@@ -464,35 +464,36 @@ bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo) const {
 }
 
 bool KTSProduct::verifyMirroredFiles() const {
-  if (std::optional<bool> known = KTSPassMemo::filesVerifiedEarlier(id(), mirrorFiles_)) {
+  if (std::optional<bool> known = KTSPassMemo::filesVerifiedEarlier(id(), facts_->mirrorFiles)) {
     return *known;
   }
   bool allVerified = true;
-  for (const Plist& record : mirrorFiles_.elements()) {
+  for (const Plist& record : facts_->mirrorFiles.elements()) {
     if (!verifyMirroredFileWithInfo(record)) allVerified = false;
   }
-  KTSPassMemo::recordFilesVerified(id(), mirrorFiles_, allVerified);
+  KTSPassMemo::recordFilesVerified(id(), facts_->mirrorFiles, allVerified);
   std::string title = "?title?";
-  if (bundleNames_.contains("English")) {
-    title = bundleNames_["English"].stringValue();
-  } else if (bundleNames_.contains("en")) {
-    title = bundleNames_["en"].stringValue();
-  } else if (bundleNames_.size() > 0) {
-    title = bundleNames_.items().begin()->second.stringValue();
+  if (facts_->bundleNames.contains("English")) {
+    title = facts_->bundleNames["English"].stringValue();
+  } else if (facts_->bundleNames.contains("en")) {
+    title = facts_->bundleNames["en"].stringValue();
+  } else if (facts_->bundleNames.size() > 0) {
+    title = facts_->bundleNames.items().begin()->second.stringValue();
   }
   if (allVerified) {
     log_.debug("PROD: {}: ({} {}) verified - all files downloaded", id(), title,
-               version_.value_or(""));
+               facts_->version.value_or(""));
   } else {
     log_.debug("PROD: {}: ({} {}) *** one or more files not downloaded ***", id(), title,
-               version_.value_or(""));
+               facts_->version.value_or(""));
   }
   return allVerified;
 }
 
 void KTSProduct::removeAllFiles() {
   std::optional<std::string> metadataPath =
-      smdPath_ ? localPathInsideDocumentRoot(smdPath_->parentServerURL()) : std::nullopt;
+      facts_->smdPath ? localPathInsideDocumentRoot(facts_->smdPath->parentServerURL())
+                      : std::nullopt;
   if (metadataPath) {
     std::string folder = deletingLastPathComponent(deletingLastPathComponent(*metadataPath));
     // The folder two levels up must still be a product's folder below the html folder.
@@ -506,7 +507,7 @@ void KTSProduct::removeAllFiles() {
 }
 
 void KTSProduct::removeAllMirroredFiles(const KTSFileOwnership* ownership) {
-  for (const Plist& record : mirrorFiles_.elements()) {
+  for (const Plist& record : facts_->mirrorFiles.elements()) {
     const std::string& localPath = record[kFileLocalPathKey].stringValue();
     std::string extension = pathExtension(localPath);
     // Only its own files, where product files belong: never another product's or a served one.
@@ -525,7 +526,7 @@ void KTSProduct::removeAllMirroredFiles(const KTSFileOwnership* ownership) {
 
 KTSProduct::StillToFetch KTSProduct::stillToFetch() const {
   StillToFetch still;
-  for (const Plist& record : mirrorFiles_.elements()) {
+  for (const Plist& record : facts_->mirrorFiles.elements()) {
     const Plist& size = record[kFileSizeKey];
     std::optional<std::int64_t> expected;
     if (size.isNumber()) expected = size.integerValue();

@@ -101,12 +101,12 @@ Plist KTSProduct::readLegacyServerMetadata(const std::optional<Url>& url) {
   if (std::optional<std::string> mapped = localPathInsideDocumentRoot(url);
       mapped && KTSUtilities::fileExistsAtPath(*mapped)) {
     file = mapped;
-    smdPath_ = std::make_shared<const KTSPath>(url);
+    mutableFacts().smdPath = std::make_shared<const KTSPath>(url);
   } else {
     std::optional<std::string> generic = makeGenericServerMetadataLocalPath();
     log_.debug("PROD: {}: (legacy) generating URL for local SMD file", id());
     if (generic) {
-      smdPath_ = std::make_shared<const KTSPath>(
+      mutableFacts().smdPath = std::make_shared<const KTSPath>(
           KTSPath::pathWithLocalFilePathParentHost(*generic, kContentDeliveryHost));
       if (KTSUtilities::fileExistsAtPath(*generic)) file = generic;
     }
@@ -127,12 +127,12 @@ Plist KTSProduct::loadActiveServerMetadataAtURL(const Url& url) {
   // This pass fetched it already: ahead of the catalog's products, or for another catalog.
   if (const KTSPassMemo::ServerMetadata* fetched =
           KTSPassMemo::serverMetadataFetchedFrom(url.text())) {
-    smdPath_ = fetched->smdPath;
+    mutableFacts().smdPath = fetched->smdPath;
     return fetched->contents;
   }
   KTSPassMemo::ServerMetadata fetched;
   if (downloadServerMetadata(url, *localPath)) fetched = placeServerMetadata(url, *localPath);
-  smdPath_ = fetched.smdPath;
+  mutableFacts().smdPath = fetched.smdPath;
   KTSPassMemo::recordServerMetadataFetchedFrom(url.text(), fetched);
   return fetched.contents;
 }
@@ -269,7 +269,7 @@ Plist KTSProduct::generateServerMetadataDictionaryAtPath(const std::string& path
   if (std::optional<Url> distribution = firstDistributionURL(masterRepresentation_)) {
     std::string besideDistribution = appendingPathComponent(
         deletingLastPathComponent(distribution->path()), lastPathComponent(path));
-    smdPath_ = std::make_shared<const KTSPath>(KTSPath::pathWithString(
+    mutableFacts().smdPath = std::make_shared<const KTSPath>(KTSPath::pathWithString(
         fmt::format("http://{}{}", distribution->host(), besideDistribution)));
   }
   return metadata;

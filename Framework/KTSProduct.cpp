@@ -59,11 +59,9 @@ const std::shared_ptr<const std::vector<std::string>>& KTSProduct::requiredServe
 
 KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
                        const std::optional<Url>& serverMetadataURL)
-    : initStatus_(1),
-      productId_(productId),
-      masterRepresentation_(dictionary),
-      smdValidationKeys_(requiredServerMetadataKeys()),
-      log_(LogHandle::shared()) {
+    : initStatus_(1), masterRepresentation_(dictionary), log_(LogHandle::shared()) {
+  facts_->productId = productId;
+  facts_->smdValidationKeys = requiredServerMetadataKeys();
   // The id becomes part of file names: one that could name another folder is never used.
   if (!isValidProductId(productId)) {
     log_.error("Refusing product with an invalid product id: \"{}\"", productId);
@@ -80,69 +78,72 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
     if (initStatus_ == 1) initStatus_ = 0;
     return;
   }
-  version_ = optionalString(metadata["CFBundleShortVersionString"]);
-  localization_ = metadata["localization"];
+  mutableFacts().version = optionalString(metadata["CFBundleShortVersionString"]);
+  mutableFacts().localization = metadata["localization"];
   if (!metadata.contains("localization")) {
     log_.debug("PROD: ERROR - Product SMD file missing key (localization).");
     log_.error("*** Product missing essential data (SMD).");
   }
-  bundleNames_ = KTSPassMemo::shareEqualValue(productId + "\nbundleNames",
-                                              getServerMetadataBundleTitles(metadata));
-  descriptions_ = KTSPassMemo::shareEqualValue(productId + "\ndescriptions",
-                                               getServerMetadataDescriptions(metadata));
+  mutableFacts().bundleNames = KTSPassMemo::shareEqualValue(
+      productId + "\nbundleNames", getServerMetadataBundleTitles(metadata));
+  mutableFacts().descriptions = KTSPassMemo::shareEqualValue(
+      productId + "\ndescriptions", getServerMetadataDescriptions(metadata));
 
   const Plist& posted = dictionary[KTCatalogProductPostDateKey];
-  postDate_ = KTSUtilities::validDateForValue(posted);
-  if (!postDate_) {
+  mutableFacts().postDate = KTSUtilities::validDateForValue(posted);
+  if (!facts_->postDate) {
     log_.debug("PROD: WARNING - Product posting date cannot be converted into NSDate value.");
     log_.warning(
         "*** Product ID: \"{}\" posted date value is not a valid date format. (value = "
         "\"{}\")",
         productId, posted);
     log_.info("*** Product ID: \"{}\" will assume posting date of 'now'.", productId);
-    postDate_ = Clock::now();
+    mutableFacts().postDate = Clock::now();
   }
 
-  productFamily_ = optionalString(metadata["IFPkgFlagProductFamily"]);
-  if (!productFamily_) deriveProductFamily();
-  deprecatedProducts_ = dictionary["DeprecatedProducts"];
-  deprecators_ = dictionary["Deprecators"];
-  if (installedSize_.isNull()) installedSize_ = metadata["IFPkgFlagInstalledSize"];
-  if (!restartAction_) restartAction_ = optionalString(metadata["IFPkgFlagRestartAction"]);
+  mutableFacts().productFamily = optionalString(metadata["IFPkgFlagProductFamily"]);
+  if (!facts_->productFamily) deriveProductFamily();
+  mutableFacts().deprecatedProducts = dictionary["DeprecatedProducts"];
+  mutableFacts().deprecators = dictionary["Deprecators"];
+  if (facts_->installedSize.isNull())
+    mutableFacts().installedSize = metadata["IFPkgFlagInstalledSize"];
+  if (!facts_->restartAction)
+    mutableFacts().restartAction = optionalString(metadata["IFPkgFlagRestartAction"]);
   mirror_ = DoNotMirror;
   enabled_ = false;
-  mirrorFiles_ = KTSPassMemo::shareEqualValue(productId + "\nmirrorFiles", makeMirrorFiles());
+  mutableFacts().mirrorFiles =
+      KTSPassMemo::shareEqualValue(productId + "\nmirrorFiles", makeMirrorFiles());
   totalDownloadSize_ = getTotalMirrorSize();
 }
 
 void KTSProduct::deriveProductFamily() {
   const Plist* language = nullptr;
   for (const char* name : {"English", "en"}) {
-    if (localization_.contains(name)) {
-      language = &localization_[name];
+    if (facts_->localization.contains(name)) {
+      language = &facts_->localization[name];
       break;
     }
   }
   if (language == nullptr) return;
-  productFamily_ = optionalString((*language)["title"]);
-  if (!productFamily_ || !version_) return;
-  const std::string& version = *version_;
-  if (productFamily_->rfind("Vantor OS", 0) != 0 || version.rfind("10", 0) != 0 ||
+  mutableFacts().productFamily = optionalString((*language)["title"]);
+  if (!facts_->productFamily || !facts_->version) return;
+  const std::string& version = *facts_->version;
+  if (facts_->productFamily->rfind("Vantor OS", 0) != 0 || version.rfind("10", 0) != 0 ||
       version.rfind("10.4", 0) == 0) {
     return;
   }
   std::size_t dot = version.find('.');
   if (dot == std::string::npos) return;
   std::string second = version.substr(dot + 1, version.find('.', dot + 1) - dot - 1);
-  productFamily_ = fmt::format("{} (10.{})", *productFamily_, second);
-  log_.debug("PROD: disambiguated family \"{}\"", *productFamily_);
+  mutableFacts().productFamily = fmt::format("{} (10.{})", *facts_->productFamily, second);
+  log_.debug("PROD: disambiguated family \"{}\"", *facts_->productFamily);
 }
 
 KTSProduct::KTSProduct(const Plist& archive) : log_(LogHandle::shared()) {
   restoreFromArchiveRepresentation(archive);
 }
 
-const std::string& KTSProduct::id() const { return productId_ ? *productId_ : kNoId; }
+const std::string& KTSProduct::id() const { return facts_->productId ? *facts_->productId : kNoId; }
 
 bool KTSProduct::isEqualState(const KTSProduct& other, std::string* changedKey) const {
   const char* changed = nullptr;
@@ -177,12 +178,12 @@ bool KTSProduct::applyPendingEnable() {
 
 std::string KTSProduct::getEffectiveRestartAction() const {
   if (isDownloading()) return "IncompleteDownload";
-  return restartAction_.value_or("NoRestart");
+  return facts_->restartAction.value_or("NoRestart");
 }
 
 int KTSProduct::reversePostDateCompare(const KTSProduct& other) const {
-  if (postDate_ == other.postDate_) return 0;
-  return postDate_ > other.postDate_ ? -1 : 1;
+  if (facts_->postDate == other.facts_->postDate) return 0;
+  return facts_->postDate > other.facts_->postDate ? -1 : 1;
 }
 
 Plist KTSProduct::archiveRepresentation() const {
@@ -196,30 +197,30 @@ Plist KTSProduct::archiveRepresentation() const {
   auto setStringIfPresent = [&archive](const char* key, const std::optional<std::string>& value) {
     if (value) archive.set(key, *value);
   };
-  setStringIfPresent("productId", productId_);
-  setStringIfPresent("productFamily", productFamily_);
-  setStringIfPresent("version", version_);
-  setIfPresent("installedSize", installedSize_);
-  if (postDate_) archive.set("postDate", Plist::date(*postDate_));
-  setStringIfPresent("restartAction", restartAction_);
-  setIfPresent("deprecatedProducts", deprecatedProducts_);
-  setIfPresent("deprecators", deprecators_);
-  setIfPresent("bundleNames", bundleNames_);
-  setIfPresent("descriptions", descriptions_);
-  setIfPresent("localization", localization_);
+  setStringIfPresent("productId", facts_->productId);
+  setStringIfPresent("productFamily", facts_->productFamily);
+  setStringIfPresent("version", facts_->version);
+  setIfPresent("installedSize", facts_->installedSize);
+  if (facts_->postDate) archive.set("postDate", Plist::date(*facts_->postDate));
+  setStringIfPresent("restartAction", facts_->restartAction);
+  setIfPresent("deprecatedProducts", facts_->deprecatedProducts);
+  setIfPresent("deprecators", facts_->deprecators);
+  setIfPresent("bundleNames", facts_->bundleNames);
+  setIfPresent("descriptions", facts_->descriptions);
+  setIfPresent("localization", facts_->localization);
   setIfPresent("masterRepresentation", masterRepresentation_);
   setIfPresent("totalDownloadSize", totalDownloadSize_);
   setIfPresent("downloadedSize", downloadedSize_);
   archive.set("downloadStatus", Plist::integer(downloadStatus_));
-  if (smdPath_ && smdPath_->parentServerURL()) {
-    archive.set("smdPath", smdPath_->parentServerURL()->text());
+  if (facts_->smdPath && facts_->smdPath->parentServerURL()) {
+    archive.set("smdPath", facts_->smdPath->parentServerURL()->text());
   } else {
     log_.debug("PROD: {}: * * * WARNING! Missing smdURL (smdPath) for generated archive.", id());
   }
-  if (mirrorFiles_.size() == 0) return archive;
+  if (facts_->mirrorFiles.size() == 0) return archive;
 
   Plist files = Plist::array();
-  for (const Plist& record : mirrorFiles_.elements()) {
+  for (const Plist& record : facts_->mirrorFiles.elements()) {
     const Plist& url = record[kFileURLKey];
     const Plist& localPath = record[kFileLocalPathKey];
     if (!url.isString() || !Url::parse(url.stringValue()) || !localPath.isString()) {
@@ -240,7 +241,7 @@ Plist KTSProduct::archiveRepresentation() const {
 }
 
 void KTSProduct::restoreFromArchiveRepresentation(const Plist& archive) {
-  productId_ = optionalString(archive["productId"]);
+  mutableFacts().productId = optionalString(archive["productId"]);
   for (const char* key : {"mirror", "enabled", "enableWhenMirrored"}) {
     if (!archive.contains(key)) {
       log_.debug("PROD: {}: * * * WARNING! Missing archive value: {}.", id(), key);
@@ -250,22 +251,22 @@ void KTSProduct::restoreFromArchiveRepresentation(const Plist& archive) {
   mirror_ = mirrorStateForString(optionalString(archive["mirror"]));
   enabled_ = archive["enabled"].boolValue();
   enableWhenMirrored_ = archive["enableWhenMirrored"].boolValue();
-  productFamily_ = optionalString(archive["productFamily"]);
-  version_ = optionalString(archive["version"]);
-  deprecatedProducts_ = archive["deprecatedProducts"];
-  deprecators_ = archive["deprecators"];
-  bundleNames_ = archive["bundleNames"];
-  descriptions_ = archive["descriptions"];
-  installedSize_ = archive["installedSize"];
-  localization_ = archive["localization"];
-  postDate_ = archive["postDate"].dateValue();
-  restartAction_ = optionalString(archive["restartAction"]);
+  mutableFacts().productFamily = optionalString(archive["productFamily"]);
+  mutableFacts().version = optionalString(archive["version"]);
+  mutableFacts().deprecatedProducts = archive["deprecatedProducts"];
+  mutableFacts().deprecators = archive["deprecators"];
+  mutableFacts().bundleNames = archive["bundleNames"];
+  mutableFacts().descriptions = archive["descriptions"];
+  mutableFacts().installedSize = archive["installedSize"];
+  mutableFacts().localization = archive["localization"];
+  mutableFacts().postDate = archive["postDate"].dateValue();
+  mutableFacts().restartAction = optionalString(archive["restartAction"]);
   masterRepresentation_ = archive["masterRepresentation"];
   totalDownloadSize_ = archive["totalDownloadSize"];
   downloadedSize_ = archive["downloadedSize"];
   downloadStatus_ = archive["downloadStatus"].integerValue();
   if (archive["smdPath"].isString()) {
-    smdPath_ =
+    mutableFacts().smdPath =
         std::make_shared<const KTSPath>(KTSPath::pathWithString(archive["smdPath"].stringValue()));
   } else {
     log_.debug("PROD: {}: * * * WARNING! Missing archive value: smdPath.", id());
@@ -280,7 +281,7 @@ void KTSProduct::restoreFromArchiveRepresentation(const Plist& archive) {
     if (archived.contains(kFileReplaceKey)) record.set(kFileReplaceKey, archived[kFileReplaceKey]);
     files.append(std::move(record));
   }
-  mirrorFiles_ = std::move(files);
+  mutableFacts().mirrorFiles = std::move(files);
 }
 
 }  // namespace ondrel

@@ -179,55 +179,45 @@ class KTSProduct {
   std::int32_t mirror() const { return mirror_; }
   bool enabled() const { return enabled_; }
   bool enableWhenMirrored() const { return enableWhenMirrored_; }
-  const std::optional<std::string>& productId() const { return productId_; }
-  void setProductId(std::optional<std::string> id) { productId_ = std::move(id); }
-  const std::optional<std::string>& productFamily() const { return productFamily_; }
-  void setProductFamily(std::optional<std::string> family) { productFamily_ = std::move(family); }
-  const std::optional<std::string>& version() const { return version_; }
-  void setVersion(std::optional<std::string> version) { version_ = std::move(version); }
-  const Plist& deprecatedProducts() const { return deprecatedProducts_; }
-  void setDeprecatedProducts(Plist products) { deprecatedProducts_ = std::move(products); }
-  const Plist& deprecators() const { return deprecators_; }
-  void setDeprecators(Plist products) { deprecators_ = std::move(products); }
-  const Plist& bundleNames() const { return bundleNames_; }
-  void setBundleNames(Plist names) { bundleNames_ = std::move(names); }
-  const Plist& descriptions() const { return descriptions_; }
-  void setDescriptions(Plist descriptions) { descriptions_ = std::move(descriptions); }
-  const Plist& localization() const { return localization_; }
-  void setLocalization(Plist localization) { localization_ = std::move(localization); }
-  const std::optional<Date>& postDate() const { return postDate_; }
-  void setPostDate(std::optional<Date> date) { postDate_ = date; }
-  const Plist& installedSize() const { return installedSize_; }
-  void setInstalledSize(Plist size) { installedSize_ = std::move(size); }
-  const std::optional<std::string>& restartAction() const { return restartAction_; }
-  void setRestartAction(std::optional<std::string> action) { restartAction_ = std::move(action); }
+  const std::optional<std::string>& productId() const { return facts_->productId; }
+  const std::optional<std::string>& productFamily() const { return facts_->productFamily; }
+  const std::optional<std::string>& version() const { return facts_->version; }
+  const Plist& deprecatedProducts() const { return facts_->deprecatedProducts; }
+  void setDeprecatedProducts(Plist products) {
+    mutableFacts().deprecatedProducts = std::move(products);
+  }
+  const Plist& deprecators() const { return facts_->deprecators; }
+  const Plist& bundleNames() const { return facts_->bundleNames; }
+  const Plist& descriptions() const { return facts_->descriptions; }
+  const Plist& localization() const { return facts_->localization; }
+  const std::optional<Date>& postDate() const { return facts_->postDate; }
+  void setPostDate(std::optional<Date> date) { mutableFacts().postDate = date; }
+  const Plist& installedSize() const { return facts_->installedSize; }
+  const std::optional<std::string>& restartAction() const { return facts_->restartAction; }
   // Where the server metadata is served from; null without one. Copies share it.
-  const KTSPath* smdPath() const { return smdPath_.get(); }
+  const KTSPath* smdPath() const { return facts_->smdPath.get(); }
   // Where the server metadata file is kept on this server; none without one.
   std::optional<std::string> serverMetadataLocalPath() const {
-    return smdPath_ ? smdPath_->asLocalPath() : std::nullopt;
+    return facts_->smdPath ? facts_->smdPath->asLocalPath() : std::nullopt;
   }
   void setSmdPath(std::optional<KTSPath> path) {
-    smdPath_ = path ? std::make_shared<const KTSPath>(std::move(*path)) : nullptr;
+    mutableFacts().smdPath = path ? std::make_shared<const KTSPath>(std::move(*path)) : nullptr;
   }
   const Plist& masterRepresentation() const { return masterRepresentation_; }
   void setMasterRepresentation(Plist entry) { masterRepresentation_ = std::move(entry); }
   // Empty for a product restored from its archive.
   const std::vector<std::string>& smdValidationKeys() const {
     static const std::vector<std::string> none;
-    return smdValidationKeys_ ? *smdValidationKeys_ : none;
+    return facts_->smdValidationKeys ? *facts_->smdValidationKeys : none;
   }
-  void setSmdValidationKeys(std::vector<std::string> keys) {
-    smdValidationKeys_ = std::make_shared<const std::vector<std::string>>(std::move(keys));
-  }
-  const Plist& mirrorFiles() const { return mirrorFiles_; }
+  const Plist& mirrorFiles() const { return facts_->mirrorFiles; }
   // The files of mirrorFiles not in place with their catalog size, and the bytes they come to.
   struct StillToFetch {
     std::uint64_t files = 0;
     std::uint64_t bytes = 0;
   };
   StillToFetch stillToFetch() const;
-  void setMirrorFiles(Plist files) { mirrorFiles_ = std::move(files); }
+  void setMirrorFiles(Plist files) { mutableFacts().mirrorFiles = std::move(files); }
   std::int64_t totalDownloadCount() const { return totalDownloadCount_; }
   void setTotalDownloadCount(std::int64_t count) { totalDownloadCount_ = count; }
   const Plist& totalDownloadSize() const { return totalDownloadSize_; }
@@ -277,21 +267,32 @@ class KTSProduct {
   std::int32_t mirror_ = DoNotMirror;
   bool enabled_ = false;
   bool enableWhenMirrored_ = false;
-  std::optional<std::string> productId_;
-  std::optional<std::string> productFamily_;
-  std::optional<std::string> version_;
-  Plist deprecatedProducts_;
-  Plist deprecators_;
-  Plist bundleNames_;
-  Plist descriptions_;
-  Plist localization_;
-  std::optional<Date> postDate_;
-  Plist installedSize_;
-  std::optional<std::string> restartAction_;
-  std::shared_ptr<const KTSPath> smdPath_;
+  // What the product's entry and server metadata say of it. Copies share it (a pass copies a
+  // product for every catalog that lists it) until one of them changes it.
+  struct Facts {
+    std::optional<std::string> productId;
+    std::optional<std::string> productFamily;
+    std::optional<std::string> version;
+    Plist deprecatedProducts;
+    Plist deprecators;
+    Plist bundleNames;
+    Plist descriptions;
+    Plist localization;
+    std::optional<Date> postDate;
+    Plist installedSize;
+    std::optional<std::string> restartAction;
+    std::shared_ptr<const KTSPath> smdPath;
+    std::shared_ptr<const std::vector<std::string>> smdValidationKeys;
+    Plist mirrorFiles;
+  };
+  // The facts for a change: this product's own copy once another product shares them.
+  Facts& mutableFacts() {
+    if (facts_.use_count() > 1) facts_ = std::make_shared<Facts>(*facts_);
+    return *facts_;
+  }
+
+  std::shared_ptr<Facts> facts_ = std::make_shared<Facts>();
   Plist masterRepresentation_;
-  std::shared_ptr<const std::vector<std::string>> smdValidationKeys_;
-  Plist mirrorFiles_;
   // While the files are mirrored: where they are fetched, how many are still being processed,
   // whether one was given up, and whom to tell at the end.
   struct Mirroring {
