@@ -94,7 +94,7 @@ Plist KTSRequestManager::mergeChangeRequests(const RequestsByDate& requests) {
         log_.debug("REQM: WARNING: invalid change request for product: {} (ignored)", productId);
         continue;
       }
-      instruction.set("ProductID", productId);
+      instruction.set("ProductID", productId.text());
       merged.emplace_back(productId, std::move(instruction));
     }
   }

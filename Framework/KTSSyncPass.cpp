@@ -558,7 +558,7 @@ void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {
     }
     // The composite catalog with the served products' entries, each made as it is written.
     auto next = serving.begin();
-    auto nextEntry = [&]() -> std::optional<std::pair<std::string, Plist>> {
+    auto nextEntry = [&]() -> std::optional<std::pair<PlistKey, Plist>> {
       if (next == serving.end()) return std::nullopt;
       KTSProduct& product = **next++;
       return std::pair(*product.productId(), catalog->mirrorRepresentationForProduct(product));

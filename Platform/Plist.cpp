@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cmath>
 #include <limits>
+#include <mutex>
 
 #include "DateFormats.h"
 
@@ -25,6 +26,50 @@ struct Plist::DictionaryNode : Node {
   explicit DictionaryNode(Dictionary items) : value(std::move(items)) {}
   Dictionary value;
 };
+
+namespace {
+
+// Every key text in use, once. Never freed, so that keys in static values outlive it at exit.
+struct SharedKeyTexts {
+  std::mutex mutex;
+  std::unordered_map<std::string_view, void*> byText;
+};
+
+SharedKeyTexts& sharedKeyTexts() {
+  static auto* texts = new SharedKeyTexts;
+  return *texts;
+}
+
+}  // namespace
+
+PlistKey::PlistKey(std::string_view text) {
+  SharedKeyTexts& texts = sharedKeyTexts();
+  std::lock_guard lock(texts.mutex);
+  auto found = texts.byText.find(text);
+  if (found != texts.byText.end()) {
+    node_ = static_cast<Node*>(found->second);
+    node_->references.fetch_add(1, std::memory_order_relaxed);
+    return;
+  }
+  node_ = new Node{{1}, std::string(text)};
+  texts.byText.emplace(node_->text, node_);
+}
+
+void PlistKey::releaseLast(Node* node) {
+  SharedKeyTexts& texts = sharedKeyTexts();
+  std::lock_guard lock(texts.mutex);
+  if (node->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+  texts.byText.erase(node->text);
+  delete node;
+}
+
+PlistKey PlistKey::Interner::keyFor(std::string_view text) {
+  auto found = byText_.find(text);
+  if (found != byText_.end()) return found->second;
+  PlistKey key(text);
+  byText_.emplace(key.text(), key);
+  return key;
+}
 
 namespace {
 const Plist kNull;
@@ -316,7 +361,7 @@ bool Plist::remove(std::string_view key) {
   return mutableItems().erase(key);
 }
 
-void Plist::setEntries(std::vector<std::pair<std::string, Plist>> entries) {
+void Plist::setEntries(std::vector<std::pair<PlistKey, Plist>> entries) {
   mutableItems().assignAll(Dictionary::fromEntries(std::move(entries)));
 }
 
@@ -376,7 +421,7 @@ Plist& Plist::Dictionary::valueFor(std::string_view key) {
     entries_.reserve(entries_.size() + entries_.size() / 4 + 4);
     found = entries_.begin() + offset;
   }
-  return entries_.emplace(found, std::string(key), Plist())->second;
+  return entries_.emplace(found, PlistKey(key), Plist())->second;
 }
 
 void Plist::Dictionary::assignAll(Dictionary incoming) {

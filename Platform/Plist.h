@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -24,6 +25,84 @@
 namespace ondrel {
 
 using Date = std::chrono::system_clock::time_point;
+
+// A dictionary key. Keys alike share one text, counted, for as long as any of them lives: a key
+// costs a pointer in its dictionary, and a key that many records name (every product's metadata
+// names "localization") costs its text once. Reads as the std::string it holds. Copies are
+// cheap; keys may be made, copied and read from several threads.
+class PlistKey {
+ public:
+  PlistKey(std::string_view text);
+  PlistKey(const std::string& text) : PlistKey(std::string_view(text)) {}
+  PlistKey(const char* text) : PlistKey(std::string_view(text)) {}
+  PlistKey(const PlistKey& other) noexcept : node_(other.node_) { retain(); }
+  PlistKey(PlistKey&& other) noexcept : node_(std::exchange(other.node_, &movedFrom_)) {}
+  PlistKey& operator=(const PlistKey& other) noexcept {
+    PlistKey copy(other);
+    std::swap(node_, copy.node_);
+    return *this;
+  }
+  PlistKey& operator=(PlistKey&& other) noexcept {
+    std::swap(node_, other.node_);
+    return *this;
+  }
+  ~PlistKey() { release(); }
+
+  const std::string& text() const { return node_->text; }
+  operator const std::string&() const { return node_->text; }
+  operator std::string_view() const { return node_->text; }
+  bool sharesTextWith(const PlistKey& other) const { return node_ == other.node_; }
+
+  friend bool operator==(const PlistKey& a, const PlistKey& b) {
+    return a.node_ == b.node_ || a.text() == b.text();
+  }
+  friend bool operator==(const PlistKey& a, std::string_view b) { return a.text() == b; }
+  friend bool operator==(const PlistKey& a, const char* b) { return a.text() == b; }
+  friend bool operator==(const PlistKey& a, const std::string& b) { return a.text() == b; }
+  friend auto operator<=>(const PlistKey& a, const PlistKey& b) { return a.text() <=> b.text(); }
+  friend auto operator<=>(const PlistKey& a, std::string_view b) {
+    return std::string_view(a.text()) <=> b;
+  }
+  template <typename Stream>
+  friend auto operator<<(Stream& stream, const PlistKey& key) -> decltype(stream << key.text()) {
+    return stream << key.text();
+  }
+
+  // The keys of one document as they are read: each text is looked up in the shared texts once.
+  class Interner {
+   public:
+    PlistKey keyFor(std::string_view text);
+
+   private:
+    std::unordered_map<std::string_view, PlistKey> byText_;
+  };
+
+ private:
+  struct Node {
+    std::atomic<std::uint32_t> references;
+    std::string text;
+  };
+  // The text of moved-from keys (empty): never counted nor freed.
+  inline static Node movedFrom_{{1}, {}};
+  void retain() const {
+    if (node_ != &movedFrom_) node_->references.fetch_add(1, std::memory_order_relaxed);
+  }
+  // A key that may be the last of its text takes the shared texts' lock to let go of it, so
+  // that no key is made from the table's node while it is freed.
+  void release() {
+    if (node_ == &movedFrom_) return;
+    std::uint32_t count = node_->references.load(std::memory_order_relaxed);
+    while (count > 1) {
+      if (node_->references.compare_exchange_weak(count, count - 1, std::memory_order_acq_rel)) {
+        return;
+      }
+    }
+    releaseLast(node_);
+  }
+  static void releaseLast(Node* node);
+
+  Node* node_;
+};
 
 class Plist {
  public:
@@ -115,7 +194,7 @@ class Plist {
   bool remove(std::string_view key);
   // Sets every entry at once, in any order (of entries with one key the last one is set): one
   // merge instead of one move per key.
-  void setEntries(std::vector<std::pair<std::string, Plist>> entries);
+  void setEntries(std::vector<std::pair<PlistKey, Plist>> entries);
   // Removes every entry whose key is in keys, at once.
   void removeKeys(const std::vector<std::string>& keys);
   void append(Plist value);
@@ -157,7 +236,7 @@ class Plist {
   // Writes, like writeXmlFileUnlessUnchanged, this dictionary with the value of key replaced by
   // a dictionary of the entries nextEntry gives until it gives none. Each is written as it comes,
   // so that dictionary is never held in memory; their keys must ascend, or the write fails.
-  using EntrySource = std::function<std::optional<std::pair<std::string, Plist>>()>;
+  using EntrySource = std::function<std::optional<std::pair<PlistKey, Plist>>()>;
   bool writeXmlFileStreamingMemberUnlessUnchanged(const std::string& path, std::string_view key,
                                                   const EntrySource& nextEntry, bool* replaced,
                                                   std::string* error) const;
@@ -197,7 +276,7 @@ class Plist {
 // keys unique; read like a sorted map.
 class Plist::Dictionary {
  public:
-  using Entry = std::pair<std::string, Plist>;
+  using Entry = std::pair<PlistKey, Plist>;
   using const_iterator = std::vector<Entry>::const_iterator;
 
   Dictionary() = default;
@@ -225,6 +304,14 @@ class Plist::Dictionary {
 inline Plist::Dictionary Plist::items() && { return std::as_const(*this).items(); }
 
 }  // namespace ondrel
+
+template <>
+struct fmt::formatter<ondrel::PlistKey> : fmt::formatter<std::string_view> {
+  template <typename FormatContext>
+  auto format(const ondrel::PlistKey& key, FormatContext& context) const {
+    return fmt::formatter<std::string_view>::format(key.text(), context);
+  }
+};
 
 template <>
 struct fmt::formatter<ondrel::Plist> : fmt::formatter<std::string_view> {

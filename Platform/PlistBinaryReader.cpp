@@ -264,12 +264,14 @@ class BinaryPlistReader {
       }
       std::optional<Plist> value = object(reference(offset, *length + i), depth + 1);
       if (!value) return std::nullopt;
-      items.emplace_back(key->stringValue(), std::move(*value));
+      items.emplace_back(keys_.keyFor(key->stringValue()), std::move(*value));
     }
     return Plist(Plist::Dictionary::fromEntries(std::move(items)));
   }
 
   std::string_view bytes_;
+  // The document's keys, each text once.
+  PlistKey::Interner keys_;
   std::size_t offsetSize_ = 0;
   std::size_t referenceSize_ = 0;
   std::uint64_t topObject_ = 0;

@@ -218,8 +218,9 @@ class XmlPlistReader {
         bool emptyKey = false;
         if (!readStartTag(&name, &emptyKey)) return false;
         if (name != "key") return fail("expected <key>");
-        std::string key;
-        if (!emptyKey && !readText("key", &key)) return false;
+        keyText_.clear();
+        if (!emptyKey && !readText("key", &keyText_)) return false;
+        PlistKey key = keys_.keyFor(keyText_);
         if (!skipMisc()) return false;
         Plist value;
         if (!readValue(value, depth + 1)) return false;
@@ -367,6 +368,9 @@ class XmlPlistReader {
   std::string_view text_;
   std::size_t position_ = 0;
   std::string error_;
+  // The document's keys, each text once, and the text of the key being read.
+  PlistKey::Interner keys_;
+  std::string keyText_;
 };
 
 }  // namespace

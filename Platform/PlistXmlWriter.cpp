@@ -231,7 +231,7 @@ class PlistXmlWriter {
                                int depth) {
     writeKey(key, depth);
     indent(depth);
-    std::optional<std::pair<std::string, Plist>> entry = nextEntry();
+    std::optional<std::pair<PlistKey, Plist>> entry = nextEntry();
     if (!entry) return put("<dict/>\n");
     put("<dict>\n");
     std::string previous;

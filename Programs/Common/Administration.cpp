@@ -257,7 +257,7 @@ Plist listProducts(const ProductFilter& filter) {
     if (inCatalog && inCatalog->count(productId) == 0) continue;
     if (!wantedText.empty()) {
       std::string haystack = lowercased(
-          productId + " " + record["IFPkgFlagProductFamily"].stringValue() + " " +
+          productId.text() + " " + record["IFPkgFlagProductFamily"].stringValue() + " " +
           record["CFBundleShortVersionString"].stringValue() + " " + productTitle(record));
       if (haystack.find(wantedText) == std::string::npos) continue;
     }

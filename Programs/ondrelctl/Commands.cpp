@@ -294,7 +294,7 @@ int configShow(bool json) {
     return 0;
   }
   for (const auto& [key, value] : settings.items()) {
-    std::printf("%-22s %s\n", key.c_str(), toJson(value).c_str());
+    std::printf("%-22s %s\n", key.text().c_str(), toJson(value).c_str());
   }
   return 0;
 }

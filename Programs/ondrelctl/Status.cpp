@@ -113,7 +113,7 @@ int product(const std::string& productId, bool json) {
   line("Replaces:", list(record["DeprecatedProducts"]));
   line("Replaced by:", list(record["Deprecators"]));
   for (const auto& [language, strings] : record["localization"].items()) {
-    line(("Title (" + language + "):").c_str(), strings["title"].stringValue());
+    line(("Title (" + language.text() + "):").c_str(), strings["title"].stringValue());
   }
   return 0;
 }

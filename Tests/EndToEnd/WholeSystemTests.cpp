@@ -149,8 +149,8 @@ class WholeSystemTest : public OndrelTest {
 std::size_t servableCount(const Plist& products, const Plist& manifest) {
   std::size_t count = 0;
   for (const auto& [productId, entry] : products.items()) {
-    if (!manifest["cases"]["testUpdate"].containsElement(Plist(productId)) &&
-        !manifest["cases"]["missingDistribution"].containsElement(Plist(productId))) {
+    if (!manifest["cases"]["testUpdate"].containsElement(Plist(productId.text())) &&
+        !manifest["cases"]["missingDistribution"].containsElement(Plist(productId.text()))) {
       ++count;
     }
   }

@@ -49,7 +49,7 @@ class Writer {
     if (value.isArray()) {
       for (const Plist& element : value.elements()) references.push_back(add(element));
     } else if (value.isDictionary()) {
-      for (const auto& [key, item] : value.items()) references.push_back(add(Plist(key)));
+      for (const auto& [key, item] : value.items()) references.push_back(add(Plist(key.text())));
       for (const auto& [key, item] : value.items()) references.push_back(add(item));
     }
     std::uint64_t index = offsets_.size();
