@@ -2,8 +2,9 @@
 // or data. Every record the server keeps on disk is built from it.
 // Copies share their storage and a container is copied (one level deep) only when a shared copy is
 // changed, so taking a mutable copy of a large catalog is cheap. A dictionary keeps its entries in
-// key order in one block, about half the memory of a tree. A value may be read from several
-// threads; a value that is being changed belongs to one thread.
+// key order in one block, about half the memory of a tree, and its keys share their texts with
+// every key alike (PlistKey). A value may be read from several threads; a value that is being
+// changed belongs to one thread.
 #pragma once
 
 #include <fmt/format.h>
