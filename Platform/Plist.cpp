@@ -447,8 +447,8 @@ void Plist::Dictionary::assignAll(Dictionary incoming) {
 }
 
 bool Plist::Dictionary::erase(std::string_view key) {
-  auto found = std::lower_bound(entries_.begin(), entries_.end(), key, keyIsBefore);
-  if (found == entries_.end() || found->first != key) return false;
+  auto found = find(key);
+  if (found == entries_.end()) return false;
   entries_.erase(found);
   return true;
 }
