@@ -20,9 +20,9 @@ void KTSPassMemo::recordServerMetadataFetchedFrom(const std::string& url, Server
   if (current_ != nullptr) current_->serverMetadata[url] = std::move(metadata);
 }
 
-Plist KTSPassMemo::shareEqualValue(const std::string& key, Plist value) {
+Plist KTSPassMemo::shareEqualValue(const std::string& productId, ProductValue kind, Plist value) {
   if (current_ == nullptr) return value;
-  auto [found, inserted] = current_->values.try_emplace(key, value);
+  auto [found, inserted] = current_->values.try_emplace({productId, kind}, value);
   if (inserted || found->second.isIdenticalTo(value)) return found->second;
   found->second = value;
   return value;

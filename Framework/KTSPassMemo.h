@@ -1,7 +1,7 @@
 // KTSPassMemo is the memo of one pass: the products built during it share what does not depend
 // on the catalog that lists them. While one lives, each server metadata URL is fetched and read
 // once (a fetch that failed is not retried for the next catalog either), equal values recorded
-// under the same key, such as a product's file list, share one copy in memory, and the files of
+// for one product, such as its file list, share one copy in memory, and the files of
 // a list are checked once; a product listed alike by several catalogs is made once and
 // copied. The sync daemon holds one while a pass loads its catalogs, so
 // every pass fetches and looks anew; without one nothing is shared. Used by KTSProduct. One
@@ -38,9 +38,11 @@ class KTSPassMemo {
   // What the current pass got from url; none outside a pass or before the first fetch.
   static const ServerMetadata* serverMetadataFetchedFrom(const std::string& url);
   static void recordServerMetadataFetchedFrom(const std::string& url, ServerMetadata metadata);
-  // value itself, or the identical value recorded under key earlier in the current pass, which
-  // then shares its storage; value unchanged outside a pass.
-  static Plist shareEqualValue(const std::string& key, Plist value);
+  // What of a product equal values are shared for.
+  enum class ProductValue { BundleNames, Descriptions, MirrorFiles };
+  // value itself, or the identical value recorded for the product earlier in the current pass,
+  // which then shares its storage; value unchanged outside a pass.
+  static Plist shareEqualValue(const std::string& productId, ProductValue kind, Plist value);
   // A file is about to be written or replaced while the memo is in effect: what products'
   // checks found is forgotten, since any list may name it.
   static void fileWillChange();
@@ -63,7 +65,7 @@ class KTSPassMemo {
  private:
   struct Memory {
     std::map<std::string, ServerMetadata, std::less<>> serverMetadata;
-    std::map<std::string, Plist, std::less<>> values;
+    std::map<std::pair<std::string, ProductValue>, Plist> values;
     std::map<std::string, std::shared_ptr<const KTSProduct>, std::less<>> products;
     FilesVerified verifiedFiles;
   };

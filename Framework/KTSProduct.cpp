@@ -85,9 +85,9 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
     log_.error("*** Product missing essential data (SMD).");
   }
   mutableFacts().bundleNames = KTSPassMemo::shareEqualValue(
-      productId + "\nbundleNames", getServerMetadataBundleTitles(metadata));
+      productId, KTSPassMemo::ProductValue::BundleNames, getServerMetadataBundleTitles(metadata));
   mutableFacts().descriptions = KTSPassMemo::shareEqualValue(
-      productId + "\ndescriptions", getServerMetadataDescriptions(metadata));
+      productId, KTSPassMemo::ProductValue::Descriptions, getServerMetadataDescriptions(metadata));
 
   const Plist& posted = dictionary[KTCatalogProductPostDateKey];
   mutableFacts().postDate = KTSUtilities::validDateForValue(posted);
@@ -111,8 +111,8 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
     mutableFacts().restartAction = optionalString(metadata["IFPkgFlagRestartAction"]);
   mirror_ = DoNotMirror;
   enabled_ = false;
-  mutableFacts().mirrorFiles =
-      KTSPassMemo::shareEqualValue(productId + "\nmirrorFiles", makeMirrorFiles());
+  mutableFacts().mirrorFiles = KTSPassMemo::shareEqualValue(
+      productId, KTSPassMemo::ProductValue::MirrorFiles, makeMirrorFiles());
   totalDownloadSize_ = getTotalMirrorSize();
 }
 
