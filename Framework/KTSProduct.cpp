@@ -78,65 +78,68 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
     if (initStatus_ == 1) initStatus_ = 0;
     return;
   }
-  mutableFacts().version = optionalString(metadata["CFBundleShortVersionString"]);
-  mutableFacts().localization = metadata["localization"];
+  // Nothing shares the facts of a product being made.
+  Facts& facts = *facts_;
+  facts.version = optionalString(metadata["CFBundleShortVersionString"]);
+  facts.localization = metadata["localization"];
   if (!metadata.contains("localization")) {
     log_.debug("PROD: ERROR - Product SMD file missing key (localization).");
     log_.error("*** Product missing essential data (SMD).");
   }
-  mutableFacts().bundleNames = KTSPassMemo::shareEqualValue(
+  facts.bundleNames = KTSPassMemo::shareEqualValue(
       productId, KTSPassMemo::ProductValue::BundleNames, getServerMetadataBundleTitles(metadata));
-  mutableFacts().descriptions = KTSPassMemo::shareEqualValue(
+  facts.descriptions = KTSPassMemo::shareEqualValue(
       productId, KTSPassMemo::ProductValue::Descriptions, getServerMetadataDescriptions(metadata));
 
   const Plist& posted = dictionary[KTCatalogProductPostDateKey];
-  mutableFacts().postDate = KTSUtilities::validDateForValue(posted);
-  if (!facts_->postDate) {
+  facts.postDate = KTSUtilities::validDateForValue(posted);
+  if (!facts.postDate) {
     log_.debug("PROD: WARNING - Product posting date cannot be converted into NSDate value.");
     log_.warning(
         "*** Product ID: \"{}\" posted date value is not a valid date format. (value = "
         "\"{}\")",
         productId, posted);
     log_.info("*** Product ID: \"{}\" will assume posting date of 'now'.", productId);
-    mutableFacts().postDate = Clock::now();
+    facts.postDate = Clock::now();
   }
 
-  mutableFacts().productFamily = optionalString(metadata["IFPkgFlagProductFamily"]);
-  if (!facts_->productFamily) deriveProductFamily();
-  mutableFacts().deprecatedProducts = dictionary["DeprecatedProducts"];
-  mutableFacts().deprecators = dictionary["Deprecators"];
-  if (facts_->installedSize.isNull())
-    mutableFacts().installedSize = metadata["IFPkgFlagInstalledSize"];
-  if (!facts_->restartAction)
-    mutableFacts().restartAction = optionalString(metadata["IFPkgFlagRestartAction"]);
+  facts.productFamily = optionalString(metadata["IFPkgFlagProductFamily"]);
+  if (!facts.productFamily) deriveProductFamily();
+  facts.deprecatedProducts = dictionary["DeprecatedProducts"];
+  facts.deprecators = dictionary["Deprecators"];
+  if (facts.installedSize.isNull()) facts.installedSize = metadata["IFPkgFlagInstalledSize"];
+  if (!facts.restartAction) {
+    facts.restartAction = optionalString(metadata["IFPkgFlagRestartAction"]);
+  }
   mirror_ = DoNotMirror;
   enabled_ = false;
-  mutableFacts().mirrorFiles = KTSPassMemo::shareEqualValue(
+  facts.mirrorFiles = KTSPassMemo::shareEqualValue(
       productId, KTSPassMemo::ProductValue::MirrorFiles, makeMirrorFiles());
   totalDownloadSize_ = getTotalMirrorSize();
 }
 
 void KTSProduct::deriveProductFamily() {
+  Facts& facts = mutableFacts();
   const Plist* language = nullptr;
   for (const char* name : {"English", "en"}) {
-    if (facts_->localization.contains(name)) {
-      language = &facts_->localization[name];
+    if (facts.localization.contains(name)) {
+      language = &facts.localization[name];
       break;
     }
   }
   if (language == nullptr) return;
-  mutableFacts().productFamily = optionalString((*language)["title"]);
-  if (!facts_->productFamily || !facts_->version) return;
-  const std::string& version = *facts_->version;
-  if (facts_->productFamily->rfind("Vantor OS", 0) != 0 || version.rfind("10", 0) != 0 ||
+  facts.productFamily = optionalString((*language)["title"]);
+  if (!facts.productFamily || !facts.version) return;
+  const std::string& version = *facts.version;
+  if (facts.productFamily->rfind("Vantor OS", 0) != 0 || version.rfind("10", 0) != 0 ||
       version.rfind("10.4", 0) == 0) {
     return;
   }
   std::size_t dot = version.find('.');
   if (dot == std::string::npos) return;
   std::string second = version.substr(dot + 1, version.find('.', dot + 1) - dot - 1);
-  mutableFacts().productFamily = fmt::format("{} (10.{})", *facts_->productFamily, second);
-  log_.debug("PROD: disambiguated family \"{}\"", *facts_->productFamily);
+  facts.productFamily = fmt::format("{} (10.{})", *facts.productFamily, second);
+  log_.debug("PROD: disambiguated family \"{}\"", *facts.productFamily);
 }
 
 KTSProduct::KTSProduct(const Plist& archive) : log_(LogHandle::shared()) {
@@ -241,7 +244,8 @@ Plist KTSProduct::archiveRepresentation() const {
 }
 
 void KTSProduct::restoreFromArchiveRepresentation(const Plist& archive) {
-  mutableFacts().productId = optionalString(archive["productId"]);
+  Facts& facts = mutableFacts();
+  facts.productId = optionalString(archive["productId"]);
   for (const char* key : {"mirror", "enabled", "enableWhenMirrored"}) {
     if (!archive.contains(key)) {
       log_.debug("PROD: {}: * * * WARNING! Missing archive value: {}.", id(), key);
@@ -251,22 +255,22 @@ void KTSProduct::restoreFromArchiveRepresentation(const Plist& archive) {
   mirror_ = mirrorStateForString(optionalString(archive["mirror"]));
   enabled_ = archive["enabled"].boolValue();
   enableWhenMirrored_ = archive["enableWhenMirrored"].boolValue();
-  mutableFacts().productFamily = optionalString(archive["productFamily"]);
-  mutableFacts().version = optionalString(archive["version"]);
-  mutableFacts().deprecatedProducts = archive["deprecatedProducts"];
-  mutableFacts().deprecators = archive["deprecators"];
-  mutableFacts().bundleNames = archive["bundleNames"];
-  mutableFacts().descriptions = archive["descriptions"];
-  mutableFacts().installedSize = archive["installedSize"];
-  mutableFacts().localization = archive["localization"];
-  mutableFacts().postDate = archive["postDate"].dateValue();
-  mutableFacts().restartAction = optionalString(archive["restartAction"]);
+  facts.productFamily = optionalString(archive["productFamily"]);
+  facts.version = optionalString(archive["version"]);
+  facts.deprecatedProducts = archive["deprecatedProducts"];
+  facts.deprecators = archive["deprecators"];
+  facts.bundleNames = archive["bundleNames"];
+  facts.descriptions = archive["descriptions"];
+  facts.installedSize = archive["installedSize"];
+  facts.localization = archive["localization"];
+  facts.postDate = archive["postDate"].dateValue();
+  facts.restartAction = optionalString(archive["restartAction"]);
   masterRepresentation_ = archive["masterRepresentation"];
   totalDownloadSize_ = archive["totalDownloadSize"];
   downloadedSize_ = archive["downloadedSize"];
   downloadStatus_ = archive["downloadStatus"].integerValue();
   if (archive["smdPath"].isString()) {
-    mutableFacts().smdPath =
+    facts.smdPath =
         std::make_shared<const KTSPath>(KTSPath::pathWithString(archive["smdPath"].stringValue()));
   } else {
     log_.debug("PROD: {}: * * * WARNING! Missing archive value: smdPath.", id());
@@ -281,7 +285,7 @@ void KTSProduct::restoreFromArchiveRepresentation(const Plist& archive) {
     if (archived.contains(kFileReplaceKey)) record.set(kFileReplaceKey, archived[kFileReplaceKey]);
     files.append(std::move(record));
   }
-  mutableFacts().mirrorFiles = std::move(files);
+  facts.mirrorFiles = std::move(files);
 }
 
 }  // namespace ondrel
