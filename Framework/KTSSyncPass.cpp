@@ -17,6 +17,7 @@
 #include "KTSJobTicket.h"
 #include "KTSJobTicketManager.h"
 #include "KTSMetaIndex.h"
+#include "KTSMetadataGenerator.h"
 #include "KTSMirrorSpace.h"
 #include "KTSPassMemo.h"
 #include "KTSPath.h"
@@ -104,6 +105,16 @@ KTSSyncPass::KTSSyncPass(KTSPassObserver& observer)
 std::string KTSSyncPass::servedCatalogPath(const Url& catalogURL) {
   return standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath() +
                            catalogURL.path());
+}
+
+void KTSSyncPass::forgetSharedInstances() {
+  KTSPreferences::resetDefaultPreferences();
+  KTSMetaIndex::resetDefaultMetaIndex();
+  KTSSyncStatus::resetDefaultStatus();
+  KTSWorkingSet::resetDefaultWorkingSet();
+  KTSRequestManager::resetDefaultManager();
+  KTSJobTicketManager::resetDefaultManager();
+  KTSMetadataGenerator::resetDefaultMetadataGenerator();
 }
 
 bool KTSSyncPass::interrupted() const { return Transfer::isCancelled(); }

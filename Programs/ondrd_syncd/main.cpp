@@ -23,15 +23,12 @@
 #include "KTSFetchScheduler.h"
 #include "KTSJobTicketManager.h"
 #include "KTSLogger.h"
-#include "KTSMetaIndex.h"
-#include "KTSMetadataGenerator.h"
 #include "KTSPassHistory.h"
 #include "KTSPreferences.h"
 #include "KTSRequestManager.h"
 #include "KTSServerLayout.h"
 #include "KTSSyncPass.h"
 #include "KTSSyncStatus.h"
-#include "KTSWorkingSet.h"
 #include "PassLock.h"
 #include "Progress.h"
 #include "ServiceRoot.h"
@@ -61,15 +58,8 @@ void installSignalHandlers() {
 // Every pass starts from the files as they are now: the administration side may have changed
 // the preferences, the working set or the requests since the last one.
 void freshSharedInstances() {
-  using namespace ondrel;
-  KTSPreferences::resetDefaultPreferences();
-  KTSMetaIndex::resetDefaultMetaIndex();
-  KTSSyncStatus::resetDefaultStatus();
-  KTSWorkingSet::resetDefaultWorkingSet();
-  KTSRequestManager::resetDefaultManager();
-  KTSJobTicketManager::resetDefaultManager();
-  KTSMetadataGenerator::resetDefaultMetadataGenerator();
-  KTSPreferences::defaultPreferences();
+  ondrel::KTSSyncPass::forgetSharedInstances();
+  ondrel::KTSPreferences::defaultPreferences();
 }
 
 std::string lockPath() { return ondrel::KTSServerLayout::statusPath("ondrd_syncd.lock"); }

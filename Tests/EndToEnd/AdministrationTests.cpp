@@ -225,11 +225,9 @@ TEST_F(AdministrationTest, ClientsFetchServedCatalogsThroughApacheAndTheCgi) {
   preferences->setMetaIndexURL(Url::parse(tree.baseURL + "/content/meta/config.plist"));
   preferences->setPublicHostName("127.0.0.1");
   preferences->setPortToUse(Plist::integer(port));
-  for (bool automatic : {true}) {
-    preferences->setAutoMirror(automatic);
-    preferences->setAutoEnable(automatic);
-    preferences->setPurgeUnused(automatic);
-  }
+  preferences->setAutoMirror(true);
+  preferences->setAutoEnable(true);
+  preferences->setPurgeUnused(true);
   ASSERT_TRUE(preferences->commitChanges());
 
   ASSERT_EQ(ctl({"web", "start"}).exitStatus, 0);

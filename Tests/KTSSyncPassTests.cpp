@@ -1,0 +1,282 @@
+// Whole passes in this process against the sample vendor on a real Apache: what a pass tells its
+// observer and its caller, the administrator's changes carried out by a pass of changes only,
+// and faults at pass level (a missing or damaged catalog, the vendor gone before or during a
+// pass, files changed upstream or lost here) told and then mended by the next pass.
+#include <algorithm>
+#include <filesystem>
+#include <functional>
+#include <thread>
+
+#include "Administration.h"
+#include "Clock.h"
+#include "KTCatalogKeys.h"
+#include "KTSJobTicketManager.h"
+#include "KTSPreferences.h"
+#include "KTSRequestManager.h"
+#include "KTSSyncPass.h"
+#include "KTSSyncStatus.h"
+#include "KTSWorkingSet.h"
+#include "OndrelTest.h"
+#include "SampleVendor.h"
+
+namespace ondrel {
+namespace {
+
+using test::kNewestCatalog;
+using test::OndrelTest;
+
+class RecordingObserver : public KTSPassObserver {
+ public:
+  void catalogStarted(std::size_t number, std::size_t count, const std::string& name) override {
+    EXPECT_EQ(number, started.size() + 1) << name;
+    catalogCount = count;
+    started.push_back(name);
+  }
+  void productMirrored(const std::string& productId, std::size_t files, std::uint64_t,
+                       std::chrono::duration<double>) override {
+    EXPECT_GT(files, 0u) << productId;
+    mirrored.push_back(productId);
+  }
+  void passWorkEnded() override { ++workEnded; }
+
+  std::vector<std::string> started;
+  std::size_t catalogCount = 0;
+  std::vector<std::string> mirrored;
+  int workEnded = 0;
+};
+
+class KTSSyncPassTest : public OndrelTest {
+ protected:
+  // Whole passes run on the system clock: the bandwidth limit really paces a download, and a
+  // request is named by the second it is posted in.
+  void SetUp() override {
+    OndrelTest::SetUp();
+    Clock::install(nullptr);
+    vendor_ = std::make_unique<test::SampleVendor>(root_ + "/upstream");
+    vendor_->publishEpoch(0);
+  }
+  void TearDown() override {
+    vendor_.reset();
+    OndrelTest::TearDown();
+  }
+
+  void configure(bool automatic, std::int64_t syncBandwidth = 0) {
+    auto preferences = KTSPreferences::defaultPreferences();
+    preferences->setMetaIndexURL(Url::parse(vendor_->metaIndexURL()));
+    preferences->setPublicHostName("127.0.0.1");
+    preferences->setPortToUse(Plist::integer(18080));
+    preferences->setAutoMirror(automatic);
+    preferences->setAutoEnable(automatic);
+    preferences->setPurgeUnused(automatic);
+    preferences->setSyncBandwidth(Plist::integer(syncBandwidth));
+    ASSERT_TRUE(preferences->commitChanges());
+  }
+
+  // A pass as the daemon runs it, from the files as they are now, watched by a fresh observer.
+  KTSPassOutcome fullPass() {
+    return run([](KTSSyncPass& pass) { return pass.runFullPass(); });
+  }
+  KTSPassOutcome changesPass() {
+    return run([](KTSSyncPass& pass) { return pass.runProductChanges(); });
+  }
+  KTSPassOutcome run(const std::function<KTSPassOutcome(KTSSyncPass&)>& pass) {
+    KTSSyncPass::forgetSharedInstances();
+    observer_ = RecordingObserver();
+    KTSSyncPass syncPass(observer_);
+    KTSPassOutcome outcome = pass(syncPass);
+    EXPECT_EQ(observer_.workEnded, 1);
+    return outcome;
+  }
+  void post(const std::string& action, const std::string& productId) {
+    KTSWorkingSet::resetDefaultWorkingSet();
+    std::string error;
+    ASSERT_TRUE(programs::postProductChanges(action, {productId}, &error)) << error;
+  }
+  // Whether nothing the administrator posted is still waiting.
+  bool nothingPending() {
+    KTSRequestManager::resetDefaultManager();
+    KTSJobTicketManager::resetDefaultManager();
+    auto tickets = KTSJobTicketManager::defaultManager();
+    tickets->refresh();
+    return !KTSRequestManager::defaultManager()->hasPendingRequests() &&
+           tickets->openJobs().empty();
+  }
+
+  std::string html() const { return path("/Library/Server/Ondrel/Data/html"); }
+  Plist served(const std::string& name = kNewestCatalog) const {
+    return Plist::readFile(html() + "/content/catalogs/others/" + name, nullptr)
+        .value_or(Plist())[KTCatalogProductsDictKey];
+  }
+  Plist composite() const {
+    return Plist::readFile(html() + "/content/catalogs/others/" + kNewestCatalog + ".composite",
+                           nullptr)
+        .value_or(Plist())[KTCatalogProductsDictKey];
+  }
+  // Path under the document root of the product's first package.
+  std::string packagePath(const std::string& productId) const {
+    std::string url =
+        vendor_->products()[productId][KTCatalogProductPackagesKey][0]["URL"].stringValue();
+    return url.substr(url.find("/content/"));
+  }
+  std::optional<std::string> errorNote() {
+    KTSSyncStatus::resetDefaultStatus();
+    return KTSSyncStatus::defaultStatus()->getErrorNote();
+  }
+
+  std::unique_ptr<test::SampleVendor> vendor_;
+  RecordingObserver observer_;
+};
+
+TEST_F(KTSSyncPassTest, AnAdministratorsChangesAreCarriedOutByPassesOfChangesOnly) {
+  configure(false);
+  KTSPassOutcome first = fullPass();
+  EXPECT_FALSE(first.failed()) << first.note();
+  EXPECT_EQ(first.catalogs, observer_.catalogCount);
+  EXPECT_EQ(observer_.started.size(), observer_.catalogCount);
+  EXPECT_NE(std::find(observer_.started.begin(), observer_.started.end(), kNewestCatalog),
+            observer_.started.end());
+  EXPECT_EQ(first.productsNew, composite().size()) << "the newest catalog lists every product";
+  EXPECT_TRUE(observer_.mirrored.empty());
+  EXPECT_EQ(served().size(), 0u) << "manual mode serves nothing";
+
+  // Mirroring needs the vendor; the changes after it do not.
+  const std::string chosen = "VT-000020";
+  post("mirror", chosen);
+  post("enable", chosen);
+  KTSPassOutcome mirrored = changesPass();
+  EXPECT_FALSE(mirrored.failed()) << mirrored.note();
+  EXPECT_EQ(observer_.mirrored, std::vector<std::string>{chosen});
+  EXPECT_EQ(mirrored.productsNew, 0u) << "a pass of changes only meets no new product";
+  EXPECT_GE(mirrored.bytesFetched, std::filesystem::file_size(html() + packagePath(chosen)));
+  EXPECT_EQ(served().size(), 1u);
+  EXPECT_EQ(readFile(html() + packagePath(chosen)),
+            readFile(vendor_->folder() + packagePath(chosen)));
+  EXPECT_TRUE(nothingPending()) << "each change is carried out once";
+
+  vendor_->stop();
+  post("disable", chosen);
+  EXPECT_FALSE(changesPass().failed());
+  EXPECT_EQ(served().size(), 0u) << "withdrawn";
+  EXPECT_TRUE(std::filesystem::exists(html() + packagePath(chosen))) << "files kept";
+  post("enable", chosen);
+  EXPECT_FALSE(changesPass().failed());
+  EXPECT_TRUE(served().contains(chosen)) << "served again from the files in place";
+  EXPECT_TRUE(observer_.mirrored.empty());
+  post("remove", chosen);
+  KTSPassOutcome removed = changesPass();
+  EXPECT_FALSE(removed.failed()) << removed.note();
+  EXPECT_EQ(removed.productsRemoved, 1u);
+  EXPECT_FALSE(std::filesystem::exists(html() + packagePath(chosen))) << "packages removed";
+  EXPECT_EQ(served().size(), 0u);
+  EXPECT_TRUE(nothingPending());
+
+  // The vendor's next day: withdrawn products that were never mirrored leave the memory; new
+  // ones arrive as NEW and wait for the administrator.
+  vendor_->publishEpoch(1);
+  KTSPassOutcome nextDay = fullPass();
+  EXPECT_FALSE(nextDay.failed()) << nextDay.note();
+  Plist added = vendor_->manifest()["addedThisEpoch"];
+  EXPECT_EQ(nextDay.productsNew, added.size());
+  for (const Plist& product : added.elements()) {
+    EXPECT_EQ(composite()[product.stringValue()]["CompositeProductState"].integerValue(),
+              KTSCatalog::New);
+  }
+  for (const Plist& withdrawn : vendor_->manifest()["withdrawnThisEpoch"].elements()) {
+    EXPECT_FALSE(composite().contains(withdrawn.stringValue())) << withdrawn.stringValue();
+  }
+  EXPECT_EQ(served().size(), 0u);
+}
+
+TEST_F(KTSSyncPassTest, PassLevelFaultsAreToldAndMendedByTheNextPass) {
+  configure(true);
+  // One catalog missing upstream fails the pass; the others are synced and served, and the
+  // missing one is served empty rather than not at all.
+  const std::string broken = "index-dogwood-cedar-birch-alder.merged-1.ktcatalog";
+  std::filesystem::remove(vendor_->folder() + "/content/catalogs/others/" + broken);
+  KTSPassOutcome missing = fullPass();
+  EXPECT_TRUE(missing.failed());
+  EXPECT_NE(missing.note().find(broken), std::string::npos) << missing.note();
+  EXPECT_EQ(errorNote(), missing.note());
+  EXPECT_EQ(served().size(), vendor_->servableCount());
+  EXPECT_TRUE(served(broken).isDictionary()) << "written, serving nothing";
+  EXPECT_EQ(served(broken).size(), 0u);
+  vendor_->publishEpoch(0);
+  KTSPassOutcome whole = fullPass();
+  EXPECT_FALSE(whole.failed()) << whole.note();
+  EXPECT_EQ(errorNote(), std::nullopt);
+  Plist before = served();
+
+  // The vendor goes away: the pass fails and says so, and clients keep the catalogs they had.
+  vendor_->stop();
+  KTSPassOutcome offline = fullPass();
+  EXPECT_TRUE(offline.failed());
+  EXPECT_NE(offline.note().find("does not answer"), std::string::npos) << offline.note();
+  EXPECT_EQ(served(), before);
+
+  // Back again, then gone in the middle of a pass that mirrors a large new package.
+  vendor_->serve();
+  const std::string bigPath = packagePath("VT-000021");
+  vendor_->replacePackage("VT-000021", std::string(24 << 20, 'b'));
+  configure(true, 4096);
+  std::thread cutter([&] {
+    std::error_code error;
+    for (int wait = 0; wait < 600; ++wait) {
+      std::uintmax_t size = std::filesystem::file_size(html() + bigPath + ".downloading", error);
+      if (!error && size >= (1 << 20)) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    vendor_->stop();
+  });
+  KTSPassOutcome cut = fullPass();
+  cutter.join();
+  EXPECT_TRUE(cut.failed());
+  EXPECT_NE(cut.note().find("stopped answering"), std::string::npos) << cut.note();
+  EXPECT_FALSE(std::filesystem::exists(html() + bigPath)) << "no partial file in place";
+  // The product whose new package is incomplete is not served; the others are as they were.
+  EXPECT_FALSE(served().contains("VT-000021"));
+  EXPECT_EQ(served().size(), before.size() - 1);
+  configure(true);
+
+  // Back again, with one package changed to another size, and a mirrored file deleted behind
+  // the server's back: both are fetched anew and served again in that pass.
+  vendor_->serve();
+  const std::string changedPath = packagePath("VT-000020");
+  vendor_->replacePackage("VT-000020", std::string(5000, 'n'));
+  const std::string lostPath = packagePath("VT-000022");
+  ASSERT_TRUE(served().contains("VT-000022"));
+  std::filesystem::remove(html() + lostPath);
+  clearLog();
+  KTSPassOutcome mended = fullPass();
+  EXPECT_FALSE(mended.failed()) << mended.note();
+  EXPECT_TRUE(
+      logged("ondrd_test[INF]: Serving the catalogs without the products whose files change in "
+             "this pass."))
+      << "the old file is withdrawn from the served catalogs before it is replaced";
+  std::sort(observer_.mirrored.begin(), observer_.mirrored.end());
+  EXPECT_EQ(observer_.mirrored, (std::vector<std::string>{"VT-000020", "VT-000021", "VT-000022"}));
+  EXPECT_EQ(readFile(html() + changedPath), std::string(5000, 'n'));
+  EXPECT_EQ(std::filesystem::file_size(html() + bigPath), 24u << 20) << "completed";
+  EXPECT_TRUE(std::filesystem::exists(html() + lostPath)) << "fetched again";
+  EXPECT_EQ(served().size(), before.size());
+
+  // A catalog replaced by garbage: the memory of it stays, the error is told. An error page
+  // where the deprecations list should be never takes the served list's place.
+  const std::string compositeFile =
+      html() + "/content/catalogs/others/" + kNewestCatalog + ".composite";
+  const std::string compositeBytes = readFile(compositeFile);
+  writeFile(vendor_->folder() + "/content/catalogs/others/" + kNewestCatalog,
+            "garbage, not a catalog");
+  const std::string deprecations = "/content/catalogs/Deprecations.plist";
+  const std::string goodList = readFile(html() + deprecations);
+  ASSERT_TRUE(Plist::fromBytes(goodList, nullptr));
+  writeFile(vendor_->folder() + deprecations, "<html><body>Service unavailable</body></html>");
+  KTSPassOutcome garbage = fullPass();
+  EXPECT_TRUE(garbage.failed());
+  EXPECT_NE(garbage.note().find(kNewestCatalog), std::string::npos) << garbage.note();
+  EXPECT_EQ(readFile(html() + deprecations), goodList);
+  EXPECT_EQ(readFile(compositeFile), compositeBytes);
+  EXPECT_EQ(served().size(), before.size()) << "still served";
+}
+
+}  // namespace
+}  // namespace ondrel

@@ -1,0 +1,47 @@
+// The sample upstream as a test's vendor: its tree in a folder of the test, served by a real
+// Apache on a free loopback port and moved on from day to day, and what its manifest says about
+// the newest catalog. Used by the pass and whole-system tests; one thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "Plist.h"
+
+namespace ondrel::test {
+
+// The newest catalog of the sample tree, the one clients of the newest system read.
+extern const std::string kNewestCatalog;
+
+class SampleVendor {
+ public:
+  explicit SampleVendor(std::string folder);
+  ~SampleVendor();
+  SampleVendor(const SampleVendor&) = delete;
+  SampleVendor& operator=(const SampleVendor&) = delete;
+
+  // Writes the tree of day epoch over the last one and serves it, if it is not served yet.
+  void publishEpoch(int epoch, std::uint64_t packageSize = 2048);
+  void serve();
+  void stop();
+
+  const std::string& folder() const { return folder_; }
+  int port() const { return port_; }
+  std::string metaIndexURL() const;
+  // Path under folder() of a URL the vendor serves.
+  std::string localPath(const std::string& url) const;
+  // Gives the product's first package these bytes, and its size in every catalog that lists it.
+  void replacePackage(const std::string& productId, const std::string& bytes);
+  Plist manifest() const;
+  // The products of the named catalog as the vendor lists them.
+  Plist products(const std::string& catalog = kNewestCatalog) const;
+  // How many products of the newest catalog a mirror can serve: not a test package, and every
+  // file present.
+  std::size_t servableCount() const;
+
+ private:
+  std::string folder_;
+  int port_;
+};
+
+}  // namespace ondrel::test
