@@ -46,6 +46,8 @@ measure() {
   printf -v "${name}_cpu" '%s' "$(python3 -c "print(f'{$user + $system:.2f}')")"
 }
 ratio() { python3 -c "print(f'{$1 / $2:.2f}x')"; }
+# median VALUE...: the middle value, as the values are written.
+median() { printf '%s\n' "$@" | sort -g | sed -n "$((($# + 1) / 2))p"; }
 row() { printf '%-46s %12s %12s %8s\n' "$@"; }
 
 start_automatic_mirror() {
