@@ -113,8 +113,8 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
   }
   mirror_ = DoNotMirror;
   enabled_ = false;
-  facts.mirrorFiles = KTSPassMemo::shareEqualValue(
-      productId, KTSPassMemo::ProductValue::MirrorFiles, makeMirrorFiles());
+  setMirrorFiles(KTSPassMemo::shareEqualValue(productId, KTSPassMemo::ProductValue::MirrorFiles,
+                                              makeMirrorFiles()));
   totalDownloadSize_ = getTotalMirrorSize();
 }
 
@@ -222,25 +222,30 @@ Plist KTSProduct::archiveRepresentation() const {
   }
   if (facts_->mirrorFiles.size() == 0) return archive;
 
-  Plist files = Plist::array();
-  for (const Plist& record : facts_->mirrorFiles.elements()) {
-    const Plist& url = record[kFileURLKey];
-    const Plist& localPath = record[kFileLocalPathKey];
-    if (!url.isString() || !Url::parse(url.stringValue()) || !localPath.isString()) {
-      log_.error("*** Internal error creating cache data for product {}.", id());
-      log_.debug("PROD: {}: archive failed! Reason: {}", id(),
-                 "a mirror file record has no usable URL or local path");
-      return Plist();
-    }
-    Plist archived = Plist::dictionary();
-    archived.set(kFileURLKey, url);
-    archived.set(kFileLocalPathKey, localPath);
-    if (record.contains(kFileSizeKey)) archived.set(kFileSizeKey, record[kFileSizeKey]);
-    if (record.contains(kFileReplaceKey)) archived.set(kFileReplaceKey, record[kFileReplaceKey]);
-    files.append(std::move(archived));
+  if (!facts_->mirrorFilesArchivable) {
+    log_.error("*** Internal error creating cache data for product {}.", id());
+    log_.debug("PROD: {}: archive failed! Reason: {}", id(),
+               "a mirror file record has no usable URL or local path");
+    return Plist();
   }
-  archive.set("mirrorFiles", std::move(files));
+  // A record holds just what its archive keeps: the URL, the local path, the size and whether
+  // to replace the file.
+  archive.set("mirrorFiles", facts_->mirrorFiles);
   return archive;
+}
+
+void KTSProduct::setMirrorFiles(Plist files) {
+  Facts& facts = mutableFacts();
+  facts.mirrorFiles = std::move(files);
+  facts.mirrorFilesArchivable = true;
+  for (const Plist& record : facts.mirrorFiles.elements()) {
+    const Plist& url = record[kFileURLKey];
+    if (!url.isString() || !Url::parse(url.stringValue()) ||
+        !record[kFileLocalPathKey].isString()) {
+      facts.mirrorFilesArchivable = false;
+      return;
+    }
+  }
 }
 
 void KTSProduct::restoreFromArchiveRepresentation(const Plist& archive) {
@@ -285,7 +290,7 @@ void KTSProduct::restoreFromArchiveRepresentation(const Plist& archive) {
     if (archived.contains(kFileReplaceKey)) record.set(kFileReplaceKey, archived[kFileReplaceKey]);
     files.append(std::move(record));
   }
-  facts.mirrorFiles = std::move(files);
+  setMirrorFiles(std::move(files));
 }
 
 }  // namespace ondrel

@@ -217,7 +217,6 @@ class KTSProduct {
     std::uint64_t bytes = 0;
   };
   StillToFetch stillToFetch() const;
-  void setMirrorFiles(Plist files) { mutableFacts().mirrorFiles = std::move(files); }
   std::int64_t totalDownloadCount() const { return totalDownloadCount_; }
   void setTotalDownloadCount(std::int64_t count) { totalDownloadCount_ = count; }
   const Plist& totalDownloadSize() const { return totalDownloadSize_; }
@@ -284,7 +283,11 @@ class KTSProduct {
     std::shared_ptr<const KTSPath> smdPath;
     std::shared_ptr<const std::vector<std::string>> smdValidationKeys;
     Plist mirrorFiles;
+    // Whether every record of mirrorFiles names a URL that parses and a local path, so that the
+    // archive can keep the records as they are; set with them by setMirrorFiles.
+    bool mirrorFilesArchivable = true;
   };
+  void setMirrorFiles(Plist files);
   // The facts for a change: this product's own copy once another product shares them.
   Facts& mutableFacts() {
     if (facts_.use_count() > 1) facts_ = std::make_shared<Facts>(*facts_);
