@@ -234,9 +234,9 @@ class PlistXmlWriter {
     std::optional<std::pair<PlistKey, Plist>> entry = nextEntry();
     if (!entry) return put("<dict/>\n");
     put("<dict>\n");
-    std::string previous;
-    for (bool first = true; entry; entry = nextEntry(), first = false) {
-      if (!first && !(previous < entry->first)) ok_ = false;
+    std::optional<PlistKey> previous;
+    for (; entry; entry = nextEntry()) {
+      if (previous && !(*previous < entry->first)) ok_ = false;
       writeKey(entry->first, depth + 1);
       writeValue(entry->second, depth + 1);
       previous = std::move(entry->first);
