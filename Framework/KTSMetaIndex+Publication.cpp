@@ -2,6 +2,9 @@
 // alternate file, the exported copy with this server's address, one link per catalog).
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "FileIO.h"
 #include "KTSMetaIndex.h"
 #include "KTSPreferences.h"
@@ -196,8 +199,9 @@ void KTSMetaIndex::createCatalogSymlinks() {
           ::rename(replacement.c_str(), link.c_str()) != 0) {
         ::unlink(replacement.c_str());
       }
-    } else if (!isSymbolicLink(link)) {
-      ::symlink(target.c_str(), link.c_str());
+    } else if (!isSymbolicLink(link) && ::symlink(target.c_str(), link.c_str()) != 0) {
+      // Clients can still fetch the catalog by its full path; the next pass tries again.
+      log_.debug("METX: catalog symlink for {} not created ({})", name, std::strerror(errno));
     }
   }
 }

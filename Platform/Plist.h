@@ -65,7 +65,8 @@ class PlistKey {
     return std::string_view(a.text()) <=> b;
   }
   template <typename Stream>
-  friend auto operator<<(Stream& stream, const PlistKey& key) -> decltype(stream << key.text()) {
+  friend auto operator<<(Stream& stream, const PlistKey& key)
+      -> decltype(stream << std::declval<const std::string&>()) {
     return stream << key.text();
   }
 
