@@ -1,7 +1,5 @@
 #include "HostPaths.h"
 
-#include <grp.h>
-#include <pwd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -9,6 +7,7 @@
 
 #include "FileIO.h"
 #include "PathString.h"
+#include "ServiceAccount.h"
 
 #ifndef ONDREL_DEFAULT_ROOT
 #define ONDREL_DEFAULT_ROOT ""
@@ -34,19 +33,12 @@ std::string resourcePath(std::string_view name, std::string_view type) {
 }
 
 bool setServiceOwner(const std::string& path, std::string* error) {
-  struct passwd user {};
-  struct passwd* userFound = nullptr;
-  struct group group {};
-  struct group* groupFound = nullptr;
-  char userBuffer[4096];
-  char groupBuffer[4096];
-  getpwnam_r(kServiceAccount, &user, userBuffer, sizeof userBuffer, &userFound);
-  getgrnam_r(kServiceAccount, &group, groupBuffer, sizeof groupBuffer, &groupFound);
-  if (userFound == nullptr || groupFound == nullptr) {
+  std::optional<AccountIds> account = serviceAccountIds();
+  if (!account) {
     if (error) *error = std::string("no such account ") + kServiceAccount;
     return false;
   }
-  if (::chown(path.c_str(), user.pw_uid, group.gr_gid) != 0) {
+  if (::chown(path.c_str(), account->uid, account->gid) != 0) {
     if (error) *error = systemErrorText(errno);
     return false;
   }

@@ -11,8 +11,15 @@
 #include "HostPaths.h"
 #include "KTSPreferences.h"
 #include "KTSServerLayout.h"
+#include "ServiceAccount.h"
 
 namespace ondrel::programs {
+
+std::optional<std::string> leaveRoot() {
+  std::string error;
+  if (::geteuid() != 0 || becomeServiceAccount(&error)) return std::nullopt;
+  return error;
+}
 
 std::optional<std::string> administratorProblem() {
   namespace fs = std::filesystem;

@@ -9,6 +9,11 @@
 
 namespace ondrel::programs {
 
+// Makes a process started as root the service account for good, before it touches the service
+// root: everything there is the account's to write, so root must not read or run any of it.
+// None when this process is not root or has become the account; otherwise the reason.
+std::optional<std::string> leaveRoot();
+
 // None when this user may administer the server: root, or a user who may write the service
 // folder (a member of group _ondrel on an installed server, the owner of a root of their own).
 // Otherwise one line that says who may, and how to become one of them.

@@ -162,12 +162,14 @@ int main(int argc, char** argv) {
     return app.exit(error) == 0 ? 0 : kExitUsage;
   }
 
-  if (std::optional<std::string> problem = ondrel::programs::administratorProblem()) {
+  std::optional<std::string> problem = ondrel::programs::leaveRoot();
+  if (!problem) problem = ondrel::programs::administratorProblem();
+  if (problem) {
     std::fprintf(stderr, "ondrd_syncd: %s\n", problem->c_str());
     return 1;
   }
   ondrel::programs::adoptServiceGroupPermissions();
-  if (std::optional<std::string> problem = ondrel::programs::serviceRootProblem()) {
+  if ((problem = ondrel::programs::serviceRootProblem())) {
     std::fprintf(stderr, "ondrd_syncd: %s\n", problem->c_str());
     return 1;
   }

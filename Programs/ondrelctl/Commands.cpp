@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -16,6 +17,7 @@
 #include "Clock.h"
 #include "Ctl.h"
 #include "DateFormats.h"
+#include "HostPaths.h"
 #include "Json.h"
 #include "KTSJobTicket.h"
 #include "KTSJobTicketManager.h"
@@ -27,6 +29,7 @@
 #include "KTSWorkingSet.h"
 #include "PathString.h"
 #include "ProductId.h"
+#include "RootHelper.h"
 
 namespace ondrel::ctl {
 
@@ -38,10 +41,15 @@ std::string serviceRoot() { return KTSServerLayout::serviceFolder(); }
 std::string configPath() { return KTSServerLayout::webConfigurationPath(); }
 std::string pidPath() { return KTSServerLayout::webServerPidPath(); }
 
+// The web server runs as the service account: a member of its group may not signal it, but
+// sees that the process named in the PID file lives and is Apache.
 pid_t webServerPid() {
   pid_t pid = 0;
   std::ifstream(pidPath()) >> pid;
-  return pid > 0 && ::kill(pid, 0) == 0 ? pid : 0;
+  if (pid <= 0 || (::kill(pid, 0) != 0 && errno != EPERM)) return 0;
+  std::string name;
+  std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/comm"), name);
+  return name.rfind("apache2", 0) == 0 || name.rfind("httpd", 0) == 0 ? pid : 0;
 }
 
 // Runs a command; its output is kept and shown only as the reason of a failure, so a successful
@@ -93,10 +101,6 @@ bool drivenBySystemd() {
   return false;
 }
 
-int systemctl(const std::string& action) {
-  return runQuietly({"/usr/bin/systemctl", action, kWebUnit});
-}
-
 // What Apache needs before it starts: ondrd.conf and the document root it names (a commit of
 // the preferences writes both) and the CGIs; then Apache's own check of the configuration.
 int prepareWebServer() {
@@ -108,13 +112,26 @@ int prepareWebServer() {
   return 0;
 }
 
+// Without systemd the web server is signalled directly, which only root and its own account may:
+// a member of the service group is told so.
+bool maySignalWebServer() {
+  pid_t pid = webServerPid();
+  return drivenBySystemd() || pid == 0 || ::kill(pid, 0) == 0;
+}
+
+std::string notSignallable(const std::string& action) {
+  return fmt::format("the web server runs as {0}; only root and {0} may {1} it", kServiceAccount,
+                     action);
+}
+
 // Checks the configuration first: a running server is never reloaded into one Apache refuses.
 int reloadWebServer(const std::string& what, const std::string& otherwise) {
+  if (!maySignalWebServer()) return fail(notSignallable("reload") + "; " + otherwise);
   std::string reason;
   if (apache({"-t"}, &reason) != 0) {
     return fail("Apache refuses " + what + " (" + reason + "); " + otherwise);
   }
-  int status = drivenBySystemd() ? systemctl("reload") : apache({"-k", "graceful"});
+  int status = drivenBySystemd() ? runWebAction(WebAction::UnitReload) : apache({"-k", "graceful"});
   return status == 0 ? 0 : fail("Apache could not be reloaded");
 }
 
@@ -377,7 +394,8 @@ int web(const std::string& action) {
   if (action == "start") {
     if (running) return std::printf("already running (PID %d)\n", static_cast<int>(running)), 0;
     if (int status = prepareWebServer()) return status;
-    if (drivenBySystemd() ? systemctl("start") != 0 : apache({"-k", "start"}) != 0) {
+    WebAction start = drivenBySystemd() ? WebAction::UnitStart : WebAction::ApacheStart;
+    if (runWebAction(start) != 0) {
       return fail("Apache did not start; see " + serviceRoot() + "/Status/httpd_error.log");
     }
     for (int attempt = 0; attempt < 100 && webServerPid() == 0; ++attempt) {
@@ -388,8 +406,11 @@ int web(const std::string& action) {
   }
   if (!running) return fail("the web server is not running");
   if (action == "reload") return reloadWebServer("ondrd.conf", "nothing was reloaded");
+  if (!maySignalWebServer()) return fail(notSignallable("stop"));
   if (drivenBySystemd()) {
-    if (systemctl("stop") != 0) return fail("the web server's unit could not be stopped");
+    if (runWebAction(WebAction::UnitStop) != 0) {
+      return fail("the web server's unit could not be stopped");
+    }
   } else {
     ::kill(running, SIGTERM);
   }

@@ -9,6 +9,7 @@
 #include "Ctl.h"
 #include "Json.h"
 #include "KTSLogger.h"
+#include "RootHelper.h"
 #include "ServiceRoot.h"
 
 namespace ondrel::ctl {
@@ -87,31 +88,33 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kExitUsage;
   }
-  if (std::optional<std::string> problem = ondrel::programs::administratorProblem()) {
-    return fail(*problem);
-  }
-  ondrel::programs::adoptServiceGroupPermissions();
-  if (std::optional<std::string> problem = ondrel::programs::serviceRootProblem()) {
-    return fail(*problem);
-  }
-  try {
-    if (*statusCommand) return status(json);
-    if (*productsCommand) return products(filter, json);
-    if (*productCommand) return product(productId, json);
-    if (!action.empty()) return postChanges(action, productIds);
-    if (*syncCommand) return sync(wait);
-    if (*configShowCommand) return configShow(json);
-    if (*configGetCommand) return configGet(key, json);
-    if (*configSetCommand) return configSet(key, value);
-    if (*passwordCommand) return webPassword(passwordUser);
-    if (*webCommand) {
-      if (webAction.empty()) return fail("web needs an action: start, stop, reload or status");
-      return web(webAction);
+  return runAsServiceAccount([&] {
+    if (std::optional<std::string> problem = ondrel::programs::administratorProblem()) {
+      return fail(*problem);
     }
-    if (*planCommand) return plan(json);
-    if (*metricsCommand) return metrics();
-  } catch (const std::exception&) {
-    return fail("the command could not be completed; see the system log");
-  }
-  return kExitUsage;
+    ondrel::programs::adoptServiceGroupPermissions();
+    if (std::optional<std::string> problem = ondrel::programs::serviceRootProblem()) {
+      return fail(*problem);
+    }
+    try {
+      if (*statusCommand) return status(json);
+      if (*productsCommand) return products(filter, json);
+      if (*productCommand) return product(productId, json);
+      if (!action.empty()) return postChanges(action, productIds);
+      if (*syncCommand) return sync(wait);
+      if (*configShowCommand) return configShow(json);
+      if (*configGetCommand) return configGet(key, json);
+      if (*configSetCommand) return configSet(key, value);
+      if (*passwordCommand) return webPassword(passwordUser);
+      if (*webCommand) {
+        if (webAction.empty()) return fail("web needs an action: start, stop, reload or status");
+        return web(webAction);
+      }
+      if (*planCommand) return plan(json);
+      if (*metricsCommand) return metrics();
+    } catch (const std::exception&) {
+      return fail("the command could not be completed; see the system log");
+    }
+    return kExitUsage;
+  });
 }

@@ -68,6 +68,9 @@ class Mirror:
         self.folder = folder
         self.root = os.path.join(folder, "root")
         os.makedirs(os.path.join(self.root, "Library/Server"))
+        # As on an installed server: the service root is the service account's, as which
+        # ondrelctl, the daemon, the web server and the page's CGI run.
+        run(["chown", "-R", "_ondrel:_ondrel", self.root])
         os.environ["ONDREL_ROOT"] = self.root
         os.environ["ONDREL_RESOURCES"] = options.resources
         self.upstream = os.path.join(folder, "upstream")
@@ -83,9 +86,6 @@ class Mirror:
                            ("adminPort", str(self.admin_port))):
             self.ctl("config", "set", key, value)
         run([options.syncd, "--once"])
-        # As on an installed server: the page's CGI runs as the service account and posts to
-        # the spool as it.
-        run(["chown", "-R", "_ondrel:_ondrel", self.root])
         self.ctl("web", "passwd", "admin", stdin=PASSWORD + "\n")
         self.ctl("web", "start")
         self.daemon = subprocess.Popen([options.syncd, "--interval", "86400"],

@@ -6,14 +6,37 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <thread>
 
+#include "ServiceAccount.h"
+
 namespace ondrel::test {
+
+namespace {
+
+// Programs started as root act as the service account, as on an installed server, where the
+// service root belongs to it: the test's root, written by this process as root, is given to it.
+void giveServiceRootToServiceAccount() {
+  const char* root = std::getenv("ONDREL_ROOT");
+  std::optional<AccountIds> account = serviceAccountIds();
+  if (::geteuid() != 0 || root == nullptr || *root == '\0' || !account) return;
+  std::error_code error;
+  ::lchown(root, account->uid, account->gid);
+  for (auto entry = std::filesystem::recursive_directory_iterator(root, error);
+       entry != std::filesystem::recursive_directory_iterator(); entry.increment(error)) {
+    ::lchown(entry->path().c_str(), account->uid, account->gid);
+  }
+}
+
+}  // namespace
 
 BackgroundProgram::BackgroundProgram(const std::string& program,
                                      const std::vector<std::string>& arguments) {
+  giveServiceRootToServiceAccount();
   char pattern[] = "/tmp/ondrel-program-XXXXXX";
   int fd = ::mkstemp(pattern);
   outputPath_ = pattern;
