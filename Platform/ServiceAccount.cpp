@@ -49,17 +49,23 @@ std::optional<AccountIds> serviceAccountIds() {
   return AccountIds{user.pw_uid, group.gr_gid};
 }
 
+bool isRoot() { return ::getuid() == 0 || ::geteuid() == 0; }
+
 bool becomeServiceAccount(std::string* error, bool keepLowPorts) {
   std::optional<AccountIds> account = serviceAccountIds();
   if (!account) {
     *error = std::string("the service account ") + kServiceAccount + " does not exist";
     return false;
   }
+  if (::geteuid() != 0 && ::seteuid(0) != 0) {
+    *error = failure("taking back the root user");
+    return false;
+  }
   if (keepLowPorts && ::prctl(PR_SET_KEEPCAPS, 1, 0, 0, 0) != 0) {
     *error = failure("keeping capabilities");
     return false;
   }
-  if (::setgroups(1, &account->gid) != 0 ||
+  if (::initgroups(kServiceAccount, account->gid) != 0 ||
       ::setresgid(account->gid, account->gid, account->gid) != 0 ||
       ::setresuid(account->uid, account->uid, account->uid) != 0) {
     *error = failure("changing to the service account");

@@ -19,8 +19,13 @@ struct AccountIds {
 // The service account's user and group ids; none when the account is missing.
 std::optional<AccountIds> serviceAccountIds();
 
-// Drops every privilege for good: the supplementary groups become the service group alone, then
-// group and user ids (real, effective, saved) become the account's. With keepLowPorts the process
+// Whether the real or the effective user is root (a program run from a script that switched only
+// its effective user still has root's powers within reach).
+bool isRoot();
+
+// Drops every privilege for good: the supplementary groups become the account's own (as for a
+// login of it, so that an administrator can add it to ssl-cert), then group and user ids (real,
+// effective, saved) become the account's. With keepLowPorts the process
 // keeps the one capability of binding ports below 1024, inherited across exec as an ambient
 // capability (what a web server needs, and nothing else). False with the reason when the account
 // is missing or the kernel refuses; the process is then unchanged or must not go on.

@@ -17,7 +17,7 @@ namespace ondrel::programs {
 
 std::optional<std::string> leaveRoot() {
   std::string error;
-  if (::geteuid() != 0 || becomeServiceAccount(&error)) return std::nullopt;
+  if (!isRoot() || becomeServiceAccount(&error)) return std::nullopt;
   return error;
 }
 

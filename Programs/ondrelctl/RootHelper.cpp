@@ -63,7 +63,7 @@ int perform(WebAction action) {
     int null = ::open("/dev/null", O_RDWR);
     for (int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) ::dup2(null, stream);
     std::string ignored;
-    if (action == WebAction::ApacheStart && ::geteuid() == 0 &&
+    if (action == WebAction::ApacheStart && isRoot() &&
         !becomeServiceAccount(&ignored, /*keepLowPorts=*/true)) {
       ::_exit(kCouldNotRun);
     }
@@ -97,7 +97,7 @@ int serve(int channel, pid_t child) {
 }  // namespace
 
 int runAsServiceAccount(const std::function<int()>& command) {
-  if (::geteuid() != 0) return command();
+  if (!isRoot()) return command();
   int channel[2];
   if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, channel) != 0) {
     return fail("could not start as the service account");
