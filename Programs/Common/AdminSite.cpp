@@ -3,13 +3,18 @@
 #include <arpa/inet.h>
 #include <crypt.h>
 #include <fmt/format.h>
+#include <openssl/crypto.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <sstream>
+#include <vector>
 
 #include "AdminRequests.h"
+#include "Administration.h"
 #include "FileIO.h"
 #include "HostPaths.h"
 #include "KTSPreferences.h"
@@ -22,8 +27,10 @@ namespace {
 
 constexpr int kDefaultAdminPort = 8089;
 constexpr std::size_t kMostPasswordFileBytes = 1 << 20;
-// bcrypt's cost: about 60 ms on this class of machine, paid by Apache on every request.
+// bcrypt's cost: about 60 ms on this class of machine, paid once per login.
 constexpr unsigned long kPasswordHashCost = 10;
+constexpr const char* kSnakeoilCertificate = "/etc/ssl/certs/ssl-cert-snakeoil.pem";
+constexpr const char* kSnakeoilKey = "/etc/ssl/private/ssl-cert-snakeoil.key";
 
 // Readable by the web server's children (the service account) and the administrators only.
 bool writePrivateFile(const std::string& path, const std::string& text, std::string* error) {
@@ -41,35 +48,87 @@ bool isUserName(const std::string& user) {
          });
 }
 
-std::string siteConfiguration() {
+// The password file's lines ("user:hash"), from at most a megabyte of it.
+std::vector<std::string> passwordLines() {
+  std::string contents;
+  std::string ignored;
+  readWholeFile(adminPasswordPath(), &contents, &ignored, kMostPasswordFileBytes);
+  std::vector<std::string> lines;
+  std::istringstream stream(contents);
+  for (std::string line; std::getline(stream, line);) {
+    if (!line.empty()) lines.push_back(line);
+  }
+  return lines;
+}
+
+bool isLineOf(const std::string& line, const std::string& user) {
+  return line.size() > user.size() && line.compare(0, user.size(), user) == 0 &&
+         line[user.size()] == ':';
+}
+
+// The user's password hash, or empty.
+std::string passwordHashOf(const std::string& user) {
+  if (!isUserName(user)) return "";
+  for (const std::string& line : passwordLines()) {
+    if (isLineOf(line, user)) return line.substr(user.size() + 1);
+  }
+  return "";
+}
+
+bool writePasswordLines(const std::vector<std::string>& lines, std::string* error) {
+  std::string text;
+  for (const std::string& line : lines) text += line + "\n";
+  return writePrivateFile(adminPasswordPath(), text, error);
+}
+
+// A path Apache may be given in quotes: absolute, without quotes, backslashes or control
+// characters.
+bool isQuotablePath(const std::string& path) {
+  return path.size() > 1 && path.front() == '/' &&
+         std::none_of(path.begin(), path.end(), [](unsigned char c) {
+           return c < 0x20 || c == 0x7f || c == '"' || c == '\\';
+         });
+}
+
+std::string tlsDirectives(const AdminTls& tls) {
+  return fmt::format(R"(    SSLEngine on
+    SSLProtocol -all +TLSv1.2 +TLSv1.3
+    SSLCertificateFile "{}"
+    SSLCertificateKeyFile "{}"
+    Header always set Strict-Transport-Security "max-age=31536000"
+)",
+                     tls.certificate, tls.key);
+}
+
+std::string siteConfiguration(const std::optional<AdminTls>& tls) {
   std::string listen = fmt::format("{}:{}", adminAddress(), adminPort());
   std::string folder = adminStaticFolder();
   std::string cgi = KTSServerLayout::cgiPath("OndrelServerAdmin");
   std::string text =
-      "# The administration page, written by ondrelctl from \"adminAddress\" and \"adminPort\";\n"
-      "# edits here are lost. Never on the clients' port, always behind a password.\n";
-  for (const char* module :
-       {"authn_core", "authn_file", "auth_basic", "authz_user", "headers", "dir"}) {
+      "# The administration page, written by ondrelctl from \"adminAddress\", \"adminPort\",\n"
+      "# \"adminCertificate\" and \"adminCertificateKey\"; edits here are lost. Never on the\n"
+      "# clients' port; its CGI asks for a login.\n";
+  std::vector<const char*> modules = {"headers", "dir"};
+  if (tls) modules.insert(modules.end(), {"socache_shmcb", "ssl"});
+  for (const char* module : modules) {
     text += fmt::format(
         "<IfModule !{0}_module>\n    LoadModule {0}_module "
         "/usr/lib/apache2/modules/mod_{0}.so\n</IfModule>\n",
         module);
   }
+  if (tls) text += "SSLSessionCache shmcb:Status/ssl_cache(512000)\n";
   text += fmt::format(R"(Listen {0}
 <VirtualHost {0}>
-    DocumentRoot "{1}"
+{3}    DocumentRoot "{1}"
     DirectoryIndex index.html
     <Directory "{1}">
         Options None
         AllowOverride None
+        Require all granted
     </Directory>
     ScriptAlias /api "{2}"
-    <Location />
-        AuthType Basic
-        AuthName "Ondrel Server administration"
-        AuthBasicProvider file
-        AuthUserFile "{3}"
-        Require valid-user
+    <Location /api>
+        Require all granted
     </Location>
     Header always set X-Frame-Options "DENY"
     Header always set X-Content-Type-Options "nosniff"
@@ -77,7 +136,7 @@ std::string siteConfiguration() {
     Header always set Content-Security-Policy "default-src 'self'; frame-ancestors 'none'"
 </VirtualHost>
 )",
-                      listen, folder, cgi, adminPasswordPath());
+                      listen, folder, cgi, tls ? tlsDirectives(*tls) : "");
   return text;
 }
 
@@ -98,6 +157,12 @@ bool isListenAddress(const std::string& text) {
          inet_pton(AF_INET6, text.substr(1, text.size() - 2).c_str(), address) == 1;
 }
 
+bool isLoopbackAddress(const std::string& address) {
+  unsigned char bytes[16];
+  if (inet_pton(AF_INET, address.c_str(), bytes) == 1) return bytes[0] == 127;
+  return address == "[::1]";
+}
+
 std::string adminAddress() {
   const Plist& value = KTSPreferences::defaultPreferences()->prefs()["adminAddress"];
   return isListenAddress(value.stringValue()) ? value.stringValue() : "127.0.0.1";
@@ -108,6 +173,26 @@ int adminPort() {
   return value.isNumber() && value.integerValue() >= 1 && value.integerValue() <= 65535
              ? static_cast<int>(value.integerValue())
              : kDefaultAdminPort;
+}
+
+std::optional<AdminTls> adminTls(std::string* problem) {
+  const Plist& settings = KTSPreferences::defaultPreferences()->prefs();
+  AdminTls named{settings["adminCertificate"].stringValue(),
+                 settings["adminCertificateKey"].stringValue()};
+  if (isQuotablePath(named.certificate) && isQuotablePath(named.key)) return named;
+  if (isLoopbackAddress(adminAddress())) return std::nullopt;
+  AdminTls machine{kSnakeoilCertificate, kSnakeoilKey};
+  if (::access(machine.certificate.c_str(), R_OK) == 0 &&
+      ::access(machine.key.c_str(), R_OK) == 0) {
+    return machine;
+  }
+  *problem = fmt::format(
+      "the administration page on {0} is reachable from other machines and is served there only "
+      "over TLS: name a certificate and its key, both readable by {1} (ondrelctl config set "
+      "adminCertificate PATH, then adminCertificateKey PATH), or install the package ssl-cert and "
+      "add {1} to its group (adduser {1} ssl-cert) for this machine's self-signed one",
+      adminAddress(), kServiceAccount);
+  return std::nullopt;
 }
 
 bool writeAdminSite(std::string* error) {
@@ -124,11 +209,20 @@ bool writeAdminSite(std::string* error) {
         adminPort());
     return false;
   }
+  std::string tlsProblem;
+  std::optional<AdminTls> tls = adminTls(&tlsProblem);
+  if (!tlsProblem.empty()) {
+    std::string ignored;
+    writePrivateFile(adminSiteConfigPath(),
+                     "# The administration page is off: " + tlsProblem + "\n", &ignored);
+    *error = tlsProblem + "; the page is off until then";
+    return false;
+  }
   if (readAdminSecret().empty() &&
       !writePrivateFile(adminSecretPath(), newAdminSecret() + "\n", error)) {
     return false;
   }
-  return writePrivateFile(adminSiteConfigPath(), siteConfiguration(), error);
+  return writePrivateFile(adminSiteConfigPath(), siteConfiguration(tls), error);
 }
 
 bool setAdminPassword(const std::string& user, const std::string& password, std::string* error) {
@@ -147,15 +241,41 @@ bool setAdminPassword(const std::string& user, const std::string& password, std:
     *error = "the password could not be hashed";
     return false;
   }
-  std::string contents;
-  std::string ignored;
-  readWholeFile(adminPasswordPath(), &contents, &ignored, kMostPasswordFileBytes);
-  std::string kept;
-  std::istringstream lines(contents);
-  for (std::string line; std::getline(lines, line);) {
-    if (!line.empty() && line.rfind(user + ":", 0) != 0) kept += line + "\n";
+  std::vector<std::string> lines = passwordLines();
+  std::erase_if(lines, [&user](const std::string& line) { return isLineOf(line, user); });
+  lines.push_back(user + ":" + work.output);
+  return writePasswordLines(lines, error);
+}
+
+bool deleteAdminUser(const std::string& user, std::string* error) {
+  std::vector<std::string> lines = passwordLines();
+  std::size_t before = lines.size();
+  std::erase_if(lines, [&user](const std::string& line) { return isLineOf(line, user); });
+  if (lines.size() == before) {
+    *error = "no user " + quotedForMessage(user) + " may log in to the page";
+    return false;
   }
-  return writePrivateFile(adminPasswordPath(), kept + user + ":" + work.output + "\n", error);
+  if (!lines.empty()) return writePasswordLines(lines, error);
+  std::error_code removed;
+  std::filesystem::remove(adminPasswordPath(), removed);
+  if (removed) *error = "the password file could not be removed: " + removed.message();
+  return !removed;
+}
+
+bool isAdminUser(const std::string& user) { return !passwordHashOf(user).empty(); }
+
+LoginCheck checkAdminPassword(const std::string& user, const std::string& password) {
+  std::string hash = passwordHashOf(user);
+  // A user who is not there costs the same hashing as one who is.
+  char standIn[CRYPT_GENSALT_OUTPUT_SIZE] = "";
+  if (hash.empty())
+    crypt_gensalt_rn("$2b$", kPasswordHashCost, nullptr, 0, standIn, sizeof standIn);
+  struct crypt_data work {};
+  const char* computed = crypt_r(password.c_str(), hash.empty() ? standIn : hash.c_str(), &work);
+  if (hash.empty()) return LoginCheck::NoSuchUser;
+  bool same = computed != nullptr && computed[0] != '*' && std::strlen(computed) == hash.size() &&
+              CRYPTO_memcmp(computed, hash.data(), hash.size()) == 0;
+  return same ? LoginCheck::Accepted : LoginCheck::WrongPassword;
 }
 
 std::string readAdminSecret() {

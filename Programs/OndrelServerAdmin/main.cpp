@@ -1,27 +1,35 @@
 // OndrelServerAdmin: the CGI behind the administration page's "/api", reached only on the page's
-// own port and only after Apache's HTTP Basic authentication (REMOTE_USER). It answers JSON:
-//   GET  /api/session          the user and the token of the session (sets its cookie)
+// own port. Every request but the login needs a session's cookie. It answers JSON:
+//   POST /api/login            user=...&password=...: starts a session and sets its cookie; a
+//                              refused login goes to Apache's error log, for fail2ban
+//   GET  /api/session          the user and the token of the session
+//   POST /api/logout           ends the session
 //   GET  /api/status           the status summary and the passes' history
 //   GET  /api/products         one compact row per product, for the table
 //   GET  /api/product?id=ID    one product in detail
 //   GET  /api/plan             what the next pass downloads and whether it fits
 //   POST /api/changes          action=mirror|enable|disable|remove and id=... (one per product)
 //   POST /api/sync             a pass now
-// A POST must carry the session's token in X-Ondrel-Token and the session's cookie; it posts the
-// same requests ondrelctl posts. Anything else gets a clear error and changes nothing.
+// A POST but the login must carry the session's token in X-Ondrel-Token; the page posts the same
+// requests ondrelctl posts. Anything else gets a clear error and changes nothing.
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <string>
 
 #include "AdminRequests.h"
+#include "AdminSessions.h"
 #include "AdminSite.h"
 #include "Administration.h"
 #include "CgiPrograms.h"
 #include "Clock.h"
 #include "Json.h"
 #include "KTSPassHistory.h"
+#include "KTSServerLayout.h"
 #include "KTSWorkingSet.h"
 #include "ProductId.h"
 
@@ -90,14 +98,14 @@ std::string sessionOfRequest() {
   return programs::isSessionId(session) ? session : "";
 }
 
-int session(const std::string& user, const std::string& secret) {
-  std::string session = sessionOfRequest();
-  std::string headers;
-  if (session.empty()) {
-    session = programs::newSessionId();
-    headers = fmt::format("Set-Cookie: {}={}; Path=/; HttpOnly; SameSite=Strict\r\n",
-                          kSessionCookie, session);
-  }
+std::string sessionCookie(const std::string& value, bool ending) {
+  return fmt::format("Set-Cookie: {}={}; Path=/; HttpOnly; SameSite=Strict{}{}\r\n", kSessionCookie,
+                     value, programs::cgiVariable("HTTPS") == "on" ? "; Secure" : "",
+                     ending ? "; Max-Age=0" : "");
+}
+
+int answerSession(const std::string& user, const std::string& session, const std::string& secret,
+                  const std::string& headers = "") {
   Plist body = Plist::dictionary();
   body.set("user", user);
   body.set("token", programs::csrfToken(secret, user, session));
@@ -153,6 +161,81 @@ int change(const std::string& route, const std::string& user, const std::string&
   return 0;
 }
 
+// A login from a page of another site is refused (a browser names the page's origin).
+bool fromThisSite() {
+  std::string origin = programs::cgiVariable("HTTP_ORIGIN");
+  std::string scheme = programs::cgiVariable("HTTPS") == "on" ? "https://" : "http://";
+  return origin.empty() || origin == scheme + programs::cgiVariable("HTTP_HOST");
+}
+
+// A refused login, in Apache's error log and in the form of Apache's own, which fail2ban's stock
+// apache-auth filter reads.
+void logRefusedLogin(const std::string& user, programs::LoginCheck check) {
+  bool isName = !user.empty() && user.size() <= 64 &&
+                user.find_first_not_of(
+                    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                    "0123456789._-") == std::string::npos;
+  std::string name = isName ? user : "(not a user name)";
+  std::string what = check == programs::LoginCheck::NoSuchUser
+                         ? fmt::format("user {} not found: /api/login", name)
+                         : fmt::format(
+                               "user {}: authentication failure for \"/api/login\": "
+                               "Password Mismatch",
+                               name);
+  auto now = std::chrono::system_clock::now();
+  std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+  struct tm local {};
+  ::localtime_r(&seconds, &local);
+  char time[32];
+  char year[8];
+  std::strftime(time, sizeof time, "%a %b %d %H:%M:%S", &local);
+  std::strftime(year, sizeof year, "%Y", &local);
+  auto micros = std::chrono::duration_cast<std::chrono::microseconds>(now.time_since_epoch()) %
+                std::chrono::seconds(1);
+  std::string line =
+      fmt::format("[{}.{:06d} {}] [ondrel_admin:error] [pid {}] [client {}:{}] {}\n", time,
+                  micros.count(), year, ::getpid(), programs::cgiVariable("REMOTE_ADDR"),
+                  programs::cgiVariable("REMOTE_PORT"), what);
+  int log = ::open(KTSServerLayout::statusPath("httpd_error.log").c_str(),
+                   O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC);
+  if (log < 0) return;
+  if (::write(log, line.data(), line.size()) < 0) std::fprintf(stderr, "%s", line.c_str());
+  ::close(log);
+}
+
+int login(const std::string& secret) {
+  if (!fromThisSite()) return refuse(403, "Forbidden", "a login from another site is refused");
+  std::optional<std::string> body = requestBody();
+  auto fields = body ? programs::parseFormBody(*body) : std::nullopt;
+  if (!fields || (*fields)["user"].size() != 1 || (*fields)["password"].size() != 1) {
+    return refuse(400, "Bad Request", "a login is a form with one user and one password");
+  }
+  const std::string& user = (*fields)["user"].front();
+  programs::LoginCheck check = programs::checkAdminPassword(user, (*fields)["password"].front());
+  if (check != programs::LoginCheck::Accepted) {
+    logRefusedLogin(user, check);
+    return refuse(401, "Unauthorized", "the user name or the password is wrong");
+  }
+  std::string error;
+  std::string session = programs::startAdminSession(user, &error);
+  if (session.empty()) return refuse(500, "Internal Server Error", "no session: " + error);
+  return answerSession(user, session, secret, sessionCookie(session, false));
+}
+
+int logout(const std::string& user, const std::string& secret) {
+  std::string session = sessionOfRequest();
+  if (!programs::csrfTokenMatches(secret, user, session,
+                                  programs::cgiVariable("HTTP_X_ONDREL_TOKEN"))) {
+    return refuse(403, "Forbidden",
+                  "the request does not carry this session's token; reload the page");
+  }
+  programs::endAdminSession(session);
+  Plist done = Plist::dictionary();
+  done.set("loggedOut", user);
+  answer(200, "OK", done, sessionCookie("", true));
+  return 0;
+}
+
 int read(const std::string& route) {
   if (route == "/status") return answer(200, "OK", status()), 0;
   if (route == "/products") return answer(200, "OK", productRows()), 0;
@@ -174,8 +257,6 @@ int read(const std::string& route) {
 
 int main(int, char** argv) {
   programs::locateServiceRootOfCgi(argv[0]);
-  std::string user = programs::cgiVariable("REMOTE_USER");
-  if (user.empty()) return refuse(401, "Unauthorized", "log in first");
   std::string secret = programs::readAdminSecret();
   if (secret.empty()) {
     return refuse(500, "Internal Server Error",
@@ -184,8 +265,13 @@ int main(int, char** argv) {
   std::string method = programs::cgiVariable("REQUEST_METHOD");
   std::string route = programs::cgiVariable("PATH_INFO");
   try {
-    if (method == "GET" && route == "/session") return session(user, secret);
+    if (method == "POST" && route == "/login") return login(secret);
+    std::string session = sessionOfRequest();
+    std::string user = session.empty() ? "" : programs::adminSessionUser(session);
+    if (user.empty()) return refuse(401, "Unauthorized", "log in first");
+    if (method == "GET" && route == "/session") return answerSession(user, session, secret);
     if (method == "GET") return read(route);
+    if (method == "POST" && route == "/logout") return logout(user, secret);
     if (method == "POST" && (route == "/changes" || route == "/sync")) {
       return change(route, user, secret);
     }

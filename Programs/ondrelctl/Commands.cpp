@@ -170,21 +170,32 @@ enum class Kind {
   AbsolutePath,
   FilePath,
   Seconds,
-  ListenAddress
+  ListenAddress,
+  ReadableFile
 };
 
 const std::map<std::string, Kind>& settableKeys() {
-  static const std::map<std::string, Kind> keys = {
-      {"autoMirror", Kind::Boolean},           {"autoEnable", Kind::Boolean},
-      {"autoMirrorOnlyNew", Kind::Boolean},    {"PurgeUnused", Kind::Boolean},
-      {"limitBandwidth", Kind::Boolean},       {"portToUse", Kind::Port},
-      {"valueBandwidth", Kind::Integer},       {"syncBandwidth", Kind::Integer},
-      {"volumeReserve", Kind::Percent},        {"metaIndexURL", Kind::HttpURL},
-      {"otherCatalogs", Kind::CatalogList},    {"publicHostName", Kind::HostName},
-      {"updatesDocRoot", Kind::AbsolutePath},  {"maxConcurrentDownloads", Kind::Concurrency},
-      {"minimumDownloadSpeed", Kind::Integer}, {"hookTimeout", Kind::Seconds},
-      {"metricsFile", Kind::FilePath},         {"adminPort", Kind::Port},
-      {"adminAddress", Kind::ListenAddress}};
+  static const std::map<std::string, Kind> keys = {{"autoMirror", Kind::Boolean},
+                                                   {"autoEnable", Kind::Boolean},
+                                                   {"autoMirrorOnlyNew", Kind::Boolean},
+                                                   {"PurgeUnused", Kind::Boolean},
+                                                   {"limitBandwidth", Kind::Boolean},
+                                                   {"portToUse", Kind::Port},
+                                                   {"valueBandwidth", Kind::Integer},
+                                                   {"syncBandwidth", Kind::Integer},
+                                                   {"volumeReserve", Kind::Percent},
+                                                   {"metaIndexURL", Kind::HttpURL},
+                                                   {"otherCatalogs", Kind::CatalogList},
+                                                   {"publicHostName", Kind::HostName},
+                                                   {"updatesDocRoot", Kind::AbsolutePath},
+                                                   {"maxConcurrentDownloads", Kind::Concurrency},
+                                                   {"minimumDownloadSpeed", Kind::Integer},
+                                                   {"hookTimeout", Kind::Seconds},
+                                                   {"metricsFile", Kind::FilePath},
+                                                   {"adminPort", Kind::Port},
+                                                   {"adminAddress", Kind::ListenAddress},
+                                                   {"adminCertificate", Kind::ReadableFile},
+                                                   {"adminCertificateKey", Kind::ReadableFile}};
   return keys;
 }
 
@@ -260,6 +271,14 @@ Plist settingValue(Kind kind, const std::string& text, std::string* why) {
     case Kind::ListenAddress:
       if (programs::isListenAddress(text)) return Plist(text);
       *why = "takes an IPv4 address, or an IPv6 address in brackets";
+      break;
+    case Kind::ReadableFile:
+      if (text.size() > 1 && text.front() == '/' &&
+          text.find_first_of("\"\\\n\r\t") == std::string::npos &&
+          ::access(text.c_str(), R_OK) == 0) {
+        return Plist(text);
+      }
+      *why = "takes the absolute path of a file that " + std::string(kServiceAccount) + " can read";
       break;
     case Kind::Seconds:
       if (parseInteger(text, 1, 3600, &number)) return Plist::integer(number);
@@ -347,8 +366,18 @@ int configSet(const std::string& key, const std::string& text) {
   Plist settings = preferences->prefs();
   settings.set(key, value);
   preferences->setPrefs(settings);
+  std::string tlsProblem;
+  if (key == "adminAddress" && (programs::adminTls(&tlsProblem), !tlsProblem.empty())) {
+    return fail(tlsProblem + "; nothing was changed");
+  }
   if (!preferences->commitChanges()) return fail("the preferences could not be saved");
   std::printf("%s set.\n", key.c_str());
+  for (const auto& [named, other] : {std::pair{"adminCertificate", "adminCertificateKey"},
+                                     std::pair{"adminCertificateKey", "adminCertificate"}}) {
+    if (key == named && preferences->prefs()[other].stringValue().empty()) {
+      std::printf("The page uses it once %s is set too.\n", other);
+    }
+  }
   if (!programs::writeAdminSite(&why)) return fail(why);
   if (webServerPid() == 0) return 0;
   if (int status = reloadWebServer("the new ondrd.conf", "the running server keeps the old one")) {
@@ -356,6 +385,15 @@ int configSet(const std::string& key, const std::string& text) {
   }
   std::printf("Web server reloaded.\n");
   return 0;
+}
+
+int webPasswordDelete(const std::string& user) {
+  std::string error;
+  if (!programs::deleteAdminUser(user, &error)) return fail(error + "; nothing was changed");
+  if (!programs::writeAdminSite(&error)) return fail(error);
+  std::printf("%s may no longer log in to the administration page.\n", user.c_str());
+  if (webServerPid() == 0) return 0;
+  return reloadWebServer("ondrd.conf", "the change comes with the next start of the web server");
 }
 
 int webPassword(const std::string& user) {
@@ -374,8 +412,10 @@ int webPassword(const std::string& user) {
     return fail(error + "; nothing was changed");
   }
   if (!programs::writeAdminSite(&error)) return fail(error);
-  std::printf("Password of %s set; the page is at http://%s:%d/\n", user.c_str(),
-              programs::adminAddress().c_str(), programs::adminPort());
+  std::string ignored;
+  std::printf("Password of %s set; the page is at %s://%s:%d/\n", user.c_str(),
+              programs::adminTls(&ignored) ? "https" : "http", programs::adminAddress().c_str(),
+              programs::adminPort());
   if (webServerPid() == 0) return 0;
   return reloadWebServer("ondrd.conf", "the page comes with the next start of the web server");
 }

@@ -33,5 +33,6 @@ int configGet(const std::string& key, bool json);
 int configSet(const std::string& key, const std::string& value);
 int web(const std::string& action);
 int webPassword(const std::string& user);
+int webPasswordDelete(const std::string& user);
 
 }  // namespace ondrel::ctl

@@ -80,6 +80,10 @@ int main(int argc, char** argv) {
       "Set a user's password for the administration page (read from the terminal, "
       "or one line of standard input)");
   passwordCommand->add_option("USER", passwordUser)->required();
+  bool deleteUser = false;
+  passwordCommand->add_flag("--delete", deleteUser,
+                            "Remove the user: their sessions end, and with the last one the page "
+                            "is off");
   CLI::App* planCommand = withJson(app.add_subcommand("plan", "What the next pass downloads"));
   CLI::App* metricsCommand = app.add_subcommand("metrics", "Status as Prometheus text");
 
@@ -105,7 +109,9 @@ int main(int argc, char** argv) {
       if (*configShowCommand) return configShow(json);
       if (*configGetCommand) return configGet(key, json);
       if (*configSetCommand) return configSet(key, value);
-      if (*passwordCommand) return webPassword(passwordUser);
+      if (*passwordCommand) {
+        return deleteUser ? webPasswordDelete(passwordUser) : webPassword(passwordUser);
+      }
       if (*webCommand) {
         if (webAction.empty()) return fail("web needs an action: start, stop, reload or status");
         return web(webAction);

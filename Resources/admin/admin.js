@@ -237,14 +237,8 @@ async function change(action) {
   }
 }
 
-async function start() {
-  try {
-    const session = await api("/session");
-    page.token = session.token;
-    $("user").textContent = session.user;
-  } catch (error) {
-    return say(`No session: ${error.message}`, true);
-  }
+// The page after a login: its controls wired once, then the server's state.
+function wire() {
   $("refresh").addEventListener("click", refresh);
   $("sync-now").addEventListener("click", async () => {
     try {
@@ -254,6 +248,16 @@ async function start() {
     } catch (error) {
       say(`Sync not requested: ${error.message}`, true);
     }
+  });
+  $("logout").addEventListener("click", async () => {
+    try {
+      await post("/logout", []);
+    } catch (error) {
+      return say(`Not logged out: ${error.message}`, true);
+    }
+    page.token = "";
+    showLoggedIn("");
+    say("Logged out.");
   });
   $("filter-text").addEventListener("input", showProducts);
   $("filter-state").addEventListener("change", showProducts);
@@ -275,7 +279,45 @@ async function start() {
     button.addEventListener("click", () => change(button.dataset.action));
   }
   $("detail-close").addEventListener("click", () => { $("detail").hidden = true; });
+}
+
+// Shows the page to the user, or the login form when there is none.
+function showLoggedIn(user) {
+  $("user").textContent = user;
+  $("login").hidden = user !== "";
+  $("app").hidden = user === "";
+  for (const id of ["refresh", "sync-now", "logout"]) $(id).hidden = user === "";
+  if (user === "") $("login-user").focus();
+}
+
+async function enter(session) {
+  page.token = session.token;
+  showLoggedIn(session.user);
+  say("");
   await refresh();
+}
+
+async function start() {
+  wire();
+  $("login").addEventListener("submit", async (event) => {
+    event.preventDefault();
+    try {
+      const session = await api("/login", {
+        method: "POST",
+        headers: { "Content-Type": "application/x-www-form-urlencoded" },
+        body: new URLSearchParams(new FormData($("login"))),
+      });
+      $("login-password").value = "";
+      await enter(session);
+    } catch (error) {
+      say(`Not logged in: ${error.message}`, true);
+    }
+  });
+  try {
+    await enter(await api("/session"));
+  } catch (error) {
+    showLoggedIn("");
+  }
 }
 
 start();

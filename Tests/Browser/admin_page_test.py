@@ -2,13 +2,14 @@
 """The administration page in a real browser: headless Chromium, driven through WebDriver, against
 a mirror after a pass on the sample upstream. It logs in, compares the dashboard with
 `ondrelctl status`, filters and sorts the table, mirrors a product and sees it become Mirrored
-after "Sync now", opens a product's detail, and sends forged and hostile requests that must
-change nothing. Screenshots of the dashboard and the table go to the folder given."""
+after "Sync now", opens a product's detail and logs out; it sends refused logins (which Apache's
+error log must show as fail2ban reads them), and forged and hostile requests that must change
+nothing. Screenshots of the dashboard and the table go to the folder given."""
 
 import argparse
-import base64
 import json
 import os
+import re
 import shutil
 import socket
 import subprocess
@@ -16,6 +17,7 @@ import sys
 import tempfile
 import time
 import urllib.error
+import urllib.parse
 import urllib.request
 
 from selenium import webdriver
@@ -41,18 +43,26 @@ def run(command, stdin=None, check=True):
     return done
 
 
-def request(url, data=None, headers=None, auth=True):
+def request(url, data=None, headers=None):
     """Status, body and headers of one request, errors included."""
-    headers = dict(headers or {})
-    if auth:
-        headers["Authorization"] = "Basic " + base64.b64encode(
-            f"admin:{PASSWORD}".encode()).decode()
     try:
-        with urllib.request.urlopen(urllib.request.Request(url, data=data, headers=headers),
+        with urllib.request.urlopen(urllib.request.Request(url, data=data, headers=headers or {}),
                                     timeout=30) as response:
             return response.status, response.read().decode(), response.headers
     except urllib.error.HTTPError as error:
         return error.code, error.read().decode(), error.headers
+
+
+def login(url, user, password, origin=None):
+    """Status, the session's cookie and its token (both empty when refused)."""
+    headers = {"Content-Type": "application/x-www-form-urlencoded"}
+    if origin:
+        headers["Origin"] = origin
+    data = urllib.parse.urlencode({"user": user, "password": password}).encode()
+    status, body, answered = request(url + "/api/login", data, headers)
+    if status != 200:
+        return status, "", ""
+    return status, answered["Set-Cookie"].split(";")[0], json.loads(body)["token"]
 
 
 def spool(root):
@@ -112,10 +122,6 @@ def browser():
         options.add_argument(argument)
     options.binary_location = "/usr/bin/chromium"
     driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
-    driver.execute_cdp_cmd("Network.enable", {})
-    credentials = base64.b64encode(f"admin:{PASSWORD}".encode()).decode()
-    driver.execute_cdp_cmd("Network.setExtraHTTPHeaders",
-                           {"headers": {"Authorization": f"Basic {credentials}"}})
     return driver
 
 
@@ -150,6 +156,10 @@ def wait_loaded(driver, after=0):
 
 def check_page(mirror, driver, screenshots):
     driver.get(mirror.url + "/")
+    WebDriverWait(driver, 30).until(lambda d: d.find_element(By.ID, "login").is_displayed())
+    driver.find_element(By.ID, "login-user").send_keys("admin")
+    driver.find_element(By.ID, "login-password").send_keys(PASSWORD)
+    driver.find_element(By.ID, "login-submit").click()
     loaded = wait_loaded(driver)
     status = mirror.status()
     text = lambda element_id: driver.find_element(By.ID, element_id).text
@@ -203,17 +213,46 @@ def check_page(mirror, driver, screenshots):
     driver.execute_script("window.scrollTo(0, document.getElementById('products').offsetTop)")
     driver.save_screenshot(os.path.join(screenshots, "products.png"))
 
+    driver.find_element(By.ID, "logout").click()
+    WebDriverWait(driver, 20).until(lambda d: d.find_element(By.ID, "login").is_displayed())
+    driver.get(mirror.url + "/")
+    WebDriverWait(driver, 30).until(lambda d: d.find_element(By.ID, "login").is_displayed())
+    assert not driver.find_element(By.ID, "app").is_displayed(), "the session outlived the logout"
 
-def check_refusals(mirror):
-    assert request(mirror.url + "/", auth=False)[0] == 401
-    assert request(mirror.url + "/api/status", auth=False)[0] == 401
+
+def check_logins(mirror):
+    """Refused logins are logged for fail2ban; a logout or a deleted user ends the session."""
+    assert request(mirror.url + "/api/status")[0] == 401
     assert request(f"http://127.0.0.1:{mirror.client_port}/api/status")[0] == 404, \
         "the page is never on the clients' port"
-    status, body, headers = request(mirror.url + "/api/session")
-    assert status == 200, body
-    token = json.loads(body)["token"]
-    cookie = headers["Set-Cookie"].split(";")[0]
-    other_cookie = "ondrel_session=" + "0" * 32
+    assert login(mirror.url, "admin", "wrong-password")[0] == 401
+    assert login(mirror.url, "nobody", PASSWORD)[0] == 401
+    assert login(mirror.url, "admin", PASSWORD, origin="http://elsewhere.example")[0] == 403
+    log = open(os.path.join(mirror.root, "Library/Server/Ondrel/Status/httpd_error.log")).read()
+    # As fail2ban's stock apache-auth filter reads them.
+    for line in ('user admin: authentication failure for "/api/login": Password Mismatch',
+                 "user nobody not found: /api/login"):
+        assert re.search(r"^\[\w{3} \w{3} \d\d \d\d:\d\d:\d\d\.\d{6} \d{4}\] \[ondrel_admin:error\] "
+                         r"\[pid \d+\] \[client 127\.0\.0\.1:\d+\] " + re.escape(line) + "$",
+                         log, re.MULTILINE), (line, log)
+    mirror.ctl("web", "passwd", "other", stdin=PASSWORD + "\n")
+    for user, end in (("admin", "logout"), ("other", "delete")):
+        status, cookie, token = login(mirror.url, user, PASSWORD)
+        assert status == 200
+        assert request(mirror.url + "/api/session", headers={"Cookie": cookie})[0] == 200
+        if end == "logout":
+            assert request(mirror.url + "/api/logout", b"",
+                           {"Cookie": cookie, "X-Ondrel-Token": token})[0] == 200
+        else:
+            mirror.ctl("web", "passwd", "--delete", user)
+        assert request(mirror.url + "/api/session", headers={"Cookie": cookie})[0] == 401, end
+
+
+def check_refusals(mirror):
+    status, cookie, token = login(mirror.url, "admin", PASSWORD)
+    assert status == 200
+    other_cookie = login(mirror.url, "admin", PASSWORD)[1]
+    unknown_cookie = "ondrel_session=" + "0" * 32
     form = "application/x-www-form-urlencoded"
     before = spool(mirror.root)
     for headers, data, expected in (
@@ -221,6 +260,8 @@ def check_refusals(mirror):
             ({"Cookie": cookie}, b"action=mirror&id=VT-000004", 403),
             ({"Cookie": other_cookie, "X-Ondrel-Token": token}, b"action=mirror&id=VT-000004",
              403),
+            ({"Cookie": unknown_cookie, "X-Ondrel-Token": token}, b"action=mirror&id=VT-000004",
+             401),
             ({"Cookie": cookie, "X-Ondrel-Token": token}, b"action=mirror&id=../../etc", 400),
             ({"Cookie": cookie, "X-Ondrel-Token": token}, b"action=mirror&id=VT-999999", 400),
             ({"Cookie": cookie, "X-Ondrel-Token": token}, b"action=format&id=VT-000004", 400),
@@ -230,9 +271,9 @@ def check_refusals(mirror):
         status, body, _ = request(mirror.url + "/api/changes", data, headers)
         assert status == expected, (headers, data[:40], status, body)
         assert "error" in json.loads(body), body
-    status, _, _ = request(mirror.url + "/api/changes")
+    status, _, _ = request(mirror.url + "/api/changes", headers={"Cookie": cookie})
     assert status == 404, "a GET changes nothing"
-    assert request(mirror.url + "/api/product?id=%2e%2e%2fetc")[0] == 400
+    assert request(mirror.url + "/api/product?id=%2e%2e%2fetc", headers={"Cookie": cookie})[0] == 400
     assert spool(mirror.root) == before, "a refused request posted something"
 
 
@@ -248,6 +289,7 @@ def main():
     driver = None
     try:
         mirror = Mirror(options, folder)
+        check_logins(mirror)
         check_refusals(mirror)
         driver = browser()
         check_page(mirror, driver, options.screenshots)

@@ -16,6 +16,7 @@
 #include "KTSProduct.h"
 #include "KTSRequestManager.h"
 #include "KTSWorkingSet.h"
+#include "LoopbackServer.h"
 #include "OndrelTest.h"
 #include "ProductArchives.h"
 #include "ProgramRunner.h"
@@ -209,6 +210,48 @@ TEST_F(AdministrationTest, ConfigSetChecksValuesAndRewritesTheWebConfiguration) 
                 .find("InvalidPreferenceFile"),
             std::string::npos);
   ::setenv("ONDREL_ROOT", saved.c_str(), 1);
+}
+
+TEST_F(AdministrationTest, TheAdministrationPageOffThisMachineIsServedOnlyOverTls) {
+  const std::string adminPort = std::to_string(test::freeLoopbackPort());
+  ASSERT_EQ(
+      ctl({"config", "set", "portToUse", std::to_string(test::freeLoopbackPort())}).exitStatus, 0);
+  ASSERT_EQ(ctl({"config", "set", "adminPort", adminPort}).exitStatus, 0);
+  ASSERT_EQ(runProgram("/bin/sh", {"-c", "echo admin-password | " ONDREL_CTL " web passwd admin"})
+                .exitStatus,
+            0);
+  // Without a certificate the service account can read, an address off this machine is refused.
+  bool machineCertificate =
+      runProgram("/usr/bin/setpriv", {"--reuid=_ondrel", "--regid=_ondrel", "--init-groups", "test",
+                                      "-r", "/etc/ssl/private/ssl-cert-snakeoil.key"})
+          .exitStatus == 0;
+  test::ProgramResult open = ctl({"config", "set", "adminAddress", "192.0.2.10"});
+  if (!machineCertificate) {
+    EXPECT_EQ(open.exitStatus, 1);
+    EXPECT_NE(open.output.find("served there only over TLS"), std::string::npos) << open.output;
+    EXPECT_EQ(ctl({"config", "get", "adminAddress"}).exitStatus, 1) << "nothing was changed";
+  }
+  test::Certificate certificate = test::makeThrowAwayCertificate(root_);
+  ASSERT_FALSE(certificate.keyPath.empty());
+  EXPECT_EQ(ctl({"config", "set", "adminCertificate", root_ + "/missing.pem"}).exitStatus, 1);
+  test::ProgramResult named = ctl({"config", "set", "adminCertificate", certificate.certificatePath});
+  ASSERT_EQ(named.exitStatus, 0) << named.output;
+  ASSERT_EQ(ctl({"config", "set", "adminCertificateKey", certificate.keyPath}).exitStatus, 0);
+  EXPECT_EQ(ctl({"config", "set", "adminAddress", "192.0.2.10"}).exitStatus, 0);
+
+  // A named certificate serves the page over TLS on loopback too, and only so.
+  ASSERT_EQ(ctl({"config", "set", "adminAddress", "127.0.0.1"}).exitStatus, 0);
+  ASSERT_EQ(ctl({"web", "start"}).exitStatus, 0);
+  httplib::SSLClient tls("127.0.0.1", std::stoi(adminPort));
+  tls.enable_server_certificate_verification(false);
+  auto page = tls.Get("/");
+  ASSERT_TRUE(page);
+  EXPECT_EQ(page->status, 200);
+  EXPECT_NE(page->get_header_value("Strict-Transport-Security"), "");
+  httplib::Client plain("127.0.0.1", std::stoi(adminPort));
+  auto refused = plain.Get("/");
+  EXPECT_TRUE(!refused || refused->status == 400) << "plain HTTP on the TLS port";
+  EXPECT_EQ(ctl({"web", "stop"}).exitStatus, 0);
 }
 
 TEST_F(AdministrationTest, ClientsFetchServedCatalogsThroughApacheAndTheCgi) {

@@ -1,0 +1,95 @@
+#include "AdminSessions.h"
+
+#include <sys/stat.h>
+
+#include <chrono>
+#include <filesystem>
+#include <sstream>
+
+#include "AdminRequests.h"
+#include "AdminSite.h"
+#include "Clock.h"
+#include "FileIO.h"
+#include "KTSServerLayout.h"
+
+namespace ondrel::programs {
+
+namespace {
+
+constexpr std::chrono::hours kSessionLength{12};
+constexpr std::size_t kMostSessionBytes = 256;
+// Clearing away stops after this many files: a folder filled by someone else costs no more.
+constexpr int kMostSessionsLookedAt = 10000;
+
+std::string sessionFolder() { return KTSServerLayout::statusPath("admin-sessions"); }
+
+std::int64_t secondsNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
+}
+
+struct Session {
+  std::string user;
+  std::int64_t ends = 0;
+};
+
+// The session recorded under name, or none (ends 0) when the file is not one.
+Session readSession(const std::string& name) {
+  Session session;
+  std::string text;
+  std::string ignored;
+  if (!isSessionId(name) ||
+      !readWholeFile(sessionFolder() + "/" + name, &text, &ignored, kMostSessionBytes)) {
+    return session;
+  }
+  std::istringstream lines(text);
+  std::string ends;
+  if (!std::getline(lines, session.user) || !std::getline(lines, ends) || ends.empty() ||
+      ends.size() > 12 || ends.find_first_not_of("0123456789") != std::string::npos) {
+    return {};
+  }
+  session.ends = std::stoll(ends);
+  return session;
+}
+
+void clearEndedSessions() {
+  namespace fs = std::filesystem;
+  std::error_code error;
+  int lookedAt = 0;
+  std::int64_t now = secondsNow();
+  for (auto entry = fs::directory_iterator(sessionFolder(), error);
+       !error && entry != fs::directory_iterator() && ++lookedAt <= kMostSessionsLookedAt;
+       entry.increment(error)) {
+    if (readSession(entry->path().filename()).ends <= now) fs::remove(entry->path(), error);
+  }
+}
+
+}  // namespace
+
+std::string startAdminSession(const std::string& user, std::string* error) {
+  std::error_code ignored;
+  std::filesystem::create_directory(sessionFolder(), ignored);
+  ::chmod(sessionFolder().c_str(), 0770);
+  clearEndedSessions();
+  std::string session = newSessionId();
+  std::int64_t ends =
+      secondsNow() + std::chrono::duration_cast<std::chrono::seconds>(kSessionLength).count();
+  if (!writeStringAtomically(sessionFolder() + "/" + session,
+                             user + "\n" + std::to_string(ends) + "\n", error)) {
+    return "";
+  }
+  return session;
+}
+
+std::string adminSessionUser(const std::string& session) {
+  Session found = readSession(session);
+  if (found.ends <= secondsNow() || !isAdminUser(found.user)) return "";
+  return found.user;
+}
+
+void endAdminSession(const std::string& session) {
+  if (!isSessionId(session)) return;
+  std::error_code ignored;
+  std::filesystem::remove(sessionFolder() + "/" + session, ignored);
+}
+
+}  // namespace ondrel::programs
