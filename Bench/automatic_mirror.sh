@@ -59,6 +59,8 @@ start_automatic_mirror() {
 
 configure_automatic_mirror() {
   mkdir -p "$ONDREL_ROOT/Library/Server" "$ONDREL_ROOT/Library/Preferences"
+  # As on an installed server: root's ondrelctl and ondrd_syncd act as the service account.
+  [ "$(id -u)" -ne 0 ] || chown -R _ondrel:_ondrel "$ONDREL_ROOT"
   "$ctl" config set metaIndexURL "$base/content/meta/mirror-config-1.plist" >/dev/null
   "$ctl" config set publicHostName 127.0.0.1 >/dev/null
   "$ctl" config set portToUse "$mirror_port" >/dev/null
