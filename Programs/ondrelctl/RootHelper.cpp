@@ -55,7 +55,7 @@ std::vector<std::string> commandFor(WebAction action) {
 
 // Runs the action's command with nothing open but /dev/null: Apache reports in its error log,
 // systemd in the journal. Apache never starts as root: as the service account, keeping only the
-// right to bind a low port.
+// right to bind a low port, and nothing it runs can gain a privilege (no set-user-id program).
 int perform(WebAction action) {
   std::vector<std::string> command = commandFor(action);
   pid_t child = ::fork();
@@ -63,8 +63,9 @@ int perform(WebAction action) {
     int null = ::open("/dev/null", O_RDWR);
     for (int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) ::dup2(null, stream);
     std::string ignored;
-    if (action == WebAction::ApacheStart && isRoot() &&
-        !becomeServiceAccount(&ignored, /*keepLowPorts=*/true)) {
+    if (action == WebAction::ApacheStart &&
+        ((isRoot() && !becomeServiceAccount(&ignored, /*keepLowPorts=*/true)) ||
+         ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)) {
       ::_exit(kCouldNotRun);
     }
     std::vector<char*> argv;

@@ -92,6 +92,16 @@ TEST_F(PrivilegeTest, NothingTheServiceAccountPlantsRunsOrIsFollowedAsRoot) {
   // Every way root acts on the server: the command (logrotate reloads through it), the daemon.
   EXPECT_EQ(ctl({"web", "start"}).exitStatus, 0);
   EXPECT_EQ(ctl({"web", "status"}).output.find("running"), 0u);
+  // A member of the service group (who may write the service folder, as on an installed server)
+  // sees it running too, though it may not signal it.
+  ASSERT_EQ(::chmod(path("/Library/Server/Ondrel").c_str(), 02770), 0);
+  std::vector<std::string> member = {"--reuid=nobody", "--regid=nogroup", "--groups=_ondrel",
+                                     ONDREL_CTL, "web"};
+  member.push_back("status");
+  EXPECT_EQ(runProgram("/usr/bin/setpriv", member).output.find("running"), 0u);
+  member.back() = "reload";
+  EXPECT_NE(runProgram("/usr/bin/setpriv", member).output.find("only root and _ondrel may reload"),
+            std::string::npos);
   EXPECT_EQ(ctl({"web", "reload"}).exitStatus, 0);
   EXPECT_EQ(ctl({"web", "prepare"}).exitStatus, 0);
   EXPECT_EQ(ctl({"config", "set", "syncBandwidth", "100"}).exitStatus, 0);
