@@ -81,6 +81,12 @@ auto recordedState(const KTSProduct& product) {
                          product.totalDownloadSize());
 }
 
+// Whether two catalogs' copies of a product name the same files at the same sizes (copies made
+// from alike entries share their records).
+bool sameFiles(const Plist& some, const Plist& others) {
+  return some.sharesStorageWith(others) || some == others;
+}
+
 // A deprecations list is a dictionary of product ids; this is far more than any holds.
 constexpr std::size_t kDeprecationsReadLimit = std::size_t{64} << 20;
 
@@ -439,24 +445,71 @@ void KTSSyncPass::withdrawFilesAboutToChange(
   verified_.clear();
 }
 
-// Products are handed to the scheduler as it has room, so a pass holds the transfers of a few
-// products at a time, whatever their number, and every transfer slot stays busy.
-void KTSSyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwnership& ownership,
-                                 KTSPassOutcome& outcome) {
-  std::vector<std::shared_ptr<KTSProduct>> waiting;
-  std::set<std::string> seen;
+// The copies of each product to mirror, by product id: one for each set of files the catalogs
+// name for it (catalogs that disagree on a file's size name different sets), in the catalogs'
+// order. What a catalog synced in this pass names wins over what one that failed to sync named
+// before. A product whose files are in place as one catalog names them is left as it is: a
+// catalog that names other files does not serve it, and the file the others serve stays.
+std::vector<std::vector<std::shared_ptr<KTSProduct>>> KTSSyncPass::productsToMirror() {
+  struct Variant {
+    std::shared_ptr<KTSProduct> product;
+    bool current;
+  };
+  std::map<std::string, std::vector<Variant>> variants;
+  std::vector<std::string> order;
   for (const auto& catalog : catalogs_) {
     if (!catalog->products()) continue;
+    bool current = synced_.empty() || synced_.count(catalog.get()) != 0;
     for (const auto& [productId, product] : *catalog->products()) {
-      if (product->isDownloading() && seen.insert(productId).second) waiting.push_back(product);
+      auto& known = variants[productId];
+      if (known.empty()) order.push_back(productId);
+      auto same = std::find_if(known.begin(), known.end(), [&](const Variant& variant) {
+        return sameFiles(variant.product->mirrorFiles(), product->mirrorFiles());
+      });
+      if (same == known.end()) {
+        known.push_back({product, current});
+      } else {
+        same->current = same->current || current;
+      }
     }
   }
+  std::vector<std::vector<std::shared_ptr<KTSProduct>>> toMirror;
+  for (const std::string& productId : order) {
+    std::vector<Variant>& known = variants[productId];
+    if (std::any_of(known.begin(), known.end(), [](const Variant& v) { return v.current; })) {
+      std::erase_if(known, [](const Variant& v) { return !v.current; });
+    }
+    if (known.size() > 1 && std::any_of(known.begin(), known.end(), [](const Variant& v) {
+          return !v.product->isDownloading() && v.product->verifyMirroredFiles();
+        })) {
+      log_.warning(
+          "The catalogs list product {} with different files; it is served only from those that "
+          "name the files in place.",
+          productId);
+      continue;
+    }
+    std::vector<std::shared_ptr<KTSProduct>> downloading;
+    for (const Variant& variant : known) {
+      if (variant.product->isDownloading()) downloading.push_back(variant.product);
+    }
+    if (!downloading.empty()) toMirror.push_back(std::move(downloading));
+  }
+  return toMirror;
+}
+
+// Products are handed to the scheduler as it has room, so a pass holds the transfers of a few
+// products at a time, whatever their number, and every transfer slot stays busy. When the files
+// one catalog names cannot be mirrored, those another names for the product are tried next.
+void KTSSyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwnership& ownership,
+                                 KTSPassOutcome& outcome) {
+  std::vector<std::vector<std::shared_ptr<KTSProduct>>> waiting = productsToMirror();
   std::size_t next = 0;
   std::uint64_t promised = 0;
   bool upstreamStopped = false;
   auto startNextProduct = [&]() -> bool {
     while (next < waiting.size() && !upstreamStopped && !interrupted()) {
-      std::shared_ptr<KTSProduct> product = waiting[next++];
+      std::vector<std::shared_ptr<KTSProduct>>& variants = waiting[next++];
+      std::shared_ptr<KTSProduct> product = variants.front();
       std::uint64_t needed = product->stillToFetch().bytes;
       if (!fitsOnVolume(*product, needed, promised)) continue;
       promised += needed;
@@ -467,10 +520,12 @@ void KTSSyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwne
       KTSProduct* mirrored = product.get();
       product->mirrorFilesWithScheduler(
           scheduler,
-          [&, mirrored, needed, stateBefore, start](bool complete) {
+          [&, mirrored, needed, stateBefore, start,
+           others = std::vector(variants.begin() + 1, variants.end())](bool complete) {
             promised -= needed;
             productMirrored(*mirrored, complete, stateBefore != recordedState(*mirrored),
                             std::chrono::steady_clock::now() - start);
+            if (!complete && !others.empty() && !interrupted()) waiting.push_back(others);
             // A failure the upstream answered (a 404, say) is the product's own; one it did
             // not answer may mean that the upstream is gone.
             if (!complete && !interrupted() && !upstreamStopped &&
@@ -517,9 +572,10 @@ bool KTSSyncPass::upstreamStillAnswers(KTSPassOutcome& outcome) {
 
 void KTSSyncPass::carryStateToOtherInstances(const KTSProduct& mirrored) {
   const std::string& productId = *mirrored.productId();
+  const Plist& files = mirrored.mirrorFiles();
   for (const auto& catalog : catalogs_) {
     std::shared_ptr<KTSProduct> other = catalog->productForProductId(productId);
-    if (!other || other.get() == &mirrored) continue;
+    if (!other || other.get() == &mirrored || !sameFiles(other->mirrorFiles(), files)) continue;
     other->setStateWithProduct(mirrored);
     other->setDownloadedSize(mirrored.downloadedSize());
     other->setDownloadStatus(mirrored.downloadStatus());
@@ -607,9 +663,12 @@ std::vector<KTSProduct*> KTSSyncPass::servedProducts(const KTSCatalog& catalog) 
   if (!catalog.products()) return serving;
   for (const auto& [productId, product] : *catalog.products()) {
     if (!product->enabled() || !product->isInServedState()) continue;
-    auto verified = verified_.find(productId);
-    if (verified == verified_.end()) {
-      verified = verified_.emplace(productId, filesInPlace(*product)).first;
+    auto& known = verified_[productId];
+    auto verified = std::find_if(known.begin(), known.end(), [&](const auto& files) {
+      return sameFiles(files.first, product->mirrorFiles());
+    });
+    if (verified == known.end()) {
+      verified = known.emplace(known.end(), product->mirrorFiles(), filesInPlace(*product));
     }
     if (verified->second) serving.push_back(product.get());
   }

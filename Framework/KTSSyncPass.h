@@ -87,6 +87,7 @@ class KTSSyncPass {
   std::vector<std::shared_ptr<KTSProduct>> productsOfPass() const;
   void withdrawFilesAboutToChange(const std::vector<std::shared_ptr<KTSProduct>>& products,
                                   KTSPassOutcome& outcome);
+  std::vector<std::vector<std::shared_ptr<KTSProduct>>> productsToMirror();
   void mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwnership& ownership,
                       KTSPassOutcome& outcome);
   // Whether needed bytes fit beside the reserve once what is promised to products still being
@@ -95,6 +96,8 @@ class KTSSyncPass {
   void productMirrored(const KTSProduct& product, bool complete, bool stateChanged,
                        std::chrono::duration<double> took);
   bool upstreamStillAnswers(KTSPassOutcome& outcome);
+  // Gives the product's mirror and enable state to the other catalogs' copies of it that name
+  // the same files; a catalog that names other files (another size) keeps its own.
   void carryStateToOtherInstances(const KTSProduct& mirrored);
   void saveState();
   bool listsChangedProduct(const KTSCatalog& catalog) const;
@@ -119,7 +122,9 @@ class KTSSyncPass {
   std::set<const KTSCatalog*> synced_;
   // Products whose state this pass changed after the catalogs were synced or loaded.
   std::set<std::string> changedProducts_;
-  std::map<std::string, bool> verified_;
+  // Whether a product's files are in place, by product id and then by the file records of the
+  // catalogs that list it: catalogs that disagree on a file (its size, say) are checked apart.
+  std::map<std::string, std::vector<std::pair<Plist, bool>>> verified_;
   // The products' files as the catalogs found them while they loaded, and the files the pass
   // may have placed or removed since: those of the products it mirrored or removed, kept as
   // hashes of their paths (a first pass touches every file; a collision only costs a check).

@@ -118,6 +118,23 @@ class KTSSyncPassTest : public OndrelTest {
         vendor_->products()[productId][KTCatalogProductPackagesKey][0]["URL"].stringValue();
     return url.substr(url.find("/content/"));
   }
+  // Every package a served catalog names is in place at the size that catalog gives it.
+  void expectServedSizesMatchFiles() const {
+    for (const auto& file :
+         std::filesystem::directory_iterator(html() + "/content/catalogs/others")) {
+      if (file.path().extension() != ".ktcatalog") continue;
+      for (const auto& [productId, entry] : served(file.path().filename()).items()) {
+        for (const Plist& package : entry[KTCatalogProductPackagesKey].elements()) {
+          if (!package[KTCatalogPackageSizeKey].isNumber()) continue;
+          std::string url = package["URL"].stringValue();
+          std::error_code missing;
+          EXPECT_EQ(std::filesystem::file_size(html() + url.substr(url.find("/content/")), missing),
+                    static_cast<std::uintmax_t>(package[KTCatalogPackageSizeKey].integerValue()))
+              << file.path().filename().string() << " serves " << productId.text();
+        }
+      }
+    }
+  }
   std::optional<std::string> errorNote() {
     KTSSyncStatus::resetDefaultStatus();
     return KTSSyncStatus::defaultStatus()->getErrorNote();
@@ -276,6 +293,39 @@ TEST_F(KTSSyncPassTest, PassLevelFaultsAreToldAndMendedByTheNextPass) {
   EXPECT_EQ(readFile(html() + deprecations), goodList);
   EXPECT_EQ(readFile(compositeFile), compositeBytes);
   EXPECT_EQ(served().size(), before.size()) << "still served";
+}
+
+TEST_F(KTSSyncPassTest, NoServedCatalogNamesAPackageAtASizeItsFileDoesNotHave) {
+  configure(true);
+  ASSERT_FALSE(fullPass().failed());
+  const std::string other = "index-dogwood-cedar-birch-alder.merged-1.ktcatalog";
+  std::string chosen;
+  for (const auto& [productId, entry] : served(other).items()) {
+    if (served().contains(productId)) chosen = productId.text();
+  }
+  ASSERT_FALSE(chosen.empty()) << "a product served from both catalogs";
+  // One catalog fails upstream while the package gets new bytes and a new size in the others:
+  // the copy served from the failed one must not name the old size.
+  const std::string otherFile = vendor_->folder() + "/content/catalogs/others/" + other;
+  const std::string oldCatalog = readFile(otherFile);
+  vendor_->replacePackage(chosen, std::string(3000, 'r'));
+  writeFile(otherFile, "<html><body>Service unavailable</body></html>");
+  EXPECT_TRUE(fullPass().failed());
+  EXPECT_EQ(readFile(html() + packagePath(chosen)), std::string(3000, 'r'));
+  EXPECT_TRUE(served().contains(chosen));
+  expectServedSizesMatchFiles();
+  // The upstream's catalogs disagree on the size: no served catalog names the one the file does
+  // not have.
+  writeFile(otherFile, oldCatalog);
+  clearLog();
+  fullPass();
+  EXPECT_EQ(readFile(html() + packagePath(chosen)), std::string(3000, 'r')) << "kept";
+  EXPECT_TRUE(served().contains(chosen));
+  EXPECT_FALSE(served(other).contains(chosen));
+  EXPECT_TRUE(logged("ondrd_test[WRN]: The catalogs list product " + chosen +
+                     " with different files; it is served only from those that name the files "
+                     "in place."));
+  expectServedSizesMatchFiles();
 }
 
 }  // namespace
