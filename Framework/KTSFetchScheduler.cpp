@@ -3,14 +3,13 @@
 #include <algorithm>
 
 #include "KTSPreferences.h"
+#include "KTSSettings.h"
 #include "Transfer.h"
 
 namespace ondrel {
 
 namespace {
 
-constexpr std::int64_t kDefaultConcurrency = 16;
-constexpr std::int64_t kMostConcurrency = 64;
 // The feeder is asked for more while fewer than this many windows of work are queued, so that a
 // transfer that ends is followed at once by the next without holding every file of a pass.
 constexpr std::size_t kQueuedWindows = 2;
@@ -22,7 +21,8 @@ void (*schedulerHeartbeat)() = nullptr;
 
 KTSFetchScheduler::KTSFetchScheduler(std::size_t maxConcurrent,
                                      std::shared_ptr<KTSFileValidators> validators)
-    : maxConcurrent_(std::clamp<std::size_t>(maxConcurrent, 1, kMostConcurrency)),
+    : maxConcurrent_(
+          std::clamp<std::size_t>(maxConcurrent, 1, KTSSettings::kMostConcurrentDownloads)),
       validators_(std::move(validators)),
       pace_(std::make_shared<KTSSyncPace>(KTSSyncPace{std::nullopt, 0, maxConcurrent_})) {}
 
@@ -31,11 +31,8 @@ KTSFetchScheduler::~KTSFetchScheduler() {
 }
 
 std::size_t KTSFetchScheduler::preferredConcurrency() {
-  Plist value = KTSPreferences::defaultPreferences()->maxConcurrentDownloads();
-  if (!value.isNumber() || value.integerValue() < 1 || value.integerValue() > kMostConcurrency) {
-    return kDefaultConcurrency;
-  }
-  return static_cast<std::size_t>(value.integerValue());
+  return static_cast<std::size_t>(
+      KTSSettings::maxConcurrentDownloads(KTSPreferences::defaultPreferences()->prefs()));
 }
 
 KTSFetchScheduler* KTSFetchScheduler::current() { return currentScheduler; }

@@ -1,6 +1,5 @@
 #include "AdminSite.h"
 
-#include <arpa/inet.h>
 #include <crypt.h>
 #include <fmt/format.h>
 #include <openssl/crypto.h>
@@ -19,13 +18,13 @@
 #include "HostPaths.h"
 #include "KTSPreferences.h"
 #include "KTSServerLayout.h"
+#include "KTSSettings.h"
 #include "PathString.h"
 
 namespace ondrel::programs {
 
 namespace {
 
-constexpr int kDefaultAdminPort = 8089;
 constexpr std::size_t kMostPasswordFileBytes = 1 << 20;
 // bcrypt's cost: about 60 ms on this class of machine, paid once per login.
 constexpr unsigned long kPasswordHashCost = 10;
@@ -150,37 +149,18 @@ std::string adminStaticFolder() {
   return deletingLastPathComponent(resourcePath("ondrd", "plist")) + "/admin";
 }
 
-bool isListenAddress(const std::string& text) {
-  unsigned char address[16];
-  if (inet_pton(AF_INET, text.c_str(), address) == 1) return true;
-  return text.size() > 2 && text.front() == '[' && text.back() == ']' &&
-         inet_pton(AF_INET6, text.substr(1, text.size() - 2).c_str(), address) == 1;
-}
-
-bool isLoopbackAddress(const std::string& address) {
-  unsigned char bytes[16];
-  if (inet_pton(AF_INET, address.c_str(), bytes) == 1) return bytes[0] == 127;
-  return address == "[::1]";
-}
-
 std::string adminAddress() {
-  const Plist& value = KTSPreferences::defaultPreferences()->prefs()["adminAddress"];
-  return isListenAddress(value.stringValue()) ? value.stringValue() : "127.0.0.1";
+  return KTSSettings::adminAddress(KTSPreferences::defaultPreferences()->prefs());
 }
 
-int adminPort() {
-  const Plist& value = KTSPreferences::defaultPreferences()->prefs()["adminPort"];
-  return value.isNumber() && value.integerValue() >= 1 && value.integerValue() <= 65535
-             ? static_cast<int>(value.integerValue())
-             : kDefaultAdminPort;
-}
+int adminPort() { return KTSSettings::adminPort(KTSPreferences::defaultPreferences()->prefs()); }
 
 std::optional<AdminTls> adminTls(std::string* problem) {
   const Plist& settings = KTSPreferences::defaultPreferences()->prefs();
   AdminTls named{settings["adminCertificate"].stringValue(),
                  settings["adminCertificateKey"].stringValue()};
   if (isQuotablePath(named.certificate) && isQuotablePath(named.key)) return named;
-  if (isLoopbackAddress(adminAddress())) return std::nullopt;
+  if (KTSSettings::isLoopbackAddress(adminAddress())) return std::nullopt;
   AdminTls machine{kSnakeoilCertificate, kSnakeoilKey};
   if (::access(machine.certificate.c_str(), R_OK) == 0 &&
       ::access(machine.key.c_str(), R_OK) == 0) {

@@ -15,14 +15,9 @@ std::string adminPasswordPath();
 std::string adminSecretPath();
 // The page's static files: the "admin" folder beside the shipped defaults.
 std::string adminStaticFolder();
-// The preferences "adminAddress" (an IPv4 address, or an IPv6 address in brackets; 127.0.0.1
-// when unset) and "adminPort" (8089 when unset).
+// The preferences "adminAddress" and "adminPort", or their defaults.
 std::string adminAddress();
 int adminPort();
-// Whether text may be adminAddress.
-bool isListenAddress(const std::string& text);
-// Whether the address is one of this machine's loopback addresses (127.0.0.0/8, [::1]).
-bool isLoopbackAddress(const std::string& address);
 
 // The certificate and key the page is served with.
 struct AdminTls {

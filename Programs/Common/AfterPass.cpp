@@ -19,6 +19,7 @@
 #include "FileIO.h"
 #include "KTSPreferences.h"
 #include "KTSServerLayout.h"
+#include "KTSSettings.h"
 
 extern char** environ;
 
@@ -26,8 +27,6 @@ namespace ondrel::programs {
 
 namespace {
 
-constexpr std::int64_t kDefaultHookSeconds = 60;
-constexpr std::int64_t kMostHookSeconds = 3600;
 constexpr auto kKillGrace = std::chrono::seconds(2);
 constexpr auto kWaitStep = std::chrono::milliseconds(20);
 
@@ -105,7 +104,7 @@ HookRun runHook(const std::filesystem::path& path, const std::vector<std::string
 }
 
 void writeMetricsFile(const std::string& text, const LogHandle& log) {
-  std::string path = metricsFilePath();
+  std::string path = KTSSettings::metricsFile(KTSPreferences::defaultPreferences()->prefs());
   std::string error;
   if (!writeStringAtomically(path, text, &error)) {
     log.warning("The metrics file {} could not be written: {}", path, error);
@@ -116,21 +115,6 @@ void writeMetricsFile(const std::string& text, const LogHandle& log) {
 }
 
 }  // namespace
-
-std::chrono::seconds hookTimeout() {
-  Plist value = KTSPreferences::defaultPreferences()->prefs()["hookTimeout"];
-  if (!value.isNumber() || value.integerValue() < 1 || value.integerValue() > kMostHookSeconds) {
-    return std::chrono::seconds(kDefaultHookSeconds);
-  }
-  return std::chrono::seconds(value.integerValue());
-}
-
-std::string metricsFilePath() {
-  Plist value = KTSPreferences::defaultPreferences()->prefs()["metricsFile"];
-  const std::string& path = value.stringValue();
-  if (!path.empty() && path.front() == '/' && path.back() != '/') return path;
-  return KTSServerLayout::statusPath("ondrel.prom");
-}
 
 std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass) {
   // The note is one line, as a hook would pass it on to a chat or a mail subject.
@@ -185,7 +169,9 @@ void afterPass(const KTSPassHistory::Pass& pass, const LogHandle& log, const Hea
   KTSPassHistory history(KTSPassHistory::defaultPath());
   if (!history.record(pass)) log.warning("The pass could not be recorded in the pass history.");
   writeMetricsFile(prometheusText(summarizeServer(), history), log);
-  runHooks(KTSServerLayout::hooksFolder(), pass, hookTimeout(), log, heartbeat);
+  std::chrono::seconds timeout(
+      KTSSettings::hookTimeoutSeconds(KTSPreferences::defaultPreferences()->prefs()));
+  runHooks(KTSServerLayout::hooksFolder(), pass, timeout, log, heartbeat);
 }
 
 }  // namespace ondrel::programs

@@ -22,11 +22,6 @@ struct HookRun {
   bool timedOut = false;
 };
 
-// The preference "hookTimeout" in seconds (1 to 3600), 60 when unset or unusable.
-std::chrono::seconds hookTimeout();
-// The preference "metricsFile", an absolute path; the status folder's "ondrel.prom" when unset.
-std::string metricsFilePath();
-
 // The environment a hook gets beside the daemon's own: ONDREL_PASS_OUTCOME, ONDREL_PASS_KIND,
 // ONDREL_PASS_ERROR, ONDREL_PASS_STARTED, ONDREL_PASS_ENDED, ONDREL_PASS_DURATION_SECONDS,
 // ONDREL_PASS_CATALOGS, ONDREL_PASS_PRODUCTS_NEW, ONDREL_PASS_PRODUCTS_REMOVED and

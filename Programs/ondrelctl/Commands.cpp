@@ -25,6 +25,7 @@
 #include "KTSPreferences.h"
 #include "KTSRequestManager.h"
 #include "KTSServerLayout.h"
+#include "KTSSettings.h"
 #include "KTSSyncStatus.h"
 #include "KTSWorkingSet.h"
 #include "PathString.h"
@@ -135,159 +136,6 @@ int reloadWebServer(const std::string& what, const std::string& otherwise) {
   return status == 0 ? 0 : fail("Apache could not be reloaded");
 }
 
-bool parseBoolean(const std::string& text, bool* value) {
-  if (text == "true" || text == "yes") return *value = true, true;
-  if (text == "false" || text == "no") return *value = false, true;
-  return false;
-}
-
-bool parseInteger(const std::string& text, std::int64_t low, std::int64_t high,
-                  std::int64_t* value) {
-  if (text.empty() || text.size() > 12 ||
-      text.find_first_not_of("0123456789") != std::string::npos) {
-    return false;
-  }
-  *value = std::stoll(text);
-  return *value >= low && *value <= high;
-}
-
-bool isSupportedCatalog(const std::string& name) {
-  for (const std::string& supported : KTSMetaIndex::supportedCatalogNames()) {
-    if (supported == name) return true;
-  }
-  return false;
-}
-
-enum class Kind {
-  Boolean,
-  Port,
-  Integer,
-  Percent,
-  Concurrency,
-  HttpURL,
-  CatalogList,
-  HostName,
-  AbsolutePath,
-  FilePath,
-  Seconds,
-  ListenAddress,
-  ReadableFile
-};
-
-const std::map<std::string, Kind>& settableKeys() {
-  static const std::map<std::string, Kind> keys = {{"autoMirror", Kind::Boolean},
-                                                   {"autoEnable", Kind::Boolean},
-                                                   {"autoMirrorOnlyNew", Kind::Boolean},
-                                                   {"PurgeUnused", Kind::Boolean},
-                                                   {"limitBandwidth", Kind::Boolean},
-                                                   {"portToUse", Kind::Port},
-                                                   {"valueBandwidth", Kind::Integer},
-                                                   {"syncBandwidth", Kind::Integer},
-                                                   {"volumeReserve", Kind::Percent},
-                                                   {"metaIndexURL", Kind::HttpURL},
-                                                   {"otherCatalogs", Kind::CatalogList},
-                                                   {"publicHostName", Kind::HostName},
-                                                   {"updatesDocRoot", Kind::AbsolutePath},
-                                                   {"maxConcurrentDownloads", Kind::Concurrency},
-                                                   {"minimumDownloadSpeed", Kind::Integer},
-                                                   {"hookTimeout", Kind::Seconds},
-                                                   {"metricsFile", Kind::FilePath},
-                                                   {"adminPort", Kind::Port},
-                                                   {"adminAddress", Kind::ListenAddress},
-                                                   {"adminCertificate", Kind::ReadableFile},
-                                                   {"adminCertificateKey", Kind::ReadableFile}};
-  return keys;
-}
-
-// The setting's value from its text, or null with the reason in *why.
-Plist settingValue(Kind kind, const std::string& text, std::string* why) {
-  bool flag = false;
-  std::int64_t number = 0;
-  switch (kind) {
-    case Kind::Boolean:
-      if (parseBoolean(text, &flag)) return Plist::boolean(flag);
-      *why = "takes true, false, yes or no";
-      break;
-    case Kind::Port:
-      if (parseInteger(text, 1, 65535, &number)) return Plist::integer(number);
-      *why = "takes a port from 1 to 65535";
-      break;
-    case Kind::Integer:
-      if (parseInteger(text, 0, 1'000'000'000, &number)) return Plist::integer(number);
-      *why = "takes a whole number of KB/s, 0 for no limit";
-      break;
-    case Kind::Percent:
-      if (parseInteger(text, 0, 100, &number)) return Plist::integer(number);
-      *why = "takes a percentage from 0 to 100";
-      break;
-    case Kind::Concurrency:
-      if (parseInteger(text, 1, 64, &number)) return Plist::integer(number);
-      *why = "takes a number of transfers from 1 to 64";
-      break;
-    case Kind::HttpURL: {
-      std::optional<Url> url = Url::parse(text);
-      if (url && (url->scheme() == "http" || url->scheme() == "https") && !url->host().empty()) {
-        return Plist(url->text());
-      }
-      *why = "takes an http or https URL";
-      break;
-    }
-    case Kind::CatalogList: {
-      Plist names = Plist::array();
-      std::size_t start = 0;
-      while (start <= text.size()) {
-        std::size_t comma = text.find(',', start);
-        std::string name = text.substr(start, comma == std::string::npos ? comma : comma - start);
-        if (!name.empty() && !isSupportedCatalog(name)) {
-          *why = "names a catalog that is not supported: " + name;
-          return Plist();
-        }
-        if (!name.empty()) names.append(Plist(name));
-        if (comma == std::string::npos) break;
-        start = comma + 1;
-      }
-      return names;
-    }
-    case Kind::HostName:
-      if (isValidHostName(text)) return Plist(text);
-      *why =
-          "takes a host name (labels of up to 63 letters, digits and hyphens, 253 characters in "
-          "all), an IPv4 address or an IPv6 address in brackets";
-      break;
-    case Kind::AbsolutePath:
-      if (!text.empty() && text.front() == '/' &&
-          text.find_first_of("\"\\\n\r\t") == std::string::npos) {
-        return Plist(text.back() == '/' ? text : text + "/");
-      }
-      *why = "takes an absolute path";
-      break;
-    case Kind::FilePath:
-      if (text.size() > 1 && text.front() == '/' && text.back() != '/' &&
-          text.find_first_of("\n\r") == std::string::npos) {
-        return Plist(text);
-      }
-      *why = "takes the absolute path of a file";
-      break;
-    case Kind::ListenAddress:
-      if (programs::isListenAddress(text)) return Plist(text);
-      *why = "takes an IPv4 address, or an IPv6 address in brackets";
-      break;
-    case Kind::ReadableFile:
-      if (text.size() > 1 && text.front() == '/' &&
-          text.find_first_of("\"\\\n\r\t") == std::string::npos &&
-          ::access(text.c_str(), R_OK) == 0) {
-        return Plist(text);
-      }
-      *why = "takes the absolute path of a file that " + std::string(kServiceAccount) + " can read";
-      break;
-    case Kind::Seconds:
-      if (parseInteger(text, 1, 3600, &number)) return Plist::integer(number);
-      *why = "takes a number of seconds from 1 to 3600";
-      break;
-  }
-  return Plist();
-}
-
 }  // namespace
 
 int postChanges(const std::string& action, const std::vector<std::string>& productIds) {
@@ -348,14 +196,16 @@ int configGet(const std::string& key, bool json) {
 }
 
 int configSet(const std::string& key, const std::string& text) {
-  auto found = settableKeys().find(key);
-  if (found == settableKeys().end()) {
+  const KTSSettings::Setting* setting = KTSSettings::find(key);
+  if (setting == nullptr) {
     std::string keys;
-    for (const auto& [name, kind] : settableKeys()) keys += (keys.empty() ? "" : ", ") + name;
+    for (const KTSSettings::Setting& each : KTSSettings::settable()) {
+      keys += (keys.empty() ? "" : ", ") + std::string(each.key);
+    }
     return fail(key + " cannot be set here; settable: " + keys);
   }
   std::string why;
-  Plist value = settingValue(found->second, text, &why);
+  Plist value = KTSSettings::valueFromText(*setting, text, &why);
   if (value.isNull()) return fail(key + " " + why + "; nothing was changed");
   auto preferences = KTSPreferences::defaultPreferences();
   if ((key == "adminPort" && value.integerValue() == preferences->portToUse().integerValue()) ||

@@ -1,0 +1,199 @@
+#include "KTSSettings.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "KTSMetaIndex.h"
+#include "KTSServerLayout.h"
+#include "Url.h"
+
+namespace ondrel::KTSSettings {
+
+namespace {
+
+constexpr std::int64_t kMostKilobytesPerSecond = 1'000'000'000;
+
+bool parseInteger(const std::string& text, std::int64_t* value) {
+  if (text.empty() || text.size() > 12 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
+    return false;
+  }
+  *value = std::stoll(text);
+  return true;
+}
+
+bool isSupportedCatalog(const std::string& name) {
+  const std::vector<std::string>& supported = KTSMetaIndex::supportedCatalogNames();
+  return std::find(supported.begin(), supported.end(), name) != supported.end();
+}
+
+// Comma-separated catalog names, or null with the one that is not supported.
+Plist catalogList(const std::string& text, std::string* why) {
+  Plist names = Plist::array();
+  std::size_t start = 0;
+  while (start <= text.size()) {
+    std::size_t comma = text.find(',', start);
+    std::string name = text.substr(start, comma == std::string::npos ? comma : comma - start);
+    if (!name.empty() && !isSupportedCatalog(name)) {
+      *why = "names a catalog that is not supported: " + name;
+      return Plist();
+    }
+    if (!name.empty()) names.append(Plist(name));
+    if (comma == std::string::npos) break;
+    start = comma + 1;
+  }
+  return names;
+}
+
+bool isAbsoluteWithoutSpecials(const std::string& text) {
+  return !text.empty() && text.front() == '/' &&
+         text.find_first_of("\"\\\n\r\t") == std::string::npos;
+}
+
+std::int64_t integerWithin(const Plist& preferences, std::string_view key, std::int64_t fallback) {
+  const Setting* setting = find(key);
+  const Plist& value = preferences[std::string(key)];
+  if (setting == nullptr || !value.isNumber() || value.integerValue() < setting->low ||
+      value.integerValue() > setting->high) {
+    return fallback;
+  }
+  return value.integerValue();
+}
+
+Setting plain(std::string_view key, Kind kind) { return {key, kind, 0, 0, {}}; }
+
+Setting number(std::string_view key, std::int64_t low, std::int64_t high, std::string_view unit) {
+  return {key, Kind::Integer, low, high, unit};
+}
+
+}  // namespace
+
+const std::vector<Setting>& settable() {
+  static const std::vector<Setting> settings = {
+      plain("PurgeUnused", Kind::Boolean),
+      plain("adminAddress", Kind::ListenAddress),
+      plain("adminCertificate", Kind::ReadableFile),
+      plain("adminCertificateKey", Kind::ReadableFile),
+      number("adminPort", 1, 65535, "a port"),
+      plain("autoEnable", Kind::Boolean),
+      plain("autoMirror", Kind::Boolean),
+      plain("autoMirrorOnlyNew", Kind::Boolean),
+      number("hookTimeout", 1, 3600, "a number of seconds"),
+      plain("limitBandwidth", Kind::Boolean),
+      number("maxConcurrentDownloads", 1, kMostConcurrentDownloads, "a number of transfers"),
+      plain("metaIndexURL", Kind::HttpURL),
+      plain("metricsFile", Kind::FilePath),
+      number("minimumDownloadSpeed", 0, kMostKilobytesPerSecond, "a whole number of KB/s"),
+      plain("otherCatalogs", Kind::CatalogList),
+      number("portToUse", 1, 65535, "a port"),
+      plain("publicHostName", Kind::HostName),
+      number("syncBandwidth", 0, kMostKilobytesPerSecond,
+             "a whole number of KB/s (0 for no limit)"),
+      plain("updatesDocRoot", Kind::Folder),
+      number("valueBandwidth", 0, kMostKilobytesPerSecond,
+             "a whole number of KB/s (0 for no limit)"),
+      number("volumeReserve", 0, 100, "a percentage"),
+  };
+  return settings;
+}
+
+const Setting* find(std::string_view key) {
+  const std::vector<Setting>& settings = settable();
+  auto found = std::find_if(settings.begin(), settings.end(),
+                            [key](const Setting& setting) { return setting.key == key; });
+  return found != settings.end() ? &*found : nullptr;
+}
+
+Plist valueFromText(const Setting& setting, const std::string& text, std::string* why) {
+  std::int64_t number = 0;
+  switch (setting.kind) {
+    case Kind::Boolean:
+      if (text == "true" || text == "yes") return Plist::boolean(true);
+      if (text == "false" || text == "no") return Plist::boolean(false);
+      *why = "takes true, false, yes or no";
+      return Plist();
+    case Kind::Integer:
+      if (parseInteger(text, &number) && number >= setting.low && number <= setting.high) {
+        return Plist::integer(number);
+      }
+      *why = fmt::format("takes {} from {} to {}", setting.unit, setting.low, setting.high);
+      return Plist();
+    case Kind::HttpURL: {
+      std::optional<Url> url = Url::parse(text);
+      if (url && (url->scheme() == "http" || url->scheme() == "https") && !url->host().empty()) {
+        return Plist(url->text());
+      }
+      *why = "takes an http or https URL";
+      return Plist();
+    }
+    case Kind::CatalogList:
+      return catalogList(text, why);
+    case Kind::HostName:
+      if (isValidHostName(text)) return Plist(text);
+      *why =
+          "takes a host name (labels of up to 63 letters, digits and hyphens, 253 characters in "
+          "all), an IPv4 address or an IPv6 address in brackets";
+      return Plist();
+    case Kind::Folder:
+      if (isAbsoluteWithoutSpecials(text)) return Plist(text.back() == '/' ? text : text + "/");
+      *why = "takes an absolute path";
+      return Plist();
+    case Kind::FilePath:
+      if (text.size() > 1 && text.front() == '/' && text.back() != '/' &&
+          text.find_first_of("\n\r") == std::string::npos) {
+        return Plist(text);
+      }
+      *why = "takes the absolute path of a file";
+      return Plist();
+    case Kind::ReadableFile:
+      if (isAbsoluteWithoutSpecials(text) && ::access(text.c_str(), R_OK) == 0) return Plist(text);
+      *why = "takes the absolute path of a file that the service account can read";
+      return Plist();
+    case Kind::ListenAddress:
+      if (isListenAddress(text)) return Plist(text);
+      *why = "takes an IPv4 address, or an IPv6 address in brackets";
+      return Plist();
+  }
+  return Plist();
+}
+
+bool isListenAddress(const std::string& text) {
+  unsigned char address[16];
+  if (inet_pton(AF_INET, text.c_str(), address) == 1) return true;
+  return text.size() > 2 && text.front() == '[' && text.back() == ']' &&
+         inet_pton(AF_INET6, text.substr(1, text.size() - 2).c_str(), address) == 1;
+}
+
+bool isLoopbackAddress(const std::string& address) {
+  unsigned char bytes[16];
+  if (inet_pton(AF_INET, address.c_str(), bytes) == 1) return bytes[0] == 127;
+  return address == "[::1]";
+}
+
+std::int64_t maxConcurrentDownloads(const Plist& preferences) {
+  return integerWithin(preferences, "maxConcurrentDownloads", 16);
+}
+
+std::int64_t hookTimeoutSeconds(const Plist& preferences) {
+  return integerWithin(preferences, "hookTimeout", 60);
+}
+
+int adminPort(const Plist& preferences) {
+  return static_cast<int>(integerWithin(preferences, "adminPort", 8089));
+}
+
+std::string adminAddress(const Plist& preferences) {
+  const std::string& address = preferences["adminAddress"].stringValue();
+  return isListenAddress(address) ? address : "127.0.0.1";
+}
+
+std::string metricsFile(const Plist& preferences) {
+  const std::string& path = preferences["metricsFile"].stringValue();
+  if (path.size() > 1 && path.front() == '/' && path.back() != '/') return path;
+  return KTSServerLayout::statusPath("ondrel.prom");
+}
+
+}  // namespace ondrel::KTSSettings
