@@ -16,10 +16,7 @@ namespace ondrel {
 void KTSCatalog::applyGlobalProductPreferences() {
   auto preferences = KTSPreferences::defaultPreferences();
   bool automatic = preferences->automaticPresetsEnabled();
-  const char* mode = automatic                   ? "AUTOMATIC"
-                     : preferences->autoMirror() ? "MANUAL (auto-download ON)"
-                                                 : "MANUAL (auto-download OFF)";
-  log_.debug("CTLG: Mode is {}.", mode);
+  log_.debug("CTLG: Mode is {}.", preferences->modeName());
   applyAutoMirrorsForAllProducts();
   applyAutoEnablesForAllProducts();
   if (automatic || !products_) return;

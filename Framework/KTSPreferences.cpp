@@ -201,6 +201,11 @@ bool KTSPreferences::automaticPresetsEnabled() {
   return autoMirror() && autoEnable() && purgeUnused() && !autoMirrorOnlyNew();
 }
 
+std::string KTSPreferences::modeName() {
+  if (automaticPresetsEnabled()) return "AUTOMATIC";
+  return autoMirror() ? "MANUAL (auto-download ON)" : "MANUAL (auto-download OFF)";
+}
+
 bool KTSPreferences::booleanWithDefault(const std::string& key) {
   checkPrefDefaultValue(key, Plist::boolean(false));
   return prefs_[key].boolValue();

@@ -58,6 +58,9 @@ class KTSPreferences {
   std::string statusWorkingPathForPath(const std::string& path) const;
 
   bool automaticPresetsEnabled();
+  // The mode as the logs and the status show it: "AUTOMATIC", "MANUAL (auto-download ON)" or
+  // "MANUAL (auto-download OFF)".
+  std::string modeName();
 
   // Settings. Getters that take a default may store it (see each key); setters of object values
   // refuse a null value.

@@ -7,6 +7,7 @@
 #include "FileIO.h"
 #include "HostPaths.h"
 #include "KTSPreferences.h"
+#include "KTSServerLayout.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
 #include "ProductId.h"
@@ -16,7 +17,6 @@ namespace ondrel {
 
 namespace {
 
-constexpr std::string_view kRequestPrefix = "ondr_req.";
 constexpr const char* kSyncRequestType = "startSync";
 constexpr const char* kChangeRequestType = "productChanges";
 
@@ -172,7 +172,7 @@ void KTSRequestManager::writeRequest(const Plist& request) {
   updateRequestDirPath();
   auto seconds =
       std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
-  std::string path = fmt::format("{}/{}{}", requestDirPath_, kRequestPrefix, seconds);
+  std::string path = requestDirPath_ + "/" + KTSServerLayout::requestFileName(seconds);
   log_.debug("REQM: writing: {} (type = {})", path, request["requestType"]);
   KTSUtilities::writeDictionaryToPath(request, path);
   if (KTSUtilities::fileExistsAtPath(path)) {
@@ -189,7 +189,7 @@ std::optional<std::vector<std::string>> KTSRequestManager::getPendingRequestPath
   std::filesystem::directory_iterator entries(requestDirPath_, error);
   for (; !error && entries != std::filesystem::directory_iterator(); entries.increment(error)) {
     std::string name = entries->path().filename().string();
-    if (name.rfind(kRequestPrefix, 0) == 0) {
+    if (KTSServerLayout::isRequestFileName(name)) {
       paths.push_back(fmt::format("{}/{}", requestDirPath_, name));
       log_.debug("REQM: found pending request: {}", name);
     } else {

@@ -27,8 +27,38 @@ std::string hooksFolder() { return serviceFolder() + "/Config/hooks.d"; }
 
 std::string spoolFolder() { return fixedPath("/var/spool/ondrd"); }
 
+namespace {
+
+constexpr std::string_view kRequestPrefix = "ondr_req.";
+
+}  // namespace
+
+std::string requestFileName(std::int64_t second) {
+  return std::string(kRequestPrefix) + std::to_string(second);
+}
+
 std::string requestPath(std::int64_t second) {
-  return spoolFolder() + "/ondr_req." + std::to_string(second);
+  return spoolFolder() + "/" + requestFileName(second);
+}
+
+bool isRequestFileName(std::string_view name) { return name.starts_with(kRequestPrefix); }
+
+std::string servedCatalogPath(const Url& catalogURL) {
+  return standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath() +
+                           catalogURL.path());
+}
+
+std::string catalogsFolderPath(const std::string& name) {
+  return KTSPreferences::defaultPreferences()->updatesOtherCatalogsPath() + "/" + name;
+}
+
+std::string adminSiteConfigPath() { return configFolder() + "/ondrd-admin.conf"; }
+std::string adminPasswordPath() { return configFolder() + "/admin.passwd"; }
+std::string adminSecretPath() { return configFolder() + "/admin.secret"; }
+std::string adminSessionsFolder() { return statusPath("admin-sessions"); }
+
+std::string adminStaticFolder() {
+  return deletingLastPathComponent(resourcePath("ondrd", "plist")) + "/admin";
 }
 
 }  // namespace ondrel::KTSServerLayout

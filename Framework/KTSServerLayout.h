@@ -8,6 +8,9 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
+
+#include "Url.h"
 
 namespace ondrel::KTSServerLayout {
 
@@ -27,5 +30,22 @@ std::string hooksFolder();
 // The spool of requests from the administration side, and the request posted in that second.
 std::string spoolFolder();
 std::string requestPath(std::int64_t second);
+// The name of the request posted in that second, and whether a file of the spool is a request.
+std::string requestFileName(std::int64_t second);
+bool isRequestFileName(std::string_view name);
+
+// The catalog served to clients for an upstream catalog URL (its path under the document root).
+std::string servedCatalogPath(const Url& catalogURL);
+// A file of the served catalogs' folder by its name: a served catalog, or one of the server's own
+// files beside it ("NAME.composite").
+std::string catalogsFolderPath(const std::string& name);
+
+// The administration page: its site's configuration (included by ondrd.conf), password file,
+// token secret, sessions, and the static files it serves (shipped beside the defaults).
+std::string adminSiteConfigPath();
+std::string adminPasswordPath();
+std::string adminSecretPath();
+std::string adminSessionsFolder();
+std::string adminStaticFolder();
 
 }  // namespace ondrel::KTSServerLayout

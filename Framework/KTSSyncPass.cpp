@@ -108,11 +108,6 @@ std::string KTSPassOutcome::note() const {
 KTSSyncPass::KTSSyncPass(KTSPassObserver& observer)
     : observer_(observer), log_(LogHandle::shared()) {}
 
-std::string KTSSyncPass::servedCatalogPath(const Url& catalogURL) {
-  return standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath() +
-                           catalogURL.path());
-}
-
 void KTSSyncPass::forgetSharedInstances() {
   KTSPreferences::resetDefaultPreferences();
   KTSMetaIndex::resetDefaultMetaIndex();
@@ -615,7 +610,7 @@ bool KTSSyncPass::listsChangedProduct(const KTSCatalog& catalog) const {
 void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {
   KTSPassRecord* record = KTSPassRecord::current();
   for (const auto& catalog : catalogs_) {
-    std::string path = servedCatalogPath(catalog->catalogURL());
+    std::string path = KTSServerLayout::servedCatalogPath(catalog->catalogURL());
     if (!KTSPath::isInsideHtmlFolder(path)) continue;
     std::vector<KTSProduct*> serving = servedProducts(*catalog);
     std::string inputs = record ? servedCatalogInputs(serving, *record) : "";

@@ -65,8 +65,6 @@ class KTSSyncPass {
   // Only the pending product changes: the catalogs are loaded from their caches.
   KTSPassOutcome runProductChanges();
 
-  // Path of the served catalog of an upstream catalog URL, under the document root.
-  static std::string servedCatalogPath(const Url& catalogURL);
   // Lets go of the shared instances read from files the administration side writes (the
   // preferences, the meta-index, the status, the working set, the requests, the tickets and the
   // metadata generator), so that the next pass reads those files as they are now.

@@ -4,6 +4,7 @@
 
 #include "AdminRequests.h"
 #include "AdminSite.h"
+#include "KTSServerLayout.h"
 #include "OndrelTest.h"
 
 namespace ondrel {
@@ -60,7 +61,7 @@ TEST_F(AdminSiteTest, PasswordsAreHashedReplacedAndCheckedBeforeWriting) {
   ASSERT_TRUE(setAdminPassword("admin", "first-password", &error)) << error;
   ASSERT_TRUE(setAdminPassword("second", "another-password", &error)) << error;
   ASSERT_TRUE(setAdminPassword("admin", "changed-password", &error)) << error;
-  std::string file = readFile(adminPasswordPath());
+  std::string file = readFile(KTSServerLayout::adminPasswordPath());
   EXPECT_EQ(file.find("password"), std::string::npos) << "never stored in clear";
   ASSERT_EQ(file.find("second:"), 0u) << file;
   std::string line = file.substr(file.find("admin:"));
@@ -76,7 +77,7 @@ TEST_F(AdminSiteTest, PasswordsAreHashedReplacedAndCheckedBeforeWriting) {
                                                         {"admin", "two\nlines-here"}}) {
     EXPECT_FALSE(setAdminPassword(user, password, &error)) << user;
   }
-  EXPECT_EQ(readFile(adminPasswordPath()), file);
+  EXPECT_EQ(readFile(KTSServerLayout::adminPasswordPath()), file);
 }
 
 }  // namespace

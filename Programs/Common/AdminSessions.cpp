@@ -21,8 +21,6 @@ constexpr std::size_t kMostSessionBytes = 256;
 // Clearing away stops after this many files: a folder filled by someone else costs no more.
 constexpr int kMostSessionsLookedAt = 10000;
 
-std::string sessionFolder() { return KTSServerLayout::statusPath("admin-sessions"); }
-
 std::int64_t secondsNow() {
   return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
 }
@@ -37,8 +35,8 @@ Session readSession(const std::string& name) {
   Session session;
   std::string text;
   std::string ignored;
-  if (!isSessionId(name) ||
-      !readWholeFile(sessionFolder() + "/" + name, &text, &ignored, kMostSessionBytes)) {
+  if (!isSessionId(name) || !readWholeFile(KTSServerLayout::adminSessionsFolder() + "/" + name,
+                                           &text, &ignored, kMostSessionBytes)) {
     return session;
   }
   std::istringstream lines(text);
@@ -56,7 +54,7 @@ void clearEndedSessions() {
   std::error_code error;
   int lookedAt = 0;
   std::int64_t now = secondsNow();
-  for (auto entry = fs::directory_iterator(sessionFolder(), error);
+  for (auto entry = fs::directory_iterator(KTSServerLayout::adminSessionsFolder(), error);
        !error && entry != fs::directory_iterator() && ++lookedAt <= kMostSessionsLookedAt;
        entry.increment(error)) {
     if (readSession(entry->path().filename()).ends <= now) fs::remove(entry->path(), error);
@@ -67,13 +65,13 @@ void clearEndedSessions() {
 
 std::string startAdminSession(const std::string& user, std::string* error) {
   std::error_code ignored;
-  std::filesystem::create_directory(sessionFolder(), ignored);
-  ::chmod(sessionFolder().c_str(), 0770);
+  std::filesystem::create_directory(KTSServerLayout::adminSessionsFolder(), ignored);
+  ::chmod(KTSServerLayout::adminSessionsFolder().c_str(), 0770);
   clearEndedSessions();
   std::string session = newSessionId();
   std::int64_t ends =
       secondsNow() + std::chrono::duration_cast<std::chrono::seconds>(kSessionLength).count();
-  if (!writeStringAtomically(sessionFolder() + "/" + session,
+  if (!writeStringAtomically(KTSServerLayout::adminSessionsFolder() + "/" + session,
                              user + "\n" + std::to_string(ends) + "\n", error)) {
     return "";
   }
@@ -89,7 +87,7 @@ std::string adminSessionUser(const std::string& session) {
 void endAdminSession(const std::string& session) {
   if (!isSessionId(session)) return;
   std::error_code ignored;
-  std::filesystem::remove(sessionFolder() + "/" + session, ignored);
+  std::filesystem::remove(KTSServerLayout::adminSessionsFolder() + "/" + session, ignored);
 }
 
 }  // namespace ondrel::programs

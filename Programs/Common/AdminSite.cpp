@@ -51,7 +51,7 @@ bool isUserName(const std::string& user) {
 std::vector<std::string> passwordLines() {
   std::string contents;
   std::string ignored;
-  readWholeFile(adminPasswordPath(), &contents, &ignored, kMostPasswordFileBytes);
+  readWholeFile(KTSServerLayout::adminPasswordPath(), &contents, &ignored, kMostPasswordFileBytes);
   std::vector<std::string> lines;
   std::istringstream stream(contents);
   for (std::string line; std::getline(stream, line);) {
@@ -77,7 +77,7 @@ std::string passwordHashOf(const std::string& user) {
 bool writePasswordLines(const std::vector<std::string>& lines, std::string* error) {
   std::string text;
   for (const std::string& line : lines) text += line + "\n";
-  return writePrivateFile(adminPasswordPath(), text, error);
+  return writePrivateFile(KTSServerLayout::adminPasswordPath(), text, error);
 }
 
 // A path Apache may be given in quotes: absolute, without quotes, backslashes or control
@@ -101,7 +101,7 @@ std::string tlsDirectives(const AdminTls& tls) {
 
 std::string siteConfiguration(const std::optional<AdminTls>& tls) {
   std::string listen = fmt::format("{}:{}", adminAddress(), adminPort());
-  std::string folder = adminStaticFolder();
+  std::string folder = KTSServerLayout::adminStaticFolder();
   std::string cgi = KTSServerLayout::cgiPath("OndrelServerAdmin");
   std::string text =
       "# The administration page, written by ondrelctl from \"adminAddress\", \"adminPort\",\n"
@@ -141,14 +141,6 @@ std::string siteConfiguration(const std::optional<AdminTls>& tls) {
 
 }  // namespace
 
-std::string adminSiteConfigPath() { return KTSServerLayout::configFolder() + "/ondrd-admin.conf"; }
-std::string adminPasswordPath() { return KTSServerLayout::configFolder() + "/admin.passwd"; }
-std::string adminSecretPath() { return KTSServerLayout::configFolder() + "/admin.secret"; }
-
-std::string adminStaticFolder() {
-  return deletingLastPathComponent(resourcePath("ondrd", "plist")) + "/admin";
-}
-
 std::string adminAddress() {
   return KTSSettings::adminAddress(KTSPreferences::defaultPreferences()->prefs());
 }
@@ -177,8 +169,8 @@ std::optional<AdminTls> adminTls(std::string* problem) {
 
 bool writeAdminSite(std::string* error) {
   std::error_code missing;
-  if (!std::filesystem::exists(adminPasswordPath(), missing)) {
-    return writePrivateFile(adminSiteConfigPath(),
+  if (!std::filesystem::exists(KTSServerLayout::adminPasswordPath(), missing)) {
+    return writePrivateFile(KTSServerLayout::adminSiteConfigPath(),
                             "# The administration page is off until an administrator has a "
                             "password:\n#     ondrelctl web passwd USER\n",
                             error);
@@ -193,16 +185,16 @@ bool writeAdminSite(std::string* error) {
   std::optional<AdminTls> tls = adminTls(&tlsProblem);
   if (!tlsProblem.empty()) {
     std::string ignored;
-    writePrivateFile(adminSiteConfigPath(),
+    writePrivateFile(KTSServerLayout::adminSiteConfigPath(),
                      "# The administration page is off: " + tlsProblem + "\n", &ignored);
     *error = tlsProblem + "; the page is off until then";
     return false;
   }
   if (readAdminSecret().empty() &&
-      !writePrivateFile(adminSecretPath(), newAdminSecret() + "\n", error)) {
+      !writePrivateFile(KTSServerLayout::adminSecretPath(), newAdminSecret() + "\n", error)) {
     return false;
   }
-  return writePrivateFile(adminSiteConfigPath(), siteConfiguration(tls), error);
+  return writePrivateFile(KTSServerLayout::adminSiteConfigPath(), siteConfiguration(tls), error);
 }
 
 bool setAdminPassword(const std::string& user, const std::string& password, std::string* error) {
@@ -237,7 +229,7 @@ bool deleteAdminUser(const std::string& user, std::string* error) {
   }
   if (!lines.empty()) return writePasswordLines(lines, error);
   std::error_code removed;
-  std::filesystem::remove(adminPasswordPath(), removed);
+  std::filesystem::remove(KTSServerLayout::adminPasswordPath(), removed);
   if (removed) *error = "the password file could not be removed: " + removed.message();
   return !removed;
 }
@@ -261,7 +253,7 @@ LoginCheck checkAdminPassword(const std::string& user, const std::string& passwo
 std::string readAdminSecret() {
   std::string secret;
   std::string ignored;
-  if (!readWholeFile(adminSecretPath(), &secret, &ignored, 4096)) return "";
+  if (!readWholeFile(KTSServerLayout::adminSecretPath(), &secret, &ignored, 4096)) return "";
   while (!secret.empty() && (secret.back() == '\n' || secret.back() == '\r')) secret.pop_back();
   return secret.size() >= 32 ? secret : "";
 }

@@ -10,11 +10,6 @@
 
 namespace ondrel::programs {
 
-std::string adminSiteConfigPath();
-std::string adminPasswordPath();
-std::string adminSecretPath();
-// The page's static files: the "admin" folder beside the shipped defaults.
-std::string adminStaticFolder();
 // The preferences "adminAddress" and "adminPort", or their defaults.
 std::string adminAddress();
 int adminPort();

@@ -32,12 +32,6 @@ namespace ondrel::programs {
 
 namespace {
 
-std::string modeText() {
-  auto preferences = KTSPreferences::defaultPreferences();
-  if (preferences->automaticPresetsEnabled()) return "AUTOMATIC";
-  return preferences->autoMirror() ? "MANUAL (auto-download ON)" : "MANUAL (auto-download OFF)";
-}
-
 std::string lowercased(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -49,7 +43,7 @@ std::size_t pendingRequestCount() {
   std::error_code error;
   for (std::filesystem::directory_iterator entry(KTSServerLayout::spoolFolder(), error), end;
        !error && entry != end; entry.increment(error)) {
-    if (entry->path().filename().string().rfind("ondr_req.", 0) == 0) ++count;
+    if (KTSServerLayout::isRequestFileName(entry->path().filename().string())) ++count;
   }
   return count;
 }
@@ -72,8 +66,7 @@ Plist optionalDate(const std::optional<Date>& date) {
 
 std::set<std::string> productsOfCatalog(const std::string& name) {
   std::set<std::string> ids;
-  std::string composite =
-      KTSPreferences::defaultPreferences()->updatesOtherCatalogsPath() + "/" + name + ".composite";
+  std::string composite = KTSServerLayout::catalogsFolderPath(name + ".composite");
   for (const auto& [productId, entry] :
        KTSUtilities::readPropertyListAtPath(composite)[KTCatalogProductsDictKey].items()) {
     ids.insert(productId);
@@ -142,7 +135,7 @@ ServerSummary summarizeServer() {
   summary.lastRunTime = status->getLastRunTime();
   summary.updateError = status->getUpdateError();
   summary.errorNote = status->getErrorNote();
-  summary.mode = modeText();
+  summary.mode = KTSPreferences::defaultPreferences()->modeName();
   for (const auto& [productId, record] : KTSWorkingSet::defaultWorkingSet()->products().items()) {
     ++summary.products;
     std::int32_t mirror = KTSProduct::mirrorStateForString(record["mirror"].stringValue());

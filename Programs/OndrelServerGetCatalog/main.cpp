@@ -17,7 +17,7 @@
 #include "CgiPrograms.h"
 #include "HttpConditions.h"
 #include "KTSMetaIndex.h"
-#include "KTSPreferences.h"
+#include "KTSServerLayout.h"
 #include "KTSSyncStatus.h"
 
 namespace {
@@ -102,7 +102,6 @@ int main(int, char** argv) {
     return 0;
   }
   ondrel::programs::locateServiceRootOfCgi(argv[0]);
-  std::string path =
-      ondrel::KTSPreferences::defaultPreferences()->updatesOtherCatalogsPath() + "/" + name;
-  return serve(path, ondrel::programs::cgiVariable("REQUEST_METHOD") == "HEAD");
+  return serve(ondrel::KTSServerLayout::catalogsFolderPath(name),
+               ondrel::programs::cgiVariable("REQUEST_METHOD") == "HEAD");
 }
