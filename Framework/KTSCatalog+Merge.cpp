@@ -47,20 +47,7 @@ void KTSCatalog::updateCompositeCatalogWithCatalog(const Plist& catalog) {
   log_.debug("CTLG: # updating composite from {}", lastPathComponent(catalogURL_.path()));
   log_.debug("CTLG: # ");
   bool purge = KTSPreferences::defaultPreferences()->automaticPresetsEnabled();
-
-  const Plist& rawIndexDate = catalog[KTCatalogIndexDateKey];
-  std::optional<Date> indexDate = KTSUtilities::validDateForValue(rawIndexDate);
-  if (!indexDate) {
-    log_.debug("CTLG: [WARNING] Source catalog index date cannot be converted to NSDate value.");
-    log_.warning("*** Source catalog index date value is not a valid date format. (value = \"{}\")",
-                 rawIndexDate);
-    log_.info("Source catalog will assume index date of 'now'.");
-    indexDate = Clock::now();
-  }
-  std::optional<Date> knownDate = compositeCatalog_[KTCatalogIndexDateKey].dateValue();
-  if (knownDate && *indexDate <= *knownDate) {
-    log_.debug("CTLG: [NOTICE] processing catalog with unchanged index date");
-  }
+  Date indexDate = indexDateOfCatalog(catalog);
   // Without a post URL and a product list there is nothing to merge: the composite catalog on
   // disk and in memory stays exactly as it was, and the caller learns why.
   const Plist& postURL = catalog[KTCatalogVantorPostURLKey];
@@ -75,13 +62,40 @@ void KTSCatalog::updateCompositeCatalogWithCatalog(const Plist& catalog) {
 
   Plist composite = compositeCatalog_.isDictionary() ? compositeCatalog_ : Plist::dictionary();
   composite.set(KTCatalogVantorPostURLKey, postURL);
-  composite.set(KTCatalogIndexDateKey, Plist::date(*indexDate));
+  composite.set(KTCatalogIndexDateKey, Plist::date(indexDate));
   const Plist old = composite[KTCatalogProductsDictKey].isDictionary()
                         ? composite[KTCatalogProductsDictKey]
                         : Plist::dictionary();
   // The merged entries are gathered and sorted once: setting them one by one into the old
   // dictionary would move its entries for every new product.
   std::vector<Plist::Dictionary::Entry> merged;
+  mergeListedProducts(incoming, old, merged);
+  mergeUnlistedProducts(incoming, old, purge, merged);
+  Plist result(Plist::Dictionary::fromEntries(std::move(merged)));
+  composite.set(KTCatalogProductsDictKey, std::move(result));
+  compositeCatalog_ = std::move(composite);
+  saveMergedCompositeCatalog();
+}
+
+Date KTSCatalog::indexDateOfCatalog(const Plist& catalog) const {
+  const Plist& rawIndexDate = catalog[KTCatalogIndexDateKey];
+  std::optional<Date> indexDate = KTSUtilities::validDateForValue(rawIndexDate);
+  if (!indexDate) {
+    log_.debug("CTLG: [WARNING] Source catalog index date cannot be converted to NSDate value.");
+    log_.warning("*** Source catalog index date value is not a valid date format. (value = \"{}\")",
+                 rawIndexDate);
+    log_.info("Source catalog will assume index date of 'now'.");
+    indexDate = Clock::now();
+  }
+  std::optional<Date> knownDate = compositeCatalog_[KTCatalogIndexDateKey].dateValue();
+  if (knownDate && *indexDate <= *knownDate) {
+    log_.debug("CTLG: [NOTICE] processing catalog with unchanged index date");
+  }
+  return *indexDate;
+}
+
+void KTSCatalog::mergeListedProducts(const Plist& incoming, const Plist& old,
+                                     std::vector<Plist::Dictionary::Entry>& merged) {
   auto keepOldEntry = [&](const std::string& productId) {
     if (old.contains(productId)) merged.emplace_back(productId, old[productId]);
   };
@@ -102,6 +116,10 @@ void KTSCatalog::updateCompositeCatalogWithCatalog(const Plist& catalog) {
     merged.emplace_back(productId, makeCompositeProductForIDAndDictionaryProductState(
                                        productId, dictionary, known ? Recurring : New));
   }
+}
+
+void KTSCatalog::mergeUnlistedProducts(const Plist& incoming, const Plist& old, bool purge,
+                                       std::vector<Plist::Dictionary::Entry>& merged) {
   for (const auto& [productId, entry] : old.items()) {
     if (incoming.contains(productId)) continue;
     bool deprecated = isDeprecatedProductID(productId);
@@ -120,10 +138,6 @@ void KTSCatalog::updateCompositeCatalogWithCatalog(const Plist& catalog) {
     merged.emplace_back(productId, makeCompositeProductForIDAndDictionaryProductState(
                                        productId, entry, deprecated ? Deprecated : Orphaned));
   }
-  Plist result(Plist::Dictionary::fromEntries(std::move(merged)));
-  composite.set(KTCatalogProductsDictKey, std::move(result));
-  compositeCatalog_ = std::move(composite);
-  saveMergedCompositeCatalog();
 }
 
 bool KTSCatalog::shouldIgnoreProductForDictionaryWithIdentifier(const Plist& dictionary,

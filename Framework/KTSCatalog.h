@@ -138,6 +138,14 @@ class KTSCatalog {
   const LogHandle& logger() const { return log_; }
 
  private:
+  // The steps of the merge: the upstream catalog's index date (now, told, when it has none), then
+  // the entries of the products it lists (NEW or RECURRING) and of those it no longer lists
+  // (DEPRECATED or ORPHANED, or none when purged), each gathered into merged.
+  Date indexDateOfCatalog(const Plist& catalog) const;
+  void mergeListedProducts(const Plist& incoming, const Plist& old,
+                           std::vector<Plist::Dictionary::Entry>& merged);
+  void mergeUnlistedProducts(const Plist& incoming, const Plist& old, bool purge,
+                             std::vector<Plist::Dictionary::Entry>& merged);
   // Makes the composite catalog hold the very entries the products hold.
   void shareEntriesOfProducts(const ProductIndex& products);
   // The digest of what the product index cache is made from besides the composite catalog: the

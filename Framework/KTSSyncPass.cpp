@@ -134,11 +134,7 @@ KTSPassOutcome KTSSyncPass::runProductChanges() { return run(false); }
 
 KTSPassOutcome KTSSyncPass::run(bool fullSync) {
   KTSPassOutcome outcome;
-  auto status = KTSSyncStatus::defaultStatus();
-  if (fullSync) {
-    status->setSyncStatus(KTSSyncStatus::InProgress);
-    status->setStartTime();
-  }
+  markPassStarted(fullSync);
   collectChanges();
   recordChangesInWorkingSet();
   // Every file of the pass is fetched through this scheduler, with the validators of what the
@@ -146,7 +142,45 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync) {
   auto validators = std::make_shared<KTSFileValidators>(KTSFileValidators::defaultStorePath());
   KTSFetchScheduler scheduler(KTSFetchScheduler::preferredConcurrency(), validators);
   scheduler.makeCurrent();
+  bool reachable = loadMetaIndex(fullSync, outcome);
+  bool syncing = fullSync && reachable;
+  fetchAndLoadCatalogs(scheduler, syncing, outcome);
+  applyChangesToProducts();
+  std::vector<std::shared_ptr<KTSProduct>> products = productsOfPass();
+  countProducts(products, syncing, outcome);
+  withdrawFilesAboutToChange(products, outcome);
+  removeAndMirrorProducts(products, scheduler, outcome);
+  applyPendingEnables();
+  saveState();
+  validators->save();
+  logRequests(scheduler.counters(), outcome);
+  writeServedCatalogs(outcome);
+  outcome.interrupted = interrupted();
+  if (!outcome.interrupted) finishTickets();
+  observer_.passWorkEnded();
+  markPassEnded(fullSync, outcome);
+  return outcome;
+}
 
+void KTSSyncPass::markPassStarted(bool fullSync) {
+  if (!fullSync) return;
+  auto status = KTSSyncStatus::defaultStatus();
+  status->setSyncStatus(KTSSyncStatus::InProgress);
+  status->setStartTime();
+}
+
+void KTSSyncPass::markPassEnded(bool fullSync, const KTSPassOutcome& outcome) {
+  auto status = KTSSyncStatus::defaultStatus();
+  if (fullSync) {
+    status->setUpdateErrorWithNote(outcome.failed(),
+                                   outcome.failed() ? std::optional(outcome.note()) : std::nullopt);
+    status->setSyncStatus(KTSSyncStatus::Done);
+  } else if (outcome.failed()) {
+    status->setUpdateErrorWithNote(true, outcome.note());
+  }
+}
+
+bool KTSSyncPass::loadMetaIndex(bool fullSync, KTSPassOutcome& outcome) {
   auto metaIndex = KTSMetaIndex::defaultMetaIndex();
   if (!metaIndex->downloadForcingUpdate(fullSync && catalogSettingsChanged())) {
     outcome.failures.push_back("the meta-index names no catalog");
@@ -154,26 +188,30 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync) {
     rememberCatalogSettings();
   }
   const std::vector<KTSURL>& urls = metaIndex->catalogs();
-  bool reachable = !fullSync || urls.empty() || UpstreamProbe().answers(*urls.front().url());
-  if (!reachable) {
-    outcome.failures.push_back(
-        fmt::format("the upstream {} does not answer; catalogs served as they were",
-                    urls.front().url()->host()));
-    log_.error("The upstream {} does not answer; the catalogs are served as they were.",
-               urls.front().url()->host());
-  }
-  bool syncing = fullSync && reachable;
-  // The catalogs and the deprecations list come in side by side.
+  if (!fullSync || urls.empty() || UpstreamProbe().answers(*urls.front().url())) return true;
+  outcome.failures.push_back(fmt::format(
+      "the upstream {} does not answer; catalogs served as they were", urls.front().url()->host()));
+  log_.error("The upstream {} does not answer; the catalogs are served as they were.",
+             urls.front().url()->host());
+  return false;
+}
+
+// The catalogs and the deprecations list come in side by side; then each catalog is merged (or
+// only loaded from its cache when the pass does not sync).
+void KTSSyncPass::fetchAndLoadCatalogs(KTSFetchScheduler& scheduler, bool syncing,
+                                       KTSPassOutcome& outcome) {
   std::vector<std::shared_ptr<KTSCatalog>> catalogs;
-  for (const KTSURL& url : urls) {
+  for (const KTSURL& url : KTSMetaIndex::defaultMetaIndex()->catalogs()) {
     catalogs.push_back(KTSCatalog::catalogWithUrl(*url.url()));
     if (syncing) catalogs.back()->fetchCatalogAheadWithScheduler(scheduler);
   }
   Plist deprecations = syncing ? fetchDeprecations() : Plist();
   scheduler.run();
   loadCatalogs(catalogs, syncing, deprecations, outcome);
-  applyChangesToProducts();
-  std::vector<std::shared_ptr<KTSProduct>> products = productsOfPass();
+}
+
+void KTSSyncPass::countProducts(const std::vector<std::shared_ptr<KTSProduct>>& products,
+                                bool syncing, KTSPassOutcome& outcome) {
   outcome.catalogs = catalogs_.size();
   if (syncing) {
     outcome.productsNew = static_cast<std::size_t>(
@@ -182,39 +220,30 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync) {
         }));
   }
   outcome.productsRemoved = removed_.size();
+}
+
+void KTSSyncPass::removeAndMirrorProducts(const std::vector<std::shared_ptr<KTSProduct>>& products,
+                                          KTSFetchScheduler& scheduler, KTSPassOutcome& outcome) {
   for (const auto& product : removed_) recordFilesTouchedBy(*product);
-  withdrawFilesAboutToChange(products, outcome);
-  {
-    // Who owns each file matters only while files are removed and placed.
-    KTSFileOwnership ownership(products);
-    for (const auto& product : removed_) product->removeAllMirroredFiles(&ownership);
-    mirrorProducts(scheduler, ownership, outcome);
-  }
+  // Who owns each file matters only while files are removed and placed.
+  KTSFileOwnership ownership(products);
+  for (const auto& product : removed_) product->removeAllMirroredFiles(&ownership);
+  mirrorProducts(scheduler, ownership, outcome);
+}
+
+void KTSSyncPass::applyPendingEnables() {
   for (const auto& catalog : catalogs_) {
     if (!catalog->products()) continue;
     for (const auto& [productId, product] : *catalog->products()) {
       if (product->applyPendingEnable()) changedProducts_.insert(productId);
     }
   }
-  saveState();
-  validators->save();
-  const KTSFetchScheduler::Counters& fetched = scheduler.counters();
+}
+
+void KTSSyncPass::logRequests(const KTSFetchScheduler::Counters& fetched, KTSPassOutcome& outcome) {
   outcome.bytesFetched = fetched.bytesReceived;
   log_.info("This pass made {} requests: {} answered unchanged, {} failed.", fetched.requests,
             fetched.notModified, fetched.failed);
-  writeServedCatalogs(outcome);
-  outcome.interrupted = interrupted();
-  if (!outcome.interrupted) finishTickets();
-  observer_.passWorkEnded();
-
-  if (fullSync) {
-    status->setUpdateErrorWithNote(outcome.failed(),
-                                   outcome.failed() ? std::optional(outcome.note()) : std::nullopt);
-    status->setSyncStatus(KTSSyncStatus::Done);
-  } else if (outcome.failed()) {
-    status->setUpdateErrorWithNote(true, outcome.note());
-  }
-  return outcome;
 }
 
 void KTSSyncPass::collectChanges() {

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "KTSCatalog.h"
+#include "KTSFetchScheduler.h"
 #include "KTSLogger.h"
 #include "KTSPassMemo.h"
 #include "KTSPassRecord.h"
@@ -25,7 +26,6 @@
 
 namespace ondrel {
 
-class KTSFetchScheduler;
 class KTSFileOwnership;
 class KTSProduct;
 
@@ -72,6 +72,19 @@ class KTSSyncPass {
 
  private:
   KTSPassOutcome run(bool fullSync);
+  // The steps of a pass, in the order run takes them.
+  void markPassStarted(bool fullSync);
+  // Builds the meta-index; on a full pass also whether the upstream answers (false, told in the
+  // outcome, when it does not).
+  bool loadMetaIndex(bool fullSync, KTSPassOutcome& outcome);
+  void fetchAndLoadCatalogs(KTSFetchScheduler& scheduler, bool syncing, KTSPassOutcome& outcome);
+  void countProducts(const std::vector<std::shared_ptr<KTSProduct>>& products, bool syncing,
+                     KTSPassOutcome& outcome);
+  void removeAndMirrorProducts(const std::vector<std::shared_ptr<KTSProduct>>& products,
+                               KTSFetchScheduler& scheduler, KTSPassOutcome& outcome);
+  void applyPendingEnables();
+  void logRequests(const KTSFetchScheduler::Counters& fetched, KTSPassOutcome& outcome);
+  void markPassEnded(bool fullSync, const KTSPassOutcome& outcome);
   void collectChanges();
   void recordChangesInWorkingSet();
   bool catalogSettingsChanged() const;

@@ -23,76 +23,119 @@ void printJson(const Plist& value) { std::printf("%s\n", ondrel::toJson(value).c
 
 }  // namespace ondrel::ctl
 
+namespace {
+
+using namespace ondrel::ctl;
+
+// What the command line asked for: the subcommand given, and the values of its arguments.
+struct CommandLine {
+  bool json = false;
+  ondrel::programs::ProductFilter filter;
+  std::string productId;
+  std::vector<std::string> productIds;
+  std::string action;  // mirror, enable, disable or remove
+  bool wait = false;
+  std::string key;
+  std::string value;
+  std::string webAction;
+  std::string passwordUser;
+  bool deleteUser = false;
+  CLI::App* status = nullptr;
+  CLI::App* products = nullptr;
+  CLI::App* product = nullptr;
+  CLI::App* sync = nullptr;
+  CLI::App* configShow = nullptr;
+  CLI::App* configGet = nullptr;
+  CLI::App* configSet = nullptr;
+  CLI::App* web = nullptr;
+  CLI::App* password = nullptr;
+  CLI::App* plan = nullptr;
+  CLI::App* metrics = nullptr;
+};
+
+void defineCommands(CLI::App& app, CommandLine& line) {
+  app.require_subcommand(1);
+  auto withJson = [&line](CLI::App* command) {
+    command->add_flag("--json", line.json, "Print JSON");
+    return command;
+  };
+  line.status = withJson(app.add_subcommand("status", "Sync state, products, space"));
+  line.products = withJson(app.add_subcommand("products", "List the products"));
+  line.products->add_option("--state", line.filter.state, "Mirror state or catalog state");
+  line.products->add_flag("--enabled", line.filter.enabledOnly, "Only products offered to clients");
+  line.products->add_option("--catalog", line.filter.catalog, "Only products of this catalog");
+  line.products->add_option("--search", line.filter.search, "Text in id, family, version or title");
+  line.product = withJson(app.add_subcommand("product", "One product in detail"));
+  line.product->add_option("ID", line.productId, "Product id")->required();
+  for (const char* name : {"mirror", "enable", "disable", "remove"}) {
+    CLI::App* change =
+        app.add_subcommand(name, std::string("Ask the daemon to ") + name + " products");
+    change->add_option("ID", line.productIds, "Product ids")->required();
+    change->callback([&line, name] { line.action = name; });
+  }
+  line.sync = app.add_subcommand("sync", "Ask the daemon for a pass now");
+  line.sync->add_flag("--wait", line.wait, "Follow the pass and exit with its outcome");
+  CLI::App* config = app.add_subcommand("config", "Show, get or set preferences");
+  config->require_subcommand(1);
+  line.configShow = withJson(config->add_subcommand("show", "All settings"));
+  line.configGet = withJson(config->add_subcommand("get", "One setting"));
+  line.configGet->add_option("KEY", line.key)->required();
+  line.configSet = config->add_subcommand("set", "Set one setting (checked), rewrite ondrd.conf");
+  line.configSet->add_option("KEY", line.key)->required();
+  line.configSet->add_option("VALUE", line.value)->required();
+  line.web = app.add_subcommand("web", "The Apache httpd that serves clients");
+  line.web
+      ->add_option("ACTION", line.webAction,
+                   "start, stop, reload or status (prepare: write what it needs, then check it)")
+      ->check(CLI::IsMember({"start", "stop", "reload", "status", "prepare"}));
+  line.password = line.web->add_subcommand(
+      "passwd",
+      "Set a user's password for the administration page (read from the terminal, "
+      "or one line of standard input)");
+  line.password->add_option("USER", line.passwordUser)->required();
+  line.password->add_flag("--delete", line.deleteUser,
+                          "Remove the user: their sessions end, and with the last one the page "
+                          "is off");
+  line.plan = withJson(app.add_subcommand("plan", "What the next pass downloads"));
+  line.metrics = app.add_subcommand("metrics", "Status as Prometheus text");
+}
+
+int carryOut(const CommandLine& line) {
+  if (*line.status) return status(line.json);
+  if (*line.products) return products(line.filter, line.json);
+  if (*line.product) return product(line.productId, line.json);
+  if (!line.action.empty()) return postChanges(line.action, line.productIds);
+  if (*line.sync) return sync(line.wait);
+  if (*line.configShow) return configShow(line.json);
+  if (*line.configGet) return configGet(line.key, line.json);
+  if (*line.configSet) return configSet(line.key, line.value);
+  if (*line.password) {
+    return line.deleteUser ? webPasswordDelete(line.passwordUser) : webPassword(line.passwordUser);
+  }
+  if (*line.web) {
+    if (line.webAction.empty()) return fail("web needs an action: start, stop, reload or status");
+    return web(line.webAction);
+  }
+  if (*line.plan) return plan(line.json);
+  if (*line.metrics) return metrics();
+  return kExitUsage;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
-  using namespace ondrel::ctl;
   CLI::App app{
       "Ondrel Server administration. Output is text; with --json it is JSON: status an object, "
       "products an array of working-set records, product one record, plan an object with "
       "\"products\", \"files\", \"bytes\", \"freeBytes\", \"reserveBytes\" and \"fits\"."};
-  app.require_subcommand(1);
-  bool json = false;
-  auto withJson = [&json](CLI::App* command) {
-    command->add_flag("--json", json, "Print JSON");
-    return command;
-  };
-
-  CLI::App* statusCommand = withJson(app.add_subcommand("status", "Sync state, products, space"));
-  ondrel::programs::ProductFilter filter;
-  CLI::App* productsCommand = withJson(app.add_subcommand("products", "List the products"));
-  productsCommand->add_option("--state", filter.state, "Mirror state or catalog state");
-  productsCommand->add_flag("--enabled", filter.enabledOnly, "Only products offered to clients");
-  productsCommand->add_option("--catalog", filter.catalog, "Only products of this catalog");
-  productsCommand->add_option("--search", filter.search, "Text in id, family, version or title");
-  std::string productId;
-  CLI::App* productCommand = withJson(app.add_subcommand("product", "One product in detail"));
-  productCommand->add_option("ID", productId, "Product id")->required();
-  std::vector<std::string> productIds;
-  std::string action;
-  for (const char* name : {"mirror", "enable", "disable", "remove"}) {
-    CLI::App* change =
-        app.add_subcommand(name, std::string("Ask the daemon to ") + name + " products");
-    change->add_option("ID", productIds, "Product ids")->required();
-    change->callback([&action, name] { action = name; });
-  }
-  bool wait = false;
-  CLI::App* syncCommand = app.add_subcommand("sync", "Ask the daemon for a pass now");
-  syncCommand->add_flag("--wait", wait, "Follow the pass and exit with its outcome");
-  CLI::App* configCommand = app.add_subcommand("config", "Show, get or set preferences");
-  configCommand->require_subcommand(1);
-  CLI::App* configShowCommand = withJson(configCommand->add_subcommand("show", "All settings"));
-  std::string key;
-  std::string value;
-  CLI::App* configGetCommand = withJson(configCommand->add_subcommand("get", "One setting"));
-  configGetCommand->add_option("KEY", key)->required();
-  CLI::App* configSetCommand =
-      configCommand->add_subcommand("set", "Set one setting (checked), rewrite ondrd.conf");
-  configSetCommand->add_option("KEY", key)->required();
-  configSetCommand->add_option("VALUE", value)->required();
-  std::string webAction;
-  CLI::App* webCommand = app.add_subcommand("web", "The Apache httpd that serves clients");
-  webCommand
-      ->add_option("ACTION", webAction,
-                   "start, stop, reload or status (prepare: write what it needs, then check it)")
-      ->check(CLI::IsMember({"start", "stop", "reload", "status", "prepare"}));
-  std::string passwordUser;
-  CLI::App* passwordCommand = webCommand->add_subcommand(
-      "passwd",
-      "Set a user's password for the administration page (read from the terminal, "
-      "or one line of standard input)");
-  passwordCommand->add_option("USER", passwordUser)->required();
-  bool deleteUser = false;
-  passwordCommand->add_flag("--delete", deleteUser,
-                            "Remove the user: their sessions end, and with the last one the page "
-                            "is off");
-  CLI::App* planCommand = withJson(app.add_subcommand("plan", "What the next pass downloads"));
-  CLI::App* metricsCommand = app.add_subcommand("metrics", "Status as Prometheus text");
-
+  CommandLine line;
+  defineCommands(app, line);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kExitUsage;
   }
-  return runAsServiceAccount([&] {
+  return runAsServiceAccount([&line] {
     if (std::optional<std::string> problem = ondrel::programs::administratorProblem()) {
       return fail(*problem);
     }
@@ -101,26 +144,9 @@ int main(int argc, char** argv) {
       return fail(*problem);
     }
     try {
-      if (*statusCommand) return status(json);
-      if (*productsCommand) return products(filter, json);
-      if (*productCommand) return product(productId, json);
-      if (!action.empty()) return postChanges(action, productIds);
-      if (*syncCommand) return sync(wait);
-      if (*configShowCommand) return configShow(json);
-      if (*configGetCommand) return configGet(key, json);
-      if (*configSetCommand) return configSet(key, value);
-      if (*passwordCommand) {
-        return deleteUser ? webPasswordDelete(passwordUser) : webPassword(passwordUser);
-      }
-      if (*webCommand) {
-        if (webAction.empty()) return fail("web needs an action: start, stop, reload or status");
-        return web(webAction);
-      }
-      if (*planCommand) return plan(json);
-      if (*metricsCommand) return metrics();
+      return carryOut(line);
     } catch (const std::exception&) {
       return fail("the command could not be completed; see the system log");
     }
-    return kExitUsage;
   });
 }
