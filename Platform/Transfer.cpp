@@ -6,12 +6,15 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "FileIO.h"
+#include "HttpConditions.h"
 
 namespace ondrel {
 
@@ -81,6 +84,19 @@ bool isSendableValidator(std::string_view value) {
   return std::all_of(value.begin(), value.end(), [](char c) { return c >= 0x20 && c < 0x7f; });
 }
 
+std::int64_t secondsNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+// Whether a Last-Modified lies after reference (the response's Date, or now): an upstream whose
+// clock ran ahead would answer 304 to it until that date, and no change would ever arrive.
+bool isLaterThan(std::string_view lastModified, std::int64_t reference) {
+  std::optional<std::int64_t> date = parseHttpDate(lastModified);
+  return date && *date > reference;
+}
+
 }  // namespace
 
 class Transfer::Impl {
@@ -134,7 +150,7 @@ class Transfer::Impl {
     if (isSendableValidator(etag)) {
       conditions_ = curl_slist_append(conditions_, ("If-None-Match: " + etag).c_str());
     }
-    if (isSendableValidator(lastModified)) {
+    if (isSendableValidator(lastModified) && !isLaterThan(lastModified, secondsNow())) {
       conditions_ = curl_slist_append(conditions_, ("If-Modified-Since: " + lastModified).c_str());
     }
     curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, conditions_);
@@ -262,12 +278,15 @@ class Transfer::Impl {
       hasLocation_ = false;
       etag_.clear();
       lastModified_.clear();
+      date_.clear();
     } else if (startsWithIgnoringCase(line, "content-length:")) {
       contentLength_ = std::atoll(std::string(trimmed(line.substr(15))).c_str());
     } else if (startsWithIgnoringCase(line, "etag:")) {
       etag_ = validatorOrEmpty(line.substr(5));
     } else if (startsWithIgnoringCase(line, "last-modified:")) {
       lastModified_ = validatorOrEmpty(line.substr(14));
+    } else if (startsWithIgnoringCase(line, "date:")) {
+      date_ = trimmed(line.substr(5));
     } else if (startsWithIgnoringCase(line, "location:")) {
       hasLocation_ = !trimmed(line.substr(9)).empty();
     } else if (trimmed(line).empty()) {
@@ -293,6 +312,9 @@ class Transfer::Impl {
     }
     // A 304 has no body: the kept copy stays as it is.
     if (status_ != 304 && !openDestination()) return false;
+    if (isLaterThan(lastModified_, parseHttpDate(date_).value_or(secondsNow()))) {
+      lastModified_.clear();
+    }
     char* effectiveUrl = nullptr;
     curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
     receiver_->transferDidReceiveResponse(
@@ -346,6 +368,7 @@ class Transfer::Impl {
   bool hasLocation_ = false;
   std::string etag_;
   std::string lastModified_;
+  std::string date_;
   curl_slist* conditions_ = nullptr;
   std::string failure_;
   char errorBuffer_[CURL_ERROR_SIZE] = {};

@@ -27,7 +27,8 @@ struct TransferResponse {
   std::string url;
   // -1 when the response states no length.
   std::int64_t expectedContentLength = -1;
-  // The response's validators, empty when it sent none (or one unfit to be sent back).
+  // The response's validators, empty when it sent none or one unfit to be sent back (among them
+  // a Last-Modified later than the response's Date, which would freeze the copy kept from it).
   std::string etag;
   std::string lastModified;
   // A 304: the kept copy is current, and no body follows.
@@ -77,7 +78,7 @@ class Transfer {
   void setTimeLimits(std::chrono::seconds deadline, std::uint64_t lowestSpeed,
                      std::chrono::seconds window);
   // Asks for the body only when it differs from the copy these validators came with; either may
-  // be empty. A validator with control characters is not sent.
+  // be empty. A validator with control characters, or a Last-Modified in the future, is not sent.
   void setConditions(const std::string& etag, const std::string& lastModified);
   // Starts the request; events follow while runEventLoopFor runs.
   void start();

@@ -86,6 +86,19 @@ class KTSFileDownloaderTest : public OndrelTest {
       response.set_header("Last-Modified", "Mon, 23 Nov 2026 08:00:00 GMT");
       response.set_content(fmt::format("body {}", version_.load()), "application/octet-stream");
     });
+    // A clock far ahead: its Last-Modified lies in the future, and it answers 304 to any date.
+    routes.Get("/future", [this](const httplib::Request& request, httplib::Response& response) {
+      {
+        std::lock_guard lock(gateMutex_);
+        conditionsSeen_.push_back(request.get_header_value("If-Modified-Since"));
+      }
+      response.set_header("Last-Modified", "Thu, 01 Jan 2099 00:00:00 GMT");
+      if (request.has_header("If-Modified-Since")) {
+        response.status = 304;
+        return;
+      }
+      response.set_content(fmt::format("body {}", version_.load()), "application/octet-stream");
+    });
     ASSERT_TRUE(server_.start());
   }
 
@@ -265,11 +278,22 @@ TEST_F(KTSFileDownloaderTest, ConditionalRequestsKeepUnchangedFiles) {
   EXPECT_EQ(lastConditionSeen(), "") << "the kept file is not the one the validators came with";
   EXPECT_EQ(readFile(target()), "body 2");
 
-  // Without validators from the server, every fetch is a whole one.
+  // Without validators from the server, every fetch is a whole one; so too with a Last-Modified
+  // in the future, which would never let a change through (nor when kept from before).
   download("/file");
   download("/file");
   EXPECT_EQ(readFile(target()), "version 2");
   EXPECT_FALSE(validators->validatorsForFile(target()));
+  download("/future");
+  version_ = 3;
+  download("/future");
+  EXPECT_EQ(lastConditionSeen(), "");
+  EXPECT_EQ(readFile(target()), "body 3");
+  validators->recordValidatorsForFile(target(), {"", "Thu, 01 Jan 2099 00:00:00 GMT"});
+  version_ = 4;
+  download("/future");
+  EXPECT_EQ(lastConditionSeen(), "");
+  EXPECT_EQ(readFile(target()), "body 4");
 }
 
 TEST_F(KTSFileDownloaderTest, ProgressAndRedirects) {
