@@ -131,6 +131,11 @@ void KTSFileValidators::recordValidatorsForFile(const std::string& path,
   changed_ = true;
 }
 
+void KTSFileValidators::forgetAll() {
+  changed_ = changed_ || !entries_.empty();
+  entries_.clear();
+}
+
 bool KTSFileValidators::save() {
   if (!changed_) return true;
   std::string error;

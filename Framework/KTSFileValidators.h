@@ -33,6 +33,9 @@ class KTSFileValidators {
   // Records what the response for the file now at path carried; a response without validators
   // forgets the file.
   void recordValidatorsForFile(const std::string& path, const Validators& validators);
+  // Forgets every file, so that nothing is fetched conditionally (a rebuild that trusts nothing
+  // kept); what is recorded from then on replaces the record when it is saved.
+  void forgetAll();
   // Writes the record when it changed since it was read. False when it could not be written.
   bool save();
 

@@ -123,23 +123,27 @@ bool KTSSyncPass::interrupted() const { return Transfer::isCancelled(); }
 KTSPassOutcome KTSSyncPass::runFullPass(KTSPassRecord::Reuse reuse) {
   // What the last full pass left that this one would write alike stays as it is.
   KTSPassRecord record(reuse);
-  KTSPassOutcome outcome = run(true);
+  KTSPassOutcome outcome = run(true, reuse);
   if (!outcome.interrupted && !record.save()) {
     log_.warning("The record of this pass could not be kept; the next pass writes every file.");
   }
   return outcome;
 }
 
-KTSPassOutcome KTSSyncPass::runProductChanges() { return run(false); }
+KTSPassOutcome KTSSyncPass::runProductChanges() {
+  return run(false, KTSPassRecord::Reuse::Allowed);
+}
 
-KTSPassOutcome KTSSyncPass::run(bool fullSync) {
+KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
   KTSPassOutcome outcome;
   markPassStarted(fullSync);
   collectChanges();
   recordChangesInWorkingSet();
   // Every file of the pass is fetched through this scheduler, with the validators of what the
-  // server keeps, so that a file unchanged upstream costs a 304.
+  // server keeps, so that a file unchanged upstream costs a 304; a rebuild fetches every file
+  // whole, whatever was kept.
   auto validators = std::make_shared<KTSFileValidators>(KTSFileValidators::defaultStorePath());
+  if (reuse == KTSPassRecord::Reuse::Nothing) validators->forgetAll();
   KTSFetchScheduler scheduler(KTSFetchScheduler::preferredConcurrency(), validators);
   scheduler.makeCurrent();
   bool reachable = loadMetaIndex(fullSync, outcome);

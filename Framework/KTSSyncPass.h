@@ -59,8 +59,8 @@ class KTSSyncPass {
   explicit KTSSyncPass(KTSPassObserver& observer);
 
   // A whole pass: the catalogs are downloaded and merged. With Reuse::Nothing every file is
-  // made and written anew (ondrd_syncd --full); otherwise a file the last pass left exactly as
-  // this one would write it stays as it is.
+  // fetched whole (no validators are sent) and made and written anew (ondrd_syncd --full);
+  // otherwise a file the last pass left exactly as this one would write it stays as it is.
   KTSPassOutcome runFullPass(KTSPassRecord::Reuse reuse = KTSPassRecord::Reuse::Allowed);
   // Only the pending product changes: the catalogs are loaded from their caches.
   KTSPassOutcome runProductChanges();
@@ -71,7 +71,7 @@ class KTSSyncPass {
   static void forgetSharedInstances();
 
  private:
-  KTSPassOutcome run(bool fullSync);
+  KTSPassOutcome run(bool fullSync, KTSPassRecord::Reuse reuse);
   // The steps of a pass, in the order run takes them.
   void markPassStarted(bool fullSync);
   // Builds the meta-index; on a full pass also whether the upstream answers (false, told in the

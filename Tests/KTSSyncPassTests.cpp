@@ -2,6 +2,9 @@
 // observer and its caller, the administrator's changes carried out by a pass of changes only,
 // and faults at pass level (a missing or damaged catalog, the vendor gone before or during a
 // pass, files changed upstream or lost here) told and then mended by the next pass.
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <functional>
@@ -326,6 +329,26 @@ TEST_F(KTSSyncPassTest, NoServedCatalogNamesAPackageAtASizeItsFileDoesNotHave) {
                      " with different files; it is served only from those that name the files "
                      "in place."));
   expectServedSizesMatchFiles();
+}
+
+TEST_F(KTSSyncPassTest, ARebuildTrustsNothingKept) {
+  configure(true);
+  ASSERT_FALSE(fullPass().failed());
+  // The local copy of a catalog damaged on disk, its size and time kept: to a conditional request
+  // it looks current, and only the rebuild, which sends no validators, fetches it again.
+  const std::string copy = html() + "/content/catalogs/others/" + kNewestCatalog + ".vantor";
+  const std::string good = readFile(copy);
+  struct stat before {};
+  ASSERT_EQ(::stat(copy.c_str(), &before), 0);
+  std::string damaged = good;
+  damaged.replace(damaged.size() / 2, 8, "XXXXXXXX");
+  writeFile(copy, damaged);
+  const struct timespec times[2] = {before.st_atim, before.st_mtim};
+  ASSERT_EQ(::utimensat(AT_FDCWD, copy.c_str(), times, 0), 0);
+  fullPass();
+  EXPECT_EQ(readFile(copy), damaged);
+  run([](KTSSyncPass& pass) { return pass.runFullPass(KTSPassRecord::Reuse::Nothing); });
+  EXPECT_EQ(readFile(copy), good);
 }
 
 }  // namespace
