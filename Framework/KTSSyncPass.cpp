@@ -39,9 +39,8 @@ namespace {
 std::string catalogName(const Url& url) { return lastPathComponent(url.path()); }
 
 // Answers whether the upstream's web server answers at all (any HTTP status counts), so that a
-// pass against an upstream that is down fails at once instead of retrying every product. The
-// body is not waited for: the transfer ends with the response, so a probe after each failed
-// product does not fetch a whole catalog.
+// pass against an upstream that is down fails at once instead of retrying every product. It asks
+// with HEAD: a probe fetches no catalog, which the pass fetches once, on its own.
 class UpstreamProbe : public TransferReceiver {
  public:
   bool answers(const Url& url) {
@@ -52,6 +51,7 @@ class UpstreamProbe : public TransferReceiver {
     std::unique_ptr<Transfer> transfer = Transfer::create(url, std::chrono::seconds(30), this);
     if (transfer) {
       transfer->setDestination(path);
+      transfer->setHeadOnly();
       transfer->start();
       while (!done_ && !answered_) transfer->runEventLoopFor(std::chrono::milliseconds(100));
       transfer.reset();

@@ -163,6 +163,8 @@ class Transfer::Impl {
 
   void setLengthLimit(std::uint64_t bytes) { lengthLimit_ = std::min(lengthLimit_, bytes); }
 
+  void setHeadOnly() { curl_easy_setopt(easy_, CURLOPT_NOBODY, 1L); }
+
   void setTimeLimits(std::chrono::seconds deadline, std::uint64_t lowestSpeed,
                      std::chrono::seconds window) {
     curl_easy_setopt(easy_, CURLOPT_TIMEOUT, static_cast<long>(deadline.count()));
@@ -393,6 +395,7 @@ void Transfer::setDestinationInMemory(std::string* body, std::size_t limit) {
   impl_->setDestinationInMemory(body, limit);
 }
 void Transfer::setLengthLimit(std::uint64_t bytes) { impl_->setLengthLimit(bytes); }
+void Transfer::setHeadOnly() { impl_->setHeadOnly(); }
 void Transfer::setTimeLimits(std::chrono::seconds deadline, std::uint64_t lowestSpeed,
                              std::chrono::seconds window) {
   impl_->setTimeLimits(deadline, lowestSpeed, window);

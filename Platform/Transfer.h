@@ -73,6 +73,8 @@ class Transfer {
   // A body longer than this fails the transfer as soon as its Content-Length or the bytes
   // received say so, before more is written.
   void setLengthLimit(std::uint64_t bytes);
+  // Asks with HEAD: the response's status and headers, no body.
+  void setHeadOnly();
   // The transfer fails once it has run for longer than deadline, or when it receives fewer than
   // lowestSpeed bytes a second over a whole window.
   void setTimeLimits(std::chrono::seconds deadline, std::uint64_t lowestSpeed,

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
+#include <sstream>
 #include <thread>
 
 #include "Administration.h"
@@ -334,6 +335,16 @@ TEST_F(KTSSyncPassTest, NoServedCatalogNamesAPackageAtASizeItsFileDoesNotHave) {
 TEST_F(KTSSyncPassTest, ARebuildTrustsNothingKept) {
   configure(true);
   ASSERT_FALSE(fullPass().failed());
+  // A pass asks for each catalog once.
+  const std::string requests = vendor_->folder() + "/.sample-upstream/access.log";
+  writeFile(requests, "");
+  ASSERT_FALSE(fullPass().failed());
+  std::istringstream log(readFile(requests));
+  int asked = 0;
+  for (std::string line; std::getline(log, line);) {
+    asked += line.rfind("GET /content/catalogs/others/" + kNewestCatalog + " ", 0) == 0;
+  }
+  EXPECT_EQ(asked, 1);
   // The local copy of a catalog damaged on disk, its size and time kept: to a conditional request
   // it looks current, and only the rebuild, which sends no validators, fetches it again.
   const std::string copy = html() + "/content/catalogs/others/" + kNewestCatalog + ".vantor";
