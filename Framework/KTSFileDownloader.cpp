@@ -206,7 +206,14 @@ void KTSFileDownloader::transferDidFinish() {
     KTSUtilities::removePath(downloadingPath_);
     return;
   }
-  placeDownloadedFile();
+  // The same bytes again (an upstream that ignores the validators, a rebuild) leave the file
+  // where it is: its inode, and what clients cached of it, stay valid.
+  if (sameFileContents(downloadingPath_, downloadPath_)) {
+    KTSUtilities::removePath(downloadingPath_);
+    keepUnchangedFile();
+  } else {
+    placeDownloadedFile();
+  }
   recordValidatorsOfPlacedFile();
 }
 

@@ -147,7 +147,9 @@ void KTSMetaIndex::save() {
   Plist list = archiveRepresentation();
   // Replaced whole by an atomic write: the file is never missing or half written.
   KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*localPathAlternate_));
-  if (list.isDictionary() && KTSUtilities::writeDictionaryToPath(list, *localPathAlternate_)) {
+  bool replaced = false;
+  if (list.isDictionary() &&
+      list.writeXmlFileUnlessUnchanged(*localPathAlternate_, &replaced, nullptr)) {
     log_.debug("METX: alternate index saved");
     return;
   }
@@ -173,7 +175,9 @@ bool KTSMetaIndex::exportAsPrime() {
   Plist list = archiveRepresentationForCatalogsPrimaryCatalogRevocations(
       exported, atThisServer(*primaryCatalog_), revocations_);
   KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*localPath_));
-  if (KTSUtilities::writeDictionaryToPath(list, *localPath_)) {
+  // An unchanged list keeps its file, so that what clients cached of it stays valid.
+  bool replaced = false;
+  if (list.writeXmlFileUnlessUnchanged(*localPath_, &replaced, nullptr)) {
     log_.debug("METX: export file saved");
   } else {
     log_.debug("METX: *** ERROR *** export failed!");

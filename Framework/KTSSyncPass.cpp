@@ -378,14 +378,18 @@ Plist KTSSyncPass::fetchDeprecations() {
   if (!download->wasNotModified()) {
     std::string error;
     std::string previous = sideFilePath(*path, "previous");
-    bool placed = writeFileAtomically(
+    bool replaced = false;
+    bool placed = writeFileAtomicallyUnlessUnchanged(
         *path,
         [&bytes](std::FILE* file) {
           return std::fwrite(bytes.data(), 1, bytes.size(), file) == bytes.size();
         },
-        &error, [&] { keepPreviousVersion(*path, previous); });
+        &replaced, &error, [&] { keepPreviousVersion(*path, previous); });
     if (placed) {
-      KTSUtilities::setDefaultFileOwnerAtPath(*path);
+      if (replaced) KTSUtilities::setDefaultFileOwnerAtPath(*path);
+      if (!replaced && fileIdentity(previous) != fileIdentity(*path)) {
+        keepPreviousVersion(*path, previous);
+      }
       download->recordValidatorsOfPlacedFile();
     } else {
       log_.warning("The deprecations list could not be placed: {}", error);

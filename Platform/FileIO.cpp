@@ -139,10 +139,7 @@ mode_t processUmask() {
 
 }  // namespace
 
-namespace {
-
-// Whether the two regular files hold the same bytes, read side by side in blocks.
-bool sameContents(const std::string& one, const std::string& other) {
+bool sameFileContents(const std::string& one, const std::string& other) {
   struct stat first {};
   struct stat second {};
   if (::stat(one.c_str(), &first) != 0 || ::stat(other.c_str(), &second) != 0 ||
@@ -163,6 +160,8 @@ bool sameContents(const std::string& one, const std::string& other) {
     if (count < sizeof left) return std::ferror(a.get()) == 0 && std::ferror(b.get()) == 0;
   }
 }
+
+namespace {
 
 bool syncToDisk(const std::string& path) {
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -204,7 +203,7 @@ bool writeAtomically(const std::string& path, const std::function<bool(std::FILE
   if (written && replaced == nullptr && ::fsync(fileno(file)) != 0) written = false, code = errno;
   if (std::fclose(file) != 0 && written) written = false, code = errno;
   if (written && replaced != nullptr) {
-    *replaced = !sameContents(temporary, path);
+    *replaced = !sameFileContents(temporary, path);
     if (!*replaced) {
       ::unlink(temporary.c_str());
       return true;
@@ -231,8 +230,9 @@ bool writeFileAtomically(const std::string& path,
 
 bool writeFileAtomicallyUnlessUnchanged(const std::string& path,
                                         const std::function<bool(std::FILE*)>& writeContents,
-                                        bool* replaced, std::string* error) {
-  return writeAtomically(path, writeContents, error, {}, replaced);
+                                        bool* replaced, std::string* error,
+                                        const std::function<void()>& beforeReplace) {
+  return writeAtomically(path, writeContents, error, beforeReplace, replaced);
 }
 
 bool writeStringAtomically(const std::string& path, const std::string& text, std::string* error) {

@@ -34,10 +34,14 @@ bool writeFileAtomically(const std::string& path,
 
 // Writes like writeFileAtomically, but when the new contents are the file's own, byte for byte,
 // the file is left as it was (its inode and modification time too, so that what readers cached of
-// it stays valid) and *replaced is false.
+// it stays valid), beforeReplace is not run and *replaced is false.
 bool writeFileAtomicallyUnlessUnchanged(const std::string& path,
                                         const std::function<bool(std::FILE*)>& writeContents,
-                                        bool* replaced, std::string* error);
+                                        bool* replaced, std::string* error,
+                                        const std::function<void()>& beforeReplace = {});
+
+// Whether the two regular files hold the same bytes, read side by side in blocks.
+bool sameFileContents(const std::string& one, const std::string& other);
 
 // Temporary files of atomic writes are named with this prefix, so that scans of a shared folder
 // can tell another process's write in progress from the folder's own entries.

@@ -99,6 +99,11 @@ class KTSFileDownloaderTest : public OndrelTest {
       }
       response.set_content(fmt::format("body {}", version_.load()), "application/octet-stream");
     });
+    // Sends the same bytes whatever the request says of the copy kept.
+    routes.Get("/same", [](const httplib::Request&, httplib::Response& response) {
+      response.set_header("ETag", "\"same\"");
+      response.set_content("the same bytes", "application/octet-stream");
+    });
     ASSERT_TRUE(server_.start());
   }
 
@@ -294,6 +299,13 @@ TEST_F(KTSFileDownloaderTest, ConditionalRequestsKeepUnchangedFiles) {
   download("/future");
   EXPECT_EQ(lastConditionSeen(), "");
   EXPECT_EQ(readFile(target()), "body 4");
+
+  // The same bytes sent again in full leave the file in place.
+  download("/same");
+  auto same = fileIdentity(target());
+  EXPECT_FALSE(download("/same")->downloadError());
+  EXPECT_EQ(fileIdentity(target()), same);
+  EXPECT_EQ(fileIdentity(target() + ".previous"), same);
 }
 
 TEST_F(KTSFileDownloaderTest, ProgressAndRedirects) {

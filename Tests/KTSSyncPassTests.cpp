@@ -13,6 +13,7 @@
 
 #include "Administration.h"
 #include "Clock.h"
+#include "FileIO.h"
 #include "KTCatalogKeys.h"
 #include "KTSJobTicketManager.h"
 #include "KTSPreferences.h"
@@ -335,10 +336,15 @@ TEST_F(KTSSyncPassTest, NoServedCatalogNamesAPackageAtASizeItsFileDoesNotHave) {
 TEST_F(KTSSyncPassTest, ARebuildTrustsNothingKept) {
   configure(true);
   ASSERT_FALSE(fullPass().failed());
-  // A pass asks for each catalog once.
+  // A pass asks for each catalog once, and writes again no file whose bytes stay the same.
   const std::string requests = vendor_->folder() + "/.sample-upstream/access.log";
   writeFile(requests, "");
+  const std::string metaIndex = html() + "/catalogs.ktcatalog";
+  const std::string deprecations = html() + "/content/catalogs/Deprecations.plist";
+  auto metaIndexFile = fileIdentity(metaIndex);
+  auto deprecationsFile = fileIdentity(deprecations);
   ASSERT_FALSE(fullPass().failed());
+  EXPECT_EQ(fileIdentity(metaIndex), metaIndexFile);
   std::istringstream log(readFile(requests));
   int asked = 0;
   for (std::string line; std::getline(log, line);) {
@@ -360,6 +366,7 @@ TEST_F(KTSSyncPassTest, ARebuildTrustsNothingKept) {
   EXPECT_EQ(readFile(copy), damaged);
   run([](KTSSyncPass& pass) { return pass.runFullPass(KTSPassRecord::Reuse::Nothing); });
   EXPECT_EQ(readFile(copy), good);
+  EXPECT_EQ(fileIdentity(deprecations), deprecationsFile) << "fetched whole, the same bytes";
 }
 
 }  // namespace
