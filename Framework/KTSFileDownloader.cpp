@@ -22,6 +22,14 @@ constexpr std::chrono::seconds kLongestTransfer(24 * 3600);
 constexpr std::chrono::milliseconds kEventLoopSlice(100);
 constexpr double kShortestPause = 0.05;
 constexpr const char* kTransferErrorDomain = "com.vantor.OndrelServer.Transfer";
+// The note on a side file that says which version of the file upstream its bytes are the start
+// of: the response's strong ETag, else its Last-Modified.
+constexpr const char* kResumeNote = "if-range";
+
+std::string resumeValidator(const TransferResponse& response) {
+  if (!response.etag.empty() && response.etag.rfind("W/", 0) != 0) return response.etag;
+  return response.lastModified;
+}
 
 }  // namespace
 
@@ -84,6 +92,7 @@ bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& 
     fileDownload_->setDestinationInMemory(&receivedBody_, *memoryLimit_);
   } else {
     fileDownload_->setDestination(downloadingPath_);
+    continuePartialDownload(*fileDownload_);
   }
   if (expectedSize_ && *expectedSize_ >= 0) {
     fileDownload_->setLengthLimit(static_cast<std::uint64_t>(*expectedSize_));
@@ -97,6 +106,22 @@ bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& 
   isDone_ = false;
   fileDownload_->start();
   return true;
+}
+
+// A first part fetched before (a pass cut short, a dropped connection, a daemon killed) is
+// continued when the version of the file upstream it came from is still there; any other side
+// file is started afresh.
+void KTSFileDownloader::continuePartialDownload(Transfer& transfer) {
+  std::optional<std::int64_t> part = KTSUtilities::sizeOfExistingItemAtPath(downloadingPath_);
+  if (!part) return;
+  std::optional<std::string> validator = fileNote(downloadingPath_, kResumeNote);
+  if (*part > 0 && validator && !validator->empty() && !isSymbolicLink(downloadingPath_) &&
+      (!expectedSize_ || *part < *expectedSize_)) {
+    log_.debug("FILE: {} - continuing from byte {}", downloadName_, *part);
+    transfer.resumeFrom(static_cast<std::uint64_t>(*part), *validator);
+    return;
+  }
+  KTSUtilities::removePath(downloadingPath_);
 }
 
 void KTSFileDownloader::applyTimeLimits(Transfer& transfer) const {
@@ -166,6 +191,14 @@ void KTSFileDownloader::transferDidReceiveResponse(const TransferResponse& respo
   answered_ = true;
   responseETag_ = response.etag;
   responseLastModified_ = response.lastModified;
+  // A whole body that may be cut short notes what it is the start of, so that the next try can
+  // ask for the rest.
+  if (!memoryLimit_ && response.status == 200) {
+    std::string validator = resumeValidator(response);
+    if (validator.empty() || !setFileNote(downloadingPath_, kResumeNote, validator)) {
+      removeFileNote(downloadingPath_, kResumeNote);
+    }
+  }
 }
 
 void KTSFileDownloader::transferDidReceiveDataOfLength(std::uint64_t length) {
@@ -183,9 +216,11 @@ void KTSFileDownloader::transferDidFailWithError(const TransferError& error) {
   answered_ = answered_ || error.httpStatus != 0;
   tooSlow_ = error.tooSlow;
   downloadError_ = KTSError(kTransferErrorDomain, error.code, error.description);
+  // A body cut short is kept to be continued when it can be; one refused is not.
   if (memoryLimit_) {
     receivedBody_.clear();
-  } else if (KTSUtilities::fileExistsAtPath(downloadingPath_)) {
+  } else if (KTSUtilities::fileExistsAtPath(downloadingPath_) &&
+             (!error.cutShort || !fileNote(downloadingPath_, kResumeNote))) {
     KTSUtilities::removePath(downloadingPath_);
   }
 }
@@ -199,13 +234,14 @@ void KTSFileDownloader::transferDidFinish() {
   if (notModified_) return keepUnchangedFile();
   if (!KTSUtilities::fileExistsAtPath(downloadingPath_)) return;
   // Bytes that are not what the catalog says never take the place of the file there.
-  if (expectedSize_ && *expectedSize_ >= 0 &&
-      KTSUtilities::sizeOfExistingItemAtPath(downloadingPath_) != expectedSize_) {
-    setDownloadErrorWithReason(
-        -1, fmt::format("Received {} bytes, not the {} expected", downloadBytes_, *expectedSize_));
+  std::optional<std::int64_t> received = KTSUtilities::sizeOfExistingItemAtPath(downloadingPath_);
+  if (expectedSize_ && *expectedSize_ >= 0 && received != expectedSize_) {
+    setDownloadErrorWithReason(-1, fmt::format("Received {} bytes, not the {} expected",
+                                               received.value_or(0), *expectedSize_));
     KTSUtilities::removePath(downloadingPath_);
     return;
   }
+  removeFileNote(downloadingPath_, kResumeNote);
   // The same bytes again (an upstream that ignores the validators, a rebuild) leave the file
   // where it is: its inode, and what clients cached of it, stay valid.
   if (sameFileContents(downloadingPath_, downloadPath_)) {

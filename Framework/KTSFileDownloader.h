@@ -1,12 +1,13 @@
 // KTSFileDownloader fetches one file over HTTP or HTTPS into a local path, through the fetch
 // scheduler in effect (KTSFetchScheduler), which runs many at once on the calling thread's event
 // loop. The body goes to NAME.downloading and replaces the final file only when complete,
-// optionally keeping the replaced file as NAME.previous; the sync bandwidth limit of the
-// preferences paces it together with the others of its scheduler. With the scheduler's record
-// of validators, a kept file is asked for only if it changed: a 304 leaves it in place (and its
-// previous version the same file). A small file can be received into memory instead, for a
-// caller that places it itself. Used by the download wrapper of KTSUtilities, by KTSProduct and,
-// as its base class, by KTSCatalogDownloader. One thread for all downloaders.
+// optionally keeping the replaced file as NAME.previous; a body cut short stays there and the
+// next try asks only for the rest, if the file upstream is still the same version; the sync
+// bandwidth limit of the preferences paces it together with the others of its scheduler. With the
+// scheduler's record of validators, a kept file is asked for only if it changed: a 304 leaves it in
+// place (and its previous version the same file). A small file can be received into memory instead,
+// for a caller that places it itself. Used by the download wrapper of KTSUtilities, by KTSProduct
+// and, as its base class, by KTSCatalogDownloader. One thread for all downloaders.
 #pragma once
 
 #include <chrono>
@@ -113,6 +114,7 @@ class KTSFileDownloader : public TransferReceiver {
   // Runs the event loop for one slice; releases the transfer once it has ended.
   void continueDownload();
   void finishTransfer();
+  void continuePartialDownload(Transfer& transfer);
   void placeDownloadedFile();
   void keepUnchangedFile();
   // The floor speed and the deadline of the transfer, from the preferences and the expected

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -242,6 +243,31 @@ bool writeStringAtomically(const std::string& path, const std::string& text, std
         return std::fwrite(text.data(), 1, text.size(), file) == text.size();
       },
       error);
+}
+
+namespace {
+
+constexpr std::size_t kLongestFileNote = 512;
+
+std::string fileNoteAttribute(const std::string& name) { return "user.ondrel." + name; }
+
+}  // namespace
+
+std::optional<std::string> fileNote(const std::string& path, const std::string& name) {
+  char value[kLongestFileNote];
+  ssize_t length = ::lgetxattr(path.c_str(), fileNoteAttribute(name).c_str(), value, sizeof value);
+  if (length < 0) return std::nullopt;
+  return std::string(value, static_cast<std::size_t>(length));
+}
+
+bool setFileNote(const std::string& path, const std::string& name, const std::string& value) {
+  return value.size() <= kLongestFileNote &&
+         ::lsetxattr(path.c_str(), fileNoteAttribute(name).c_str(), value.data(), value.size(),
+                     0) == 0;
+}
+
+void removeFileNote(const std::string& path, const std::string& name) {
+  ::lremovexattr(path.c_str(), fileNoteAttribute(name).c_str());
 }
 
 }  // namespace ondrel

@@ -69,6 +69,13 @@ std::optional<std::uint64_t> fileIdentity(const std::string& path);
 // write this system makes replaces the file, so an equal stamp later means nobody wrote it since.
 std::optional<std::string> fileStamp(const std::string& path);
 
+// A short note kept with the file itself, as the extended attribute "user.ondrel.NAME": it goes
+// with the file through renames and is gone with it. Where the file system keeps no such
+// attributes the note is simply absent; one longer than 512 bytes is not read.
+std::optional<std::string> fileNote(const std::string& path, const std::string& name);
+bool setFileNote(const std::string& path, const std::string& name, const std::string& value);
+void removeFileNote(const std::string& path, const std::string& name);
+
 // True when path itself is a symbolic link (it is not followed).
 bool isSymbolicLink(const std::string& path);
 

@@ -165,6 +165,15 @@ class Transfer::Impl {
 
   void setHeadOnly() { curl_easy_setopt(easy_, CURLOPT_NOBODY, 1L); }
 
+  void resumeFrom(std::uint64_t offset, const std::string& ifRange) {
+    if (offset == 0 || !isSendableValidator(ifRange)) return;
+    resumeOffset_ = offset;
+    range_ = std::to_string(offset) + "-";
+    curl_easy_setopt(easy_, CURLOPT_RANGE, range_.c_str());
+    conditions_ = curl_slist_append(conditions_, ("If-Range: " + ifRange).c_str());
+    curl_easy_setopt(easy_, CURLOPT_HTTPHEADER, conditions_);
+  }
+
   void setTimeLimits(std::chrono::seconds deadline, std::uint64_t lowestSpeed,
                      std::chrono::seconds window) {
     curl_easy_setopt(easy_, CURLOPT_TIMEOUT, static_cast<long>(deadline.count()));
@@ -242,28 +251,35 @@ class Transfer::Impl {
       return true;
     }
     if (file_ == nullptr || std::fwrite(data.data(), 1, data.size(), file_) != data.size()) {
-      failure_ = "Writing " + destination_ + " failed: " + systemErrorText(errno);
-      return false;
+      return refuse("Writing " + destination_ + " failed: " + systemErrorText(errno));
     }
     return true;
   }
 
-  bool refuseLength() {
-    failure_ = "Response body larger than " + std::to_string(lengthLimit_) + " bytes";
+  // Ends the transfer for a reason of this side's or the server's: what was received is no sound
+  // part of the body.
+  bool refuse(std::string why) {
+    refused_ = true;
+    failure_ = std::move(why);
     return false;
   }
 
-  bool openDestination() {
-    received_ = 0;
+  bool refuseLength() {
+    return refuse("Response body larger than " + std::to_string(lengthLimit_) + " bytes");
+  }
+
+  // Opens the destination for the body: emptied, or kept and appended to when the body continues
+  // it from resumedFrom.
+  bool openDestination(std::uint64_t resumedFrom) {
+    received_ = resumedFrom;
     if (body_ != nullptr) {
       body_->clear();
       return true;
     }
     closeFile();
-    file_ = std::fopen(destination_.c_str(), "wb");
+    file_ = std::fopen(destination_.c_str(), resumedFrom > 0 ? "ab" : "wb");
     if (file_ == nullptr) {
-      failure_ = "Cannot create " + destination_ + ": " + systemErrorText(errno);
-      return false;
+      return refuse("Cannot create " + destination_ + ": " + systemErrorText(errno));
     }
     // A received block as large as the buffer goes to the file in one write, not three.
     fileBuffer_.resize(kReceiveBufferSize);
@@ -281,6 +297,7 @@ class Transfer::Impl {
       etag_.clear();
       lastModified_.clear();
       date_.clear();
+      contentRange_.clear();
     } else if (startsWithIgnoringCase(line, "content-length:")) {
       contentLength_ = std::atoll(std::string(trimmed(line.substr(15))).c_str());
     } else if (startsWithIgnoringCase(line, "etag:")) {
@@ -289,6 +306,8 @@ class Transfer::Impl {
       lastModified_ = validatorOrEmpty(line.substr(14));
     } else if (startsWithIgnoringCase(line, "date:")) {
       date_ = trimmed(line.substr(5));
+    } else if (startsWithIgnoringCase(line, "content-range:")) {
+      contentRange_ = trimmed(line.substr(14));
     } else if (startsWithIgnoringCase(line, "location:")) {
       hasLocation_ = !trimmed(line.substr(9)).empty();
     } else if (trimmed(line).empty()) {
@@ -306,21 +325,30 @@ class Transfer::Impl {
       return true;
     }
     if (status_ >= 400) {
-      failure_ = "HTTP status " + std::to_string(status_);
-      return false;
+      return refuse("HTTP status " + std::to_string(status_));
     }
-    if (contentLength_ >= 0 && static_cast<std::uint64_t>(contentLength_) > lengthLimit_) {
+    std::uint64_t resumedFrom = 0;
+    if (status_ == 206) {
+      if (resumeOffset_ == 0 || body_ != nullptr ||
+          contentRange_.rfind("bytes " + range_, 0) != 0) {
+        return refuse("The partial answer does not continue the file");
+      }
+      resumedFrom = resumeOffset_;
+      if (resumedFrom > lengthLimit_) return refuseLength();
+    }
+    if (contentLength_ >= 0 && static_cast<std::uint64_t>(contentLength_) >
+                                   lengthLimit_ - std::min(resumedFrom, lengthLimit_)) {
       return refuseLength();
     }
     // A 304 has no body: the kept copy stays as it is.
-    if (status_ != 304 && !openDestination()) return false;
+    if (status_ != 304 && !openDestination(resumedFrom)) return false;
     if (isLaterThan(lastModified_, parseHttpDate(date_).value_or(secondsNow()))) {
       lastModified_.clear();
     }
     char* effectiveUrl = nullptr;
     curl_easy_getinfo(easy_, CURLINFO_EFFECTIVE_URL, &effectiveUrl);
-    receiver_->transferDidReceiveResponse(
-        {status_, effectiveUrl ? effectiveUrl : "", contentLength_, etag_, lastModified_});
+    receiver_->transferDidReceiveResponse({status_, effectiveUrl ? effectiveUrl : "",
+                                           contentLength_, etag_, lastModified_, resumedFrom});
     TransferSession::shared().responseDelivered = true;
     return true;
   }
@@ -341,7 +369,7 @@ class Transfer::Impl {
     curl_multi_remove_handle(TransferSession::shared().multi(), easy_);
     finished_ = true;
     if (!closeFile() && result == CURLE_OK) {
-      failure_ = "Writing " + destination_ + " failed: " + systemErrorText(errno);
+      refuse("Writing " + destination_ + " failed: " + systemErrorText(errno));
       result = CURLE_WRITE_ERROR;
     }
     if (result == CURLE_OK) return receiver_->transferDidFinish();
@@ -350,9 +378,10 @@ class Transfer::Impl {
       description = curl_easy_strerror(result);
       if (errorBuffer_[0] != '\0') description += std::string(" (") + errorBuffer_ + ")";
     }
+    bool refused = refused_ || status_ >= 400;
     receiver_->transferDidFailWithError({static_cast<int>(result), description,
                                          status_ >= 400 ? status_ : 0,
-                                         result == CURLE_OPERATION_TIMEDOUT});
+                                         result == CURLE_OPERATION_TIMEDOUT, !refused});
   }
 
   CURL* easy_;
@@ -371,6 +400,12 @@ class Transfer::Impl {
   std::string etag_;
   std::string lastModified_;
   std::string date_;
+  std::string contentRange_;
+  // The body was refused here (its length, a partial answer that does not continue the file,
+  // the destination) rather than cut short.
+  bool refused_ = false;
+  std::uint64_t resumeOffset_ = 0;
+  std::string range_;
   curl_slist* conditions_ = nullptr;
   std::string failure_;
   char errorBuffer_[CURL_ERROR_SIZE] = {};
@@ -396,6 +431,9 @@ void Transfer::setDestinationInMemory(std::string* body, std::size_t limit) {
 }
 void Transfer::setLengthLimit(std::uint64_t bytes) { impl_->setLengthLimit(bytes); }
 void Transfer::setHeadOnly() { impl_->setHeadOnly(); }
+void Transfer::resumeFrom(std::uint64_t offset, const std::string& ifRange) {
+  impl_->resumeFrom(offset, ifRange);
+}
 void Transfer::setTimeLimits(std::chrono::seconds deadline, std::uint64_t lowestSpeed,
                              std::chrono::seconds window) {
   impl_->setTimeLimits(deadline, lowestSpeed, window);

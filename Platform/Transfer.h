@@ -31,6 +31,9 @@ struct TransferResponse {
   // a Last-Modified later than the response's Date, which would freeze the copy kept from it).
   std::string etag;
   std::string lastModified;
+  // A 206 that continues the destination file from this offset (see resumeFrom); 0 otherwise,
+  // when the body replaces whatever the file held.
+  std::uint64_t resumedFrom = 0;
   // A 304: the kept copy is current, and no body follows.
   bool notModified() const { return status == 304; }
 };
@@ -42,6 +45,10 @@ struct TransferError {
   long httpStatus = 0;
   // The transfer ran past its deadline or stayed below its lowest speed.
   bool tooSlow = false;
+  // The transfer broke off (the connection, a time limit, an interruption) after a response that
+  // was taken: what reached the destination is a sound first part of the body. False when the
+  // server or this side refused the body.
+  bool cutShort = false;
 };
 
 // Receives the events of a transfer, on the thread that runs its event loop.
@@ -75,6 +82,10 @@ class Transfer {
   void setLengthLimit(std::uint64_t bytes);
   // Asks with HEAD: the response's status and headers, no body.
   void setHeadOnly();
+  // Asks for the rest of the file from offset on, if the file upstream is still the one
+  // ifRange (its strong ETag or Last-Modified) came with: a 206 that continues at offset is
+  // appended to the destination file, a 200 replaces it, any other partial answer fails.
+  void resumeFrom(std::uint64_t offset, const std::string& ifRange);
   // The transfer fails once it has run for longer than deadline, or when it receives fewer than
   // lowestSpeed bytes a second over a whole window.
   void setTimeLimits(std::chrono::seconds deadline, std::uint64_t lowestSpeed,

@@ -4,6 +4,7 @@
 
 #include <condition_variable>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <numeric>
 
@@ -104,7 +105,62 @@ class KTSFileDownloaderTest : public OndrelTest {
       response.set_header("ETag", "\"same\"");
       response.set_content("the same bytes", "application/octet-stream");
     });
+    // A large file in version version_, continued from where a Range asks if If-Range names
+    // that version; the connection drops at the offsets of cuts_, one per request. With
+    // ignoreRanges_ (or another version named) it sends the whole file, with answer416_ a 416.
+    routes.Get("/large", [this](const httplib::Request& request, httplib::Response& response) {
+      const std::string etag = fmt::format("\"large-{}\"", version_.load());
+      response.set_header("ETag", etag);
+      if (answer416_.exchange(false)) {
+        response.status = 416;
+        return;
+      }
+      std::uint64_t cut = UINT64_MAX;
+      {
+        std::lock_guard lock(gateMutex_);
+        if (!cuts_.empty()) cut = cuts_.front(), cuts_.erase(cuts_.begin());
+      }
+      auto send = [this, cut](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+        if (offset >= cut) return false;
+        std::size_t count = std::min<std::uint64_t>({length, 1 << 16, cut - offset});
+        std::string block = largeBytes(offset, count);
+        largeBytesSent_ += count;
+        return sink.write(block.data(), block.size());
+      };
+      bool continues =
+          !request.ranges.empty() && !ignoreRanges_ && request.get_header_value("If-Range") == etag;
+      if (continues) {
+        response.set_content_provider(largeSize_, "application/octet-stream", send);
+        return;
+      }
+      response.set_chunked_content_provider(
+          "application/octet-stream", [this, send](std::size_t offset, httplib::DataSink& sink) {
+            if (offset < largeSize_) return send(offset, largeSize_ - offset, sink);
+            sink.done();
+            return true;
+          });
+    });
     ASSERT_TRUE(server_.start());
+  }
+
+  // The bytes of the large file's version at offset.
+  std::string largeBytes(std::uint64_t offset, std::size_t count) const {
+    std::string bytes(count, '\0');
+    for (std::size_t i = 0; i < count; ++i) {
+      bytes[i] = static_cast<char>(((offset + i) * 131 + (offset + i) / 65521 + version_) & 0xff);
+    }
+    return bytes;
+  }
+  bool isLargeFile(const std::string& path) const {
+    std::ifstream file(path, std::ios::binary);
+    std::string block(1 << 20, '\0');
+    std::uint64_t offset = 0;
+    while (file.read(block.data(), static_cast<std::streamsize>(block.size())) || file.gcount()) {
+      std::size_t count = static_cast<std::size_t>(file.gcount());
+      if (block.compare(0, count, largeBytes(offset, count)) != 0) return false;
+      offset += count;
+    }
+    return offset == largeSize_;
   }
 
   std::string lastConditionSeen() {
@@ -128,6 +184,11 @@ class KTSFileDownloaderTest : public OndrelTest {
   std::condition_variable gateVisited_;
   int gateVisitors_ = 0;
   std::atomic<int> version_{1};
+  std::uint64_t largeSize_ = 1 << 20;
+  std::vector<std::uint64_t> cuts_;
+  std::atomic<std::uint64_t> largeBytesSent_{0};
+  std::atomic<bool> ignoreRanges_{false};
+  std::atomic<bool> answer416_{false};
   std::vector<std::string> conditionsSeen_;
 };
 
@@ -306,6 +367,33 @@ TEST_F(KTSFileDownloaderTest, ConditionalRequestsKeepUnchangedFiles) {
   EXPECT_FALSE(download("/same")->downloadError());
   EXPECT_EQ(fileIdentity(target()), same);
   EXPECT_EQ(fileIdentity(target() + ".previous"), same);
+}
+
+TEST_F(KTSFileDownloaderTest, ADownloadCutShortIsContinuedWhereItBroke) {
+  // 200 MiB cut three times: each try asks only for the rest.
+  largeSize_ = 200 << 20;
+  cuts_ = {50 << 20, 120 << 20, (200 << 20) - 1};
+  for (int attempt = 0; attempt < 4 && !std::filesystem::exists(target()); ++attempt) {
+    download("/large");
+  }
+  EXPECT_TRUE(isLargeFile(target()));
+  EXPECT_LE(largeBytesSent_.load(), largeSize_ + 3 * (1 << 16));
+  EXPECT_FALSE(std::filesystem::exists(target() + ".downloading"));
+
+  // Another version upstream since the cut, an upstream that ignores ranges, and a 416: each
+  // time the whole file comes, never a mixture.
+  largeSize_ = 1 << 20;
+  for (int upset = 0; upset < 3; ++upset) {
+    std::filesystem::remove(target());
+    cuts_ = {300000};
+    EXPECT_TRUE(download("/large")->downloadError());
+    ASSERT_TRUE(std::filesystem::exists(target() + ".downloading")) << "kept to be continued";
+    if (upset == 0) ++version_;
+    ignoreRanges_ = upset == 1;
+    answer416_ = upset == 2;
+    if (download("/large")->downloadError()) download("/large");
+    EXPECT_TRUE(isLargeFile(target())) << upset;
+  }
 }
 
 TEST_F(KTSFileDownloaderTest, ProgressAndRedirects) {
