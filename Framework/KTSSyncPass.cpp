@@ -495,8 +495,9 @@ std::vector<std::vector<std::shared_ptr<KTSProduct>>> KTSSyncPass::productsToMir
     for (const auto& [productId, product] : *catalog->products()) {
       auto& known = variants[productId];
       if (known.empty()) order.push_back(productId);
-      auto same = std::find_if(known.begin(), known.end(), [&](const Variant& variant) {
-        return sameFiles(variant.product->mirrorFiles(), product->mirrorFiles());
+      const Plist& files = product->mirrorFiles();
+      auto same = std::find_if(known.begin(), known.end(), [&files](const Variant& variant) {
+        return sameFiles(variant.product->mirrorFiles(), files);
       });
       if (same == known.end()) {
         known.push_back({product, current});
@@ -696,8 +697,9 @@ std::vector<KTSProduct*> KTSSyncPass::servedProducts(const KTSCatalog& catalog) 
   for (const auto& [productId, product] : *catalog.products()) {
     if (!product->enabled() || !product->isInServedState()) continue;
     auto& known = verified_[productId];
-    auto verified = std::find_if(known.begin(), known.end(), [&](const auto& files) {
-      return sameFiles(files.first, product->mirrorFiles());
+    const Plist& files = product->mirrorFiles();
+    auto verified = std::find_if(known.begin(), known.end(), [&files](const auto& checked) {
+      return sameFiles(checked.first, files);
     });
     if (verified == known.end()) {
       verified = known.emplace(known.end(), product->mirrorFiles(), filesInPlace(*product));

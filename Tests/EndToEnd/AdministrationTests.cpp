@@ -234,7 +234,8 @@ TEST_F(AdministrationTest, TheAdministrationPageOffThisMachineIsServedOnlyOverTl
   test::Certificate certificate = test::makeThrowAwayCertificate(root_);
   ASSERT_FALSE(certificate.keyPath.empty());
   EXPECT_EQ(ctl({"config", "set", "adminCertificate", root_ + "/missing.pem"}).exitStatus, 1);
-  test::ProgramResult named = ctl({"config", "set", "adminCertificate", certificate.certificatePath});
+  test::ProgramResult named =
+      ctl({"config", "set", "adminCertificate", certificate.certificatePath});
   ASSERT_EQ(named.exitStatus, 0) << named.output;
   ASSERT_EQ(ctl({"config", "set", "adminCertificateKey", certificate.keyPath}).exitStatus, 0);
   EXPECT_EQ(ctl({"config", "set", "adminAddress", "192.0.2.10"}).exitStatus, 0);
