@@ -2,6 +2,8 @@
 // password file ondrelctl writes for it.
 #include <crypt.h>
 
+#include <filesystem>
+
 #include "AdminRequests.h"
 #include "AdminSite.h"
 #include "KTSServerLayout.h"
@@ -78,6 +80,23 @@ TEST_F(AdminSiteTest, PasswordsAreHashedReplacedAndCheckedBeforeWriting) {
     EXPECT_FALSE(setAdminPassword(user, password, &error)) << user;
   }
   EXPECT_EQ(readFile(KTSServerLayout::adminPasswordPath()), file);
+
+  // Logins: only the user's own password, and a hand-edited line with no usable hash lets no one
+  // in; deleting the last user removes the file.
+  EXPECT_EQ(checkAdminPassword("admin", "changed-password"), LoginCheck::Accepted);
+  EXPECT_EQ(checkAdminPassword("admin", "first-password"), LoginCheck::WrongPassword);
+  EXPECT_EQ(checkAdminPassword("nobody", "changed-password"), LoginCheck::NoSuchUser);
+  EXPECT_EQ(checkAdminPassword("../admin", "changed-password"), LoginCheck::NoSuchUser);
+  writeFile(KTSServerLayout::adminPasswordPath(), file + "broken:*\nempty:\n");
+  EXPECT_EQ(checkAdminPassword("broken", "*"), LoginCheck::WrongPassword);
+  EXPECT_EQ(checkAdminPassword("empty", ""), LoginCheck::NoSuchUser);
+  for (const char* user : {"broken", "empty", "second"}) {
+    EXPECT_TRUE(deleteAdminUser(user, &error)) << user << ": " << error;
+  }
+  EXPECT_FALSE(deleteAdminUser("second", &error)) << "deleted already";
+  EXPECT_TRUE(isAdminUser("admin"));
+  EXPECT_TRUE(deleteAdminUser("admin", &error));
+  EXPECT_FALSE(std::filesystem::exists(KTSServerLayout::adminPasswordPath()));
 }
 
 }  // namespace
