@@ -1,6 +1,7 @@
 #include "KTSFetchScheduler.h"
 
 #include <algorithm>
+#include <thread>
 
 #include "KTSPreferences.h"
 #include "KTSSettings.h"
@@ -13,6 +14,10 @@ namespace {
 // The feeder is asked for more while fewer than this many windows of work are queued, so that a
 // transfer that ends is followed at once by the next without holding every file of a pass.
 constexpr std::size_t kQueuedWindows = 2;
+// A server asking to be left alone for longer than this (or more often) is taken as failing.
+constexpr std::int64_t kLongestDeferral = 300;
+constexpr int kMostDeferrals = 5;
+constexpr auto kWaitSlice = std::chrono::milliseconds(100);
 
 KTSFetchScheduler* currentScheduler = nullptr;
 void (*schedulerHeartbeat)() = nullptr;
@@ -59,7 +64,8 @@ void KTSFetchScheduler::run(const Feeder& feed) {
     }
     startQueued();
     if (running_.empty()) {
-      if (queue_.empty() && !feeding) return;
+      if (queue_.empty() && !feeding && deferred_.empty()) return;
+      if (queue_.empty() && !deferred_.empty()) waitForDeferred();
       continue;
     }
     runSlice();
@@ -74,7 +80,11 @@ void KTSFetchScheduler::enqueueFirst(std::shared_ptr<KTSFileDownloader> download
 void KTSFetchScheduler::runUntil(const std::function<bool()>& done) {
   while (!done()) {
     startQueued();
-    if (running_.empty() && queue_.empty()) return;
+    if (running_.empty() && queue_.empty()) {
+      if (deferred_.empty()) return;
+      waitForDeferred();
+      continue;
+    }
     runSlice();
   }
 }
@@ -88,6 +98,15 @@ void KTSFetchScheduler::runToEnd(KTSFileDownloader& downloader) {
 }
 
 void KTSFetchScheduler::startQueued() {
+  auto now = std::chrono::steady_clock::now();
+  for (auto due = deferred_.begin(); due != deferred_.end();) {
+    if (due->due > now) {
+      ++due;
+      continue;
+    }
+    queue_.push_front(std::move(due->job));
+    due = deferred_.erase(due);
+  }
   while (!queue_.empty() && running_.size() < maxConcurrent_) {
     // The limit paces what arrives while transfers run, not the time between busy spells.
     if (running_.empty()) *pace_ = KTSSyncPace{std::nullopt, 0, maxConcurrent_};
@@ -129,7 +148,33 @@ void KTSFetchScheduler::runSlice() {
   }
 }
 
+void KTSFetchScheduler::waitForDeferred() {
+  auto first = std::min_element(deferred_.begin(), deferred_.end(),
+                                [](const auto& a, const auto& b) { return a.due < b.due; });
+  while (first != deferred_.end() && std::chrono::steady_clock::now() < first->due &&
+         !Transfer::isCancelled()) {
+    if (schedulerHeartbeat != nullptr) schedulerHeartbeat();
+    std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
+        kWaitSlice, first->due - std::chrono::steady_clock::now()));
+  }
+  if (!Transfer::isCancelled()) return;
+  std::vector<Deferred> ended = std::move(deferred_);
+  deferred_.clear();
+  for (Deferred& waiting : ended) finish(std::move(waiting.job));
+}
+
 void KTSFetchScheduler::finish(Job job) {
+  std::optional<std::int64_t> wait = job.downloader->retryAfterSeconds();
+  if (wait && *wait <= kLongestDeferral && job.deferrals < kMostDeferrals &&
+      !Transfer::isCancelled()) {
+    ++job.deferrals;
+    ++counters_.deferred;
+    maxConcurrent_ = std::max<std::size_t>(1, maxConcurrent_ / 2);
+    auto due =
+        std::chrono::steady_clock::now() + std::chrono::seconds(std::max<std::int64_t>(1, *wait));
+    deferred_.push_back({std::move(job), due});
+    return;
+  }
   counters_.unansweredInARow = job.downloader->wasAnswered() ? 0 : counters_.unansweredInARow + 1;
   counters_.bytesReceived += job.downloader->downloadBytes();
   if (job.downloader->downloadError()) {

@@ -4,10 +4,14 @@
 // along, so that a file unchanged upstream costs a 304. A pass makes one and puts it in effect;
 // a download started anywhere on the thread while it is in effect (a catalog, a server metadata
 // file) joins it, and one started without any runs under a scheduler of its own. Used by the
-// sync pass, KTSProduct and KTSFileDownloader. One thread; never two running on one thread
-// except nested, a download of one scheduler's callback run to its end by the same scheduler.
+// sync pass, KTSProduct and KTSFileDownloader. A server that answers 429 or 503 with Retry-After
+// is asked again after that wait (up to five minutes, five times a file), and the scheduler then
+// runs half as many transfers at once: a busy upstream slows the pass, it does not fail it.
+// One thread; never two running on one thread except nested, a download of one scheduler's
+// callback run to its end by the same scheduler.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -35,6 +39,9 @@ class KTSFetchScheduler {
     // Transfers that ended, one after the other, without any answer from their server; a
     // transfer that got an HTTP status of any kind sets it back to 0.
     std::uint64_t unansweredInARow = 0;
+    // Downloads the server asked to come back to later (429 or 503 with Retry-After), each
+    // time it asked.
+    std::uint64_t deferred = 0;
   };
 
   // validators: where the kept files' validators are recorded and read; none sends no
@@ -75,9 +82,18 @@ class KTSFetchScheduler {
   struct Job {
     std::shared_ptr<KTSFileDownloader> downloader;
     Finished finished;
+    int deferrals = 0;
   };
-  // Starts queued downloads while there is room; a download that cannot start ends at once.
+  struct Deferred {
+    Job job;
+    std::chrono::steady_clock::time_point due;
+  };
+  // Starts queued downloads while there is room (deferred ones that are due first); a download
+  // that cannot start ends at once.
   void startQueued();
+  // Waits, the heartbeat going on, until the first deferred download is due; once transfers are
+  // cancelled, ends every deferred one as it failed.
+  void waitForDeferred();
   // Runs the event loop for one slice, then hands every download that ended to its callback.
   void runSlice();
   void finish(Job job);
@@ -87,6 +103,7 @@ class KTSFetchScheduler {
   std::shared_ptr<KTSSyncPace> pace_;
   std::deque<Job> queue_;
   std::vector<Job> running_;
+  std::vector<Deferred> deferred_;
   Counters counters_;
   KTSFetchScheduler* previous_ = nullptr;
   bool isCurrent_ = false;

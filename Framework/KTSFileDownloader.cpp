@@ -69,6 +69,7 @@ bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& 
   notModified_ = false;
   answered_ = false;
   tooSlow_ = false;
+  retryAfterSeconds_.reset();
   responseETag_.clear();
   responseLastModified_.clear();
   validators_ = usesValidators_ ? validators : nullptr;
@@ -215,6 +216,7 @@ void KTSFileDownloader::transferDidFailWithError(const TransferError& error) {
   endDownload();
   answered_ = answered_ || error.httpStatus != 0;
   tooSlow_ = error.tooSlow;
+  retryAfterSeconds_ = error.retryAfterSeconds;
   downloadError_ = KTSError(kTransferErrorDomain, error.code, error.description);
   // A body cut short is kept to be continued when it can be; one refused is not.
   if (memoryLimit_) {

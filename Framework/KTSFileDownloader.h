@@ -66,6 +66,9 @@ class KTSFileDownloader : public TransferReceiver {
   bool wasAnswered() const { return answered_; }
   // The last download failed for running past its deadline or below its floor speed.
   bool wasTooSlow() const { return tooSlow_; }
+  // The server answered the last download 429 or 503 and asked to come back after this many
+  // seconds; none otherwise.
+  std::optional<std::int64_t> retryAfterSeconds() const { return retryAfterSeconds_; }
   // Records the last response's validators for the file now at downloadPath, in the record of
   // the scheduler it ran under; for a caller that placed a body received into memory.
   void recordValidatorsOfPlacedFile();
@@ -148,6 +151,7 @@ class KTSFileDownloader : public TransferReceiver {
   bool notModified_ = false;
   bool answered_ = false;
   bool tooSlow_ = false;
+  std::optional<std::int64_t> retryAfterSeconds_;
   LogHandle log_;
 };
 

@@ -298,6 +298,7 @@ class Transfer::Impl {
       lastModified_.clear();
       date_.clear();
       contentRange_.clear();
+      retryAfter_.clear();
     } else if (startsWithIgnoringCase(line, "content-length:")) {
       contentLength_ = std::atoll(std::string(trimmed(line.substr(15))).c_str());
     } else if (startsWithIgnoringCase(line, "etag:")) {
@@ -308,6 +309,8 @@ class Transfer::Impl {
       date_ = trimmed(line.substr(5));
     } else if (startsWithIgnoringCase(line, "content-range:")) {
       contentRange_ = trimmed(line.substr(14));
+    } else if (startsWithIgnoringCase(line, "retry-after:")) {
+      retryAfter_ = trimmed(line.substr(12));
     } else if (startsWithIgnoringCase(line, "location:")) {
       hasLocation_ = !trimmed(line.substr(9)).empty();
     } else if (trimmed(line).empty()) {
@@ -353,6 +356,19 @@ class Transfer::Impl {
     return true;
   }
 
+  // What a 429 or 503 asks for in Retry-After: delay-seconds, or an HTTP-date measured from the
+  // response's Date (or now).
+  std::optional<std::int64_t> retryAfterSeconds() const {
+    if ((status_ != 429 && status_ != 503) || retryAfter_.empty()) return std::nullopt;
+    if (retryAfter_.size() <= 9 &&
+        retryAfter_.find_first_not_of("0123456789") == std::string::npos) {
+      return std::stoll(retryAfter_);
+    }
+    std::optional<std::int64_t> when = parseHttpDate(retryAfter_);
+    if (!when) return std::nullopt;
+    return std::max<std::int64_t>(0, *when - parseHttpDate(date_).value_or(secondsNow()));
+  }
+
   static std::string validatorOrEmpty(std::string_view value) {
     value = trimmed(value);
     return isSendableValidator(value) ? std::string(value) : std::string();
@@ -379,9 +395,9 @@ class Transfer::Impl {
       if (errorBuffer_[0] != '\0') description += std::string(" (") + errorBuffer_ + ")";
     }
     bool refused = refused_ || status_ >= 400;
-    receiver_->transferDidFailWithError({static_cast<int>(result), description,
-                                         status_ >= 400 ? status_ : 0,
-                                         result == CURLE_OPERATION_TIMEDOUT, !refused});
+    receiver_->transferDidFailWithError(
+        {static_cast<int>(result), description, status_ >= 400 ? status_ : 0,
+         result == CURLE_OPERATION_TIMEDOUT, !refused, retryAfterSeconds()});
   }
 
   CURL* easy_;
@@ -401,6 +417,7 @@ class Transfer::Impl {
   std::string lastModified_;
   std::string date_;
   std::string contentRange_;
+  std::string retryAfter_;
   // The body was refused here (its length, a partial answer that does not continue the file,
   // the destination) rather than cut short.
   bool refused_ = false;

@@ -49,6 +49,9 @@ struct TransferError {
   // was taken: what reached the destination is a sound first part of the body. False when the
   // server or this side refused the body.
   bool cutShort = false;
+  // A 429 or 503 whose Retry-After (seconds, or a date) asks to come back after this many
+  // seconds; none otherwise.
+  std::optional<std::int64_t> retryAfterSeconds;
 };
 
 // Receives the events of a transfer, on the thread that runs its event loop.

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <condition_variable>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
@@ -140,6 +141,26 @@ class KTSFileDownloaderTest : public OndrelTest {
             return true;
           });
     });
+    // Busy twice (a 429 that gives seconds, a 503 that gives a date), then answers.
+    routes.Get("/busy", [this](const httplib::Request&, httplib::Response& response) {
+      int request = ++busyRequests_;
+      if (request == 1) {
+        response.status = 429;
+        response.set_header("Retry-After", "1");
+      } else if (request == 2) {
+        std::time_t later = std::time(nullptr) + 2;
+        char date[64];
+        std::strftime(date, sizeof date, "%a, %d %b %Y %H:%M:%S GMT", std::gmtime(&later));
+        response.status = 503;
+        response.set_header("Retry-After", date);
+      } else {
+        response.set_content("done at last", "text/plain");
+      }
+    });
+    routes.Get("/closed", [](const httplib::Request&, httplib::Response& response) {
+      response.status = 503;
+      response.set_header("Retry-After", "100000");
+    });
     ASSERT_TRUE(server_.start());
   }
 
@@ -189,6 +210,7 @@ class KTSFileDownloaderTest : public OndrelTest {
   std::atomic<std::uint64_t> largeBytesSent_{0};
   std::atomic<bool> ignoreRanges_{false};
   std::atomic<bool> answer416_{false};
+  std::atomic<int> busyRequests_{0};
   std::vector<std::string> conditionsSeen_;
 };
 
@@ -394,6 +416,19 @@ TEST_F(KTSFileDownloaderTest, ADownloadCutShortIsContinuedWhereItBroke) {
     if (download("/large")->downloadError()) download("/large");
     EXPECT_TRUE(isLargeFile(target())) << upset;
   }
+}
+
+TEST_F(KTSFileDownloaderTest, ABusyServerIsAskedAgainWhenItSaysAndSlowsThePass) {
+  KTSFetchScheduler scheduler(8, nullptr);
+  scheduler.makeCurrent();
+  auto busy = download("/busy");
+  EXPECT_FALSE(busy->downloadError());
+  EXPECT_EQ(readFile(target()), "done at last");
+  EXPECT_EQ(busyRequests_.load(), 3);
+  EXPECT_EQ(scheduler.counters().deferred, 2u);
+  EXPECT_EQ(scheduler.counters().failed, 0u);
+  EXPECT_EQ(scheduler.maxConcurrent(), 2u) << "halved each time it was asked to wait";
+  EXPECT_TRUE(download("/closed")->downloadError()) << "a wait of over five minutes fails it";
 }
 
 TEST_F(KTSFileDownloaderTest, ProgressAndRedirects) {
