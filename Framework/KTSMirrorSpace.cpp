@@ -23,7 +23,9 @@ KTSMirrorSpace KTSMirrorSpace::now() {
 }
 
 bool KTSMirrorSpace::fits(std::uint64_t needed, std::uint64_t promised) const {
-  return !known || needed + reserve <= freeAfter(promised);
+  // Sizes come from upstream catalogs: a sum near the type's end must not wrap around.
+  std::uint64_t room = freeAfter(promised);
+  return !known || (reserve <= room && needed <= room - reserve);
 }
 
 }  // namespace ondrel

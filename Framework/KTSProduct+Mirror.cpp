@@ -534,7 +534,10 @@ KTSProduct::StillToFetch KTSProduct::stillToFetch() const {
       continue;
     }
     ++still.files;
-    if (expected && *expected > 0) still.bytes += static_cast<std::uint64_t>(*expected);
+    // Catalog sizes may be anything: the sum stops at the type's end instead of wrapping.
+    if (expected && *expected > 0) {
+      still.bytes += std::min(static_cast<std::uint64_t>(*expected), UINT64_MAX - still.bytes);
+    }
   }
   return still;
 }
