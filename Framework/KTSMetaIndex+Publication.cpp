@@ -147,9 +147,8 @@ void KTSMetaIndex::save() {
   Plist list = archiveRepresentation();
   // Replaced whole by an atomic write: the file is never missing or half written.
   KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*localPathAlternate_));
-  bool replaced = false;
   if (list.isDictionary() &&
-      list.writeXmlFileUnlessUnchanged(*localPathAlternate_, &replaced, nullptr)) {
+      KTSUtilities::writeDictionaryToPathUnlessUnchanged(list, *localPathAlternate_)) {
     log_.debug("METX: alternate index saved");
     return;
   }
@@ -176,8 +175,7 @@ bool KTSMetaIndex::exportAsPrime() {
       exported, atThisServer(*primaryCatalog_), revocations_);
   KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*localPath_));
   // An unchanged list keeps its file, so that what clients cached of it stays valid.
-  bool replaced = false;
-  if (list.writeXmlFileUnlessUnchanged(*localPath_, &replaced, nullptr)) {
+  if (KTSUtilities::writeDictionaryToPathUnlessUnchanged(list, *localPath_)) {
     log_.debug("METX: export file saved");
   } else {
     log_.debug("METX: *** ERROR *** export failed!");

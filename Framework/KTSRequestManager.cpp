@@ -170,8 +170,7 @@ Plist KTSRequestManager::readRequestAtPath(const std::string& path) {
 
 void KTSRequestManager::writeRequest(const Plist& request) {
   updateRequestDirPath();
-  auto seconds =
-      std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
+  std::int64_t seconds = Clock::secondsNow();
   std::string path = requestDirPath_ + "/" + KTSServerLayout::requestFileName(seconds);
   log_.debug("REQM: writing: {} (type = {})", path, request["requestType"]);
   KTSUtilities::writeDictionaryToPath(request, path);

@@ -218,6 +218,17 @@ bool KTSUtilities::writeDictionaryToPath(const Plist& dictionary, const std::str
   return true;
 }
 
+bool KTSUtilities::writeDictionaryToPathUnlessUnchanged(const Plist& dictionary,
+                                                        const std::string& path) {
+  bool replaced = false;
+  if (!dictionary.isDictionary() ||
+      !dictionary.writeXmlFileUnlessUnchanged(path, &replaced, nullptr)) {
+    LogHandle::shared().debug("UTIL: dictionary write failed! Path = {}", path);
+    return false;
+  }
+  return true;
+}
+
 bool KTSUtilities::writePropertyListToPath(const Plist& value, const std::string& path) {
   if (value.isNull()) {
     LogHandle::shared().debug("UTIL: write property list data conversion failed! reason: {}",

@@ -49,6 +49,10 @@ class KTSUtilities {
   static bool writeStringToPath(const std::string& text, const std::string& path);
   static bool writeArrayToPath(const Plist& array, const std::string& path);
   static bool writeDictionaryToPath(const Plist& dictionary, const std::string& path);
+  // The same, except that a file that already holds this very document is left untouched (its
+  // inode and time too, so that what readers cached of it stays valid).
+  static bool writeDictionaryToPathUnlessUnchanged(const Plist& dictionary,
+                                                   const std::string& path);
   static bool writePropertyListToPath(const Plist& value, const std::string& path);
   // An array of the values nextElement gives until it gives null, written as they come.
   static bool writePropertyListArrayToPath(const std::function<Plist()>& nextElement,

@@ -16,6 +16,10 @@ Date Clock::now() {
   return std::chrono::system_clock::now();
 }
 
+std::int64_t Clock::secondsNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(now().time_since_epoch()).count();
+}
+
 void Clock::sleepFor(std::chrono::duration<double> seconds) {
   if (auto& source = installedSource()) return source->sleepFor(seconds);
   if (seconds.count() > 0) std::this_thread::sleep_for(seconds);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 
 #include "Plist.h"
@@ -20,6 +21,8 @@ class ClockSource {
 class Clock {
  public:
   static Date now();
+  // now() in whole seconds since the epoch.
+  static std::int64_t secondsNow();
   static void sleepFor(std::chrono::duration<double> seconds);
   // Installs a replacement source; an empty pointer restores the system clock.
   static void install(std::shared_ptr<ClockSource> source);

@@ -21,10 +21,6 @@ constexpr std::size_t kMostSessionBytes = 256;
 // Clearing away stops after this many files: a folder filled by someone else costs no more.
 constexpr int kMostSessionsLookedAt = 10000;
 
-std::int64_t secondsNow() {
-  return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
-}
-
 struct Session {
   std::string user;
   std::int64_t ends = 0;
@@ -53,7 +49,7 @@ void clearEndedSessions() {
   namespace fs = std::filesystem;
   std::error_code error;
   int lookedAt = 0;
-  std::int64_t now = secondsNow();
+  std::int64_t now = Clock::secondsNow();
   for (auto entry = fs::directory_iterator(KTSServerLayout::adminSessionsFolder(), error);
        !error && entry != fs::directory_iterator() && ++lookedAt <= kMostSessionsLookedAt;
        entry.increment(error)) {
@@ -69,8 +65,8 @@ std::string startAdminSession(const std::string& user, std::string* error) {
   ::chmod(KTSServerLayout::adminSessionsFolder().c_str(), 0770);
   clearEndedSessions();
   std::string session = newSessionId();
-  std::int64_t ends =
-      secondsNow() + std::chrono::duration_cast<std::chrono::seconds>(kSessionLength).count();
+  std::int64_t ends = Clock::secondsNow() +
+                      std::chrono::duration_cast<std::chrono::seconds>(kSessionLength).count();
   if (!writeStringAtomically(KTSServerLayout::adminSessionsFolder() + "/" + session,
                              user + "\n" + std::to_string(ends) + "\n", error)) {
     return "";
@@ -80,7 +76,7 @@ std::string startAdminSession(const std::string& user, std::string* error) {
 
 std::string adminSessionUser(const std::string& session) {
   Session found = readSession(session);
-  if (found.ends <= secondsNow() || !isAdminUser(found.user)) return "";
+  if (found.ends <= Clock::secondsNow() || !isAdminUser(found.user)) return "";
   return found.user;
 }
 

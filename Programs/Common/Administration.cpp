@@ -74,15 +74,11 @@ std::set<std::string> productsOfCatalog(const std::string& name) {
   return ids;
 }
 
-std::int64_t secondsNow() {
-  return std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
-}
-
 // A request file is named by the second it was posted in; a second post in the same second
 // would replace the first, so it waits for the next second. Gives the second it is in.
 std::int64_t waitForAFreshSecond() {
   for (;;) {
-    std::int64_t second = secondsNow();
+    std::int64_t second = Clock::secondsNow();
     if (!std::filesystem::exists(KTSServerLayout::requestPath(second))) return second;
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
@@ -91,7 +87,7 @@ std::int64_t waitForAFreshSecond() {
 // Whether a request file named by a second from since on is in the spool: the request manager
 // does not say when it could not write one.
 bool requestWrittenSince(std::int64_t since) {
-  for (std::int64_t second = since; second <= secondsNow(); ++second) {
+  for (std::int64_t second = since; second <= Clock::secondsNow(); ++second) {
     if (std::filesystem::exists(KTSServerLayout::requestPath(second))) return true;
   }
   return false;

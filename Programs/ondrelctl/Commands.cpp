@@ -36,8 +36,6 @@ namespace ondrel::ctl {
 
 namespace {
 
-constexpr const char* kWebUnit = "ondrel-web.service";
-
 std::string serviceRoot() { return KTSServerLayout::serviceFolder(); }
 std::string configPath() { return KTSServerLayout::webConfigurationPath(); }
 std::string pidPath() { return KTSServerLayout::webServerPidPath(); }

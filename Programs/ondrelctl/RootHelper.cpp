@@ -20,7 +20,6 @@ namespace ondrel::ctl {
 
 namespace {
 
-constexpr const char* kWebUnit = "ondrel-web.service";
 constexpr unsigned char kCouldNotRun = 255;
 
 // The child's end of the channel to its root parent; -1 when this process is not such a child.

@@ -10,6 +10,9 @@
 
 namespace ondrel::ctl {
 
+// The clients' web server's systemd unit.
+inline constexpr const char* kWebUnit = "ondrel-web.service";
+
 enum class WebAction : char {
   UnitStart = 's',
   UnitStop = 't',
