@@ -513,10 +513,13 @@ void KTSProduct::removeAllMirroredFiles(const KTSFileOwnership* ownership) {
     // Only its own files, where product files belong: never another product's or a served one.
     if (extension == "dist" || extension == "smd" || !KTSPath::isInsideHtmlFolder(localPath) ||
         refusalOutsideDownloads(localPath) ||
-        (ownership != nullptr && ownership->otherOwnerOfPath(localPath, id())) ||
-        !KTSUtilities::fileExistsAtPath(localPath)) {
+        (ownership != nullptr && ownership->otherOwnerOfPath(localPath, id()))) {
       continue;
     }
+    // A download cut short keeps its part to be continued; the product gone, it goes too.
+    std::string part = sideFilePath(localPath, "downloading");
+    if (KTSUtilities::fileExistsAtPath(part)) KTSUtilities::removePath(part);
+    if (!KTSUtilities::fileExistsAtPath(localPath)) continue;
     log_.debug("PROD: {}: removing product file {}", id(), lastPathComponent(localPath));
     KTSUtilities::removePath(localPath);
   }

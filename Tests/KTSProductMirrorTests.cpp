@@ -359,7 +359,11 @@ TEST_F(KTSProductMirrorTest, RemovalKeepsDescriptionsOrTakesTheWholeFolder) {
       "P1", entry, Url::parse(upstream_.url("/content/downloads/d/P1/P1.smd")));
   ASSERT_TRUE(mirrored->downloadMirroredFiles());
   mirrored->enable();
+  // A part kept from a download cut short goes with the product, file or not.
+  std::filesystem::remove(local("/content/downloads/d/P1/a.pkm"));
+  writeFile(local("/content/downloads/d/P1/a.pkm.downloading"), "part");
   mirrored->removeAllMirroredFiles();
+  EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/a.pkm.downloading")));
   EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/a.pkg")));
   EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/a.pkm")));
   EXPECT_TRUE(std::filesystem::exists(local("/content/downloads/d/P1/English.dist")));
