@@ -15,6 +15,7 @@
 #include "KTCatalogKeys.h"
 #include "KTSCatalog.h"
 #include "KTSLogger.h"
+#include "KTSPassContext.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSUtilities.h"
@@ -39,8 +40,8 @@ void row(const char* figure, double value, const char* unit) {
   std::printf("%-44s %12.3f %s\n", figure, value, unit);
 }
 
-int construct(const Url& catalogURL, std::size_t count) {
-  std::string local = KTSPreferences::defaultPreferences()->updatesDocRoot() + "bench.ktcatalog";
+int construct(KTSPassContext& context, const Url& catalogURL, std::size_t count) {
+  std::string local = context.preferences().updatesDocRoot() + "bench.ktcatalog";
   KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(catalogURL, local, true,
                                                                         false);
   Plist catalog = KTSUtilities::readPropertyListAtPath(local);
@@ -50,7 +51,7 @@ int construct(const Url& catalogURL, std::size_t count) {
       if (products.size() == count) break;
       std::optional<Url> metadata = Url::parse(entry["ServerMetadataURL"].stringValue());
       products.push_back(KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-          productId, entry, metadata));
+          productId, entry, metadata, context));
     }
   });
   row("construct products", built, "s");
@@ -70,14 +71,14 @@ int construct(const Url& catalogURL, std::size_t count) {
   return restored == products.size() ? 0 : 1;
 }
 
-int sync(const Url& catalogURL) {
-  auto first = KTSCatalog::catalogWithUrl(catalogURL);
+int sync(KTSPassContext& context, const Url& catalogURL) {
+  auto first = KTSCatalog::catalogWithUrl(catalogURL, context);
   row("first sync", timed([&] { first->syncCatalogWithDeprecationsForcingUpdate(Plist(), true); }),
       "s");
-  auto second = KTSCatalog::catalogWithUrl(catalogURL);
+  auto second = KTSCatalog::catalogWithUrl(catalogURL, context);
   row("steady-state sync",
       timed([&] { second->syncCatalogWithDeprecationsForcingUpdate(Plist(), true); }), "s");
-  auto loaded = KTSCatalog::catalogWithUrl(catalogURL);
+  auto loaded = KTSCatalog::catalogWithUrl(catalogURL, context);
   row("loadCatalog from the cache", timed([&] { loaded->loadCatalog(); }), "s");
   row("saveProductIndexCache", timed([&] { loaded->saveProductIndexCache(); }), "s");
   row("loadProductIndexCache", timed([&] { loaded->loadProductIndexCache(); }), "s");
@@ -92,16 +93,16 @@ int sync(const Url& catalogURL) {
   return served == loaded->products()->size() ? 0 : 1;
 }
 
-int workingSet(const Url& catalogURL, std::size_t count) {
-  auto catalog = KTSCatalog::catalogWithUrl(catalogURL);
+int workingSet(KTSPassContext& context, const Url& catalogURL, std::size_t count) {
+  auto catalog = KTSCatalog::catalogWithUrl(catalogURL, context);
   catalog->loadCatalog();
   KTSWorkingSet::ProductsById products(catalog->products()->begin(), catalog->products()->end());
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  KTSWorkingSet& workingSet = context.workingSet();
   row("updateWithProducts (merge and save)", timed([&] {
-        workingSet->updateWithProductsAndRevocationsArchivingPrevious(products, Plist(), true);
+        workingSet.updateWithProductsAndRevocationsArchivingPrevious(products, Plist(), true);
       }),
       "s");
-  auto cold = KTSWorkingSet::workingSetForPath(workingSet->currentPath());
+  auto cold = std::make_unique<KTSWorkingSet>(context.preferences(), workingSet.currentPath());
   row("cold loadProducts", timed([&] { cold->loadProducts(); }), "s");
   std::size_t updates = 0;
   double updating = timed([&] {
@@ -115,11 +116,12 @@ int workingSet(const Url& catalogURL, std::size_t count) {
   return 0;
 }
 
-int mirror(const Url& catalogURL, std::size_t count, const std::string& urlList) {
-  auto preferences = KTSPreferences::defaultPreferences();
-  preferences->setAutoMirror(false);
-  preferences->setAutoEnable(false);
-  auto catalog = KTSCatalog::catalogWithUrl(catalogURL);
+int mirror(KTSPassContext& context, const Url& catalogURL, std::size_t count,
+           const std::string& urlList) {
+  KTSPreferences& preferences = context.preferences();
+  preferences.setAutoMirror(false);
+  preferences.setAutoEnable(false);
+  auto catalog = KTSCatalog::catalogWithUrl(catalogURL, context);
   catalog->syncCatalogWithDeprecationsForcingUpdate(Plist(), true);
   std::ofstream list(urlList);
   std::vector<std::shared_ptr<KTSProduct>> chosen;
@@ -164,10 +166,11 @@ int main(int argc, char** argv) {
   if (!catalogURL) return 2;
   // Logging as the daemon logs: syslog lines, debug lines off.
   KTSLogger::defaultLoggerForSourceLogType("catalog_bench", 0);
-  KTSPreferences::defaultPreferences()->setPublicHostName("127.0.0.1");
-  if (phase == "construct") return construct(*catalogURL, count);
-  if (phase == "sync") return sync(*catalogURL);
-  if (phase == "workingset") return workingSet(*catalogURL, count);
-  if (phase == "mirror" && argc > 4) return mirror(*catalogURL, count, argv[4]);
+  KTSPassContext context;
+  context.preferences().setPublicHostName("127.0.0.1");
+  if (phase == "construct") return construct(context, *catalogURL, count);
+  if (phase == "sync") return sync(context, *catalogURL);
+  if (phase == "workingset") return workingSet(context, *catalogURL, count);
+  if (phase == "mirror" && argc > 4) return mirror(context, *catalogURL, count, argv[4]);
   return 2;
 }

@@ -4,6 +4,7 @@
 #include "KTCatalogKeys.h"
 #include "KTSCatalog.h"
 #include "KTSError.h"
+#include "KTSPassContext.h"
 #include "KTSPreferences.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
@@ -46,7 +47,7 @@ void KTSCatalog::updateCompositeCatalogWithCatalog(const Plist& catalog) {
   log_.debug("CTLG: # ");
   log_.debug("CTLG: # updating composite from {}", lastPathComponent(catalogURL_.path()));
   log_.debug("CTLG: # ");
-  bool purge = KTSPreferences::defaultPreferences()->automaticPresetsEnabled();
+  bool purge = context_.preferences().automaticPresetsEnabled();
   Date indexDate = indexDateOfCatalog(catalog);
   // Without a post URL and a product list there is nothing to merge: the composite catalog on
   // disk and in memory stays exactly as it was, and the caller learns why.

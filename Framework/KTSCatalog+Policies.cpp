@@ -5,6 +5,7 @@
 
 #include "KTCatalogKeys.h"
 #include "KTSCatalog.h"
+#include "KTSPassContext.h"
 #include "KTSPassRecord.h"
 #include "KTSPath.h"
 #include "KTSPreferences.h"
@@ -14,9 +15,9 @@
 namespace ondrel {
 
 void KTSCatalog::applyGlobalProductPreferences() {
-  auto preferences = KTSPreferences::defaultPreferences();
-  bool automatic = preferences->automaticPresetsEnabled();
-  log_.debug("CTLG: Mode is {}.", preferences->modeName());
+  KTSPreferences& preferences = context_.preferences();
+  bool automatic = preferences.automaticPresetsEnabled();
+  log_.debug("CTLG: Mode is {}.", preferences.modeName());
   applyAutoMirrorsForAllProducts();
   applyAutoEnablesForAllProducts();
   if (automatic || !products_) return;
@@ -29,9 +30,9 @@ void KTSCatalog::applyGlobalProductPreferences() {
 }
 
 void KTSCatalog::applyAutoMirrorsForAllProducts() {
-  auto preferences = KTSPreferences::defaultPreferences();
-  bool onlyNew = preferences->autoMirrorOnlyNew();
-  if (!preferences->autoMirror() && !onlyNew) {
+  KTSPreferences& preferences = context_.preferences();
+  bool onlyNew = preferences.autoMirrorOnlyNew();
+  if (!preferences.autoMirror() && !onlyNew) {
     log_.info("* Auto-copy options are OFF. No products were changed.");
     return;
   }
@@ -55,7 +56,7 @@ void KTSCatalog::applyAutoMirrorsForAllProducts() {
 }
 
 void KTSCatalog::applyAutoEnablesForAllProducts() {
-  if (!KTSPreferences::defaultPreferences()->autoEnable()) {
+  if (!context_.preferences().autoEnable()) {
     log_.info("* Auto-enable option is OFF. No products were changed.");
     return;
   }
@@ -84,7 +85,7 @@ void KTSCatalog::applyAutoEnablesForAllProducts() {
 }
 
 void KTSCatalog::cancelPendingAutoRequestsForAllProducts() {
-  bool autoMirror = KTSPreferences::defaultPreferences()->autoMirror();
+  bool autoMirror = context_.preferences().autoMirror();
   log_.info("* Manual mode - auto-download {}. Canceling pending {}.",
             autoMirror ? "is ON, auto-enable option is OFF" : "and auto-enable options are OFF",
             autoMirror ? "enable requests only" : "download and enable requests");
@@ -220,13 +221,13 @@ void KTSCatalog::saveProductIndexCache() {
   if (!KTSUtilities::writePropertyListArrayToPath(take, productsCachePath_)) {
     log_.debug("CTLG: product index cache save failed!");
   }
-  if (KTSPassRecord* record = KTSPassRecord::current()) {
+  if (KTSPassRecord* record = context_.record()) {
     record->recordFile(productsCachePath_, productIndexCacheInputs(*record));
   }
 }
 
 void KTSCatalog::saveProductIndexCacheUnlessCurrent() {
-  KTSPassRecord* record = KTSPassRecord::current();
+  KTSPassRecord* record = context_.record();
   if (record && compositeUnchanged_) {
     std::string inputs = productIndexCacheInputs(*record);
     if (record->isCurrent(productsCachePath_, inputs)) {
@@ -270,7 +271,7 @@ void KTSCatalog::verifyAllProductDownloadStates() {
   for (const auto& [productId, product] : *products_) {
     std::int32_t mirror = product->mirror();
     if (mirror >= KTSProduct::LocalOnly && mirror <= KTSProduct::LocalNotMirrored &&
-        !product->verifyMirroredFiles()) {
+        !product->verifyMirroredFiles(context_.memo())) {
       removed.push_back(productId);
       log_.debug(
           "CTLG: WARNING - Removing {} product {} (reason: missing files, no longer "
@@ -280,7 +281,7 @@ void KTSCatalog::verifyAllProductDownloadStates() {
           "Partially copied product {} missing some local files. The product is no longer "
           "available and will be removed.",
           productId);
-    } else if (mirror == KTSProduct::Mirrored && !product->verifyMirroredFiles()) {
+    } else if (mirror == KTSProduct::Mirrored && !product->verifyMirroredFiles(context_.memo())) {
       product->scheduleMirroring();
       log_.debug("CTLG: WARNING - {} product {} not found / missing files.",
                  product->mirrorStateDescription(), productId);

@@ -7,6 +7,7 @@
 #include "KTSCatalogDownloader.h"
 #include "KTSError.h"
 #include "KTSFetchScheduler.h"
+#include "KTSPassContext.h"
 #include "KTSPassMemo.h"
 #include "KTSPassRecord.h"
 #include "KTSPreferences.h"
@@ -23,8 +24,8 @@ constexpr const char* kStateNames[] = {"UNKNOWN", "NEW", "RECURRING", "DEPRECATE
 
 }  // namespace
 
-std::shared_ptr<KTSCatalog> KTSCatalog::catalogWithUrl(const Url& url) {
-  return std::make_shared<KTSCatalog>(url);
+std::shared_ptr<KTSCatalog> KTSCatalog::catalogWithUrl(const Url& url, KTSPassContext& context) {
+  return std::make_shared<KTSCatalog>(url, context);
 }
 
 std::string KTSCatalog::compositeProductStringForStateValue(std::int64_t state) {
@@ -43,9 +44,10 @@ std::int64_t KTSCatalog::compositeProductStateForString(const std::string& name)
   return Unknown;
 }
 
-KTSCatalog::KTSCatalog(const Url& catalogURL) : catalogURL_(catalogURL), log_(LogHandle::shared()) {
-  auto preferences = KTSPreferences::defaultPreferences();
-  updatesDocRoot_ = preferences->updatesDocRoot();
+KTSCatalog::KTSCatalog(const Url& catalogURL, KTSPassContext& context)
+    : catalogURL_(catalogURL), context_(context), log_(context.log()) {
+  KTSPreferences& preferences = context.preferences();
+  updatesDocRoot_ = preferences.updatesDocRoot();
   // The formats join their parts without a separator of their own: the document root ends in
   // a slash and the URL path begins with one.
   const std::string& urlPath = catalogURL_.path();
@@ -54,7 +56,7 @@ KTSCatalog::KTSCatalog(const Url& catalogURL) : catalogURL_(catalogURL), log_(Lo
   productsCachePath_ =
       fmt::format("{}html{}.productscache", updatesDocRoot_, deletingPathExtension(urlPath));
   catalogPrimePath_ =
-      fmt::format("http://{}:{}{}", preferences->hostName(), preferences->portToUse(), urlPath);
+      fmt::format("http://{}:{}{}", preferences.hostName(), preferences.portToUse(), urlPath);
 }
 
 KTSCatalog::~KTSCatalog() = default;
@@ -109,7 +111,7 @@ void KTSCatalog::loadCompositeCatalog() {
   } else {
     compositeCatalog_ = Plist::dictionary();
   }
-  KTSPassRecord* record = KTSPassRecord::current();
+  KTSPassRecord* record = context_.record();
   compositeAsRecorded_ = record && record->inputsOfCurrentFile(compositeCatalogPath_);
   loadedComposite_ = compositeAsRecorded_ ? compositeCatalog_ : Plist();
   compositeUnchanged_ = false;
@@ -118,7 +120,7 @@ void KTSCatalog::loadCompositeCatalog() {
 void KTSCatalog::saveCompositeCatalog() {
   if (compositeCatalog_.isNull()) return;
   KTSUtilities::writeDictionaryToPath(compositeCatalog_, compositeCatalogPath_);
-  if (KTSPassRecord* record = KTSPassRecord::current()) {
+  if (KTSPassRecord* record = context_.record()) {
     record->recordFile(compositeCatalogPath_, "");
   }
   log_.debug("CTLG: composite catalog saved.");
@@ -129,7 +131,7 @@ void KTSCatalog::saveMergedCompositeCatalog() {
   loadedComposite_ = Plist();
   if (!compositeUnchanged_) return saveCompositeCatalog();
   // Merging the same upstream copy into it again would leave it as it is, too.
-  KTSPassRecord::current()->recordFile(compositeCatalogPath_, mergeInputs_);
+  context_.record()->recordFile(compositeCatalogPath_, mergeInputs_);
   log_.debug("CTLG: composite catalog unchanged.");
 }
 
@@ -137,7 +139,7 @@ void KTSCatalog::saveMergedCompositeCatalog() {
 // the deprecations and the composite catalog itself stay as they were: the copy need not even
 // be read. Only once the pass fetched the copy ahead, so no download is skipped.
 bool KTSCatalog::mergeChangesNothing(const Plist& deprecations) {
-  KTSPassRecord* record = KTSPassRecord::current();
+  KTSPassRecord* record = context_.record();
   mergeInputs_.clear();
   if (record == nullptr || !fetchAhead_) return false;
   mergeInputs_ = KTSPassRecord::Inputs()
@@ -155,7 +157,7 @@ bool KTSCatalog::mergeChangesNothing(const Plist& deprecations) {
 
 void KTSCatalog::fetchCatalogAheadWithScheduler(KTSFetchScheduler& scheduler) {
   fetchAhead_ = KTSCatalogDownloader::downloaderWithURLLocalPathArchivePrevious(
-      catalogURL_, vantorCatalogPath_, true);
+      catalogURL_, vantorCatalogPath_, true, context_.status());
   lastDownloadSucceeded_ = false;
   fetchAhead_->downloadWithScheduler(scheduler, [this, downloader = fetchAhead_.get()] {
     lastDownloadSucceeded_ = downloader->downloadStatus() == 1;
@@ -169,9 +171,9 @@ Plist KTSCatalog::downloadCatalogToPathForcingUpdate(const std::string& path, bo
     // Fetched beside the other catalogs of the pass; its outcome stands for this download.
     fetchAhead_.reset();
   } else if (force || !KTSUtilities::fileExistsAtPath(path)) {
-    auto downloader =
-        KTSCatalogDownloader::downloaderWithURLLocalPathArchivePrevious(catalogURL_, path, true);
-    if (downloader->downloadStatus() == 1) downloader->downloadSynchronously();
+    auto downloader = KTSCatalogDownloader::downloaderWithURLLocalPathArchivePrevious(
+        catalogURL_, path, true, context_.status());
+    if (downloader->downloadStatus() == 1) downloader->downloadSynchronously(context_.scheduler());
     lastDownloadSucceeded_ = downloader->downloadStatus() == 1;
   }
   if (!KTSUtilities::fileExistsAtPath(path)) return Plist();
@@ -182,7 +184,8 @@ bool KTSCatalog::loadProductIndexForcingUpdate(bool force) {
   if (!force && loadProductIndexCache()) return false;
   log_.debug("CTLG: rebuilding product list from available data.");
   if (!throttleDownloads_) {
-    KTSProduct::prefetchServerMetadataForEntries(compositeCatalog_[KTCatalogProductsDictKey]);
+    KTSProduct::prefetchServerMetadataForEntries(compositeCatalog_[KTCatalogProductsDictKey],
+                                                 context_);
   }
   ProductIndex rebuilt;
   for (const auto& [productId, entry] : compositeCatalog_[KTCatalogProductsDictKey].items()) {
@@ -230,9 +233,9 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
   std::shared_ptr<KTSProduct> product = madeEarlierInPass(productId, entry);
   if (!product) {
     product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-        productId, entry, metadataURL);
-    if (KTSPassMemo::isInEffect()) {
-      KTSPassMemo::recordProductMadeFirst(productId, std::make_shared<const KTSProduct>(*product));
+        productId, entry, metadataURL, context_);
+    if (KTSPassMemo* memo = context_.memo()) {
+      memo->recordProductMadeFirst(productId, std::make_shared<const KTSProduct>(*product));
     }
   }
   if (product->initStatus() != 1) {
@@ -247,11 +250,11 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
     }
     return nullptr;
   }
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
-  if (workingSet->containsProductID(productId)) {
-    product->restoreSettings(workingSet->mirrorSettingForProductID(productId),
-                             workingSet->enableSettingForProductID(productId));
-    workingSet->shareTextsWithProduct(*product);
+  KTSWorkingSet& workingSet = context_.workingSet();
+  if (workingSet.containsProductID(productId)) {
+    product->restoreSettings(workingSet.mirrorSettingForProductID(productId),
+                             workingSet.enableSettingForProductID(productId));
+    workingSet.shareTextsWithProduct(*product);
   }
   if (throttleDownloads_) Clock::sleepFor(Clock::now() - start);
   return product;
@@ -261,8 +264,10 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
 // copy of the product another catalog made in this pass from the same entry (but for its
 // composite state, active alike) is what making it again would give.
 std::shared_ptr<KTSProduct> KTSCatalog::madeEarlierInPass(const std::string& productId,
-                                                          const Plist& entry) {
-  std::shared_ptr<const KTSProduct> earlier = KTSPassMemo::productMadeFirst(productId);
+                                                          const Plist& entry) const {
+  KTSPassMemo* memo = context_.memo();
+  std::shared_ptr<const KTSProduct> earlier =
+      memo != nullptr ? memo->productMadeFirst(productId) : nullptr;
   if (!earlier) return nullptr;
   const Plist& earlierEntry = earlier->masterRepresentation();
   if (KTSProduct::isActiveEntry(earlierEntry) != KTSProduct::isActiveEntry(entry)) return nullptr;
@@ -298,11 +303,11 @@ std::shared_ptr<KTSProduct> KTSCatalog::madeEarlierInPass(const std::string& pro
 void KTSCatalog::mergeWorkingSetProductsStates() {
   log_.debug("CTLG: merging existing working set data");
   if (!products_) return;
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  KTSWorkingSet& workingSet = context_.workingSet();
   for (const auto& [productId, product] : *products_) {
-    if (!workingSet->containsProductID(productId)) continue;
+    if (!workingSet.containsProductID(productId)) continue;
     log_.debug("CTLG: transferring working set data for {}", productId);
-    Plist record = workingSet->productDictForID(productId);
+    Plist record = workingSet.productDictForID(productId);
     product->restoreSettings(
         record.contains("mirror") ? KTSProduct::mirrorStateForString(record["mirror"].stringValue())
                                   : product->mirror(),

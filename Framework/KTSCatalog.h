@@ -1,8 +1,9 @@
 // KTSCatalog is one upstream catalog as this server keeps it: the last downloaded copy, the
 // composite catalog (every product ever seen, with its state NEW, RECURRING, DEPRECATED or
 // ORPHANED), and the product index built from it with the working set's settings, the automatic
-// policies, the deprecation chains and the check of files on disk. The sync daemon and the
-// administration side create one per catalog of the meta-index and drive it from one thread.
+// policies, the deprecation chains and the check of files on disk. The sync pass creates one per
+// catalog of the meta-index, with the pass context it works in (which must outlive it), and
+// drives it from one thread.
 #pragma once
 
 #include <map>
@@ -21,6 +22,7 @@ namespace ondrel {
 class KTSCatalogDownloader;
 class KTSError;
 class KTSFetchScheduler;
+class KTSPassContext;
 class KTSPassRecord;
 class KTSProduct;
 
@@ -35,12 +37,12 @@ class KTSCatalog {
   };
   using ProductIndex = std::map<std::string, std::shared_ptr<KTSProduct>>;
 
-  static std::shared_ptr<KTSCatalog> catalogWithUrl(const Url& url);
+  static std::shared_ptr<KTSCatalog> catalogWithUrl(const Url& url, KTSPassContext& context);
   static std::string compositeProductStringForStateValue(std::int64_t state);
   static std::string compositeProductStringForState(const Plist& state);
   static std::int64_t compositeProductStateForString(const std::string& name);
 
-  explicit KTSCatalog(const Url& catalogURL);
+  KTSCatalog(const Url& catalogURL, KTSPassContext& context);
   ~KTSCatalog();
 
   // Restores the product index without the network: from the cache, else rebuilt.
@@ -52,7 +54,7 @@ class KTSCatalog {
   // mirrored.
   void syncCatalogLeavingCache(const Plist& deprecations, bool force);
   void loadCompositeCatalog();
-  // Writes the composite catalog, and records it in the pass record in effect.
+  // Writes the composite catalog, and records it in the context's pass record.
   void saveCompositeCatalog();
   // After a merge: writes the composite catalog unless the merge left it exactly as the pass
   // record shows it on disk.
@@ -79,9 +81,9 @@ class KTSCatalog {
   std::shared_ptr<KTSProduct> makeProductItemForProductIDError(const std::string& productId,
                                                                std::optional<KTSError>* error);
   // A copy of the product made from an entry like this one by another catalog in this pass;
-  // null when there is none.
-  static std::shared_ptr<KTSProduct> madeEarlierInPass(const std::string& productId,
-                                                       const Plist& entry);
+  // null when there is none (and always without a pass memo).
+  std::shared_ptr<KTSProduct> madeEarlierInPass(const std::string& productId,
+                                                const Plist& entry) const;
   void mergeWorkingSetProductsStates();
   void commitCatalogProductRemovals();
   std::shared_ptr<KTSProduct> productForProductId(const std::string& productId) const;
@@ -104,7 +106,7 @@ class KTSCatalog {
 
   // The product index cache and the check of files on disk.
   bool loadProductIndexCache();
-  // Writes the cache, and records it in the pass record in effect.
+  // Writes the cache, and records it in the context's pass record.
   void saveProductIndexCache();
   // Leaves the cache as it is when the pass record shows it was made from this very composite
   // catalog and these products; writes it otherwise.
@@ -155,6 +157,7 @@ class KTSCatalog {
                                             bool superiorEnabled, std::set<std::string>& visited);
 
   Url catalogURL_;
+  KTSPassContext& context_;
   std::string vantorCatalogPath_;
   std::string compositeCatalogPath_;
   std::string productsCachePath_;

@@ -10,18 +10,17 @@ namespace ondrel {
 std::shared_ptr<KTSCatalogDownloader>
 KTSCatalogDownloader::downloaderWithURLLocalPathArchivePrevious(const Url& url,
                                                                 const std::string& localPath,
-                                                                bool archivePrevious) {
-  return std::make_shared<KTSCatalogDownloader>(url, localPath, archivePrevious);
+                                                                bool archivePrevious,
+                                                                KTSSyncStatus& status) {
+  return std::make_shared<KTSCatalogDownloader>(url, localPath, archivePrevious, status);
 }
 
 KTSCatalogDownloader::KTSCatalogDownloader(const Url& url, const std::string& localPath,
-                                           bool archivePrevious)
-    : KTSFileDownloader(url, localPath, archivePrevious),
-      syncStatus_(KTSSyncStatus::defaultStatus()) {}
+                                           bool archivePrevious, KTSSyncStatus& status)
+    : KTSFileDownloader(url, localPath, archivePrevious), syncStatus_(status) {}
 
-void KTSCatalogDownloader::downloadSynchronously() {
+void KTSCatalogDownloader::downloadSynchronously(KTSFetchScheduler* scheduler) {
   std::optional<KTSFetchScheduler> own;
-  KTSFetchScheduler* scheduler = KTSFetchScheduler::current();
   if (scheduler == nullptr) scheduler = &own.emplace(1, nullptr);
   bool done = false;
   downloadWithScheduler(*scheduler, [&done] { done = true; });
@@ -53,12 +52,12 @@ void KTSCatalogDownloader::attemptSchemeWithScheduler(std::size_t index,
 
 void KTSCatalogDownloader::recordOutcome(const std::string& scheme) {
   if (downloadStatus_ == 1) {
-    syncStatus_->setAccessForHostName(scheme, sourceUrl().host());
+    syncStatus_.setAccessForHostName(scheme, sourceUrl().host());
     return;
   }
   logger().error("All download attempts failed for catalog {}",
                  lastPathComponent(sourceUrl().path()));
-  syncStatus_->setAccessForHostName(std::nullopt, sourceUrl().host());
+  syncStatus_.setAccessForHostName(std::nullopt, sourceUrl().host());
 }
 
 void KTSCatalogDownloader::downloadWithScheme(const std::string& scheme) {
@@ -85,7 +84,7 @@ void KTSCatalogDownloader::endAttemptWithScheme(const std::string& scheme) {
 }
 
 std::array<std::string, 2> KTSCatalogDownloader::getSchemeOrder() const {
-  std::optional<std::string> access = syncStatus_->getAccessForHostName(sourceUrl().host());
+  std::optional<std::string> access = syncStatus_.getAccessForHostName(sourceUrl().host());
   bool httpFirst = access ? *access == "http" : sourceUrl().port().has_value();
   if (httpFirst) return {"http", "https"};
   return {"https", "http"};

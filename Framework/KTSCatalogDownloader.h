@@ -18,13 +18,17 @@ class KTSSyncStatus;
 
 class KTSCatalogDownloader : public KTSFileDownloader {
  public:
+  // status: where the scheme that last worked per host is read and recorded; it must outlive the
+  // downloader.
   static std::shared_ptr<KTSCatalogDownloader> downloaderWithURLLocalPathArchivePrevious(
-      const Url& url, const std::string& localPath, bool archivePrevious);
+      const Url& url, const std::string& localPath, bool archivePrevious, KTSSyncStatus& status);
 
-  KTSCatalogDownloader(const Url& url, const std::string& localPath, bool archivePrevious);
+  KTSCatalogDownloader(const Url& url, const std::string& localPath, bool archivePrevious,
+                       KTSSyncStatus& status);
 
-  // Tries both schemes at most once each; the outcome is downloadStatus (1 success, -1 failure).
-  void downloadSynchronously();
+  // Tries both schemes at most once each, through scheduler beside its other transfers or else
+  // alone; the outcome is downloadStatus (1 success, -1 failure).
+  void downloadSynchronously(KTSFetchScheduler* scheduler = nullptr);
   // The same through scheduler, beside its other transfers: finished is called, from inside the
   // scheduler's run, once the outcome is known. The downloader must live until then.
   void downloadWithScheduler(KTSFetchScheduler& scheduler, std::function<void()> finished);
@@ -33,8 +37,6 @@ class KTSCatalogDownloader : public KTSFileDownloader {
 
   std::int64_t downloadStatus() const { return downloadStatus_; }
   void setDownloadStatus(std::int64_t status) { downloadStatus_ = status; }
-  const std::shared_ptr<KTSSyncStatus>& syncStatus() const { return syncStatus_; }
-  void setSyncStatus(std::shared_ptr<KTSSyncStatus> status) { syncStatus_ = std::move(status); }
 
  private:
   // Makes scheme's URL the source URL and logs the attempt; then reports its outcome.
@@ -46,7 +48,7 @@ class KTSCatalogDownloader : public KTSFileDownloader {
   std::int64_t downloadStatus_ = 1;
   std::array<std::string, 2> schemeOrder_;
   std::function<void()> finished_;
-  std::shared_ptr<KTSSyncStatus> syncStatus_;
+  KTSSyncStatus& syncStatus_;
 };
 
 }  // namespace ondrel

@@ -19,7 +19,6 @@ constexpr std::int64_t kLongestDeferral = 300;
 constexpr int kMostDeferrals = 5;
 constexpr auto kWaitSlice = std::chrono::milliseconds(100);
 
-KTSFetchScheduler* currentScheduler = nullptr;
 void (*schedulerHeartbeat)() = nullptr;
 
 }  // namespace
@@ -31,24 +30,15 @@ KTSFetchScheduler::KTSFetchScheduler(std::size_t maxConcurrent,
       validators_(std::move(validators)),
       pace_(std::make_shared<KTSSyncPace>(KTSSyncPace{std::nullopt, 0, maxConcurrent_})) {}
 
-KTSFetchScheduler::~KTSFetchScheduler() {
-  if (isCurrent_) currentScheduler = previous_;
-}
+KTSFetchScheduler::~KTSFetchScheduler() = default;
 
-std::size_t KTSFetchScheduler::preferredConcurrency() {
-  return static_cast<std::size_t>(
-      KTSSettings::maxConcurrentDownloads(KTSPreferences::defaultPreferences()->prefs()));
+std::size_t KTSFetchScheduler::preferredConcurrency(const KTSPreferences& preferences) {
+  return static_cast<std::size_t>(KTSSettings::maxConcurrentDownloads(preferences.prefs()));
 }
-
-KTSFetchScheduler* KTSFetchScheduler::current() { return currentScheduler; }
 
 void KTSFetchScheduler::setHeartbeat(void (*heartbeat)()) { schedulerHeartbeat = heartbeat; }
 
-void KTSFetchScheduler::makeCurrent() {
-  if (isCurrent_) return;
-  previous_ = currentScheduler;
-  currentScheduler = this;
-  isCurrent_ = true;
+void KTSFetchScheduler::sizeConnectionPool() const {
   Transfer::setConnectionsPerHost(maxConcurrent_);
 }
 

@@ -1,13 +1,13 @@
 // KTSFetchScheduler runs the downloads of a pass: up to "maxConcurrentDownloads" transfers at
 // once across every file of every product, all driven by the event loop of the calling thread,
 // with the sync bandwidth limit paced across them together and the validators of kept files sent
-// along, so that a file unchanged upstream costs a 304. A pass makes one and puts it in effect;
-// a download started anywhere on the thread while it is in effect (a catalog, a server metadata
-// file) joins it, and one started without any runs under a scheduler of its own. Used by the
-// sync pass, KTSProduct and KTSFileDownloader. A server that answers 429 or 503 with Retry-After
-// is asked again after that wait (up to five minutes, five times a file), and the scheduler then
-// runs half as many transfers at once: a busy upstream slows the pass, it does not fail it.
-// One thread; never two running on one thread except nested, a download of one scheduler's
+// along, so that a file unchanged upstream costs a 304. A pass makes one and puts it in its
+// context; every download of the pass (a catalog, a server metadata file, a product's files)
+// joins it, and one started without a context's scheduler runs under a scheduler of its own. Used
+// by the sync pass, KTSProduct and KTSFileDownloader. A server that answers 429 or 503 with
+// Retry-After is asked again after that wait (up to five minutes, five times a file), and the
+// scheduler then runs half as many transfers at once: a busy upstream slows the pass, it does not
+// fail it. One thread; never two running on one thread except nested, a download of one scheduler's
 // callback run to its end by the same scheduler.
 #pragma once
 
@@ -23,6 +23,8 @@
 #include "KTSFileValidators.h"
 
 namespace ondrel {
+
+class KTSPreferences;
 
 class KTSFetchScheduler {
  public:
@@ -52,15 +54,14 @@ class KTSFetchScheduler {
   KTSFetchScheduler& operator=(const KTSFetchScheduler&) = delete;
 
   // The preference "maxConcurrentDownloads", within 1 to 64 (16 when unset or unusable).
-  static std::size_t preferredConcurrency();
-  // The scheduler in effect on this thread; none outside a pass.
-  static KTSFetchScheduler* current();
+  static std::size_t preferredConcurrency(const KTSPreferences& preferences);
   // Called on every turn of any scheduler's event loop (at least once a second while transfers
   // run), so that a service manager's watchdog can tell a long download from a hang.
   static void setHeartbeat(void (*heartbeat)());
 
-  // Puts this scheduler in effect until it is destroyed.
-  void makeCurrent();
+  // Lets the process keep as many connections per upstream host open as this scheduler runs
+  // transfers at once (the pass's scheduler does, so that its connections are reused).
+  void sizeConnectionPool() const;
   // Queues a download; finished gets it, on this thread inside run, once it ended either way.
   void enqueue(std::shared_ptr<KTSFileDownloader> downloader, Finished finished);
   // The same, ahead of everything queued.
@@ -105,8 +106,6 @@ class KTSFetchScheduler {
   std::vector<Job> running_;
   std::vector<Deferred> deferred_;
   Counters counters_;
-  KTSFetchScheduler* previous_ = nullptr;
-  bool isCurrent_ = false;
 };
 
 }  // namespace ondrel

@@ -51,10 +51,8 @@ KTSFileDownloader::KTSFileDownloader(const Url& url, const std::string& localPat
 
 KTSFileDownloader::~KTSFileDownloader() = default;
 
-void KTSFileDownloader::startSynchronousDownload() {
-  if (KTSFetchScheduler* scheduler = KTSFetchScheduler::current()) {
-    return scheduler->runToEnd(*this);
-  }
+void KTSFileDownloader::startSynchronousDownload(KTSFetchScheduler* scheduler) {
+  if (scheduler != nullptr) return scheduler->runToEnd(*this);
   KTSFetchScheduler own(1, nullptr);
   own.runToEnd(*this);
 }

@@ -45,8 +45,9 @@ class KTSFileDownloader : public TransferReceiver {
   KTSFileDownloader(const Url& url, const std::string& localPath, bool archivePrevious);
   ~KTSFileDownloader() override;
 
-  // Runs the whole transfer; afterwards downloadError tells the outcome (none on success).
-  void startSynchronousDownload();
+  // Runs the whole transfer, through scheduler beside its other transfers or else alone;
+  // afterwards downloadError tells the outcome (none on success).
+  void startSynchronousDownload(KTSFetchScheduler* scheduler = nullptr);
   void endDownload();
   // From the next start on, the body goes into memory (at most limit bytes; a longer one fails
   // the download) and nothing is written or placed: takeReceivedBody hands it over.

@@ -9,7 +9,6 @@
 #include "KTSPreferences.h"
 #include "KTSUtilities.h"
 #include "ProductId.h"
-#include "SharedInstance.h"
 
 namespace ondrel {
 
@@ -21,15 +20,8 @@ constexpr std::chrono::minutes kWriteInProgressAge(10);
 
 }  // namespace
 
-std::shared_ptr<KTSJobTicketManager> KTSJobTicketManager::defaultManager() {
-  return SharedInstance<KTSJobTicketManager>::get(
-      [] { return std::make_shared<KTSJobTicketManager>(); });
-}
-
-void KTSJobTicketManager::resetDefaultManager() { SharedInstance<KTSJobTicketManager>::reset(); }
-
-KTSJobTicketManager::KTSJobTicketManager()
-    : jobsPath_(KTSPreferences::defaultPreferences()->statusWorkingPathForPath(
+KTSJobTicketManager::KTSJobTicketManager(const KTSPreferences& preferences)
+    : jobsPath_(preferences.statusWorkingPathForPath(
           fixedPath("/Library/Server/Ondrel/Status/.pending"))),
       log_(LogHandle::shared()) {}
 

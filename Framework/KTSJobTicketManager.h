@@ -21,12 +21,8 @@ class KTSPreferences;
 
 class KTSJobTicketManager {
  public:
-  static std::shared_ptr<KTSJobTicketManager> defaultManager();
-  // Forgets the shared instance (test support).
-  static void resetDefaultManager();
-
-  // Reads nothing until refresh.
-  KTSJobTicketManager();
+  // The tickets of the preferences' status folder; reads nothing until refresh.
+  explicit KTSJobTicketManager(const KTSPreferences& preferences);
 
   void refresh();
   // The first open ticket of that type for that product, or none.

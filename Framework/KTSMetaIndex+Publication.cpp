@@ -10,7 +10,6 @@
 #include "KTSPreferences.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
-#include "SharedInstance.h"
 
 namespace ondrel {
 
@@ -36,18 +35,8 @@ bool isCatalogURL(const KTSURL& catalog) {
 
 }  // namespace
 
-std::shared_ptr<KTSMetaIndex> KTSMetaIndex::defaultMetaIndex() {
-  return SharedInstance<KTSMetaIndex>::get([] { return metaIndex(); });
-}
-
-void KTSMetaIndex::resetDefaultMetaIndex() { SharedInstance<KTSMetaIndex>::reset(); }
-
-std::shared_ptr<KTSMetaIndex> KTSMetaIndex::metaIndex() { return std::make_shared<KTSMetaIndex>(); }
-
-KTSMetaIndex::KTSMetaIndex()
-    : deprecationsSURL_(std::nullopt),
-      log_(LogHandle::shared()),
-      prefs_(KTSPreferences::defaultPreferences()) {
+KTSMetaIndex::KTSMetaIndex(std::shared_ptr<KTSPreferences> preferences)
+    : deprecationsSURL_(std::nullopt), log_(LogHandle::shared()), prefs_(std::move(preferences)) {
   deprecationsSURL_ = KTSURL::URLWithURL(prefs_->metaIndexURL());
   deprecationsSURL_.setPath(kDeprecationsPath);
 }

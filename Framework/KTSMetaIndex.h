@@ -1,7 +1,7 @@
 // KTSMetaIndex owns the list of upstream catalogs the server mirrors: built from "metaIndexURL"
 // and "otherCatalogs", kept in the alternate file, exported with this server's address for
 // clients, and linked per catalog into the document root. It also holds the fixed catalog
-// version tables (class-level). The sync daemon drives the shared instance from one thread; the
+// version tables (class-level). A pass context holds one, driven from one thread; the
 // tables are immutable and safe to read from any thread.
 #pragma once
 
@@ -20,10 +20,8 @@ class KTSPreferences;
 
 class KTSMetaIndex {
  public:
-  static std::shared_ptr<KTSMetaIndex> defaultMetaIndex();
-  static void resetDefaultMetaIndex();
-  static std::shared_ptr<KTSMetaIndex> metaIndex();
-  KTSMetaIndex();
+  // The catalogs the preferences name; read nothing until refresh or downloadForcingUpdate.
+  explicit KTSMetaIndex(std::shared_ptr<KTSPreferences> preferences);
 
   void updateLocalPaths();
   // Loads the list from the alternate file; false (with the failure logged) when it is missing,

@@ -2,18 +2,8 @@
 
 #include "KTCatalogKeys.h"
 #include "KTSPath.h"
-#include "SharedInstance.h"
 
 namespace ondrel {
-
-std::shared_ptr<KTSMetadataGenerator> KTSMetadataGenerator::defaultMetadataGenerator() {
-  return SharedInstance<KTSMetadataGenerator>::get(
-      [] { return std::make_shared<KTSMetadataGenerator>(); });
-}
-
-void KTSMetadataGenerator::resetDefaultMetadataGenerator() {
-  SharedInstance<KTSMetadataGenerator>::reset();
-}
 
 KTSMetadataGenerator::KTSMetadataGenerator() : log_(LogHandle::shared()) {}
 

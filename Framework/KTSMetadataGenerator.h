@@ -1,8 +1,7 @@
 // KTSMetadataGenerator writes substitute server metadata for a product whose catalog entry names
 // none: it asks the update-client product class to interpret the entry (display version, name,
-// description, restart action) and builds the metadata dictionary from that. Used by KTSProduct
-// through the shared instance; its fields hold one generation at a time, so calls must not
-// overlap. One thread.
+// description, restart action) and builds the metadata dictionary from that. KTSProduct makes
+// one for each generation; its fields hold one generation at a time. One thread.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +17,6 @@ namespace ondrel {
 
 class KTSMetadataGenerator {
  public:
-  static std::shared_ptr<KTSMetadataGenerator> defaultMetadataGenerator();
-  static void resetDefaultMetadataGenerator();
   KTSMetadataGenerator();
 
   // The generated dictionary, or null; smdResult() then says why (-1 the entry could not be

@@ -1,11 +1,11 @@
 // KTSPassMemo is the memo of one pass: the products built during it share what does not depend
-// on the catalog that lists them. While one lives, each server metadata URL is fetched and read
-// once (a fetch that failed is not retried for the next catalog either), equal values recorded
-// for one product, such as its file list, share one copy in memory, and the files of
-// a list are checked once; a product listed alike by several catalogs is made once and
-// copied. The sync daemon holds one while a pass loads its catalogs, so
-// every pass fetches and looks anew; without one nothing is shared. Used by KTSProduct. One
-// thread; the newest instance is in effect until it ends.
+// on the catalog that lists them. While a pass context holds one, each server metadata URL is
+// fetched and read once (a fetch that failed is not retried for the next catalog either), equal
+// values recorded for one product, such as its file list, share one copy in memory, the files of
+// a list are checked once, and a product listed alike by several catalogs is made once and
+// copied. The sync pass puts a new one in its context while it loads the catalogs, so every pass
+// fetches and looks anew; without one nothing is shared. Used by KTSProduct and KTSCatalog. One
+// thread.
 #pragma once
 
 #include <map>
@@ -29,38 +29,35 @@ class KTSPassMemo {
     std::shared_ptr<const KTSPath> smdPath;
   };
 
-  KTSPassMemo();
-  ~KTSPassMemo();
+  KTSPassMemo() = default;
   KTSPassMemo(const KTSPassMemo&) = delete;
   KTSPassMemo& operator=(const KTSPassMemo&) = delete;
 
-  static bool isInEffect() { return current_ != nullptr; }
-  // What the current pass got from url; none outside a pass or before the first fetch.
-  static const ServerMetadata* serverMetadataFetchedFrom(const std::string& url);
-  static void recordServerMetadataFetchedFrom(const std::string& url, ServerMetadata metadata);
+  // What the pass got from url; none before the first fetch.
+  const ServerMetadata* serverMetadataFetchedFrom(const std::string& url) const;
+  void recordServerMetadataFetchedFrom(const std::string& url, ServerMetadata metadata);
   // What of a product equal values are shared for.
   enum class ProductValue { BundleNames, Descriptions, MirrorFiles };
-  // value itself, or the identical value recorded for the product earlier in the current pass,
-  // which then shares its storage; value unchanged outside a pass.
-  static Plist shareEqualValue(const std::string& productId, ProductValue kind, Plist value);
-  // A file is about to be written or replaced while the memo is in effect: what products'
-  // checks found is forgotten, since any list may name it.
-  static void fileWillChange();
+  // value itself, or the identical value recorded for the product earlier in the pass, which
+  // then shares its storage.
+  Plist shareEqualValue(const std::string& productId, ProductValue kind, Plist value);
+  // A file is about to be written or replaced: what products' checks found is forgotten, since
+  // any list may name it.
+  void fileWillChange();
   // Whether the files of this very list (the same storage) were all in place when a product
-  // checked them earlier in the current pass; none when none did.
-  static std::optional<bool> filesVerifiedEarlier(const std::string& productId,
-                                                  const Plist& mirrorFiles);
-  static void recordFilesVerified(const std::string& productId, const Plist& mirrorFiles,
-                                  bool verified);
+  // checked them earlier in the pass; none when none did.
+  std::optional<bool> filesVerifiedEarlier(const std::string& productId,
+                                           const Plist& mirrorFiles) const;
+  void recordFilesVerified(const std::string& productId, const Plist& mirrorFiles, bool verified);
   // Each product id with the file list checked last and whether its files were all in place.
   using FilesVerified = std::map<std::string, std::pair<Plist, bool>, std::less<>>;
-  // What the current pass found so far; empty outside a pass.
-  static FilesVerified filesVerified();
-  // The product as first made in the current pass from a catalog entry, before any catalog's
-  // settings and policies touched it; null outside a pass or before it was made.
-  static std::shared_ptr<const KTSProduct> productMadeFirst(const std::string& productId);
-  static void recordProductMadeFirst(const std::string& productId,
-                                     std::shared_ptr<const KTSProduct> product);
+  // What the pass found so far.
+  const FilesVerified& filesVerified() const { return memory_.verifiedFiles; }
+  // The product as first made in the pass from a catalog entry, before any catalog's settings
+  // and policies touched it; null before it was made.
+  std::shared_ptr<const KTSProduct> productMadeFirst(const std::string& productId) const;
+  void recordProductMadeFirst(const std::string& productId,
+                              std::shared_ptr<const KTSProduct> product);
 
  private:
   struct Memory {
@@ -70,11 +67,7 @@ class KTSPassMemo {
     FilesVerified verifiedFiles;
   };
 
-  // The memory of the pass in effect; only its thread builds products.
-  static Memory* current_;
-
   Memory memory_;
-  Memory* previous_;
 };
 
 }  // namespace ondrel

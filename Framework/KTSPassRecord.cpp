@@ -18,8 +18,6 @@ constexpr const char* kInputsKey = "inputs";
 
 }  // namespace
 
-KTSPassRecord* KTSPassRecord::current_ = nullptr;
-
 // Two FNV-1a sums with different starts and one multiplier: 128 bits against a chance match.
 KTSPassRecord::Inputs& KTSPassRecord::Inputs::add(std::string_view text) {
   constexpr std::uint64_t kPrime = 1099511628211ull;
@@ -46,13 +44,9 @@ std::string KTSPassRecord::Inputs::text() const {
   return fmt::format("{:016x}{:016x}", high_, low_);
 }
 
-KTSPassRecord::KTSPassRecord(Reuse reuse)
-    : reuse_(reuse), settings_(settingsStamp()), outer_(current_) {
+KTSPassRecord::KTSPassRecord(Reuse reuse) : reuse_(reuse), settings_(settingsStamp()) {
   if (reuse_ == Reuse::Allowed) load();
-  current_ = this;
 }
-
-KTSPassRecord::~KTSPassRecord() { current_ = outer_; }
 
 std::string KTSPassRecord::defaultPath() { return KTSServerLayout::statusPath(".pass_record"); }
 

@@ -5,9 +5,9 @@
 // same digest, and finds the file with the same stamp (nobody wrote it since), leaves it as it
 // is: writing it would put the very same bytes there. The record lives in Status/.pass_record
 // and is read as untrusted; a missing or damaged record, or one left by another build of the
-// programs or under other preferences, reuses nothing. KTSSyncPass holds one for each full pass
-// (one that reuses nothing for ondrd_syncd --full); KTSCatalog and KTSWorkingSet consult the
-// one in effect. One thread; the newest instance is in effect until it ends.
+// programs or under other preferences, reuses nothing. KTSSyncPass puts one in its context for
+// each full pass (one that reuses nothing for ondrd_syncd --full); KTSCatalog and KTSWorkingSet
+// consult it there. One thread.
 #pragma once
 
 #include <cstdint>
@@ -39,12 +39,8 @@ class KTSPassRecord {
   };
 
   explicit KTSPassRecord(Reuse reuse);
-  ~KTSPassRecord();
   KTSPassRecord(const KTSPassRecord&) = delete;
   KTSPassRecord& operator=(const KTSPassRecord&) = delete;
-
-  // The record of the pass under way; null outside a full pass.
-  static KTSPassRecord* current() { return current_; }
 
   // Whether the file at path may stay as it is: this pass or the last one recorded it as made
   // from inputs with this digest, and it has not been written since. Never with Reuse::Nothing.
@@ -76,8 +72,6 @@ class KTSPassRecord {
   std::map<std::string, Entry, std::less<>> previous_;
   std::map<std::string, Entry, std::less<>> recorded_;
   std::unordered_map<std::string, std::string> settledStamps_;
-  KTSPassRecord* outer_;
-  static KTSPassRecord* current_;
 };
 
 }  // namespace ondrel

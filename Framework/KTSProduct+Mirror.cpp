@@ -204,7 +204,8 @@ Plist KTSProduct::getTotalMirrorSize() const {
 }
 
 bool KTSProduct::downloadMirroredFiles() {
-  KTSFetchScheduler scheduler(KTSFetchScheduler::preferredConcurrency(), nullptr);
+  KTSFetchScheduler scheduler(
+      KTSFetchScheduler::preferredConcurrency(*KTSPreferences::defaultPreferences()), nullptr);
   bool complete = false;
   mirrorFilesWithScheduler(scheduler, [&complete](bool done) { complete = done; });
   scheduler.run();
@@ -463,15 +464,16 @@ bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo) const {
   return false;
 }
 
-bool KTSProduct::verifyMirroredFiles() const {
-  if (std::optional<bool> known = KTSPassMemo::filesVerifiedEarlier(id(), facts_->mirrorFiles)) {
+bool KTSProduct::verifyMirroredFiles(KTSPassMemo* memo) const {
+  if (std::optional<bool> known =
+          memo != nullptr ? memo->filesVerifiedEarlier(id(), facts_->mirrorFiles) : std::nullopt) {
     return *known;
   }
   bool allVerified = true;
   for (const Plist& record : facts_->mirrorFiles.elements()) {
     if (!verifyMirroredFileWithInfo(record)) allVerified = false;
   }
-  KTSPassMemo::recordFilesVerified(id(), facts_->mirrorFiles, allVerified);
+  if (memo != nullptr) memo->recordFilesVerified(id(), facts_->mirrorFiles, allVerified);
   std::string title = "?title?";
   if (facts_->bundleNames.contains("English")) {
     title = facts_->bundleNames["English"].stringValue();

@@ -10,6 +10,7 @@
 #include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
 #include "KTSMetadataGenerator.h"
+#include "KTSPassContext.h"
 #include "KTSPassMemo.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
@@ -46,6 +47,11 @@ std::optional<Url> firstDistributionURL(const Plist& entry) {
   return Url::parse(distributions.items().begin()->second.stringValue());
 }
 
+// A file is about to be written: what the pass's products found of their files is forgotten.
+void fileWillChange(KTSPassMemo* memo) {
+  if (memo != nullptr) memo->fileWillChange();
+}
+
 }  // namespace
 
 std::optional<std::string> KTSProduct::localPathInsideDocumentRoot(const std::optional<Url>& url) {
@@ -67,15 +73,15 @@ std::optional<std::string> KTSProduct::makeGenericServerMetadataLocalPath() cons
   return standardizingPath(appendingPathComponent(*folder, id() + ".smd"));
 }
 
-Plist KTSProduct::getServerMetadataForURL(const std::optional<Url>& url) {
+Plist KTSProduct::getServerMetadataForURL(const std::optional<Url>& url, KTSPassContext& context) {
   Plist metadata;
   bool active = isActiveProduct();
   if (active) {
     log_.debug("PROD: {}: (active) reading SMD data for product", id());
     if (url) {
-      metadata = loadActiveServerMetadataAtURL(*url);
+      metadata = loadActiveServerMetadataAtURL(*url, context);
     } else if (std::optional<std::string> generic = makeGenericServerMetadataLocalPath()) {
-      metadata = generateServerMetadataDictionaryAtPath(*generic);
+      metadata = generateServerMetadataDictionaryAtPath(*generic, context.memo());
     }
   } else {
     metadata = readLegacyServerMetadata(url);
@@ -87,7 +93,7 @@ Plist KTSProduct::getServerMetadataForURL(const std::optional<Url>& url) {
   if (!active) {
     std::optional<std::string> generic = makeGenericServerMetadataLocalPath();
     if (generic && KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*generic))) {
-      KTSPassMemo::fileWillChange();
+      fileWillChange(context.memo());
       KTSUtilities::writeDictionaryToPath(repaired, *generic);
     }
   }
@@ -117,7 +123,7 @@ Plist KTSProduct::readLegacyServerMetadata(const std::optional<Url>& url) {
   return KTSUtilities::readPropertyListAtPath(*file);
 }
 
-Plist KTSProduct::loadActiveServerMetadataAtURL(const Url& url) {
+Plist KTSProduct::loadActiveServerMetadataAtURL(const Url& url, KTSPassContext& context) {
   std::optional<std::string> localPath = localPathInsideDocumentRoot(url);
   if (!localPath) {
     log_.error("*** Server metadata URL of product {} lies outside the updates folder: {}", id(),
@@ -125,24 +131,28 @@ Plist KTSProduct::loadActiveServerMetadataAtURL(const Url& url) {
     return Plist();
   }
   // This pass fetched it already: ahead of the catalog's products, or for another catalog.
+  KTSPassMemo* memo = context.memo();
   if (const KTSPassMemo::ServerMetadata* fetched =
-          KTSPassMemo::serverMetadataFetchedFrom(url.text())) {
+          memo != nullptr ? memo->serverMetadataFetchedFrom(url.text()) : nullptr) {
     mutableFacts().smdPath = fetched->smdPath;
     return fetched->contents;
   }
   KTSPassMemo::ServerMetadata fetched;
-  if (downloadServerMetadata(url, *localPath)) fetched = placeServerMetadata(url, *localPath);
+  if (downloadServerMetadata(url, *localPath, context.scheduler())) {
+    fetched = placeServerMetadata(url, *localPath, memo);
+  }
   mutableFacts().smdPath = fetched.smdPath;
-  KTSPassMemo::recordServerMetadataFetchedFrom(url.text(), fetched);
+  if (memo != nullptr) memo->recordServerMetadataFetchedFrom(url.text(), fetched);
   return fetched.contents;
 }
 
-bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& localPath) {
+bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& localPath,
+                                        KTSFetchScheduler* scheduler) {
   std::string target = sideFilePath(localPath, "downloading");
   std::string fileName = lastPathComponent(localPath);
   for (int attempt = 1;; ++attempt) {
     if (KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(url, target, false,
-                                                                              true)) {
+                                                                              true, scheduler)) {
       break;
     }
     log_.error("*** Error downloading file {} for product {}. Retrying...", fileName, id());
@@ -157,8 +167,9 @@ bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& local
 // The old file becomes L.previous by a link and the new one replaces it by a rename, so L
 // always holds a whole file.
 KTSPassMemo::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
-                                                            const std::string& localPath) {
-  KTSPassMemo::fileWillChange();
+                                                            const std::string& localPath,
+                                                            KTSPassMemo* memo) {
+  fileWillChange(memo);
   keepPreviousVersion(localPath, sideFilePath(localPath, "previous"));
   std::rename(sideFilePath(localPath, "downloading").c_str(), localPath.c_str());
   return {KTSUtilities::readPropertyListAtPath(localPath), std::make_shared<const KTSPath>(url)};
@@ -169,18 +180,19 @@ KTSPassMemo::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
 // file (on some file systems a deleted file costs a synchronous discard, and a new one a scan
 // past every file deleted in the last half minute).
 std::optional<KTSPassMemo::ServerMetadata> KTSProduct::placeFetchedServerMetadata(
-    const Url& url, const std::string& localPath, const std::string& bytes, bool bytesAreTheFile) {
+    const Url& url, const std::string& localPath, const std::string& bytes, bool bytesAreTheFile,
+    KTSPassMemo& memo) {
   std::string previousPath = sideFilePath(localPath, "previous");
   std::string current;
   // What the pass found of a file it leaves as it was still holds.
   if (bytesAreTheFile ||
       (readWholeFile(localPath, &current, nullptr, bytes.size()) && current == bytes)) {
     if (fileIdentity(previousPath) != fileIdentity(localPath)) {
-      KTSPassMemo::fileWillChange();
+      memo.fileWillChange();
       keepPreviousVersion(localPath, previousPath);
     }
   } else {
-    KTSPassMemo::fileWillChange();
+    memo.fileWillChange();
     // Named as the product's own fetch names its side file, which it overwrites.
     std::string sidePath = sideFilePath(sideFilePath(localPath, "downloading"), "downloading");
     if (!writeSideFile(sidePath, bytes)) return std::nullopt;
@@ -194,14 +206,16 @@ std::optional<KTSPassMemo::ServerMetadata> KTSProduct::placeFetchedServerMetadat
                                      std::make_shared<const KTSPath>(url)};
 }
 
-void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
-  if (!KTSPassMemo::isInEffect()) return;
+void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries, KTSPassContext& context) {
+  if (context.memo() == nullptr) return;
+  KTSPassMemo& memo = *context.memo();
   std::optional<KTSFetchScheduler> own;
-  KTSFetchScheduler* scheduler = KTSFetchScheduler::current();
+  KTSFetchScheduler* scheduler = context.scheduler();
   if (scheduler == nullptr) {
-    scheduler = &own.emplace(KTSFetchScheduler::preferredConcurrency(), nullptr);
+    scheduler =
+        &own.emplace(KTSFetchScheduler::preferredConcurrency(context.preferences()), nullptr);
   }
-  auto placeFetched = [](KTSFileDownloader& fetched) {
+  auto placeFetched = [&memo](KTSFileDownloader& fetched) {
     if (fetched.downloadError()) return;
     std::string bytes;
     if (!fetched.wasNotModified()) {
@@ -210,17 +224,17 @@ void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
       return;
     }
     std::optional<KTSPassMemo::ServerMetadata> placed = placeFetchedServerMetadata(
-        fetched.sourceUrl(), fetched.downloadPath(), bytes, fetched.wasNotModified());
+        fetched.sourceUrl(), fetched.downloadPath(), bytes, fetched.wasNotModified(), memo);
     if (!placed) return;
     fetched.recordValidatorsOfPlacedFile();
-    KTSPassMemo::recordServerMetadataFetchedFrom(fetched.sourceUrl().text(), std::move(*placed));
+    memo.recordServerMetadataFetchedFrom(fetched.sourceUrl().text(), std::move(*placed));
   };
   std::set<std::string> localPaths;
   auto next = entries.items().begin();
   auto queueNext = [&]() -> bool {
     for (; next != entries.items().end(); ++next) {
       const auto& [productId, entry] = *next;
-      std::optional<Url> url = prefetchableServerMetadataURL(productId, entry);
+      std::optional<Url> url = prefetchableServerMetadataURL(productId, entry, memo);
       std::optional<std::string> localPath = localPathInsideDocumentRoot(url);
       // Of two URLs that name one local file only the first is fetched here, the other by its
       // product in turn; a side file left by an interrupted pass is the product's to take.
@@ -242,28 +256,30 @@ void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries) {
 
 // The metadata URL a product made from the entry would fetch, unless this pass fetched it.
 std::optional<Url> KTSProduct::prefetchableServerMetadataURL(const std::string& productId,
-                                                             const Plist& entry) {
+                                                             const Plist& entry,
+                                                             const KTSPassMemo& memo) {
   if (!isValidProductId(productId) || !isActiveEntry(entry) ||
       !entry["ServerMetadataURL"].isString()) {
     return std::nullopt;
   }
   std::optional<Url> url = Url::parse(entry["ServerMetadataURL"].stringValue());
-  if (!url || KTSPassMemo::serverMetadataFetchedFrom(url->text())) return std::nullopt;
+  if (!url || memo.serverMetadataFetchedFrom(url->text())) return std::nullopt;
   return url;
 }
 
-Plist KTSProduct::generateServerMetadataDictionaryAtPath(const std::string& path) {
+Plist KTSProduct::generateServerMetadataDictionaryAtPath(const std::string& path,
+                                                         KTSPassMemo* memo) {
   Plist metadata = KTSUtilities::readPropertyListAtPath(path);
   if (metadata.isNull()) {
     log_.debug("PROD: {}: generating substitute SMD", id());
-    auto generator = KTSMetadataGenerator::defaultMetadataGenerator();
-    metadata = generator->createMetadataWithDictionaryIdentifier(masterRepresentation_, id());
+    KTSMetadataGenerator generator;
+    metadata = generator.createMetadataWithDictionaryIdentifier(masterRepresentation_, id());
     if (metadata.isDictionary() &&
         KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(path))) {
-      KTSPassMemo::fileWillChange();
+      fileWillChange(memo);
       KTSUtilities::writeDictionaryToPath(metadata, path);
     }
-    if (generator->smdResult() == -2) initStatus_ = -1;
+    if (generator.smdResult() == -2) initStatus_ = -1;
     if (metadata.isNull()) return Plist();
   }
   if (std::optional<Url> distribution = firstDistributionURL(masterRepresentation_)) {

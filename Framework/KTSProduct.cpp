@@ -4,6 +4,7 @@
 
 #include "Clock.h"
 #include "KTCatalogKeys.h"
+#include "KTSPassContext.h"
 #include "KTSPassMemo.h"
 #include "KTSUtilities.h"
 #include "ProductId.h"
@@ -28,8 +29,8 @@ std::optional<std::string> optionalString(const Plist& value) {
 std::shared_ptr<KTSProduct>
 KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
     const std::string& productId, const Plist& dictionary,
-    const std::optional<Url>& serverMetadataURL) {
-  return std::make_shared<KTSProduct>(productId, dictionary, serverMetadataURL);
+    const std::optional<Url>& serverMetadataURL, KTSPassContext& context) {
+  return std::make_shared<KTSProduct>(productId, dictionary, serverMetadataURL, context);
 }
 
 std::shared_ptr<KTSProduct> KTSProduct::productWithArchiveRepresentation(const Plist& archive) {
@@ -58,7 +59,7 @@ const std::shared_ptr<const std::vector<std::string>>& KTSProduct::requiredServe
 }
 
 KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
-                       const std::optional<Url>& serverMetadataURL)
+                       const std::optional<Url>& serverMetadataURL, KTSPassContext& context)
     : initStatus_(1), masterRepresentation_(dictionary), log_(LogHandle::shared()) {
   facts_->productId = productId;
   facts_->smdValidationKeys = requiredServerMetadataKeys();
@@ -71,7 +72,7 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
   if (!serverMetadataURL) {
     log_.debug("PROD: {}: * * * WARNING! Missing smdURL for product init.", productId);
   }
-  Plist metadata = getServerMetadataForURL(serverMetadataURL);
+  Plist metadata = getServerMetadataForURL(serverMetadataURL, context);
   if (!metadata.isDictionary()) {
     log_.error("Unable to download or create .smd file for product {}.", productId);
     log_.error("Product {} will not be available for installation.", productId);
@@ -86,10 +87,15 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
     log_.debug("PROD: ERROR - Product SMD file missing key (localization).");
     log_.error("*** Product missing essential data (SMD).");
   }
-  facts.bundleNames = KTSPassMemo::shareEqualValue(
-      productId, KTSPassMemo::ProductValue::BundleNames, getServerMetadataBundleTitles(metadata));
-  facts.descriptions = KTSPassMemo::shareEqualValue(
-      productId, KTSPassMemo::ProductValue::Descriptions, getServerMetadataDescriptions(metadata));
+  // Within a pass, equal values of one product share their storage.
+  KTSPassMemo* memo = context.memo();
+  auto shared = [&](KTSPassMemo::ProductValue kind, Plist value) {
+    return memo != nullptr ? memo->shareEqualValue(productId, kind, std::move(value)) : value;
+  };
+  facts.bundleNames =
+      shared(KTSPassMemo::ProductValue::BundleNames, getServerMetadataBundleTitles(metadata));
+  facts.descriptions =
+      shared(KTSPassMemo::ProductValue::Descriptions, getServerMetadataDescriptions(metadata));
 
   const Plist& posted = dictionary[KTCatalogProductPostDateKey];
   facts.postDate = KTSUtilities::validDateForValue(posted);
@@ -113,8 +119,7 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
   }
   mirror_ = DoNotMirror;
   enabled_ = false;
-  setMirrorFiles(KTSPassMemo::shareEqualValue(productId, KTSPassMemo::ProductValue::MirrorFiles,
-                                              makeMirrorFiles()));
+  setMirrorFiles(shared(KTSPassMemo::ProductValue::MirrorFiles, makeMirrorFiles()));
   totalDownloadSize_ = getTotalMirrorSize();
 }
 

@@ -24,6 +24,7 @@ namespace ondrel {
 class KTSFetchScheduler;
 class KTSFileDownloader;
 class KTSFileOwnership;
+class KTSPassContext;
 
 class KTSProduct {
  public:
@@ -52,24 +53,25 @@ class KTSProduct {
   static constexpr const char* kFileSizeKey = "KTSProductFileSize";
   static constexpr const char* kFileReplaceKey = "KTSProductFileReplace";
 
-  // Builds the product from its catalog entry (fetching or generating its server metadata);
-  // never fails outright: callers test initStatus().
+  // Builds the product from its catalog entry (fetching or generating its server metadata
+  // through the context's scheduler, sharing what its memo holds); never fails outright:
+  // callers test initStatus().
   static std::shared_ptr<KTSProduct> productWithProductIdDictionaryRepresentationServerMetadataURL(
       const std::string& productId, const Plist& dictionary,
-      const std::optional<Url>& serverMetadataURL);
+      const std::optional<Url>& serverMetadataURL, KTSPassContext& context);
   static std::shared_ptr<KTSProduct> productWithArchiveRepresentation(const Plist& archive);
-  // Fetches, through the pass's fetch scheduler (all at once, up to its limit), the server
+  // Fetches, through the context's fetch scheduler (all at once, up to its limit), the server
   // metadata that products made from these catalog entries (product id to entry) would fetch one
-  // after the other, and records each file that arrived in the current pass, so that making
-  // those products costs no transfer. A failed fetch is not
-  // recorded: its product tries again, with its retries. Does nothing outside a pass.
-  static void prefetchServerMetadataForEntries(const Plist& entries);
+  // after the other, and records each file that arrived in the context's memo, so that making
+  // those products costs no transfer. A failed fetch is not recorded: its product tries again,
+  // with its retries. Does nothing without a memo.
+  static void prefetchServerMetadataForEntries(const Plist& entries, KTSPassContext& context);
   // Exact names only; anything else (and none) is DoNotMirror.
   static std::int32_t mirrorStateForString(const std::optional<std::string>& name);
   static std::string mirrorStringForState(std::int64_t state);
 
   KTSProduct(const std::string& productId, const Plist& dictionary,
-             const std::optional<Url>& serverMetadataURL);
+             const std::optional<Url>& serverMetadataURL, KTSPassContext& context);
   explicit KTSProduct(const Plist& archive);
 
   // Compares mirror, enabled and enableWhenMirrored; names the first that differs.
@@ -97,9 +99,10 @@ class KTSProduct {
   void restoreFromArchiveRepresentation(const Plist& archive);
 
   // Server metadata. Each returns a dictionary, or null where it says "none".
-  Plist getServerMetadataForURL(const std::optional<Url>& url);
-  Plist loadActiveServerMetadataAtURL(const Url& url);
-  Plist generateServerMetadataDictionaryAtPath(const std::string& path);
+  Plist getServerMetadataForURL(const std::optional<Url>& url, KTSPassContext& context);
+  Plist loadActiveServerMetadataAtURL(const Url& url, KTSPassContext& context);
+  // With a memo, tells it when the file is written.
+  Plist generateServerMetadataDictionaryAtPath(const std::string& path, KTSPassMemo* memo);
   bool validateContentForServerMetadata(const Plist& metadata) const;
   Plist repairMalformedServerMetadata(const Plist& metadata) const;
   // The folder of the first distribution's local file, and PRODUCTID.smd in it; none when the
@@ -133,7 +136,9 @@ class KTSProduct {
   bool verifyDownloadFileURLDestPathFailureReason(const std::optional<Url>& url,
                                                   const std::string& destPath,
                                                   std::string* failureReason) const;
-  bool verifyMirroredFiles() const;
+  // Whether every file is in place with its size; with a memo, a list it checked earlier in the
+  // pass is not looked at again, and what this check finds is recorded there.
+  bool verifyMirroredFiles(KTSPassMemo* memo = nullptr) const;
   bool verifyMirroredFileWithInfo(const Plist& fileInfo) const;
   void removeAllFiles();
   // Deletes only files under the downloads folder, and with an ownership only the product's own.
@@ -232,17 +237,21 @@ class KTSProduct {
   void deriveProductFamily();
   Plist readLegacyServerMetadata(const std::optional<Url>& url);
   // Fetches url to localPath's ".downloading" side file (three attempts).
-  bool downloadServerMetadata(const Url& url, const std::string& localPath);
+  bool downloadServerMetadata(const Url& url, const std::string& localPath,
+                              KTSFetchScheduler* scheduler);
   // Moves the side file to localPath, keeping the old file as its ".previous", and reads it.
   static KTSPassMemo::ServerMetadata placeServerMetadata(const Url& url,
-                                                         const std::string& localPath);
+                                                         const std::string& localPath,
+                                                         KTSPassMemo* memo);
   // Puts bytes fetched ahead of the walk at localPath as a download would, and reads them;
   // none when they could not be written. bytesAreTheFile says that they were read from it (the
   // upstream answered that it has not changed).
   static std::optional<KTSPassMemo::ServerMetadata> placeFetchedServerMetadata(
-      const Url& url, const std::string& localPath, const std::string& bytes, bool bytesAreTheFile);
+      const Url& url, const std::string& localPath, const std::string& bytes, bool bytesAreTheFile,
+      KTSPassMemo& memo);
   static std::optional<Url> prefetchableServerMetadataURL(const std::string& productId,
-                                                          const Plist& entry);
+                                                          const Plist& entry,
+                                                          const KTSPassMemo& memo);
   // The standardised local path of an upstream URL when it lies inside the document root's
   // html folder; none otherwise (a hostile URL never names a file elsewhere).
   static std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url);

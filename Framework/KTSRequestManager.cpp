@@ -11,7 +11,6 @@
 #include "KTSUtilities.h"
 #include "PathString.h"
 #include "ProductId.h"
-#include "SharedInstance.h"
 
 namespace ondrel {
 
@@ -22,19 +21,9 @@ constexpr const char* kChangeRequestType = "productChanges";
 
 }  // namespace
 
-std::shared_ptr<KTSRequestManager> KTSRequestManager::defaultManager() {
-  return SharedInstance<KTSRequestManager>::get([] { return requestManager(); });
-}
-
-std::shared_ptr<KTSRequestManager> KTSRequestManager::requestManager() {
-  return std::make_shared<KTSRequestManager>();
-}
-
-void KTSRequestManager::resetDefaultManager() { SharedInstance<KTSRequestManager>::reset(); }
-
-KTSRequestManager::KTSRequestManager()
+KTSRequestManager::KTSRequestManager(const KTSPreferences& preferences)
     : requestDirPath_(fixedPath("/var/spool/ondrd")),
-      archiveDirPath_(KTSPreferences::defaultPreferences()->cacheWorkingPathForPath(
+      archiveDirPath_(preferences.cacheWorkingPathForPath(
           fixedPath("/Library/Server/Ondrel/Cache/requests-archived"))),
       log_(LogHandle::shared()) {}
 

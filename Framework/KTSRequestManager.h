@@ -15,17 +15,15 @@
 
 namespace ondrel {
 
+class KTSPreferences;
+
 class KTSRequestManager {
  public:
   // Requests of one type keyed by post date (the request file's creation date), oldest first.
   using RequestsByDate = std::map<Date, Plist>;
 
-  static std::shared_ptr<KTSRequestManager> defaultManager();
-  static std::shared_ptr<KTSRequestManager> requestManager();
-  // Forgets the shared instance (test support).
-  static void resetDefaultManager();
-
-  KTSRequestManager();
+  // The spool, and the archive of handled requests in the preferences' cache folder.
+  explicit KTSRequestManager(const KTSPreferences& preferences);
 
   bool postSyncRequest();
   // items: change items with "ProductID" and at least one of "mirror", "enable", "remove".

@@ -17,7 +17,6 @@
 #include "KTSJobTicket.h"
 #include "KTSJobTicketManager.h"
 #include "KTSMetaIndex.h"
-#include "KTSMetadataGenerator.h"
 #include "KTSMirrorSpace.h"
 #include "KTSPassMemo.h"
 #include "KTSPath.h"
@@ -105,24 +104,15 @@ std::string KTSPassOutcome::note() const {
   return text;
 }
 
-KTSSyncPass::KTSSyncPass(KTSPassObserver& observer)
-    : observer_(observer), log_(LogHandle::shared()) {}
-
-void KTSSyncPass::forgetSharedInstances() {
-  KTSPreferences::resetDefaultPreferences();
-  KTSMetaIndex::resetDefaultMetaIndex();
-  KTSSyncStatus::resetDefaultStatus();
-  KTSWorkingSet::resetDefaultWorkingSet();
-  KTSRequestManager::resetDefaultManager();
-  KTSJobTicketManager::resetDefaultManager();
-  KTSMetadataGenerator::resetDefaultMetadataGenerator();
-}
+KTSSyncPass::KTSSyncPass(KTSPassContext& context, KTSPassObserver& observer)
+    : context_(context), observer_(observer), log_(context.log()) {}
 
 bool KTSSyncPass::interrupted() const { return Transfer::isCancelled(); }
 
 KTSPassOutcome KTSSyncPass::runFullPass(KTSPassRecord::Reuse reuse) {
   // What the last full pass left that this one would write alike stays as it is.
   KTSPassRecord record(reuse);
+  auto recording = context_.lend(record);
   KTSPassOutcome outcome = run(true, reuse);
   if (!outcome.interrupted && !record.save()) {
     log_.warning("The record of this pass could not be kept; the next pass writes every file.");
@@ -144,8 +134,10 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
   // whole, whatever was kept.
   auto validators = std::make_shared<KTSFileValidators>(KTSFileValidators::defaultStorePath());
   if (reuse == KTSPassRecord::Reuse::Nothing) validators->forgetAll();
-  KTSFetchScheduler scheduler(KTSFetchScheduler::preferredConcurrency(), validators);
-  scheduler.makeCurrent();
+  KTSFetchScheduler scheduler(KTSFetchScheduler::preferredConcurrency(context_.preferences()),
+                              validators);
+  scheduler.sizeConnectionPool();
+  auto fetching = context_.lend(scheduler);
   bool reachable = loadMetaIndex(fullSync, outcome);
   bool syncing = fullSync && reachable;
   fetchAndLoadCatalogs(scheduler, syncing, outcome);
@@ -168,30 +160,30 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
 
 void KTSSyncPass::markPassStarted(bool fullSync) {
   if (!fullSync) return;
-  auto status = KTSSyncStatus::defaultStatus();
-  status->setSyncStatus(KTSSyncStatus::InProgress);
-  status->setStartTime();
+  KTSSyncStatus& status = context_.status();
+  status.setSyncStatus(KTSSyncStatus::InProgress);
+  status.setStartTime();
 }
 
 void KTSSyncPass::markPassEnded(bool fullSync, const KTSPassOutcome& outcome) {
-  auto status = KTSSyncStatus::defaultStatus();
+  KTSSyncStatus& status = context_.status();
   if (fullSync) {
-    status->setUpdateErrorWithNote(outcome.failed(),
-                                   outcome.failed() ? std::optional(outcome.note()) : std::nullopt);
-    status->setSyncStatus(KTSSyncStatus::Done);
+    status.setUpdateErrorWithNote(outcome.failed(),
+                                  outcome.failed() ? std::optional(outcome.note()) : std::nullopt);
+    status.setSyncStatus(KTSSyncStatus::Done);
   } else if (outcome.failed()) {
-    status->setUpdateErrorWithNote(true, outcome.note());
+    status.setUpdateErrorWithNote(true, outcome.note());
   }
 }
 
 bool KTSSyncPass::loadMetaIndex(bool fullSync, KTSPassOutcome& outcome) {
-  auto metaIndex = KTSMetaIndex::defaultMetaIndex();
-  if (!metaIndex->downloadForcingUpdate(fullSync && catalogSettingsChanged())) {
+  KTSMetaIndex& metaIndex = context_.metaIndex();
+  if (!metaIndex.downloadForcingUpdate(fullSync && catalogSettingsChanged())) {
     outcome.failures.push_back("the meta-index names no catalog");
   } else if (fullSync) {
     rememberCatalogSettings();
   }
-  const std::vector<KTSURL>& urls = metaIndex->catalogs();
+  const std::vector<KTSURL>& urls = metaIndex.catalogs();
   if (!fullSync || urls.empty() || UpstreamProbe().answers(*urls.front().url())) return true;
   outcome.failures.push_back(fmt::format(
       "the upstream {} does not answer; catalogs served as they were", urls.front().url()->host()));
@@ -205,8 +197,8 @@ bool KTSSyncPass::loadMetaIndex(bool fullSync, KTSPassOutcome& outcome) {
 void KTSSyncPass::fetchAndLoadCatalogs(KTSFetchScheduler& scheduler, bool syncing,
                                        KTSPassOutcome& outcome) {
   std::vector<std::shared_ptr<KTSCatalog>> catalogs;
-  for (const KTSURL& url : KTSMetaIndex::defaultMetaIndex()->catalogs()) {
-    catalogs.push_back(KTSCatalog::catalogWithUrl(*url.url()));
+  for (const KTSURL& url : context_.metaIndex().catalogs()) {
+    catalogs.push_back(KTSCatalog::catalogWithUrl(*url.url(), context_));
     if (syncing) catalogs.back()->fetchCatalogAheadWithScheduler(scheduler);
   }
   Plist deprecations = syncing ? fetchDeprecations() : Plist();
@@ -251,17 +243,16 @@ void KTSSyncPass::logRequests(const KTSFetchScheduler::Counters& fetched, KTSPas
 }
 
 void KTSSyncPass::collectChanges() {
-  Plist requested =
-      KTSRequestManager::defaultManager()->getPendingChangeRequestsDeletingSource(true);
+  Plist requested = context_.requests().getPendingChangeRequestsDeletingSource(true);
   for (const auto& [productId, item] : requested.items()) {
     KTSProductChange& change = changes_[productId];
     if (item.contains("mirror")) change.mirror = item["mirror"].boolValue();
     if (item.contains("enable")) change.enable = item["enable"].boolValue();
     if (item["remove"].boolValue()) change.remove = true;
   }
-  auto tickets = KTSJobTicketManager::defaultManager();
-  tickets->refresh();
-  for (const auto& ticket : tickets->openJobs()) {
+  KTSJobTicketManager& tickets = context_.tickets();
+  tickets.refresh();
+  for (const auto& ticket : tickets.openJobs()) {
     const std::string productId = ticket->productId().value_or("");
     KTSProductChange& change = changes_[productId];
     switch (ticket->jobType()) {
@@ -291,12 +282,12 @@ void KTSSyncPass::collectChanges() {
 // pass take them, and so that they survive a pass that fails.
 void KTSSyncPass::recordChangesInWorkingSet() {
   if (changes_.empty()) return;
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
-  workingSet->refreshProducts();
+  KTSWorkingSet& workingSet = context_.workingSet();
+  workingSet.refreshProducts();
   for (const auto& [productId, change] : changes_) {
-    if (workingSet->containsProductID(productId)) change.applyToSettings(*workingSet, productId);
+    if (workingSet.containsProductID(productId)) change.applyToSettings(workingSet, productId);
   }
-  workingSet->saveProductsArchivingPrevious(false);
+  workingSet.saveProductsArchivingPrevious(false);
 }
 
 void KTSSyncPass::applyChangesToProducts() {
@@ -322,11 +313,10 @@ void KTSSyncPass::applyChangesToProducts() {
 namespace {
 
 // What the meta-index is built from, and where the last pass that built it recorded it.
-std::string catalogSettings() {
-  auto preferences = KTSPreferences::defaultPreferences();
-  std::optional<Url> metaIndexURL = preferences->metaIndexURL();
+std::string catalogSettings(KTSPreferences& preferences) {
+  std::optional<Url> metaIndexURL = preferences.metaIndexURL();
   return fmt::format("{}\n{}", metaIndexURL ? metaIndexURL->text() : "",
-                     preferences->otherCatalogs());
+                     preferences.otherCatalogs());
 }
 
 std::string catalogSettingsPath() { return KTSServerLayout::statusPath(".catalog_settings"); }
@@ -336,25 +326,25 @@ std::string catalogSettingsPath() { return KTSServerLayout::statusPath(".catalog
 bool KTSSyncPass::catalogSettingsChanged() const {
   std::string recorded;
   return !readWholeFile(catalogSettingsPath(), &recorded, nullptr, kSmallFileReadLimit) ||
-         recorded != catalogSettings();
+         recorded != catalogSettings(context_.preferences());
 }
 
 void KTSSyncPass::rememberCatalogSettings() const {
-  KTSUtilities::writeStringToPath(catalogSettings(), catalogSettingsPath());
+  KTSUtilities::writeStringToPath(catalogSettings(context_.preferences()), catalogSettingsPath());
 }
 
 // The list is checked before it takes the served place: a page that is no property list (an
 // error page, say) never replaces the last good list.
 Plist KTSSyncPass::fetchDeprecations() {
-  auto metaIndex = KTSMetaIndex::defaultMetaIndex();
-  std::optional<Url> url = metaIndex->deprecationsURL();
-  std::optional<std::string> path = metaIndex->deprecationsLocalPath();
+  KTSMetaIndex& metaIndex = context_.metaIndex();
+  std::optional<Url> url = metaIndex.deprecationsURL();
+  std::optional<std::string> path = metaIndex.deprecationsLocalPath();
   if (!url || !path || !KTSPath::isInsideHtmlFolder(*path)) return Plist();
   auto download = KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, *path, true);
   download->receiveIntoMemory(kDeprecationsReadLimit);
   std::string bytes;
   if (KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*path))) {
-    download->startSynchronousDownload();
+    download->startSynchronousDownload(context_.scheduler());
   } else {
     download->setDownloadErrorWithReason(-1, "Enclosing directory creation failed.");
   }
@@ -402,6 +392,7 @@ void KTSSyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& c
                                bool fullSync, const Plist& deprecations, KTSPassOutcome& outcome) {
   // Every product of the pass is made here; what they share is let go of before mirroring.
   KTSPassMemo productPass;
+  auto sharing = context_.lend(productPass);
   for (std::size_t i = 0; i < catalogs.size() && !interrupted(); ++i) {
     const std::shared_ptr<KTSCatalog>& catalog = catalogs[i];
     const Url& url = catalog->catalogURL();
@@ -427,7 +418,7 @@ void KTSSyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& c
     }
     catalogs_.push_back(catalog);
   }
-  filesFoundAtLoad_ = KTSPassMemo::filesVerified();
+  filesFoundAtLoad_ = productPass.filesVerified();
 }
 
 bool KTSSyncPass::fitsOnVolume(const KTSProduct& product, std::uint64_t needed,
@@ -588,13 +579,13 @@ void KTSSyncPass::productMirrored(const KTSProduct& product, bool complete, bool
                  productId);
   }
   carryStateToOtherInstances(product);
-  KTSWorkingSet::defaultWorkingSet()->updateProductStatus(product);
+  context_.workingSet().updateProductStatus(product, context_.record());
 }
 
 // An upstream that stopped answering fails the pass, and the products not yet started wait for
 // the next one.
 bool KTSSyncPass::upstreamStillAnswers(KTSPassOutcome& outcome) {
-  const Url& upstream = *KTSMetaIndex::defaultMetaIndex()->catalogs().front().url();
+  const Url& upstream = *context_.metaIndex().catalogs().front().url();
   if (UpstreamProbe().answers(upstream)) return true;
   outcome.failures.push_back(fmt::format(
       "the upstream {} stopped answering while products were mirrored", upstream.host()));
@@ -620,12 +611,12 @@ void KTSSyncPass::saveState() {
   for (const auto& catalog : catalogs_) {
     if (catalog->products()) all.insert(catalog->products()->begin(), catalog->products()->end());
   }
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
-  workingSet->refreshProducts();
-  workingSet->mergeProducts(all);
+  KTSWorkingSet& workingSet = context_.workingSet();
+  workingSet.refreshProducts();
+  workingSet.mergeProducts(all);
   // The merge keeps the settings already recorded; the states after this pass replace them.
-  for (const auto& [productId, product] : all) workingSet->applyProductStatus(*product);
-  workingSet->saveProductsUnlessCurrent(true);
+  for (const auto& [productId, product] : all) workingSet.applyProductStatus(*product);
+  workingSet.saveProductsUnlessCurrent(true, context_.record());
   for (const auto& catalog : catalogs_) {
     if (!catalog->products()) continue;
     if (synced_.count(catalog.get()) != 0) {
@@ -646,7 +637,7 @@ bool KTSSyncPass::listsChangedProduct(const KTSCatalog& catalog) const {
 }
 
 void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {
-  KTSPassRecord* record = KTSPassRecord::current();
+  KTSPassRecord* record = context_.record();
   for (const auto& catalog : catalogs_) {
     std::string path = KTSServerLayout::servedCatalogPath(catalog->catalogURL());
     if (!KTSPath::isInsideHtmlFolder(path)) continue;
@@ -738,9 +729,9 @@ void KTSSyncPass::recordFilesTouchedBy(const KTSProduct& product) {
 }
 
 void KTSSyncPass::finishTickets() {
-  auto tickets = KTSJobTicketManager::defaultManager();
+  KTSJobTicketManager& tickets = context_.tickets();
   for (const auto& [jobType, productId] : ticketsDone_) {
-    tickets->deleteTicketOfTypeForProduct(jobType, productId);
+    tickets.deleteTicketOfTypeForProduct(jobType, productId);
   }
 }
 

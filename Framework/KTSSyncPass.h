@@ -19,6 +19,7 @@
 #include "KTSCatalog.h"
 #include "KTSFetchScheduler.h"
 #include "KTSLogger.h"
+#include "KTSPassContext.h"
 #include "KTSPassMemo.h"
 #include "KTSPassRecord.h"
 #include "KTSProductChange.h"
@@ -56,7 +57,9 @@ struct KTSPassOutcome {
 
 class KTSSyncPass {
  public:
-  explicit KTSSyncPass(KTSPassObserver& observer);
+  // The pass works in context (its preferences, the files it reads and writes), which must
+  // outlive it; what it does as it goes is told to observer.
+  KTSSyncPass(KTSPassContext& context, KTSPassObserver& observer);
 
   // A whole pass: the catalogs are downloaded and merged. With Reuse::Nothing every file is
   // fetched whole (no validators are sent) and made and written anew (ondrd_syncd --full);
@@ -64,11 +67,6 @@ class KTSSyncPass {
   KTSPassOutcome runFullPass(KTSPassRecord::Reuse reuse = KTSPassRecord::Reuse::Allowed);
   // Only the pending product changes: the catalogs are loaded from their caches.
   KTSPassOutcome runProductChanges();
-
-  // Lets go of the shared instances read from files the administration side writes (the
-  // preferences, the meta-index, the status, the working set, the requests, the tickets and the
-  // metadata generator), so that the next pass reads those files as they are now.
-  static void forgetSharedInstances();
 
  private:
   KTSPassOutcome run(bool fullSync, KTSPassRecord::Reuse reuse);
@@ -124,6 +122,7 @@ class KTSSyncPass {
   void finishTickets();
   bool interrupted() const;
 
+  KTSPassContext& context_;
   KTSPassObserver& observer_;
   LogHandle log_;
   std::map<std::string, KTSProductChange> changes_;

@@ -5,7 +5,6 @@
 #include "HostPaths.h"
 #include "KTSPreferences.h"
 #include "KTSUtilities.h"
-#include "SharedInstance.h"
 #include "Utf8.h"
 
 namespace ondrel {
@@ -16,18 +15,8 @@ constexpr std::chrono::seconds kAccessLifetime(172800);
 
 }  // namespace
 
-std::shared_ptr<KTSSyncStatus> KTSSyncStatus::defaultStatus() {
-  return SharedInstance<KTSSyncStatus>::get([] { return syncStatus(); });
-}
-
-std::shared_ptr<KTSSyncStatus> KTSSyncStatus::syncStatus() {
-  return std::make_shared<KTSSyncStatus>();
-}
-
-void KTSSyncStatus::resetDefaultStatus() { SharedInstance<KTSSyncStatus>::reset(); }
-
-KTSSyncStatus::KTSSyncStatus()
-    : prefs_(KTSPreferences::defaultPreferences()),
+KTSSyncStatus::KTSSyncStatus(std::shared_ptr<KTSPreferences> preferences)
+    : prefs_(std::move(preferences)),
       syncStartedPath_(statusPath(".sync_in_progress")),
       syncDonePath_(statusPath(".sync_done")),
       startTimePath_(statusPath(".start_time")),

@@ -21,12 +21,8 @@ class KTSSyncStatus {
  public:
   enum State : std::int64_t { NotMarked = 0, InProgress = 1, Done = 2 };
 
-  static std::shared_ptr<KTSSyncStatus> defaultStatus();
-  static std::shared_ptr<KTSSyncStatus> syncStatus();
-  // Forgets the shared instance (test support).
-  static void resetDefaultStatus();
-
-  KTSSyncStatus();
+  // The status files of the preferences' service root.
+  explicit KTSSyncStatus(std::shared_ptr<KTSPreferences> preferences);
 
   std::int64_t getSyncStatus() const;
   // 1 marks a run as started, 2 as finished; any other value changes nothing.

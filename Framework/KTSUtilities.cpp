@@ -326,10 +326,9 @@ Plist KTSUtilities::getMountedVolumeListForFormat(const std::optional<std::strin
   return list.size() == 0 ? Plist() : list;
 }
 
-bool KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(const Url& url,
-                                                                           const std::string& path,
-                                                                           bool replaceExisting,
-                                                                           bool archivePrevious) {
+bool KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(
+    const Url& url, const std::string& path, bool replaceExisting, bool archivePrevious,
+    KTSFetchScheduler* scheduler) {
   std::string localPath = standardizingPath(path);
   if (!replaceExisting && fileExistsAtPath(localPath)) {
     LogHandle::shared().info("Skipping download; REPLACE = NO, file exists: {})",
@@ -338,7 +337,7 @@ bool KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(const
   }
   auto downloader =
       KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(url, localPath, archivePrevious);
-  downloader->startSynchronousDownload();
+  downloader->startSynchronousDownload(scheduler);
   if (const std::optional<KTSError>& error = downloader->downloadError()) {
     logFailedDownload(localPath, error->description());
     return false;

@@ -17,6 +17,8 @@
 
 namespace ondrel {
 
+class KTSFetchScheduler;
+
 class KTSUtilities {
  public:
   // Owner and group "_ondrel".
@@ -73,10 +75,9 @@ class KTSUtilities {
 
   // Downloads url to path unless replaceExisting is false and the file exists (then true without
   // a transfer). False, with one error line, when the download failed.
-  static bool downloadFileWithURLToPathReplaceExistingArchivePrevious(const Url& url,
-                                                                      const std::string& path,
-                                                                      bool replaceExisting,
-                                                                      bool archivePrevious);
+  static bool downloadFileWithURLToPathReplaceExistingArchivePrevious(
+      const Url& url, const std::string& path, bool replaceExisting, bool archivePrevious,
+      KTSFetchScheduler* scheduler = nullptr);
   // The wrapper's error line for a download to localPath that failed for reason.
   static void logFailedDownload(const std::string& localPath, const std::string& reason);
 

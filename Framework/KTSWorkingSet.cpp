@@ -11,7 +11,6 @@
 #include "KTSProduct.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
-#include "SharedInstance.h"
 
 namespace ondrel {
 
@@ -24,22 +23,12 @@ const char* yesOrNo(bool value) { return value ? "YES" : "NO"; }
 
 }  // namespace
 
-std::shared_ptr<KTSWorkingSet> KTSWorkingSet::defaultWorkingSet() {
-  return SharedInstance<KTSWorkingSet>::get([] {
-    return workingSetForPath(
-        fixedPath("/Library/Server/Ondrel/Status/com.vantor.server.ondrel.plist"));
-  });
+std::string KTSWorkingSet::defaultPath() {
+  return fixedPath("/Library/Server/Ondrel/Status/com.vantor.server.ondrel.plist");
 }
 
-void KTSWorkingSet::resetDefaultWorkingSet() { SharedInstance<KTSWorkingSet>::reset(); }
-
-std::shared_ptr<KTSWorkingSet> KTSWorkingSet::workingSetForPath(const std::string& path) {
-  return std::make_shared<KTSWorkingSet>(path);
-}
-
-KTSWorkingSet::KTSWorkingSet(const std::string& path)
-    : currentPath_(KTSPreferences::defaultPreferences()->statusWorkingPathForPath(path)),
-      log_(LogHandle::shared()) {
+KTSWorkingSet::KTSWorkingSet(const KTSPreferences& preferences, const std::string& path)
+    : currentPath_(preferences.statusWorkingPathForPath(path)), log_(LogHandle::shared()) {
   loadProducts();
 }
 
@@ -87,7 +76,7 @@ bool KTSWorkingSet::loadProducts() {
   return false;
 }
 
-bool KTSWorkingSet::saveProductsArchivingPrevious(bool archivePrevious) {
+bool KTSWorkingSet::saveProductsArchivingPrevious(bool archivePrevious, KTSPassRecord* record) {
   KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(currentPath_));
   std::string previous = appendingPathExtension(currentPath_, "previous");
   auto keepPrevious = [&] {
@@ -111,7 +100,7 @@ bool KTSWorkingSet::saveProductsArchivingPrevious(bool archivePrevious) {
   cacheDirty_ = false;
   cachedFileStamp_ = currentFileStamp();
   savedProducts_ = root[kProductsKey];
-  if (KTSPassRecord* record = KTSPassRecord::current()) record->recordFile(currentPath_, "");
+  if (record != nullptr) record->recordFile(currentPath_, "");
   log_.debug("WSET: cache date = {}", Plist::date(*cacheDate_));
   return true;
 }
@@ -177,20 +166,19 @@ void KTSWorkingSet::mergeProducts(const ProductsById& products) {
   setProductCache(std::move(merged));
 }
 
-bool KTSWorkingSet::saveProductsUnlessCurrent(bool archivePrevious) {
-  KTSPassRecord* record = KTSPassRecord::current();
+bool KTSWorkingSet::saveProductsUnlessCurrent(bool archivePrevious, KTSPassRecord* record) {
   if (record && products_.isIdenticalTo(savedProducts_) && record->isCurrent(currentPath_, "")) {
     record->recordFile(currentPath_, "");
     log_.debug("WSET: {} unchanged", lastPathComponent(currentPath_));
     return true;
   }
-  return saveProductsArchivingPrevious(archivePrevious);
+  return saveProductsArchivingPrevious(archivePrevious, record);
 }
 
-void KTSWorkingSet::updateProductStatus(const KTSProduct& product) {
+void KTSWorkingSet::updateProductStatus(const KTSProduct& product, KTSPassRecord* record) {
   if (!applyProductStatus(product)) return;
   if (!lastWrite_ || Clock::now() - *lastWrite_ > kStatusSaveInterval) {
-    saveProductsArchivingPrevious(false);
+    saveProductsArchivingPrevious(false, record);
   }
 }
 

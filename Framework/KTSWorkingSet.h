@@ -15,24 +15,26 @@
 
 namespace ondrel {
 
+class KTSPassRecord;
+class KTSPreferences;
 class KTSProduct;
 
 class KTSWorkingSet {
  public:
   using ProductsById = std::map<std::string, std::shared_ptr<KTSProduct>>;
 
-  static std::shared_ptr<KTSWorkingSet> defaultWorkingSet();
-  static void resetDefaultWorkingSet();
-  static std::shared_ptr<KTSWorkingSet> workingSetForPath(const std::string& path);
+  // Where the server keeps it, before the preferences map it into their service root.
+  static std::string defaultPath();
   // Maps path through the preferences' status working path and loads it.
-  explicit KTSWorkingSet(const std::string& path);
+  KTSWorkingSet(const KTSPreferences& preferences, const std::string& path);
 
   void refreshProducts();
   // Inverted on purpose: true when the file exists but cannot be used (the records in memory
   // stay); false after a successful load, for a file without products, or when no file could
   // be made.
   bool loadProducts();
-  bool saveProductsArchivingPrevious(bool archivePrevious);
+  // Replaces the file whole; with a pass record, records the file written in it.
+  bool saveProductsArchivingPrevious(bool archivePrevious, KTSPassRecord* record = nullptr);
   bool initProductCache();
   void setProductCache(Plist products);
   // Merges a catalog's products, keeping the administration side's "mirror" and "enable" and
@@ -42,13 +44,14 @@ class KTSWorkingSet {
                                                          bool archivePrevious);
   // The merge alone, in memory.
   void mergeProducts(const ProductsById& products);
-  // Records a product's changed state; saves at most once a second.
-  void updateProductStatus(const KTSProduct& product);
+  // Records a product's changed state; saves at most once a second (recording the file in the
+  // pass record, when there is one).
+  void updateProductStatus(const KTSProduct& product, KTSPassRecord* record = nullptr);
   // Records a product's changed state in memory; true when it changed.
   bool applyProductStatus(const KTSProduct& product);
-  // Saves unless the records are exactly those of the file on disk as the pass record in effect
-  // shows it; the file replaced becomes ".previous" when archivePrevious is true.
-  bool saveProductsUnlessCurrent(bool archivePrevious);
+  // Saves unless the records are exactly those of the file on disk as the pass record shows it;
+  // the file replaced becomes ".previous" when archivePrevious is true.
+  bool saveProductsUnlessCurrent(bool archivePrevious, KTSPassRecord* record);
   // The record of a product, or null when it lacks required data.
   Plist representationForProduct(const KTSProduct* product) const;
 

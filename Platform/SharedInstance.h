@@ -1,4 +1,4 @@
-// The process-wide slot behind each shared default instance (logger, preferences, status, ...):
+// The process-wide slot behind each shared default instance (the logger, the preferences):
 // made on first use by a plain check, kept for the process, and reset by the test support.
 // Not synchronised: first use is expected from one thread, as for the library as a whole.
 #pragma once

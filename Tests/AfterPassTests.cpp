@@ -152,7 +152,7 @@ TEST_F(AfterPassTest, MetricsFileIsReplacedWholeAfterEveryPass) {
   settings.set("metricsFile", metrics);
   preferences->setPrefs(settings);
 
-  programs::afterPass(pass(KTSPassHistory::Outcome::Succeeded, clock_->now()), LogHandle::shared());
+  programs::afterPass(context(), pass(KTSPassHistory::Outcome::Succeeded, clock_->now()));
   std::string kept;
   std::getline(reader, kept);
   EXPECT_EQ(kept, "old")
@@ -172,7 +172,7 @@ TEST_F(AfterPassTest, MetricsFileIsReplacedWholeAfterEveryPass) {
 
   settings.set("metricsFile", path("/no/such/folder/ondrel.prom"));
   preferences->setPrefs(settings);
-  programs::afterPass(pass(KTSPassHistory::Outcome::Succeeded, clock_->now()), LogHandle::shared());
+  programs::afterPass(context(), pass(KTSPassHistory::Outcome::Succeeded, clock_->now()));
   EXPECT_EQ(KTSPassHistory(KTSPassHistory::defaultPath()).passes(), 2u)
       << "a metrics file that cannot be written loses nothing else";
 }

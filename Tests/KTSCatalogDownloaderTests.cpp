@@ -16,7 +16,7 @@ class KTSCatalogDownloaderTest : public OndrelTest {
  protected:
   void SetUp() override {
     OndrelTest::SetUp();
-    KTSSyncStatus::resetDefaultStatus();
+    renewContext();
     setUserDefaults(true);
     certificate_ = test::makeThrowAwayCertificate(root_);
     ASSERT_FALSE(certificate_.certificatePath.empty());
@@ -24,7 +24,7 @@ class KTSCatalogDownloaderTest : public OndrelTest {
   }
   void TearDown() override {
     ::unsetenv("ONDREL_CA_BUNDLE");
-    KTSSyncStatus::resetDefaultStatus();
+    renewContext();
     OndrelTest::TearDown();
   }
 
@@ -36,7 +36,7 @@ class KTSCatalogDownloaderTest : public OndrelTest {
 
   std::shared_ptr<KTSCatalogDownloader> downloadFrom(const std::string& url) {
     auto downloader = KTSCatalogDownloader::downloaderWithURLLocalPathArchivePrevious(
-        *Url::parse(url), path("/catalogs/cat.ktcatalog"), true);
+        *Url::parse(url), path("/catalogs/cat.ktcatalog"), true, context().status());
     downloader->downloadSynchronously();
     return downloader;
   }
@@ -56,7 +56,7 @@ TEST_F(KTSCatalogDownloaderTest, WithoutARecordOrPortHttpsComesFirst) {
   EXPECT_EQ(downloader->downloadStatus(), 1);
   EXPECT_EQ(readFile(path("/catalogs/cat.ktcatalog")), "secure catalog");
   EXPECT_EQ(plain.requestCount(), 0);
-  EXPECT_EQ(KTSSyncStatus::defaultStatus()->getAccessForHostName("127.0.0.11"), "https");
+  EXPECT_EQ((&context().status())->getAccessForHostName("127.0.0.11"), "https");
   EXPECT_TRUE(logged("ondrd_test[INF]: Retrieving remote catalog (SECURE): cat.ktcatalog"));
 }
 
@@ -67,13 +67,13 @@ TEST_F(KTSCatalogDownloaderTest, AnExplicitPortMeansHttpFirst) {
   auto downloader = downloadFrom(plain.url("/cat.ktcatalog"));
   EXPECT_EQ(downloader->downloadStatus(), 1);
   EXPECT_EQ(plain.requestCount(), 1);
-  EXPECT_EQ(KTSSyncStatus::defaultStatus()->getAccessForHostName("127.0.0.12"), "http");
+  EXPECT_EQ((&context().status())->getAccessForHostName("127.0.0.12"), "http");
   EXPECT_TRUE(logged("ondrd_test[INF]: Retrieving remote catalog (STANDARD): cat.ktcatalog"));
   EXPECT_EQ(downloader->getSchemeOrder()[0], "http");
 }
 
 TEST_F(KTSCatalogDownloaderTest, AnHttpRecordGoesFirstAndAFallbackIsRecorded) {
-  auto status = KTSSyncStatus::defaultStatus();
+  auto status = (&context().status());
   status->setAccessForHostName(std::string("http"), "127.0.0.13");
   LoopbackServer secure(&certificate_);
   LoopbackServer plain;
@@ -95,7 +95,7 @@ TEST_F(KTSCatalogDownloaderTest, AnHttpRecordGoesFirstAndAFallbackIsRecorded) {
 }
 
 TEST_F(KTSCatalogDownloaderTest, WhenBothSchemesFailTheRecordIsCleared) {
-  auto status = KTSSyncStatus::defaultStatus();
+  auto status = (&context().status());
   status->setAccessForHostName(std::string("https"), "127.0.0.14");
   writeFile(path("/catalogs/cat.ktcatalog"), "previous catalog");
   auto downloader = downloadFrom("http://127.0.0.14/cat.ktcatalog");

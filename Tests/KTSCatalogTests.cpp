@@ -75,14 +75,14 @@ class KTSCatalogTest : public OndrelTest {
   }
 
   std::shared_ptr<KTSCatalog> sync(const Plist& deprecations = Plist()) {
-    auto catalog = KTSCatalog::catalogWithUrl(*Url::parse(upstream_.url(kCatalogPath)));
+    auto catalog = KTSCatalog::catalogWithUrl(*Url::parse(upstream_.url(kCatalogPath)), context());
     catalog->syncCatalogWithDeprecationsForcingUpdate(deprecations, true);
     return catalog;
   }
 
   // The merge alone, as a sync runs it, without the steps after it.
   std::shared_ptr<KTSCatalog> merge(const Plist& deprecations = Plist()) {
-    auto catalog = KTSCatalog::catalogWithUrl(*Url::parse(upstream_.url(kCatalogPath)));
+    auto catalog = KTSCatalog::catalogWithUrl(*Url::parse(upstream_.url(kCatalogPath)), context());
     catalog->setDeprecatedProducts(deprecations);
     catalog->loadCompositeCatalog();
     catalog->updateCompositeCatalogWithCatalog(
@@ -109,7 +109,7 @@ class KTSCatalogTest : public OndrelTest {
 
 TEST_F(KTSCatalogTest, PathsFollowTheirFormats) {
   KTSCatalog catalog(
-      *Url::parse("http://127.0.0.1:8181/content/catalogs/others/index-16.ktcatalog"));
+      *Url::parse("http://127.0.0.1:8181/content/catalogs/others/index-16.ktcatalog"), context());
   const std::string prefix = preferences_->updatesDocRoot() + "html/content/catalogs/others/";
   EXPECT_EQ(catalog.vantorCatalogPath(), prefix + "index-16.ktcatalog.vantor");
   EXPECT_EQ(catalog.compositeCatalogPath(), prefix + "index-16.ktcatalog.composite");
@@ -124,7 +124,7 @@ TEST_F(KTSCatalogTest, PathsFollowTheirFormats) {
 
 TEST_F(KTSCatalogTest, TheMergeRemembersEveryProductItHasSeen) {
   // A first run seeds the composite from the archived upstream copy: states UNKNOWN.
-  auto seeded = KTSCatalog::catalogWithUrl(*Url::parse(upstream_.url(kCatalogPath)));
+  auto seeded = KTSCatalog::catalogWithUrl(*Url::parse(upstream_.url(kCatalogPath)), context());
   Plist previous = Plist::dictionary();
   previous.set(KTCatalogProductsDictKey, Plist::dictionary());
   previous.mutableValue(KTCatalogProductsDictKey).set("A", entry("A"));
@@ -192,7 +192,7 @@ TEST_F(KTSCatalogTest, TheMergeRemembersEveryProductItHasSeen) {
 
 TEST_F(KTSCatalogTest, AFailedMergeChangesNothingAndReachesTheCaller) {
   upstream_.putStatus(kCatalogPath, 404);
-  auto catalog = KTSCatalog::catalogWithUrl(*Url::parse(upstream_.url(kCatalogPath)));
+  auto catalog = KTSCatalog::catalogWithUrl(*Url::parse(upstream_.url(kCatalogPath)), context());
   try {
     catalog->syncCatalogWithDeprecationsForcingUpdate(Plist(), true);
     ADD_FAILURE() << "the failed merge must reach the caller";
@@ -230,8 +230,8 @@ TEST_F(KTSCatalogTest, ProductsThatCannotBeMadeLeaveTheIndexButNotTheMemory) {
   EXPECT_TRUE(catalog->compositeCatalog()[KTCatalogProductsDictKey].contains("Z"));
   EXPECT_TRUE(logged("ondrd_test[DBG]: CTLG: detected dead product Z"));
   catalog->commitCatalogProductRemovals();
-  EXPECT_FALSE(KTSCatalog(catalog->catalogURL()).compositeCatalog().isDictionary());
-  auto reloaded = KTSCatalog::catalogWithUrl(catalog->catalogURL());
+  EXPECT_FALSE(KTSCatalog(catalog->catalogURL(), context()).compositeCatalog().isDictionary());
+  auto reloaded = KTSCatalog::catalogWithUrl(catalog->catalogURL(), context());
   reloaded->loadCompositeCatalog();
   EXPECT_FALSE(reloaded->compositeCatalog()[KTCatalogProductsDictKey].contains("Z"));
 }
@@ -256,7 +256,7 @@ TEST_F(KTSCatalogTest, PoliciesFollowTheModeAndTheWorkingSet) {
   EXPECT_FALSE(manual->productForProductId("A")->enableWhenMirrored());
 
   // The working set's settings win; a Mirrored product whose files are gone is re-queued.
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  auto workingSet = (&context().workingSet());
   workingSet->setProductDictForID(Plist::dictionary(), "M");
   workingSet->setMirrorSettingForProductID(KTSProduct::Mirrored, "M");
   workingSet->setMirrorSettingForProductID(KTSProduct::PleaseMirror, "B");
@@ -284,7 +284,7 @@ TEST_F(KTSCatalogTest, DeprecationChainsWithdrawAndGiveBack) {
   deprecations.mutableValue("DeprecatedProducts").set("Y", Plist::stringArray({"X"}));
   deprecations.mutableValue("DeprecatedProducts").set("C1", Plist::stringArray({"C2"}));
   deprecations.mutableValue("DeprecatedProducts").set("C2", Plist::stringArray({"C1"}));
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  auto workingSet = (&context().workingSet());
   auto first = sync();
   for (const char* id : {"X", "Y", "Z"}) {
     ASSERT_TRUE(first->productForProductId(id)->downloadMirroredFiles());
@@ -315,7 +315,7 @@ TEST_F(KTSCatalogTest, DeprecationChainsWithdrawAndGiveBack) {
 
 TEST_F(KTSCatalogTest, CacheVerificationAndServedEntries) {
   publish({"A", "B", "L"});
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  auto workingSet = (&context().workingSet());
   workingSet->setProductDictForID(Plist::dictionary(), "L");
   workingSet->setMirrorSettingForProductID(KTSProduct::LocalDeprecated, "L");
   auto catalog = sync();
@@ -327,13 +327,13 @@ TEST_F(KTSCatalogTest, CacheVerificationAndServedEntries) {
   ASSERT_EQ(cache.size(), 2u);
   cache.append(Plist("not an archive"));
   ASSERT_TRUE(cache.writeXmlFile(catalog->productsCachePath(), nullptr));
-  auto loaded = KTSCatalog::catalogWithUrl(catalog->catalogURL());
+  auto loaded = KTSCatalog::catalogWithUrl(catalog->catalogURL(), context());
   loaded->loadCatalog();
   EXPECT_EQ(loaded->products()->size(), 2u);
   EXPECT_TRUE(
       logged("ondrd_test[DBG]: CTLG: *** product init from cache item failed! ID = (null)"));
   writeFile(catalog->productsCachePath(), "corrupt");
-  auto rebuilt = KTSCatalog::catalogWithUrl(catalog->catalogURL());
+  auto rebuilt = KTSCatalog::catalogWithUrl(catalog->catalogURL(), context());
   rebuilt->loadCatalog();
   EXPECT_EQ(rebuilt->products()->size(), 2u);
 

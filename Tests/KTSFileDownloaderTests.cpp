@@ -192,14 +192,16 @@ class KTSFileDownloaderTest : public OndrelTest {
   std::optional<Url> url(const std::string& path) const { return Url::parse(server_.url(path)); }
   std::string target() const { return path("/downloads/item.pkg"); }
 
+  // Through the test's scheduler, when it set one, as a pass's downloads go.
   std::shared_ptr<KTSFileDownloader> download(const std::string& urlPath, bool archive = true) {
     auto downloader = KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(
         *url(urlPath), target(), archive);
-    downloader->startSynchronousDownload();
+    downloader->startSynchronousDownload(scheduler_);
     return downloader;
   }
 
   LoopbackServer server_;
+  KTSFetchScheduler* scheduler_ = nullptr;
   std::atomic<int> served_{0};
   std::mutex gateMutex_;
   std::condition_variable gateVisited_;
@@ -333,7 +335,7 @@ TEST_F(KTSFileDownloaderTest, ConditionalRequestsKeepUnchangedFiles) {
   const std::string store = path("/validators");
   auto validators = std::make_shared<KTSFileValidators>(store);
   KTSFetchScheduler scheduler(4, validators);
-  scheduler.makeCurrent();
+  scheduler_ = &scheduler;
 
   EXPECT_FALSE(download("/validated")->downloadError());
   EXPECT_EQ(lastConditionSeen(), "");
@@ -420,7 +422,7 @@ TEST_F(KTSFileDownloaderTest, ADownloadCutShortIsContinuedWhereItBroke) {
 
 TEST_F(KTSFileDownloaderTest, ABusyServerIsAskedAgainWhenItSaysAndSlowsThePass) {
   KTSFetchScheduler scheduler(8, nullptr);
-  scheduler.makeCurrent();
+  scheduler_ = &scheduler;
   auto busy = download("/busy");
   EXPECT_FALSE(busy->downloadError());
   EXPECT_EQ(readFile(target()), "done at last");

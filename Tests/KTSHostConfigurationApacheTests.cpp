@@ -138,7 +138,7 @@ TEST_F(ApacheTest, PublishedCatalogsAreServedAndInternalFilesAreNot) {
   const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
   const std::string others = htmlPath() + "/content/catalogs/others/";
   writeFile(others + newest, "served catalog");
-  ASSERT_TRUE(KTSMetaIndex::defaultMetaIndex()->downloadForcingUpdate(true));
+  ASSERT_TRUE((&context().metaIndex())->downloadForcingUpdate(true));
   for (const std::string& internal :
        {others + newest + ".vantor", others + newest + ".composite",
         others + "index-10.12.productscache", htmlPath() + "/catalogs.ktcatalog.alternate",

@@ -17,11 +17,11 @@ class KTSJobTicketTest : public OndrelTest {
  protected:
   void SetUp() override {
     OndrelTest::SetUp();
-    KTSJobTicketManager::resetDefaultManager();
+    renewContext();
     setUserDefaults(true);
   }
   void TearDown() override {
-    KTSJobTicketManager::resetDefaultManager();
+    renewContext();
     OndrelTest::TearDown();
   }
 
@@ -100,7 +100,7 @@ TEST_F(KTSJobTicketTest, RefreshKeepsLiveTicketsAndDeletesEverythingElse) {
   writeFile(pending() + "/stray.txt", "x");
   std::filesystem::create_directories(pending() + "/.ticket_mirror_dir/inner");
 
-  KTSJobTicketManager manager;
+  KTSJobTicketManager manager(context().preferences());
   EXPECT_EQ(manager.jobsPath(), pending());
   manager.refresh();
   ASSERT_EQ(manager.openJobs().size(), 2u);
@@ -124,7 +124,7 @@ TEST_F(KTSJobTicketTest, RefreshKeepsLiveTicketsAndDeletesEverythingElse) {
 }
 
 TEST_F(KTSJobTicketTest, AddFindAndDeleteTickets) {
-  auto manager = KTSJobTicketManager::defaultManager();
+  auto manager = (&context().tickets());
   manager->refresh();
   EXPECT_TRUE(manager->openJobs().empty());
   EXPECT_FALSE(std::filesystem::exists(pending())) << "refresh creates nothing";
@@ -144,7 +144,7 @@ TEST_F(KTSJobTicketTest, AddFindAndDeleteTickets) {
 
   // A copy of a ticket file deletes the file its recorded path names.
   std::filesystem::copy_file(pending() + "/.ticket_enable_P1", pending() + "/.ticket_enable_Px");
-  KTSJobTicketManager other;
+  KTSJobTicketManager other(context().preferences());
   other.refresh();
   ASSERT_EQ(other.openJobs().size(), 3u);
   other.deleteTicketOfTypeForProduct(KTSJobTicket::Enable, "P1");
@@ -173,7 +173,7 @@ TEST_F(KTSJobTicketTest, PlantedTicketsCannotReachOutsideTheirFolder) {
               later());
   writeTicket(".ticket_remove_C", "../C", Plist::integer(3), pending() + "/.ticket_remove_C",
               later());
-  KTSJobTicketManager manager;
+  KTSJobTicketManager manager(context().preferences());
   manager.refresh();
   EXPECT_TRUE(manager.openJobs().empty());
   manager.addTicketOfTypeForProduct(KTSJobTicket::Mirror, "../../escaped");
@@ -190,7 +190,7 @@ TEST_F(KTSJobTicketTest, AnotherProcessWriteInProgressIsLeftAlone) {
   std::filesystem::create_directories(pending());
   const std::string inProgress = pending() + "/.ondrel-write-.ticket_enable_Q.a1b2c3";
   writeFile(inProgress, "<plist><di");
-  KTSJobTicketManager manager;
+  KTSJobTicketManager manager(context().preferences());
   manager.refresh();
   EXPECT_TRUE(std::filesystem::exists(inProgress));
   // One left behind by a crash long ago is cleaned like any stray entry.
@@ -202,7 +202,7 @@ TEST_F(KTSJobTicketTest, AnotherProcessWriteInProgressIsLeftAlone) {
 TEST_F(KTSJobTicketTest, PendingFolderFollowsANonDefaultConfiguration) {
   std::filesystem::create_directories(path("/alt/Ondrel/Config"));
   KTSPreferences::defaultPreferencesWithPath(path("/alt/Ondrel/Config/ondrd.plist"));
-  KTSJobTicketManager manager;
+  KTSJobTicketManager manager(context().preferences());
   EXPECT_EQ(manager.jobsPath(), path("/alt/Ondrel/Status/.pending"));
   EXPECT_FALSE(manager.prefs());
 }

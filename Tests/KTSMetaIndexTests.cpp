@@ -62,7 +62,7 @@ TEST_F(KTSMetaIndexTest, CatalogVersionTables) {
 TEST_F(KTSMetaIndexTest, DefaultListIsSavedExportedAndLinked) {
   preferences_->setPublicHostName("mirror.example");
   preferences_->setPortToUse(Plist::integer(8088));
-  auto metaIndex = KTSMetaIndex::defaultMetaIndex();
+  auto metaIndex = (&context().metaIndex());
   ASSERT_TRUE(metaIndex->downloadForcingUpdate(false));
   EXPECT_TRUE(
       logged("ondrd_test[ERR]: Catalog meta-index load failed!  Unable to initialize list "
@@ -84,7 +84,7 @@ TEST_F(KTSMetaIndexTest, DefaultListIsSavedExportedAndLinked) {
       Plist::stringArray({newest, "index-10.9-dogwood-cedar-birch-alder.merged-1.ktcatalog",
                           "index.ktcatalog", "../../escape"}));
   clearLog();
-  auto forced = KTSMetaIndex::metaIndex();
+  auto forced = std::make_shared<KTSMetaIndex>(KTSPreferences::defaultPreferences());
   ASSERT_TRUE(forced->downloadForcingUpdate(true));
   EXPECT_EQ(forced->catalogs().size(), 2u);
   EXPECT_TRUE(
@@ -101,14 +101,14 @@ TEST_F(KTSMetaIndexTest, DefaultListIsSavedExportedAndLinked) {
   EXPECT_FALSE(std::filesystem::exists(html_ + "/escape"));
 
   // A reload republishes without rebuilding; the links are replaced, never missing.
-  auto reloaded = KTSMetaIndex::metaIndex();
+  auto reloaded = std::make_shared<KTSMetaIndex>(KTSPreferences::defaultPreferences());
   ASSERT_TRUE(reloaded->downloadForcingUpdate(false));
   EXPECT_TRUE(logged("ondrd_test[DBG]: METX: initialized from existing local file"));
   EXPECT_EQ(reloaded->catalogs().size(), 2u);
 }
 
 TEST_F(KTSMetaIndexTest, BadAlternateFilesFallBackToTheDefaults) {
-  auto metaIndex = KTSMetaIndex::metaIndex();
+  auto metaIndex = std::make_shared<KTSMetaIndex>(KTSPreferences::defaultPreferences());
   metaIndex->updateLocalPaths();
   const std::string alternate = *metaIndex->localPathAlternate();
   const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
@@ -122,7 +122,7 @@ TEST_F(KTSMetaIndexTest, BadAlternateFilesFallBackToTheDefaults) {
         std::string("<plist><dict><key>CatalogsList</key><array><string>http://h/a/..</string>"
                     "</array></dict></plist>")}) {
     writeFile(alternate, bad);
-    auto loaded = KTSMetaIndex::metaIndex();
+    auto loaded = std::make_shared<KTSMetaIndex>(KTSPreferences::defaultPreferences());
     ASSERT_TRUE(loaded->downloadForcingUpdate(false)) << bad;
     ASSERT_EQ(loaded->catalogs().size(), 1u) << bad;
     EXPECT_EQ(loaded->primaryCatalog()->description(), vendor(newest)) << bad;

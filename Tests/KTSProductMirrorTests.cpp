@@ -48,8 +48,8 @@ class KTSProductMirrorTest : public test::UpstreamProductTest {
   }
 
   std::shared_ptr<KTSProduct> productFor(const Plist& entry) {
-    auto made =
-        KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL("P1", entry, {});
+    auto made = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+        "P1", entry, {}, context());
     made->scheduleMirroring();
     return made;
   }
@@ -186,7 +186,7 @@ TEST_F(KTSProductMirrorTest, ProductsMirrorSideBySideAndOneFailureStopsNoOther) 
                     : fmt::format("http://127.0.0.1:{}/content/downloads/gate/{}.pkg", port,
                                   productId));
     products.push_back(KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-        productId, entry, {}));
+        productId, entry, {}, context()));
     products.back()->scheduleMirroring();
   }
   KTSFetchScheduler scheduler(16, nullptr);
@@ -260,7 +260,7 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
   // would make the owner's file look suspect, and removing that other product leaves it.
   auto made = [&](const std::string& productId, const std::vector<test::PackageFiles>& files) {
     auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-        productId, upstream_.entry({}, files), {});
+        productId, upstream_.entry({}, files), {}, context());
     product->scheduleMirroring();
     return product;
   };
@@ -356,7 +356,7 @@ TEST_F(KTSProductMirrorTest, RemovalKeepsDescriptionsOrTakesTheWholeFolder) {
       upstream_.entry({{"English", "/content/downloads/d/P1/English.dist"}},
                       {{"/content/downloads/d/P1/a.pkg", 3000, "/content/downloads/d/P1/a.pkm"}});
   auto mirrored = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", entry, Url::parse(upstream_.url("/content/downloads/d/P1/P1.smd")));
+      "P1", entry, Url::parse(upstream_.url("/content/downloads/d/P1/P1.smd")), context());
   ASSERT_TRUE(mirrored->downloadMirroredFiles());
   mirrored->enable();
   // A part kept from a download cut short goes with the product, file or not.

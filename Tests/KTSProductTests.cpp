@@ -59,7 +59,7 @@ TEST_F(KTSProductTest, ActiveProductDownloadsItsMetadataAndKeepsThePreviousCopy)
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.8").toXml());
   auto smdUrl = Url::parse(upstream_.url("/d/P1/P1.smd"));
   auto first = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", entry, smdUrl);
+      "P1", entry, smdUrl, context());
   EXPECT_EQ(first->initStatus(), 1);
   EXPECT_EQ(first->version(), "10.6.8");
   EXPECT_EQ(first->productFamily(), "Vantor OS Update (10.6)");
@@ -86,7 +86,7 @@ TEST_F(KTSProductTest, ActiveProductDownloadsItsMetadataAndKeepsThePreviousCopy)
 
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.9").toXml());
   auto second = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", entry, smdUrl);
+      "P1", entry, smdUrl, context());
   EXPECT_EQ(second->version(), "10.6.9");
   EXPECT_EQ(
       (*Plist::readFile(local("/d/P1/P1.smd.previous"), nullptr))["CFBundleShortVersionString"]
@@ -99,7 +99,7 @@ TEST_F(KTSProductTest, ActiveProductDownloadsItsMetadataAndKeepsThePreviousCopy)
 TEST_F(KTSProductTest, MetadataThatCannotBeDownloadedIsReplacedAfterThreeAttempts) {
   upstream_.putStatus("/d/P1/P1.smd", 500);
   auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")));
+      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")), context());
   EXPECT_EQ(product->initStatus(), 1);
   EXPECT_EQ(clock_->sleeps(), (std::vector<double>{3.0, 3.0}));
   for (int remaining : {2, 1, 0}) {
@@ -117,7 +117,7 @@ TEST_F(KTSProductTest, MetadataThatCannotBeDownloadedIsReplacedAfterThreeAttempt
   misspelt.remove("platforms");
   upstream_.put("/d/P1/P1.smd", misspelt.toXml());
   product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")));
+      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")), context());
   EXPECT_EQ(product->productFamily(), "Vantor Tool");
   EXPECT_TRUE(logged("ondrd_test[DBG]: PROD: P1: repaired incomplete SMD data"));
   EXPECT_FALSE(Plist::readFile(local("/d/P1/P1.smd"), nullptr)->contains("platforms"));
@@ -130,7 +130,7 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
   auto missingUrl = Url::parse(upstream_.url("/d/P2/P2.smd"));
   auto make = [&](const std::optional<Url>& url) {
     return KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-        "P1", fullEntry(), url);
+        "P1", fullEntry(), url, context());
   };
   std::shared_ptr<KTSProduct> outside = make(smdUrl);
   int requests = upstream_.requestCount();
@@ -139,6 +139,7 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
   Plist entries = Plist::dictionary();
   {
     KTSPassMemo pass;
+    auto sharing = context().lend(pass);
     // The catalog's prefetch takes the fetch; a deprecated product's metadata is never fetched,
     // and a prefetch that failed leaves the product its own attempts.
     upstream_.put("/d/P3/P3.smd", metadata("Old", "1.0").toXml());
@@ -151,7 +152,7 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
       if (productId == std::string("P3")) entry.set("CompositeProductState", Plist::integer(3));
       entries.set(productId, entry);
     }
-    KTSProduct::prefetchServerMetadataForEntries(entries);
+    KTSProduct::prefetchServerMetadataForEntries(entries, context());
     EXPECT_EQ(upstream_.requestCount(), requests + 2);
     // Fetched unchanged, the file stays in place and is its own previous version.
     EXPECT_EQ(fileIdentity(smdFile), unchangedFile);
@@ -174,7 +175,8 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.9").toXml());
   {
     KTSPassMemo pass;
-    KTSProduct::prefetchServerMetadataForEntries(entries);
+    auto sharing = context().lend(pass);
+    KTSProduct::prefetchServerMetadataForEntries(entries, context());
     EXPECT_EQ(make(smdUrl)->version(), "10.6.9") << "the next pass fetches anew";
   }
   EXPECT_EQ((*Plist::readFile(smdFile + ".previous", nullptr))["CFBundleShortVersionString"]
@@ -185,7 +187,7 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
 
 TEST_F(KTSProductTest, WithoutAMetadataUrlASubstituteIsGeneratedFromTheDistribution) {
   auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", fullEntry(), std::nullopt);
+      "P1", fullEntry(), std::nullopt, context());
   EXPECT_EQ(product->initStatus(), 1);
   std::optional<Plist> written = Plist::readFile(local("/d/P1/P1.smd"), nullptr);
   ASSERT_TRUE(written);
@@ -199,20 +201,18 @@ TEST_F(KTSProductTest, WithoutAMetadataUrlASubstituteIsGeneratedFromTheDistribut
 
   // A missing distribution makes the generator refuse with -2, and the product unusable.
   Plist orphan = upstream_.entry({{"English", "/d/P2/English.dist"}}, {{"/d/P2/x.pkg", 1, ""}});
-  auto refused =
-      KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL("P2", orphan, {});
+  auto refused = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      "P2", orphan, {}, context());
   EXPECT_EQ(refused->initStatus(), -1);
-  EXPECT_EQ(KTSMetadataGenerator::defaultMetadataGenerator()->smdResult(), -2);
   EXPECT_FALSE(refused->smdPath());
   // Any other failure (here status 500) is -1 and leaves the product usable.
   upstream_.putStatus("/d/P2/English.dist", 500);
-  auto other =
-      KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL("P2", orphan, {});
+  auto other = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      "P2", orphan, {}, context());
   EXPECT_EQ(other->initStatus(), 1);
-  EXPECT_EQ(KTSMetadataGenerator::defaultMetadataGenerator()->smdResult(), -1);
 
   auto hostile = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "../P3", fullEntry(), std::nullopt);
+      "../P3", fullEntry(), std::nullopt, context());
   EXPECT_EQ(hostile->initStatus(), 0);
   EXPECT_TRUE(logged("ondrd_test[ERR]: Refusing product with an invalid product id: \"../P3\""));
 }
@@ -224,8 +224,8 @@ TEST_F(KTSProductTest, LegacyProductsReadWhatIsOnDiskAndNeverDownload) {
   auto smdUrl = Url::parse(upstream_.url("/d/P1/mapped.smd"));
   upstream_.put("/d/P1/mapped.smd", metadata("never fetched", "1").toXml());
 
-  auto bare = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL("P1", entry,
-                                                                                        smdUrl);
+  auto bare = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+      "P1", entry, smdUrl, context());
   std::optional<Plist> minimal = Plist::readFile(local("/d/P1/P1.smd"), nullptr);
   ASSERT_TRUE(minimal) << "the minimal dictionary is written for a legacy product";
   EXPECT_EQ(bare->bundleNames()["English"].stringValue(), "_productId Update");
@@ -234,29 +234,29 @@ TEST_F(KTSProductTest, LegacyProductsReadWhatIsOnDiskAndNeverDownload) {
   Plist generic = metadata("Vantor OS Update", "10.4.11");
   ASSERT_TRUE(generic.writeXmlFile(local("/d/P1/P1.smd"), nullptr));
   auto fromGeneric = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", entry, smdUrl);
+      "P1", entry, smdUrl, context());
   EXPECT_EQ(fromGeneric->productFamily(), "Vantor OS Update");
 
   generic.set("CFBundleShortVersionString", "10");
   ASSERT_TRUE(generic.writeXmlFile(local("/d/P1/mapped.smd"), nullptr));
   auto fromMapped = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", entry, smdUrl);
+      "P1", entry, smdUrl, context());
   EXPECT_EQ(fromMapped->productFamily(), "Vantor OS Update") << "one version part: unchanged";
   EXPECT_EQ(fromMapped->smdPath()->parentServerURL(), smdUrl);
 
   Plist otherLanguages = metadata("x", "10.7");
   otherLanguages.mutableValue("localization").remove("English");
   ASSERT_TRUE(otherLanguages.writeXmlFile(local("/d/P1/mapped.smd"), nullptr));
-  EXPECT_FALSE(
-      KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL("P1", entry, smdUrl)
-          ->productFamily());
+  EXPECT_FALSE(KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
+                   "P1", entry, smdUrl, context())
+                   ->productFamily());
   EXPECT_EQ(upstream_.requestCount(), 0);
 }
 
 TEST_F(KTSProductTest, ArchiveRoundTripsAndRestoreToleratesMissingKeys) {
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.7.2").toXml());
   auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")));
+      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")), context());
   product->restoreSettings(KTSProduct::Mirrored, false);
   product->enableOnceMirrored();
   Plist archive = product->archiveRepresentation();

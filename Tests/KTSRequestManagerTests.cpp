@@ -22,13 +22,11 @@ class KTSRequestManagerTest : public OndrelTest {
  protected:
   void SetUp() override {
     OndrelTest::SetUp();
-    KTSRequestManager::resetDefaultManager();
-    KTSJobTicketManager::resetDefaultManager();
+    renewContext();
     setArchiving(false);
   }
   void TearDown() override {
-    KTSRequestManager::resetDefaultManager();
-    KTSJobTicketManager::resetDefaultManager();
+    renewContext();
     OndrelTest::TearDown();
   }
 
@@ -63,7 +61,7 @@ class KTSRequestManagerTest : public OndrelTest {
 };
 
 TEST_F(KTSRequestManagerTest, PostedRequestsAreWholeOwnedFilesNamedBySecond) {
-  auto manager = KTSRequestManager::defaultManager();
+  auto manager = (&context().requests());
   ASSERT_TRUE(manager->postSyncRequest());
   auto seconds =
       std::chrono::duration_cast<std::chrono::seconds>(clock_->now().time_since_epoch()).count();
@@ -96,7 +94,7 @@ TEST_F(KTSRequestManagerTest, PostedRequestsAreWholeOwnedFilesNamedBySecond) {
 }
 
 TEST_F(KTSRequestManagerTest, EachTypeIsCollectedOnlyByItsOwnCollector) {
-  KTSRequestManager manager;
+  KTSRequestManager manager(context().preferences());
   EXPECT_FALSE(manager.hasPendingRequests());
   manager.postSyncRequest();
   nextSecond();
@@ -122,7 +120,7 @@ TEST_F(KTSRequestManagerTest, EachTypeIsCollectedOnlyByItsOwnCollector) {
 }
 
 TEST_F(KTSRequestManagerTest, NewerItemsReplaceOlderOnesWhole) {
-  KTSRequestManager manager;
+  KTSRequestManager manager(context().preferences());
   manager.postChangeRequestForProductItems(Plist(Plist::Array{
       change("P1", {"mirror", "enable"}), change("P2", {"mirror"}), change("P3", {"remove"})}));
   nextSecond();
@@ -146,7 +144,7 @@ TEST_F(KTSRequestManagerTest, NewerItemsReplaceOlderOnesWhole) {
 }
 
 TEST_F(KTSRequestManagerTest, ArchivingFollowsTheUserDefaultAtEachCollection) {
-  KTSRequestManager manager;
+  KTSRequestManager manager(context().preferences());
   setArchiving(true);
   manager.postSyncRequest();
   std::string name = spoolEntries().front();
@@ -173,7 +171,7 @@ TEST_F(KTSRequestManagerTest, HostileIdsAndALinkedArchiveAreRefused) {
   std::filesystem::create_directories(deletingLastPathComponent(archive()));
   std::filesystem::create_directory_symlink(elsewhere, archive());
   setArchiving(true);
-  KTSRequestManager manager;
+  KTSRequestManager manager(context().preferences());
   Plist items = Plist::array();
   items.append(change("../../x", {"mirror"}));
   items.append(change("P1", {"mirror"}));
@@ -198,7 +196,7 @@ TEST_F(KTSRequestManagerTest, HostileIdsAndALinkedArchiveAreRefused) {
 }
 
 TEST_F(KTSRequestManagerTest, BadRequestFilesAreSkippedAndLeftInPlace) {
-  KTSRequestManager manager;
+  KTSRequestManager manager(context().preferences());
   manager.postChangeRequestForProductItems(Plist(Plist::Array{change("GOOD", {"mirror"})}));
   writeFile(spool() + "/ondr_req.1", "<plist><dict><key>requestType</key>");
   writeFile(spool() + "/ondr_req.2", "<plist><array/></plist>");
@@ -227,8 +225,8 @@ TEST_F(KTSRequestManagerTest, TwoProcessesShareTheFoldersSafely) {
     // Each post gets its own second, so every request is a distinct file.
     auto clock = std::make_shared<ManualClock>(clock_->now());
     Clock::install(clock);
-    KTSRequestManager requests;
-    KTSJobTicketManager tickets;
+    KTSRequestManager requests(context().preferences());
+    KTSJobTicketManager tickets(context().preferences());
     auto stop = std::chrono::steady_clock::now() + std::chrono::seconds(3);
     int posted = 0;
     for (; std::chrono::steady_clock::now() < stop; ++posted) {
@@ -242,8 +240,8 @@ TEST_F(KTSRequestManagerTest, TwoProcessesShareTheFoldersSafely) {
   }
   close(pipeEnds[1]);
 
-  KTSRequestManager requests;
-  KTSJobTicketManager tickets;
+  KTSRequestManager requests(context().preferences());
+  KTSJobTicketManager tickets(context().preferences());
   std::multiset<std::string> collected;
   auto collect = [&] {
     Plist merged = requests.getPendingChangeRequestsDeletingSource(true);

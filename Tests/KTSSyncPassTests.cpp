@@ -85,26 +85,24 @@ class KTSSyncPassTest : public OndrelTest {
     return run([](KTSSyncPass& pass) { return pass.runProductChanges(); });
   }
   KTSPassOutcome run(const std::function<KTSPassOutcome(KTSSyncPass&)>& pass) {
-    KTSSyncPass::forgetSharedInstances();
+    renewContext();
     observer_ = RecordingObserver();
-    KTSSyncPass syncPass(observer_);
+    KTSSyncPass syncPass(context(), observer_);
     KTSPassOutcome outcome = pass(syncPass);
     EXPECT_EQ(observer_.workEnded, 1);
     return outcome;
   }
   void post(const std::string& action, const std::string& productId) {
-    KTSWorkingSet::resetDefaultWorkingSet();
+    renewContext();
     std::string error;
-    ASSERT_TRUE(programs::postProductChanges(action, {productId}, &error)) << error;
+    ASSERT_TRUE(programs::postProductChanges(context(), action, {productId}, &error)) << error;
   }
   // Whether nothing the administrator posted is still waiting.
   bool nothingPending() {
-    KTSRequestManager::resetDefaultManager();
-    KTSJobTicketManager::resetDefaultManager();
-    auto tickets = KTSJobTicketManager::defaultManager();
+    renewContext();
+    auto tickets = (&context().tickets());
     tickets->refresh();
-    return !KTSRequestManager::defaultManager()->hasPendingRequests() &&
-           tickets->openJobs().empty();
+    return !(&context().requests())->hasPendingRequests() && tickets->openJobs().empty();
   }
 
   std::string html() const { return path("/Library/Server/Ondrel/Data/html"); }
@@ -141,8 +139,8 @@ class KTSSyncPassTest : public OndrelTest {
     }
   }
   std::optional<std::string> errorNote() {
-    KTSSyncStatus::resetDefaultStatus();
-    return KTSSyncStatus::defaultStatus()->getErrorNote();
+    renewContext();
+    return (&context().status())->getErrorNote();
   }
 
   std::unique_ptr<test::SampleVendor> vendor_;

@@ -15,11 +15,11 @@ class KTSSyncStatusTest : public OndrelTest {
  protected:
   void SetUp() override {
     OndrelTest::SetUp();
-    KTSSyncStatus::resetDefaultStatus();
+    renewContext();
     setUserDefaults(true);
   }
   void TearDown() override {
-    KTSSyncStatus::resetDefaultStatus();
+    renewContext();
     OndrelTest::TearDown();
   }
   std::string status(const std::string& name) const {
@@ -29,8 +29,8 @@ class KTSSyncStatusTest : public OndrelTest {
 };
 
 TEST_F(KTSSyncStatusTest, StateMachineSeenByASecondInstance) {
-  auto daemon = KTSSyncStatus::defaultStatus();
-  KTSSyncStatus admin;
+  auto daemon = (&context().status());
+  KTSSyncStatus admin(KTSPreferences::defaultPreferences());
   EXPECT_EQ(admin.getSyncStatus(), 0);
   EXPECT_FALSE(admin.getUpdateError());
   EXPECT_FALSE(admin.getLastRunTime());
@@ -72,7 +72,7 @@ TEST_F(KTSSyncStatusTest, StateMachineSeenByASecondInstance) {
 }
 
 TEST_F(KTSSyncStatusTest, NotesDatesAndFlagsReadBackStrictly) {
-  KTSSyncStatus statusFiles;
+  KTSSyncStatus statusFiles(KTSPreferences::defaultPreferences());
   statusFiles.setStartTime();
   EXPECT_EQ(readFile(status(".start_time")), formatArchiveDate(clock_->now()));
   EXPECT_EQ(statusFiles.getStartTime(), clock_->now());
@@ -90,7 +90,7 @@ TEST_F(KTSSyncStatusTest, NotesDatesAndFlagsReadBackStrictly) {
 }
 
 TEST_F(KTSSyncStatusTest, HostAccessRecordsExpireAndClear) {
-  KTSSyncStatus statusFiles;
+  KTSSyncStatus statusFiles(KTSPreferences::defaultPreferences());
   statusFiles.setAccessForHostName(std::nullopt, "upstream");
   EXPECT_FALSE(exists(".host_access")) << "clearing nothing writes nothing";
 
@@ -115,7 +115,7 @@ TEST_F(KTSSyncStatusTest, HostAccessRecordsExpireAndClear) {
 TEST_F(KTSSyncStatusTest, PathsFollowANonDefaultConfiguration) {
   std::filesystem::create_directories(path("/alt/Ondrel/Config"));
   KTSPreferences::defaultPreferencesWithPath(path("/alt/Ondrel/Config/ondrd.plist"));
-  KTSSyncStatus statusFiles;
+  KTSSyncStatus statusFiles(KTSPreferences::defaultPreferences());
   EXPECT_EQ(statusFiles.hostAccessPath(), path("/alt/Ondrel/Status/.host_access"));
   statusFiles.setSyncStatus(1);
   EXPECT_TRUE(std::filesystem::exists(path("/alt/Ondrel/Status/.sync_in_progress")));

@@ -35,7 +35,7 @@ class KTSWorkingSetTest : public OndrelTest {
 };
 
 TEST_F(KTSWorkingSetTest, LoadingCreatesReportsCorruptionAndKeepsMemory) {
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  auto workingSet = (&context().workingSet());
   EXPECT_EQ(workingSet->currentPath(), file());
   EXPECT_TRUE(logged("ondrd_test[DBG]: WSET: ==== creating new working set ==== "));
   EXPECT_EQ(readFile(file()).find("<key>workingSetProducts</key>") != std::string::npos, true);
@@ -73,7 +73,7 @@ TEST_F(KTSWorkingSetTest, LoadingCreatesReportsCorruptionAndKeepsMemory) {
 }
 
 TEST_F(KTSWorkingSetTest, MergingACatalogKeepsTheAdministratorsSettings) {
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  auto workingSet = (&context().workingSet());
   workingSet->setMirrorSettingForProductID(3, "P1");
   Plist settings = Plist::dictionary();
   settings.set("mirror", "Mirrored");
@@ -106,7 +106,7 @@ TEST_F(KTSWorkingSetTest, MergingACatalogKeepsTheAdministratorsSettings) {
 }
 
 TEST_F(KTSWorkingSetTest, StatusUpdatesAreThrottledToOneWriteASecond) {
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  auto workingSet = (&context().workingSet());
   auto p1 = product("P1");
   ASSERT_TRUE(
       workingSet->updateWithProductsAndRevocationsArchivingPrevious({{"P1", p1}}, Plist(), false));
@@ -135,7 +135,7 @@ TEST_F(KTSWorkingSetTest, StatusUpdatesAreThrottledToOneWriteASecond) {
 }
 
 TEST_F(KTSWorkingSetTest, RefreshSeesTheOtherProcessesWritesOnly) {
-  auto daemon = KTSWorkingSet::workingSetForPath(file());
+  auto daemon = std::make_shared<KTSWorkingSet>(context().preferences(), file());
   daemon->setEnableSettingForProductID(true, "P1");
   ASSERT_TRUE(daemon->saveProductsArchivingPrevious(false));
   clearLog();
@@ -144,7 +144,7 @@ TEST_F(KTSWorkingSetTest, RefreshSeesTheOtherProcessesWritesOnly) {
 
   // Another writer within the same second: seen through the file's identity and full-resolution
   // time; our unsaved change is given up in favour of the file.
-  auto admin = KTSWorkingSet::workingSetForPath(file());
+  auto admin = std::make_shared<KTSWorkingSet>(context().preferences(), file());
   admin->setMirrorSettingForProductID(KTSProduct::PleaseMirror, "P1");
   ASSERT_TRUE(admin->saveProductsArchivingPrevious(false));
   daemon->setProductDictForID(Plist::dictionary(), "Unsaved");
@@ -167,7 +167,7 @@ TEST_F(KTSWorkingSetTest, RefreshSeesTheOtherProcessesWritesOnly) {
 }
 
 TEST_F(KTSWorkingSetTest, TwoProcessesShareTheFileWithoutLosingSettings) {
-  auto seed = KTSWorkingSet::workingSetForPath(file());
+  auto seed = std::make_shared<KTSWorkingSet>(context().preferences(), file());
   KTSWorkingSet::ProductsById catalog;
   for (int i = 0; i < 50; ++i) catalog[fmt::format("P{}", i)] = product(fmt::format("P{}", i));
   ASSERT_TRUE(seed->updateWithProductsAndRevocationsArchivingPrevious(catalog, Plist(), false));
@@ -176,7 +176,7 @@ TEST_F(KTSWorkingSetTest, TwoProcessesShareTheFileWithoutLosingSettings) {
   pid_t admin = fork();
   ASSERT_GE(admin, 0);
   if (admin == 0) {
-    auto workingSet = KTSWorkingSet::workingSetForPath(file());
+    auto workingSet = std::make_shared<KTSWorkingSet>(context().preferences(), file());
     for (int round = 0; round < 200; ++round) {
       workingSet->refreshProducts();
       std::string id = fmt::format("P{}", round % 50);
@@ -190,7 +190,7 @@ TEST_F(KTSWorkingSetTest, TwoProcessesShareTheFileWithoutLosingSettings) {
   }
   // The daemon records per-product progress, taking each product's settings from the working
   // set as the catalog does, while the administration side saves its settings.
-  auto daemon = KTSWorkingSet::workingSetForPath(file());
+  auto daemon = std::make_shared<KTSWorkingSet>(context().preferences(), file());
   int torn = 0;
   int status = 0;
   for (int round = 0, adminDone = 0; adminDone < 2; ++round) {

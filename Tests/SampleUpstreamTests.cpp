@@ -161,17 +161,17 @@ TEST_F(SampleUpstreamTest, ServedTreesReadByTheProductClasses) {
       metadata = Url::parse(entry["ServerMetadataURL"].stringValue());
     }
     auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-        productId, entry, metadata);
+        productId, entry, metadata, context());
     if (product->initStatus() == 1) ++built;
   }
   EXPECT_EQ(built, 120u);
   const std::string withoutMetadata = manifest["cases"]["noServerMetadataURL"][0].stringValue();
   auto generated = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      withoutMetadata, catalog[KTCatalogProductsDictKey][withoutMetadata], std::nullopt);
+      withoutMetadata, catalog[KTCatalogProductsDictKey][withoutMetadata], std::nullopt, context());
   EXPECT_NE(generated->bundleNames()["English"].stringValue().find("Vantor"), std::string::npos);
 
   auto package = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "VT-000020", catalog[KTCatalogProductsDictKey]["VT-000020"], std::nullopt);
+      "VT-000020", catalog[KTCatalogProductsDictKey]["VT-000020"], std::nullopt, context());
   EXPECT_TRUE(package->downloadMirroredFiles());
   EXPECT_TRUE(sample::stopServingTree(folder));
   EXPECT_FALSE(sample::stopServingTree(folder));

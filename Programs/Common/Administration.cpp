@@ -17,6 +17,7 @@
 #include "KTSJobTicketManager.h"
 #include "KTSMetaIndex.h"
 #include "KTSMirrorSpace.h"
+#include "KTSPassContext.h"
 #include "KTSPassHistory.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
@@ -95,12 +96,13 @@ bool requestWrittenSince(std::int64_t since) {
 
 // Calls visit with each catalog of the meta-index whose product index cache could be read, in the
 // meta-index's order: what the last pass left, without the network.
-void forEachCachedCatalog(const std::function<void(const KTSCatalog&)>& visit) {
-  auto metaIndex = KTSMetaIndex::defaultMetaIndex();
-  metaIndex->updateLocalPaths();
-  metaIndex->refresh();
-  for (const KTSURL& url : metaIndex->catalogs()) {
-    KTSCatalog catalog(*url.url());
+void forEachCachedCatalog(KTSPassContext& context,
+                          const std::function<void(const KTSCatalog&)>& visit) {
+  KTSMetaIndex& metaIndex = context.metaIndex();
+  metaIndex.updateLocalPaths();
+  metaIndex.refresh();
+  for (const KTSURL& url : metaIndex.catalogs()) {
+    KTSCatalog catalog(*url.url(), context);
     catalog.loadCompositeCatalog();
     if (catalog.loadProductIndexCache()) visit(catalog);
   }
@@ -123,16 +125,16 @@ std::string humanBytes(std::uint64_t bytes) {
   return fmt::format("{:.1f} {}", value, units[unit]);
 }
 
-ServerSummary summarizeServer() {
+ServerSummary summarizeServer(KTSPassContext& context) {
   ServerSummary summary;
-  auto status = KTSSyncStatus::defaultStatus();
-  summary.syncState = status->getSyncStatus();
-  summary.startTime = status->getStartTime();
-  summary.lastRunTime = status->getLastRunTime();
-  summary.updateError = status->getUpdateError();
-  summary.errorNote = status->getErrorNote();
-  summary.mode = KTSPreferences::defaultPreferences()->modeName();
-  for (const auto& [productId, record] : KTSWorkingSet::defaultWorkingSet()->products().items()) {
+  KTSSyncStatus& status = context.status();
+  summary.syncState = status.getSyncStatus();
+  summary.startTime = status.getStartTime();
+  summary.lastRunTime = status.getLastRunTime();
+  summary.updateError = status.getUpdateError();
+  summary.errorNote = status.getErrorNote();
+  summary.mode = context.preferences().modeName();
+  for (const auto& [productId, record] : context.workingSet().products().items()) {
     ++summary.products;
     std::int32_t mirror = KTSProduct::mirrorStateForString(record["mirror"].stringValue());
     ++summary.byMirrorState[KTSProduct::mirrorStringForState(mirror)];
@@ -147,9 +149,9 @@ ServerSummary summarizeServer() {
     }
   }
   summary.pendingRequests = pendingRequestCount();
-  auto tickets = KTSJobTicketManager::defaultManager();
-  tickets->refresh();
-  summary.pendingTickets = tickets->openJobs().size();
+  KTSJobTicketManager& tickets = context.tickets();
+  tickets.refresh();
+  summary.pendingTickets = tickets.openJobs().size();
   summary.volume = KTSMirrorSpace::now();
   return summary;
 }
@@ -230,13 +232,13 @@ std::string productTitle(const Plist& record) {
   return "";
 }
 
-Plist listProducts(const ProductFilter& filter) {
+Plist listProducts(KTSPassContext& context, const ProductFilter& filter) {
   std::optional<std::set<std::string>> inCatalog;
   if (!filter.catalog.empty()) inCatalog = productsOfCatalog(filter.catalog);
   std::string wantedState = lowercased(filter.state);
   std::string wantedText = lowercased(filter.search);
   Plist listed = Plist::array();
-  for (const auto& [productId, record] : KTSWorkingSet::defaultWorkingSet()->products().items()) {
+  for (const auto& [productId, record] : context.workingSet().products().items()) {
     if (!record.isDictionary()) continue;
     if (!wantedState.empty() && lowercased(record["mirror"].stringValue()) != wantedState &&
         lowercased(record["CompositeProductState"].stringValue()) != wantedState) {
@@ -255,13 +257,13 @@ Plist listProducts(const ProductFilter& filter) {
   return listed;
 }
 
-Plist productDetail(const std::string& productId) {
-  Plist record = KTSWorkingSet::defaultWorkingSet()->productDictForID(productId);
+Plist productDetail(KTSPassContext& context, const std::string& productId) {
+  Plist record = context.workingSet().productDictForID(productId);
   if (!record.isDictionary()) return Plist();
-  const std::string html = KTSPreferences::defaultPreferences()->updatesHtmlPath();
+  const std::string html = context.preferences().updatesHtmlPath();
   Plist catalogs = Plist::array();
   Plist files = Plist::array();
-  forEachCachedCatalog([&](const KTSCatalog& catalog) {
+  forEachCachedCatalog(context, [&](const KTSCatalog& catalog) {
     auto found = catalog.products()->find(productId);
     if (found == catalog.products()->end()) return;
     catalogs.append(lastPathComponent(catalog.catalogURL().path()));
@@ -283,16 +285,16 @@ Plist productDetail(const std::string& productId) {
   return record;
 }
 
-Plist nextPassPlan() {
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+Plist nextPassPlan(KTSPassContext& context) {
+  KTSWorkingSet& workingSet = context.workingSet();
   std::set<std::string> seen;
   Plist planned = Plist::array();
   std::uint64_t files = 0;
   std::uint64_t bytes = 0;
-  forEachCachedCatalog([&](const KTSCatalog& catalog) {
+  forEachCachedCatalog(context, [&](const KTSCatalog& catalog) {
     for (const auto& [productId, product] : *catalog.products()) {
-      std::int32_t mirror = workingSet->containsProductID(productId)
-                                ? workingSet->mirrorSettingForProductID(productId)
+      std::int32_t mirror = workingSet.containsProductID(productId)
+                                ? workingSet.mirrorSettingForProductID(productId)
                                 : product->mirror();
       if ((mirror != KTSProduct::PleaseMirror && mirror != KTSProduct::Downloading) ||
           !seen.insert(productId).second) {
@@ -324,8 +326,8 @@ bool isProductAction(const std::string& action) {
   return action == "mirror" || action == "enable" || action == "disable" || action == "remove";
 }
 
-bool postProductChanges(const std::string& action, const std::vector<std::string>& productIds,
-                        std::string* error) {
+bool postProductChanges(KTSPassContext& context, const std::string& action,
+                        const std::vector<std::string>& productIds, std::string* error) {
   if (!isProductAction(action)) {
     *error = quotedForMessage(action) + " is not a product change; nothing was posted";
     return false;
@@ -334,13 +336,13 @@ bool postProductChanges(const std::string& action, const std::vector<std::string
     *error = "no product was named; nothing was posted";
     return false;
   }
-  auto workingSet = KTSWorkingSet::defaultWorkingSet();
+  KTSWorkingSet& workingSet = context.workingSet();
   for (const std::string& productId : productIds) {
     if (!isValidProductId(productId)) {
       *error = quotedForMessage(productId) + " is not a product id; nothing was posted";
       return false;
     }
-    if (!workingSet->containsProductID(productId)) {
+    if (!workingSet.containsProductID(productId)) {
       *error = "no product " + productId + " in the working set; nothing was posted";
       return false;
     }
@@ -359,22 +361,21 @@ bool postProductChanges(const std::string& action, const std::vector<std::string
     items.append(item);
   }
   std::int64_t posted = waitForAFreshSecond();
-  if (!KTSRequestManager::defaultManager()->postChangeRequestForProductItems(items) ||
-      !requestWrittenSince(posted)) {
+  if (!context.requests().postChangeRequestForProductItems(items) || !requestWrittenSince(posted)) {
     *error = "the request could not be written to the spool " + KTSServerLayout::spoolFolder();
     return false;
   }
-  auto tickets = KTSJobTicketManager::defaultManager();
-  tickets->refresh();
+  KTSJobTicketManager& tickets = context.tickets();
+  tickets.refresh();
   for (const std::string& productId : productIds) {
-    tickets->addTicketOfTypeForProduct(ticketType, productId);
+    tickets.addTicketOfTypeForProduct(ticketType, productId);
   }
   return true;
 }
 
-bool postSyncRequest(std::string* error) {
+bool postSyncRequest(KTSPassContext& context, std::string* error) {
   std::int64_t posted = waitForAFreshSecond();
-  if (KTSRequestManager::defaultManager()->postSyncRequest() && requestWrittenSince(posted)) {
+  if (context.requests().postSyncRequest() && requestWrittenSince(posted)) {
     return true;
   }
   *error = "the sync request could not be written to the spool " + KTSServerLayout::spoolFolder();

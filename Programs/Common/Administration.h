@@ -1,9 +1,9 @@
 // What the administration side knows about the server and asks of it, through the files the
 // daemon shares: the status summary, the products as the working set records them, the plan of
 // the next pass and the Prometheus text of all of it; and the product changes and sync requests
-// it posts to the daemon. ondrelctl prints and posts through it, the administration page serves
-// and posts through it and the daemon writes the metrics file from it, so that all of them say
-// and do the same. One thread.
+// it posts to the daemon, each read and written through the caller's context. ondrelctl prints and
+// posts through it, the administration page serves and posts through it and the daemon writes the
+// metrics file from it, so that all of them say and do the same. One thread.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +16,9 @@
 #include "Plist.h"
 
 namespace ondrel {
+class KTSPassContext;
 class KTSPassHistory;
-}
+}  // namespace ondrel
 
 namespace ondrel::programs {
 
@@ -39,7 +40,7 @@ struct ServerSummary {
   KTSMirrorSpace volume;
 };
 
-ServerSummary summarizeServer();
+ServerSummary summarizeServer(KTSPassContext& context);
 // The summary as `ondrelctl status --json` prints it.
 Plist summaryAsPlist(const ServerSummary& summary);
 // "syncing", "done" or "never run".
@@ -55,26 +56,26 @@ struct ProductFilter {
 };
 
 // The working set's records of the products the filter lets through, in id order.
-Plist listProducts(const ProductFilter& filter);
+Plist listProducts(KTSPassContext& context, const ProductFilter& filter);
 // The English title of a working-set record, else any title it has.
 std::string productTitle(const Plist& record);
 // The product's working-set record with "catalogs" (the names of the catalogs that list it) and
 // "files" (each with its "path" under the document root, "size" and whether it is "present");
 // null when the working set has no such product.
-Plist productDetail(const std::string& productId);
+Plist productDetail(KTSPassContext& context, const std::string& productId);
 // What the next pass downloads: "products" (ProductID, files, bytes), "files", "bytes",
 // "freeBytes", "reserveBytes", "reservePercent" and whether it "fits".
-Plist nextPassPlan();
+Plist nextPassPlan(KTSPassContext& context);
 
 // The product changes an administrator can post: "mirror", "enable", "disable", "remove".
 bool isProductAction(const std::string& action);
 // Posts the action for the products to the daemon: one change request and a job ticket per
 // product. Nothing is posted, and error says why, when the action is unknown, an id is not a
 // product id or not in the working set, or the spool refuses the request.
-bool postProductChanges(const std::string& action, const std::vector<std::string>& productIds,
-                        std::string* error);
+bool postProductChanges(KTSPassContext& context, const std::string& action,
+                        const std::vector<std::string>& productIds, std::string* error);
 // Asks the daemon for a pass now; false with the reason when the spool refuses the request.
-bool postSyncRequest(std::string* error);
+bool postSyncRequest(KTSPassContext& context, std::string* error);
 
 // Text from outside as a message may show it: in quotes, control characters escaped, at most
 // 64 characters of it.

@@ -165,12 +165,13 @@ std::vector<HookRun> runHooks(const std::string& folder, const KTSPassHistory::P
   return runs;
 }
 
-void afterPass(const KTSPassHistory::Pass& pass, const LogHandle& log, const Heartbeat& heartbeat) {
+void afterPass(KTSPassContext& context, const KTSPassHistory::Pass& pass,
+               const Heartbeat& heartbeat) {
+  const LogHandle& log = context.log();
   KTSPassHistory history(KTSPassHistory::defaultPath());
   if (!history.record(pass)) log.warning("The pass could not be recorded in the pass history.");
-  writeMetricsFile(prometheusText(summarizeServer(), history), log);
-  std::chrono::seconds timeout(
-      KTSSettings::hookTimeoutSeconds(KTSPreferences::defaultPreferences()->prefs()));
+  writeMetricsFile(prometheusText(summarizeServer(context), history), log);
+  std::chrono::seconds timeout(KTSSettings::hookTimeoutSeconds(context.preferences().prefs()));
   runHooks(KTSServerLayout::hooksFolder(), pass, timeout, log, heartbeat);
 }
 

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "KTSLogger.h"
+#include "KTSPassContext.h"
 #include "KTSPassHistory.h"
 
 namespace ondrel::programs {
@@ -39,8 +40,8 @@ std::vector<HookRun> runHooks(const std::string& folder, const KTSPassHistory::P
                               std::chrono::milliseconds timeout, const LogHandle& log,
                               const Heartbeat& heartbeat = {});
 
-// Records the pass, writes the metrics file and runs the hooks.
-void afterPass(const KTSPassHistory::Pass& pass, const LogHandle& log,
+// Records the pass, writes the metrics file and runs the hooks, in the pass's context.
+void afterPass(KTSPassContext& context, const KTSPassHistory::Pass& pass,
                const Heartbeat& heartbeat = {});
 
 }  // namespace ondrel::programs

@@ -28,6 +28,7 @@
 #include "CgiPrograms.h"
 #include "Clock.h"
 #include "Json.h"
+#include "KTSPassContext.h"
 #include "KTSPassHistory.h"
 #include "KTSServerLayout.h"
 #include "KTSWorkingSet.h"
@@ -56,8 +57,8 @@ int refuse(int status, const char* reason, const std::string& message) {
 
 Plist integer(std::uint64_t value) { return Plist::integer(static_cast<std::int64_t>(value)); }
 
-Plist status() {
-  Plist out = programs::summaryAsPlist(programs::summarizeServer());
+Plist status(KTSPassContext& context) {
+  Plist out = programs::summaryAsPlist(programs::summarizeServer(context));
   KTSPassHistory history(KTSPassHistory::defaultPath());
   Plist pass = Plist::dictionary();
   if (const auto& last = history.lastPass()) {
@@ -75,9 +76,9 @@ Plist status() {
 }
 
 // One compact row per product: what the table shows, not the whole record.
-Plist productRows() {
+Plist productRows(KTSPassContext& context) {
   Plist rows = Plist::array();
-  for (const Plist& record : programs::listProducts({}).elements()) {
+  for (const Plist& record : programs::listProducts(context, {}).elements()) {
     Plist row = Plist::array();
     row.append(record["ProductID"]);
     row.append(programs::productTitle(record));
@@ -144,14 +145,17 @@ int change(const std::string& route, const std::string& user, const std::string&
   if (!fields) return refuse(400, "Bad Request", "the request's body is not a form");
   std::string error;
   Plist done = Plist::dictionary();
+  KTSPassContext context;
   if (route == "/sync") {
-    if (!programs::postSyncRequest(&error)) return refuse(500, "Internal Server Error", error);
+    if (!programs::postSyncRequest(context, &error)) {
+      return refuse(500, "Internal Server Error", error);
+    }
     done.set("posted", "sync");
   } else {
     const auto& actions = (*fields)["action"];
     const auto& ids = (*fields)["id"];
     std::string action = actions.size() == 1 ? actions.front() : "";
-    if (!programs::postProductChanges(action, ids, &error)) {
+    if (!programs::postProductChanges(context, action, ids, &error)) {
       return refuse(400, "Bad Request", error);
     }
     done.set("posted", action);
@@ -237,16 +241,17 @@ int logout(const std::string& user, const std::string& secret) {
 }
 
 int read(const std::string& route) {
-  if (route == "/status") return answer(200, "OK", status()), 0;
-  if (route == "/products") return answer(200, "OK", productRows()), 0;
-  if (route == "/plan") return answer(200, "OK", programs::nextPassPlan()), 0;
+  KTSPassContext context;
+  if (route == "/status") return answer(200, "OK", status(context)), 0;
+  if (route == "/products") return answer(200, "OK", productRows(context)), 0;
+  if (route == "/plan") return answer(200, "OK", programs::nextPassPlan(context)), 0;
   if (route == "/product") {
     std::string query = programs::cgiVariable("QUERY_STRING");
     std::string id = query.rfind("id=", 0) == 0 ? query.substr(3) : "";
     if (!isValidProductId(id)) {
       return refuse(400, "Bad Request", programs::quotedForMessage(id) + " is not a product id");
     }
-    Plist detail = programs::productDetail(id);
+    Plist detail = programs::productDetail(context, id);
     if (detail.isNull()) return refuse(404, "Not Found", "no product " + id);
     return answer(200, "OK", detail), 0;
   }

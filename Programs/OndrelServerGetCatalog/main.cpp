@@ -17,6 +17,7 @@
 #include "CgiPrograms.h"
 #include "HttpConditions.h"
 #include "KTSMetaIndex.h"
+#include "KTSPassContext.h"
 #include "KTSServerLayout.h"
 #include "KTSSyncStatus.h"
 
@@ -48,9 +49,9 @@ int serve(const std::string& path, bool headOnly) {
   struct stat status {};
   if (fd < 0 || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
     if (fd >= 0) ::close(fd);
-    bool firstPassDone =
-        ondrel::KTSSyncStatus::syncStatus()->getSyncStatus() == ondrel::KTSSyncStatus::Done ||
-        ondrel::KTSSyncStatus::syncStatus()->getLastRunTime().has_value();
+    ondrel::KTSPassContext context;
+    bool firstPassDone = context.status().getSyncStatus() == ondrel::KTSSyncStatus::Done ||
+                         context.status().getLastRunTime().has_value();
     if (firstPassDone) {
       answer(404, "Not Found");
     } else {

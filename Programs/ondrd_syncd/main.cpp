@@ -23,6 +23,7 @@
 #include "KTSFetchScheduler.h"
 #include "KTSJobTicketManager.h"
 #include "KTSLogger.h"
+#include "KTSPassContext.h"
 #include "KTSPassHistory.h"
 #include "KTSPreferences.h"
 #include "KTSRequestManager.h"
@@ -57,8 +58,8 @@ void installSignalHandlers() {
 
 // Every pass starts from the files as they are now: the administration side may have changed
 // the preferences, the working set or the requests since the last one.
-void freshSharedInstances() {
-  ondrel::KTSSyncPass::forgetSharedInstances();
+void readPreferencesAnew() {
+  ondrel::KTSPreferences::resetDefaultPreferences();
   ondrel::KTSPreferences::defaultPreferences();
 }
 
@@ -68,12 +69,13 @@ std::string lockPath() { return ondrel::KTSServerLayout::statusPath("ondrd_syncd
 // record in the history, the metrics file and the administrator's hooks.
 // interval: the time to the next full pass, when the daemon runs them on its own.
 ondrel::KTSPassOutcome runPass(
-    bool fullSync, ondrel::syncd::Progress& progress, std::optional<std::chrono::seconds> interval,
+    ondrel::KTSPassContext& context, bool fullSync, ondrel::syncd::Progress& progress,
+    std::optional<std::chrono::seconds> interval,
     ondrel::KTSPassRecord::Reuse reuse = ondrel::KTSPassRecord::Reuse::Allowed) {
   using namespace ondrel;
   KTSPassHistory::Pass pass;
   pass.started = Clock::now();
-  KTSSyncPass syncPass(progress);
+  KTSSyncPass syncPass(context, progress);
   KTSPassOutcome outcome = fullSync ? syncPass.runFullPass(reuse) : syncPass.runProductChanges();
   pass.ended = Clock::now();
   pass.fullSync = fullSync;
@@ -86,10 +88,10 @@ ondrel::KTSPassOutcome runPass(
   pass.productsRemoved = outcome.productsRemoved;
   pass.bytesFetched = outcome.bytesFetched;
   if (interval) {
-    std::optional<Date> lastRun = KTSSyncStatus::defaultStatus()->getLastRunTime();
+    std::optional<Date> lastRun = context.status().getLastRunTime();
     pass.nextPassDue = lastRun.value_or(pass.started) + *interval;
   }
-  programs::afterPass(pass, LogHandle::shared(), &syncd::Progress::heartbeat);
+  programs::afterPass(context, pass, &syncd::Progress::heartbeat);
   return outcome;
 }
 
@@ -103,12 +105,10 @@ int report(const ondrel::KTSPassOutcome& outcome, ondrel::syncd::Progress& progr
   return kExitFailed;
 }
 
-bool productChangesPending() {
-  using namespace ondrel;
-  if (KTSRequestManager::defaultManager()->hasPendingRequests()) return true;
-  auto tickets = KTSJobTicketManager::defaultManager();
-  tickets->refresh();
-  return !tickets->openJobs().empty();
+bool productChangesPending(ondrel::KTSPassContext& context) {
+  if (context.requests().hasPendingRequests()) return true;
+  context.tickets().refresh();
+  return !context.tickets().openJobs().empty();
 }
 
 int runService(std::chrono::seconds interval, ondrel::syncd::Progress& progress) {
@@ -116,16 +116,16 @@ int runService(std::chrono::seconds interval, ondrel::syncd::Progress& progress)
   sd_notify(0, "READY=1\nSTATUS=waiting for the next pass");
   progress.note(fmt::format("ondrd_syncd running; a pass every {} s.", interval.count()));
   while (!stopRequested.load()) {
-    freshSharedInstances();
-    std::optional<Date> lastRun = KTSSyncStatus::defaultStatus()->getLastRunTime();
+    readPreferencesAnew();
+    KTSPassContext context;
+    std::optional<Date> lastRun = context.status().getLastRunTime();
     bool due = !lastRun || Clock::now() - *lastRun >= interval;
-    bool requested =
-        KTSRequestManager::defaultManager()->getPendingSyncRequestsDeletingSource(true);
+    bool requested = context.requests().getPendingSyncRequestsDeletingSource(true);
     if (due || requested) {
-      runPass(true, progress, interval);
+      runPass(context, true, progress, interval);
       sd_notify(0, "STATUS=waiting for the next pass");
-    } else if (productChangesPending()) {
-      runPass(false, progress, interval);
+    } else if (productChangesPending(context)) {
+      runPass(context, false, progress, interval);
       sd_notify(0, "STATUS=waiting for the next pass");
     }
     for (int slice = 0; slice < 10 && !stopRequested.load(); ++slice) {
@@ -175,7 +175,7 @@ int main(int argc, char** argv) {
   }
   ondrel::KTSLogger::defaultLoggerForSourceLogType("ondrd_syncd", 1);
   installSignalHandlers();
-  freshSharedInstances();
+  readPreferencesAnew();
   ondrel::syncd::PassLock lock(lockPath());
   if (!lock.held()) {
     std::fprintf(stderr, "ondrd_syncd: another ondrd_syncd is running (PID %d); try again later\n",
@@ -188,7 +188,8 @@ int main(int argc, char** argv) {
   if (once) {
     auto reuse =
         full ? ondrel::KTSPassRecord::Reuse::Nothing : ondrel::KTSPassRecord::Reuse::Allowed;
-    return report(runPass(true, progress, std::nullopt, reuse), progress);
+    ondrel::KTSPassContext context;
+    return report(runPass(context, true, progress, std::nullopt, reuse), progress);
   }
   return runService(std::chrono::seconds(intervalSeconds), progress);
 }

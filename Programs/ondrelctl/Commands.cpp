@@ -22,6 +22,7 @@
 #include "KTSJobTicket.h"
 #include "KTSJobTicketManager.h"
 #include "KTSMetaIndex.h"
+#include "KTSPassContext.h"
 #include "KTSPreferences.h"
 #include "KTSRequestManager.h"
 #include "KTSServerLayout.h"
@@ -138,33 +139,35 @@ int reloadWebServer(const std::string& what, const std::string& otherwise) {
 
 int postChanges(const std::string& action, const std::vector<std::string>& productIds) {
   std::string error;
-  if (!programs::postProductChanges(action, productIds, &error)) return fail(error);
+  KTSPassContext context;
+  if (!programs::postProductChanges(context, action, productIds, &error)) return fail(error);
   std::printf("Posted: %s %zu product%s.\n", action.c_str(), productIds.size(),
               productIds.size() == 1 ? "" : "s");
   return 0;
 }
 
 int sync(bool wait) {
-  auto status = KTSSyncStatus::defaultStatus();
-  std::optional<Date> before = status->getLastRunTime();
+  KTSPassContext context;
+  KTSSyncStatus& status = context.status();
+  std::optional<Date> before = status.getLastRunTime();
   std::string error;
-  if (!programs::postSyncRequest(&error)) return fail(error);
+  if (!programs::postSyncRequest(context, &error)) return fail(error);
   std::printf("Sync requested.\n");
   if (!wait) return 0;
   bool started = false;
   for (int seconds = 0;; ++seconds) {
     std::this_thread::sleep_for(std::chrono::seconds(1));
-    std::optional<Date> lastRun = status->getLastRunTime();
+    std::optional<Date> lastRun = status.getLastRunTime();
     started = started || (lastRun && lastRun != before);
-    if (started && status->getSyncStatus() == KTSSyncStatus::Done) break;
+    if (started && status.getSyncStatus() == KTSSyncStatus::Done) break;
     if (!started && seconds == 120) {
       return fail("no pass started within two minutes; is ondrd_syncd running?");
     }
     std::printf("  %s (%d s)\n", started ? "syncing" : "waiting for ondrd_syncd", seconds + 1);
     std::fflush(stdout);
   }
-  if (status->getUpdateError())
-    return fail("the pass failed: " + status->getErrorNote().value_or(""));
+  if (status.getUpdateError())
+    return fail("the pass failed: " + status.getErrorNote().value_or(""));
   std::printf("The pass is done.\n");
   return 0;
 }

@@ -8,6 +8,7 @@
 #include "Ctl.h"
 #include "DateFormats.h"
 #include "KTCatalogKeys.h"
+#include "KTSPassContext.h"
 #include "KTSPassHistory.h"
 #include "KTSWorkingSet.h"
 #include "ProductId.h"
@@ -33,7 +34,8 @@ std::string sizeText(const Plist& size) {
 }  // namespace
 
 int status(bool json) {
-  programs::ServerSummary summary = programs::summarizeServer();
+  KTSPassContext context;
+  programs::ServerSummary summary = programs::summarizeServer(context);
   if (json) {
     printJson(programs::summaryAsPlist(summary));
     return 0;
@@ -63,7 +65,8 @@ int status(bool json) {
 }
 
 int products(const programs::ProductFilter& filter, bool json) {
-  Plist listed = programs::listProducts(filter);
+  KTSPassContext context;
+  Plist listed = programs::listProducts(context, filter);
   if (json) {
     printJson(listed);
     return 0;
@@ -84,7 +87,8 @@ int products(const programs::ProductFilter& filter, bool json) {
 int product(const std::string& productId, bool json) {
   if (!isValidProductId(productId))
     return fail(quotedForMessage(productId) + " is not a product id");
-  Plist record = KTSWorkingSet::defaultWorkingSet()->productDictForID(productId);
+  KTSPassContext context;
+  Plist record = context.workingSet().productDictForID(productId);
   if (!record.isDictionary()) return fail("no product " + productId + " in the working set");
   if (json) {
     printJson(record);
@@ -119,7 +123,8 @@ int product(const std::string& productId, bool json) {
 }
 
 int metrics() {
-  std::fputs(programs::prometheusText(programs::summarizeServer(),
+  KTSPassContext context;
+  std::fputs(programs::prometheusText(programs::summarizeServer(context),
                                       KTSPassHistory(KTSPassHistory::defaultPath()))
                  .c_str(),
              stdout);
@@ -127,7 +132,8 @@ int metrics() {
 }
 
 int plan(bool json) {
-  Plist plan = programs::nextPassPlan();
+  KTSPassContext context;
+  Plist plan = programs::nextPassPlan(context);
   if (json) {
     printJson(plan);
     return 0;

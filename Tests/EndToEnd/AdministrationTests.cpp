@@ -54,7 +54,7 @@ class AdministrationTest : public OndrelTest {
       archive.set("totalDownloadSize", Plist::integer(4096));
       products[id] = KTSProduct::productWithArchiveRepresentation(archive);
     }
-    auto workingSet = KTSWorkingSet::defaultWorkingSet();
+    auto workingSet = (&context().workingSet());
     ASSERT_TRUE(
         workingSet->updateWithProductsAndRevocationsArchivingPrevious(products, Plist(), false));
     for (const auto& [id, product] : products) workingSet->updateProductStatus(*product);
@@ -152,14 +152,14 @@ TEST_F(AdministrationTest, ChangesArePostedMergedWithTicketsAndNeverLost) {
     EXPECT_NE(refused.exitStatus, 0) << hostile.substr(0, 40);
     EXPECT_LT(refused.output.size(), 2000u) << "one clear line, not the id echoed at length";
   }
-  EXPECT_FALSE(KTSRequestManager::requestManager()->hasPendingRequests()) << "nothing posted";
+  EXPECT_FALSE((&context().requests())->hasPendingRequests()) << "nothing posted";
 
   ASSERT_EQ(ctl({"mirror", "VT-000002", "VT-000003"}).exitStatus, 0);
   ASSERT_EQ(ctl({"enable", "VT-000003"}).exitStatus, 0) << "in the same second, kept too";
-  Plist merged = KTSRequestManager::requestManager()->getPendingChangeRequestsDeletingSource(true);
+  Plist merged = (&context().requests())->getPendingChangeRequestsDeletingSource(true);
   EXPECT_TRUE(merged["VT-000002"]["mirror"].boolValue());
   EXPECT_TRUE(merged["VT-000003"]["enable"].boolValue());
-  auto tickets = KTSJobTicketManager::defaultManager();
+  auto tickets = (&context().tickets());
   tickets->refresh();
   EXPECT_TRUE(tickets->hasTicketOfTypeForProduct(KTSJobTicket::Mirror, "VT-000002"));
   EXPECT_TRUE(tickets->hasTicketOfTypeForProduct(KTSJobTicket::Enable, "VT-000003"));

@@ -8,10 +8,7 @@
 #include <sstream>
 
 #include "KTSLogger.h"
-#include "KTSMetaIndex.h"
-#include "KTSMetadataGenerator.h"
 #include "KTSPreferences.h"
-#include "KTSWorkingSet.h"
 
 namespace ondrel::test {
 
@@ -42,18 +39,13 @@ void OndrelTest::SetUp() {
   Clock::install(clock_);
   KTSPreferences::resetDefaultPreferences();
   KTSLogger::resetDefaultLogger();
-  KTSMetadataGenerator::resetDefaultMetadataGenerator();
-  KTSWorkingSet::resetDefaultWorkingSet();
-  KTSMetaIndex::resetDefaultMetaIndex();
   KTSLogger::defaultLoggerForSourceLogType("ondrd_test", 0);
 }
 
 void OndrelTest::TearDown() {
+  context_.reset();
   KTSPreferences::resetDefaultPreferences();
   KTSLogger::resetDefaultLogger();
-  KTSMetadataGenerator::resetDefaultMetadataGenerator();
-  KTSWorkingSet::resetDefaultWorkingSet();
-  KTSMetaIndex::resetDefaultMetaIndex();
   Clock::install(nullptr);
   SystemLog::installCapture(nullptr);
   std::error_code ignored;
@@ -62,6 +54,13 @@ void OndrelTest::TearDown() {
 }
 
 std::string OndrelTest::path(const std::string& absolute) const { return root_ + absolute; }
+
+KTSPassContext& OndrelTest::context() {
+  if (!context_) context_ = std::make_unique<KTSPassContext>();
+  return *context_;
+}
+
+void OndrelTest::renewContext() { context_.reset(); }
 
 void OndrelTest::setUserDefaults(bool enableDebugLogging, bool showLogSource) {
   Plist defaults = Plist::dictionary();

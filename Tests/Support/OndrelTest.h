@@ -1,6 +1,7 @@
 // The fixture every test uses: a fresh ONDREL_ROOT folder (with "Library/Server" in place, as on
-// an installed server), the source tree's resources, a capture of every log entry, a manual clock
-// and a shared default logger. Shared instances are reset before and after each test.
+// an installed server), the source tree's resources, a capture of every log entry, a manual clock,
+// a shared default logger and a pass context made on first use. The shared preferences and logger
+// are reset before and after each test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "Clock.h"
+#include "KTSPassContext.h"
 #include "Plist.h"
 #include "SystemLog.h"
 
@@ -41,6 +43,10 @@ class OndrelTest : public ::testing::Test {
 
   // root_ joined with an absolute-looking path: path("/var/spool/ondrd").
   std::string path(const std::string& absolute) const;
+  // The test's context, made on first use; renewContext lets it go, so that the next use reads
+  // the server's files anew, as the next pass or command would.
+  KTSPassContext& context();
+  void renewContext();
   // Writes the logger's user-defaults file.
   void setUserDefaults(bool enableDebugLogging, bool showLogSource = false);
   // Texts of captured syslog lines, in order.
@@ -51,6 +57,9 @@ class OndrelTest : public ::testing::Test {
   std::string resources_;
   std::vector<LogEntry> entries_;
   std::shared_ptr<ManualClock> clock_;
+
+ private:
+  std::unique_ptr<KTSPassContext> context_;
 };
 
 }  // namespace ondrel::test
