@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "FileIO.h"
+#include "Gzip.h"
 #include "HostPaths.h"
 #include "KTCatalogKeys.h"
 #include "KTSError.h"
@@ -643,29 +644,49 @@ void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {
     if (!KTSPath::isInsideHtmlFolder(path)) continue;
     std::vector<KTSProduct*> serving = servedProducts(*catalog);
     std::string inputs = record ? servedCatalogInputs(serving, *record) : "";
-    if (record && catalog->compositeUnchanged() && record->isCurrent(path, inputs)) {
-      record->recordFile(path, inputs);
-      continue;
-    }
-    // The composite catalog with the served products' entries, each made as it is written.
-    auto next = serving.begin();
-    auto nextEntry = [&]() -> std::optional<std::pair<PlistKey, Plist>> {
-      if (next == serving.end()) return std::nullopt;
-      KTSProduct& product = **next++;
-      return std::pair(*product.productId(), catalog->mirrorRepresentationForProduct(product));
-    };
-    // A catalog that did not change keeps its file, so what clients cached of it stays valid.
-    bool replaced = false;
-    std::string error;
-    if (!KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(path)) ||
-        !catalog->compositeCatalog().writeXmlFileStreamingMemberUnlessUnchanged(
-            path, KTCatalogProductsDictKey, nextEntry, &replaced, &error)) {
+    bool current = record && catalog->compositeUnchanged() && record->isCurrent(path, inputs);
+    if (!current && !writeServedCatalog(*catalog, serving, path)) {
       outcome.failures.push_back(
           fmt::format("served catalog {} not written", catalogName(catalog->catalogURL())));
       continue;
     }
-    if (replaced) KTSUtilities::setDefaultFileOwnerAtPath(path);
     if (record) record->recordFile(path, inputs);
+    keepCompressedCatalog(path);
+  }
+}
+
+// The composite catalog with the served products' entries, each made as it is written. A catalog
+// that did not change keeps its file, so what clients cached of it stays valid.
+bool KTSSyncPass::writeServedCatalog(const KTSCatalog& catalog,
+                                     const std::vector<KTSProduct*>& serving,
+                                     const std::string& path) {
+  auto next = serving.begin();
+  auto nextEntry = [&]() -> std::optional<std::pair<PlistKey, Plist>> {
+    if (next == serving.end()) return std::nullopt;
+    KTSProduct& product = **next++;
+    return std::pair(*product.productId(), catalog.mirrorRepresentationForProduct(product));
+  };
+  bool replaced = false;
+  std::string error;
+  if (!KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(path)) ||
+      !catalog.compositeCatalog().writeXmlFileStreamingMemberUnlessUnchanged(
+          path, KTCatalogProductsDictKey, nextEntry, &replaced, &error)) {
+    return false;
+  }
+  if (replaced) KTSUtilities::setDefaultFileOwnerAtPath(path);
+  return true;
+}
+
+// Clients that accept gzip are sent the catalog's gzip form: made from the catalog as it now is,
+// or none at all.
+void KTSSyncPass::keepCompressedCatalog(const std::string& path) {
+  bool written = false;
+  std::string error;
+  if (!keepGzipCompanion(path, &written, &error)) {
+    log_.warning("The compressed form of {} could not be written ({}); clients get it plain.",
+                 lastPathComponent(path), error);
+  } else if (written) {
+    KTSUtilities::setDefaultFileOwnerAtPath(gzipCompanionPath(path));
   }
 }
 

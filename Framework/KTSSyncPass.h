@@ -111,6 +111,9 @@ class KTSSyncPass {
   void saveState();
   bool listsChangedProduct(const KTSCatalog& catalog) const;
   void writeServedCatalogs(KTSPassOutcome& outcome);
+  bool writeServedCatalog(const KTSCatalog& catalog, const std::vector<KTSProduct*>& serving,
+                          const std::string& path);
+  void keepCompressedCatalog(const std::string& path);
   std::vector<KTSProduct*> servedProducts(const KTSCatalog& catalog);
   // Whether every file of the product is in place: as the catalogs found it while they loaded
   // unless the pass may have placed or removed one of its files since, else looked at now.

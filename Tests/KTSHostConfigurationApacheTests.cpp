@@ -3,8 +3,10 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <filesystem>
 
 #include "ApacheServer.h"
+#include "Gzip.h"
 #include "KTSMetaIndex.h"
 #include "KTSPreferences.h"
 #include "OndrelTest.h"
@@ -31,7 +33,7 @@ class ApacheTest : public OndrelTest {
   void installCatalogScript() {
     const std::string script = serviceRoot() + "/cgi-bin/OndrelServerGetCatalog";
     writeFile(script,
-              "#!/bin/sh\nprintf 'Content-Type: text/plain\\r\\n\\r\\n'\n"
+              "#!/bin/sh\nprintf 'Status: 200 OK\\r\\nContent-Type: text/plain\\r\\n\\r\\n'\n"
               "printf 'catalog query: %s' \"$QUERY_STRING\"\n");
     ::chmod(script.c_str(), 0755);
   }
@@ -172,6 +174,84 @@ TEST_F(ApacheTest, PublishedCatalogsAreServedAndInternalFilesAreNot) {
     ASSERT_TRUE(response) << internal;
     EXPECT_EQ(response->status, 403) << internal;
   }
+}
+
+// The catalog CGI's common case is answered from the file, with its gzip form for clients that
+// accept gzip; everything else still reaches the CGI (here a script that names its query).
+TEST_F(ApacheTest, CatalogsAreServedAsFilesAndGzippedForClientsThatAcceptIt) {
+  ASSERT_TRUE(preferences_->commitChanges());
+  installCatalogScript();
+  const std::string others = htmlPath() + "/content/catalogs/others/";
+  for (const std::string& name : KTSMetaIndex::supportedCatalogNames()) {
+    writeFile(others + name, "<plist>" + std::string(4000, 'c') + name + "</plist>");
+  }
+  const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
+  bool written = false;
+  std::string error;
+  ASSERT_TRUE(keepGzipCompanion(others + newest, &written, &error)) << error;
+  writeFile(others + "index-made-up.ktcatalog", "not a supported catalog");
+  std::filesystem::create_symlink(others + newest, others + "index.ktcatalog.linked");
+  ApacheServer server(serviceRoot(), confPath());
+  std::string failure;
+  ASSERT_TRUE(server.start(port_, &failure)) << failure;
+  // Not following redirections: httplib takes a 304 for one.
+  httplib::Client http("127.0.0.1", port_);
+  auto get = [&](const std::string& name, httplib::Headers headers = {}) {
+    auto response = http.Get(("/cgi-bin/OndrelServerGetCatalog?/" + name).c_str(), headers);
+    EXPECT_TRUE(response) << name;
+    return response ? *response : httplib::Response();
+  };
+
+  for (const std::string& name : KTSMetaIndex::supportedCatalogNames()) {
+    httplib::Response plain = get(name);
+    EXPECT_EQ(plain.status, 200) << name;
+    EXPECT_EQ(plain.body, readFile(others + name)) << "the file itself, not the CGI";
+    EXPECT_EQ(plain.get_header_value("Content-Type"), "text/xml");
+    EXPECT_EQ(plain.get_header_value("Vary"), "Accept-Encoding");
+  }
+  for (const std::string& cgiCase : {std::string("index-made-up.ktcatalog"),
+                                     std::string("index.ktcatalog.linked"), newest + "x"}) {
+    EXPECT_EQ(get(cgiCase).body, "catalog query: /" + cgiCase);
+  }
+  std::filesystem::remove(others + "index.ktcatalog");
+  std::filesystem::create_symlink(others + newest, others + "index.ktcatalog");
+  EXPECT_EQ(get("index.ktcatalog").body, "catalog query: /index.ktcatalog") << "a link's place";
+
+  // Gzip when it is accepted with a weight above zero, with a tag and a length of its own (the
+  // client decodes it).
+  httplib::Response plain = get(newest);
+  const std::string gzip = readFile(gzipCompanionPath(others + newest));
+  for (const auto& [accepted, gzipped] :
+       std::vector<std::pair<std::string, bool>>{{"gzip", true},
+                                                 {"deflate, GZIP;q=0.5", true},
+                                                 {"gzip;q=0", false},
+                                                 {"gzip; q=0.000", false},
+                                                 {"identity", false},
+                                                 {"x-gzip-like", false}}) {
+    httplib::Response response = get(newest, {{"Accept-Encoding", accepted}});
+    EXPECT_EQ(response.status, 200) << accepted;
+    EXPECT_EQ(response.body, plain.body) << accepted;
+    EXPECT_EQ(response.get_header_value("Content-Encoding"), gzipped ? "gzip" : "") << accepted;
+    EXPECT_EQ(response.get_header_value("Content-Type"), "text/xml") << accepted;
+    EXPECT_EQ(response.get_header_value("Vary"), "Accept-Encoding") << accepted;
+    EXPECT_EQ(response.get_header_value("ETag") == plain.get_header_value("ETag"), !gzipped);
+  }
+  EXPECT_LT(gzip.size() * 10, plain.body.size());
+  const std::string gzipTag = get(newest, {{"Accept-Encoding", "gzip"}}).get_header_value("ETag");
+  EXPECT_EQ(get(newest, {{"Accept-Encoding", "gzip"}, {"If-None-Match", gzipTag}}).status, 304);
+  EXPECT_EQ(get(newest, {{"If-None-Match", gzipTag}}).status, 200) << "another encoding's tag";
+  EXPECT_EQ(get(newest, {{"If-None-Match", plain.get_header_value("ETag")}}).status, 304);
+  auto head = http.Head(("/cgi-bin/OndrelServerGetCatalog?/" + newest).c_str(),
+                        {{"Accept-Encoding", "gzip"}});
+  ASSERT_TRUE(head);
+  EXPECT_EQ(head->get_header_value("Content-Length"), std::to_string(gzip.size()));
+  EXPECT_TRUE(head->body.empty());
+
+  // A date as HTTP writes it is a condition; anything else is left to the CGI.
+  const std::string modified = plain.get_header_value("Last-Modified");
+  EXPECT_EQ(get(newest, {{"If-Modified-Since", modified}}).status, 304);
+  EXPECT_EQ(get(newest, {{"If-Modified-Since", modified + " garbage"}}).body,
+            "catalog query: /" + newest);
 }
 
 TEST_F(ApacheTest, BandwidthLimitTakesEffect) {

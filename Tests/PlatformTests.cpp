@@ -1,7 +1,11 @@
 #include <sys/stat.h>
+#include <zlib.h>
+
+#include <filesystem>
 
 #include "DateFormats.h"
 #include "FileIO.h"
+#include "Gzip.h"
 #include "HttpConditions.h"
 #include "OndrelTest.h"
 #include "PathString.h"
@@ -125,6 +129,46 @@ TEST_F(PlatformTest, OnlyRegularFilesWithinTheLimitAreRead) {
   EXPECT_FALSE(readWholeFile(large, &contents, &error, kSmallFileReadLimit));
   EXPECT_EQ(error, fmt::format("file larger than {} bytes", kSmallFileReadLimit));
   EXPECT_TRUE(readWholeFile(large, &contents, &error));
+}
+
+TEST_F(PlatformTest, GzipCompanionFollowsItsFileAndOnlyItsFile) {
+  const std::string file = path("/catalog.ktcatalog");
+  const std::string companion = gzipCompanionPath(file);
+  auto gunzip = [](const std::string& bytes) {
+    z_stream stream{};
+    inflateInit2(&stream, 15 + 16);
+    std::string out(1 << 20, '\0');
+    stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
+    stream.avail_in = static_cast<uInt>(bytes.size());
+    stream.next_out = reinterpret_cast<Bytef*>(out.data());
+    stream.avail_out = static_cast<uInt>(out.size());
+    bool whole = inflate(&stream, Z_FINISH) == Z_STREAM_END;
+    out.resize(stream.total_out);
+    inflateEnd(&stream);
+    return whole ? out : "(not a whole gzip stream)";
+  };
+  std::string text;
+  for (int i = 0; i < 20000; ++i) text += "<key>VT-" + std::to_string(i) + "</key>\n";
+  writeFile(file, text);
+  bool written = false;
+  std::string error;
+  ASSERT_TRUE(keepGzipCompanion(file, &written, &error)) << error;
+  EXPECT_TRUE(written);
+  EXPECT_EQ(gunzip(readFile(companion)), text);
+  auto made = fileIdentity(companion);
+  ASSERT_TRUE(keepGzipCompanion(file, &written, &error));
+  EXPECT_FALSE(written) << "made from these very bytes: left as it is";
+  EXPECT_EQ(fileIdentity(companion), made);
+
+  writeFile(file, "changed");
+  ASSERT_TRUE(keepGzipCompanion(file, &written, &error));
+  EXPECT_TRUE(written);
+  EXPECT_EQ(gunzip(readFile(companion)), "changed");
+  // A link (or nothing) at the file's place: no companion at all, rather than a stale one.
+  std::filesystem::remove(file);
+  std::filesystem::create_symlink("/etc/passwd", file);
+  EXPECT_FALSE(keepGzipCompanion(file, &written, &error));
+  EXPECT_FALSE(std::filesystem::exists(companion));
 }
 
 TEST_F(PlatformTest, ProductIdsThatCouldNameAnotherFolderAreRefused) {
