@@ -2,7 +2,9 @@
 # Measures how fast the mirror's Apache answers clients' catalog requests, with wrk (32
 # connections, 8 s each) against a mirror of a sample upstream: the catalog as a static file,
 # the same through the catalog CGI's URL (answered from the file), a 304 for each, its gzip form,
-# and the CGI itself (a request it must answer: an If-Modified-Since that is no HTTP date).
+# and the CGI itself (a request it must answer: an If-Modified-Since that is no HTTP date); then
+# 5,000 connections at once downloading a package, with the errors wrk saw and the memory of all
+# of Apache's processes.
 # Usage: Bench/serve_bench.sh [products]   (as root; builds the release preset; needs wrk)
 products="${1:-2000}"
 upstream_port=18595
@@ -11,6 +13,7 @@ work_prefix=ondrel-serve-bench
 source "$(dirname "$0")/automatic_mirror.sh"
 command -v wrk >/dev/null || { echo "wrk is missing: scripts/bootstrap bench" >&2; exit 1; }
 
+ulimit -n "$(ulimit -Hn)" # wrk holds a descriptor per connection
 start_automatic_mirror "$products"
 "$syncd" --once >/dev/null 2>&1
 newest=index-10.12-10.11-10.10-10.9-dogwood-cedar-birch-alder.merged-1.ktcatalog
@@ -39,3 +42,34 @@ rate "a 304 for the static file" "$static" "If-None-Match: $tag"
 rate "a 304 through the CGI's URL" "$cgi" "If-None-Match: $tag"
 rate "the catalog gzipped (Accept-Encoding: gzip)" "$cgi" "Accept-Encoding: gzip"
 rate "the CGI itself (a date that is no date)" "$cgi" "If-Modified-Since: soon"
+
+html=$ONDREL_ROOT/Library/Server/Ondrel/Data/html
+package=$html/content/downloads/bench/large.pkg
+mkdir -p "$(dirname "$package")"
+head -c $((1 << 20)) /dev/urandom >"$package"
+chmod 644 "$package"
+url="http://127.0.0.1:$mirror_port/content/downloads/bench/large.pkg"
+# many NAME [HEADER]: 5,000 connections fetching the package over and over for 15 s; what wrk
+# counted, and Apache's memory (all its processes) 10 s in.
+many() {
+  local name=$1
+  shift
+  wrk -t2 -c5000 -d15s --timeout 30s ${1:+-H "$1"} "$url" >"$work/wrk.out" &
+  sleep 10
+  local apache_kb processes
+  apache_kb=$(ps -C apache2 -o rss= | awk '{ sum += $1 } END { print sum }')
+  processes=$(ps -C apache2 --no-headers | wc -l)
+  wait
+  printf '%-46s %12s %12s\n' "$name" "$(awk '/^Requests\/sec/ { print $2 }' "$work/wrk.out")" \
+    "$(awk '/Socket errors/ { gsub(",", ""); print $4 "/" $6 "/" $8 "/" $10 }' "$work/wrk.out" |
+      grep . || echo 0/0/0/0)"
+  printf '%-46s %12s %12s\n' "  non-2xx; Apache MB and processes" \
+    "$(awk '/Non-2xx/ { print $5 }' "$work/wrk.out" | grep . || echo 0)" \
+    "$((apache_kb / 1024)) / $processes"
+}
+printf '\n%-46s %12s %12s\n' "5,000 connections, a 1 MB package" "requests/s" \
+  "errors c/r/w/t"
+# Apache closes a kept-alive connection between two requests when its processes hold all they
+# may; wrk counts each as a read error and reconnects, as any client does.
+many "  kept alive"
+many "  a connection per download" "Connection: close"

@@ -1,5 +1,9 @@
 #include "CgiPrograms.h"
 
+#include <poll.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
@@ -44,6 +48,21 @@ void installCgi(const std::string& name) {
 
 void installCgiPrograms() {
   for (const char* name : kCgiNames) installCgi(name);
+}
+
+void finishResponse() {
+  std::fflush(stdout);
+  // What is unread arrives at once; a client that keeps sending is not waited for long.
+  constexpr int kWaitMilliseconds = 200;
+  constexpr std::size_t kMostDiscarded = std::size_t{16} << 20;
+  char buffer[1 << 16];
+  struct pollfd input = {STDIN_FILENO, POLLIN, 0};
+  for (std::size_t discarded = 0; discarded < kMostDiscarded;) {
+    if (::poll(&input, 1, kWaitMilliseconds) <= 0) return;
+    ssize_t count = ::read(STDIN_FILENO, buffer, sizeof buffer);
+    if (count <= 0) return;
+    discarded += static_cast<std::size_t>(count);
+  }
 }
 
 std::string cgiVariable(const char* name) {

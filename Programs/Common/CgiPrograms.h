@@ -11,6 +11,11 @@ namespace ondrel::programs {
 // The value of a variable Apache sets for the CGI; empty when it is not set.
 std::string cgiVariable(const char* name);
 
+// Sends what was written and reads what is left of the request's body, so that the response
+// reaches the client whole: Apache's CGI daemon gives the script one socket for both, and a
+// script that ends with input unread resets it. Called last by every CGI.
+void finishResponse();
+
 // Copies each CGI from beside the running program (or from its install folder) into cgi-bin
 // when it is missing or older, by a rename, so Apache never runs a half-copied file.
 void installCgiPrograms();

@@ -258,10 +258,7 @@ int read(const std::string& route) {
   return refuse(404, "Not Found", "no such request");
 }
 
-}  // namespace
-
-int main(int, char** argv) {
-  programs::locateServiceRootOfCgi(argv[0]);
+int respond() {
   std::string secret = programs::readAdminSecret();
   if (secret.empty()) {
     return refuse(500, "Internal Server Error",
@@ -284,4 +281,13 @@ int main(int, char** argv) {
   } catch (const std::exception&) {
     return refuse(500, "Internal Server Error", "the request could not be completed");
   }
+}
+
+}  // namespace
+
+int main(int, char** argv) {
+  programs::locateServiceRootOfCgi(argv[0]);
+  int status = respond();
+  programs::finishResponse();
+  return status;
 }

@@ -92,9 +92,7 @@ int serve(const std::string& path, bool headOnly) {
   return 0;
 }
 
-}  // namespace
-
-int main(int, char** argv) {
+int respond(char** argv) {
   std::string query = ondrel::programs::cgiVariable("QUERY_STRING");
   std::string name = query.rfind('/', 0) == 0 ? query.substr(1) : query;
   // Only a supported catalog's plain name reaches the disk.
@@ -105,4 +103,12 @@ int main(int, char** argv) {
   ondrel::programs::locateServiceRootOfCgi(argv[0]);
   return serve(ondrel::KTSServerLayout::catalogsFolderPath(name),
                ondrel::programs::cgiVariable("REQUEST_METHOD") == "HEAD");
+}
+
+}  // namespace
+
+int main(int, char** argv) {
+  int status = respond(argv);
+  ondrel::programs::finishResponse();
+  return status;
 }

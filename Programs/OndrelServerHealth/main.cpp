@@ -20,5 +20,6 @@ int main(int, char** argv) {
       "Content-Length: %zu\r\n\r\n%s",
       history.healthy(now) ? "200 OK" : "503 Service Unavailable", body.size(),
       headOnly ? "" : body.c_str());
+  ondrel::programs::finishResponse();
   return 0;
 }
