@@ -21,6 +21,9 @@ std::string statusPath(const std::string& name) {
       fixedPath("/Library/Server/Ondrel/Status/" + name));
 }
 
+// The folder of any of its files: the preferences map files, not folders.
+std::string statusFolder() { return deletingLastPathComponent(statusPath("status")); }
+
 std::string cgiPath(const std::string& name) { return serviceFolder() + "/cgi-bin/" + name; }
 
 std::string hooksFolder() { return serviceFolder() + "/Config/hooks.d"; }

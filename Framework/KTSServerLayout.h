@@ -21,8 +21,9 @@ std::string configFolder();
 // The web server's configuration, "ondrd.conf" beside the preferences.
 std::string webConfigurationPath();
 std::string webServerPidPath();
-// A file of the status folder (e.g. ".pass_history").
+// A file of the status folder (e.g. ".pass_history"), and the folder itself.
 std::string statusPath(const std::string& name);
+std::string statusFolder();
 // The CGI program called name in the service folder's cgi-bin.
 std::string cgiPath(const std::string& name);
 // The executables run after every pass.

@@ -115,7 +115,8 @@ TEST_F(AfterPassTest, HooksRunInOrderWithThePassAndNeverHoldThePass) {
 
   auto started = std::chrono::steady_clock::now();
   std::vector<programs::HookRun> runs = programs::runHooks(
-      folder_, pass(KTSPassHistory::Outcome::Failed, clock_->now()), 300ms, LogHandle::shared());
+      folder_, programs::hookEnvironment(pass(KTSPassHistory::Outcome::Failed, clock_->now()), ""),
+      300ms, LogHandle::shared());
   EXPECT_LT(std::chrono::steady_clock::now() - started, 10s);
 
   ASSERT_EQ(runs.size(), 4u);
@@ -136,10 +137,7 @@ TEST_F(AfterPassTest, HooksRunInOrderWithThePassAndNeverHoldThePass) {
       logged("ondrd_test[WRN]: The hook " + folder_ + "/20-second failed (exit status 3)."));
   EXPECT_TRUE(logged("ondrd_test[WRN]: The hook " + folder_ +
                      "/80-anyone-writes is not run: writable by anyone."));
-  EXPECT_TRUE(programs::runHooks(path("/missing"),
-                                 pass(KTSPassHistory::Outcome::Succeeded, clock_->now()), 1s,
-                                 LogHandle::shared())
-                  .empty());
+  EXPECT_TRUE(programs::runHooks(path("/missing"), {}, 1s, LogHandle::shared()).empty());
 }
 
 TEST_F(AfterPassTest, MetricsFileIsReplacedWholeAfterEveryPass) {

@@ -116,7 +116,8 @@ void writeMetricsFile(const std::string& text, const LogHandle& log) {
 
 }  // namespace
 
-std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass) {
+std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass,
+                                         const std::string& htmlFolder) {
   // The note is one line, as a hook would pass it on to a chat or a mail subject.
   std::string note = pass.note;
   std::replace_if(
@@ -132,10 +133,13 @@ std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass) {
       fmt::format("ONDREL_PASS_PRODUCTS_NEW={}", pass.productsNew),
       fmt::format("ONDREL_PASS_PRODUCTS_REMOVED={}", pass.productsRemoved),
       fmt::format("ONDREL_PASS_BYTES_FETCHED={}", pass.bytesFetched),
+      "ONDREL_HTML_FOLDER=" + htmlFolder,
+      "ONDREL_STATUS_FOLDER=" + KTSServerLayout::statusFolder(),
   };
 }
 
-std::vector<HookRun> runHooks(const std::string& folder, const KTSPassHistory::Pass& pass,
+std::vector<HookRun> runHooks(const std::string& folder,
+                              const std::vector<std::string>& environment,
                               std::chrono::milliseconds timeout, const LogHandle& log,
                               const Heartbeat& heartbeat) {
   namespace fs = std::filesystem;
@@ -146,7 +150,6 @@ std::vector<HookRun> runHooks(const std::string& folder, const KTSPassHistory::P
     if (!isLeftoverName(entry->path().filename().string())) hooks.push_back(entry->path());
   }
   std::sort(hooks.begin(), hooks.end());
-  std::vector<std::string> environment = hookEnvironment(pass);
   std::vector<HookRun> runs;
   for (const fs::path& hook : hooks) {
     if (std::string refusal = refusalOf(hook); !refusal.empty()) {
@@ -172,7 +175,8 @@ void afterPass(KTSPassContext& context, const KTSPassHistory::Pass& pass,
   if (!history.record(pass)) log.warning("The pass could not be recorded in the pass history.");
   writeMetricsFile(prometheusText(summarizeServer(context), history), log);
   std::chrono::seconds timeout(KTSSettings::hookTimeoutSeconds(context.preferences().prefs()));
-  runHooks(KTSServerLayout::hooksFolder(), pass, timeout, log, heartbeat);
+  runHooks(KTSServerLayout::hooksFolder(),
+           hookEnvironment(pass, context.preferences().updatesHtmlPath()), timeout, log, heartbeat);
 }
 
 }  // namespace ondrel::programs

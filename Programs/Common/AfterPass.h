@@ -25,18 +25,22 @@ struct HookRun {
 
 // The environment a hook gets beside the daemon's own: ONDREL_PASS_OUTCOME, ONDREL_PASS_KIND,
 // ONDREL_PASS_ERROR, ONDREL_PASS_STARTED, ONDREL_PASS_ENDED, ONDREL_PASS_DURATION_SECONDS,
-// ONDREL_PASS_CATALOGS, ONDREL_PASS_PRODUCTS_NEW, ONDREL_PASS_PRODUCTS_REMOVED and
-// ONDREL_PASS_BYTES_FETCHED, as NAME=value.
-std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass);
+// ONDREL_PASS_CATALOGS, ONDREL_PASS_PRODUCTS_NEW, ONDREL_PASS_PRODUCTS_REMOVED,
+// ONDREL_PASS_BYTES_FETCHED, ONDREL_HTML_FOLDER (the served tree) and ONDREL_STATUS_FOLDER (where
+// the daemon keeps its state, writable by hooks), as NAME=value.
+std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass,
+                                         const std::string& htmlFolder);
 
 // Called again and again while a hook runs, so that a service manager's watchdog hears from the
 // daemon however long the hooks take.
 using Heartbeat = std::function<void()>;
 
-// Runs the hooks of folder for the pass. A hook gets SIGTERM at its time limit, and SIGKILL with
-// all it started two seconds later. Hidden files, editor and package-manager leftovers, files
-// that are not executable and files others may write are passed over.
-std::vector<HookRun> runHooks(const std::string& folder, const KTSPassHistory::Pass& pass,
+// Runs the hooks of folder with the pass's environment (hookEnvironment) beside the daemon's. A
+// hook gets SIGTERM at its time limit, and SIGKILL with all it started two seconds later. Hidden
+// files, editor and package-manager leftovers, files that are not executable and files others
+// may write are passed over.
+std::vector<HookRun> runHooks(const std::string& folder,
+                              const std::vector<std::string>& environment,
                               std::chrono::milliseconds timeout, const LogHandle& log,
                               const Heartbeat& heartbeat = {});
 

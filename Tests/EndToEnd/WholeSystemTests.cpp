@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <thread>
 
 #include "ApacheServer.h"
@@ -477,6 +478,67 @@ TEST_F(WholeSystemTest, IncrementalPassesWriteWhatAFullRebuildWrites) {
   metadata.set("CFBundleShortVersionString", "9.9.9");
   ASSERT_TRUE(metadata.writeXmlFile(metadataPath, nullptr));
   passes("day 2 with one product's server metadata changed");
+}
+
+// Regular files under folder, by their path below it, leaving out the server's own.
+std::set<std::string> servedFiles(const std::string& folder) {
+  std::set<std::string> files;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(folder)) {
+    std::string name = entry.path().filename().string();
+    if (!entry.is_regular_file() || name[0] == '.' || name.ends_with(".vantor") ||
+        name.ends_with(".composite") || name.ends_with(".productscache") ||
+        name.ends_with(".alternate") || name.ends_with(".previous")) {
+      continue;
+    }
+    files.insert(entry.path().string().substr(folder.size()));
+  }
+  return files;
+}
+
+// The shipped publish-rsync hook copies the served tree to a node after every pass, packages
+// first and catalogs last: a monitor reading the node every 20 ms while a pass changes the tree
+// sees no catalog naming a file the node lacks, and what the mirror dropped leaves the node only
+// once the grace period is over.
+TEST_F(WholeSystemTest, PublishedNodesNeverNameAMissingFile) {
+  Mirror mirror(root_ + "/mirror", test::freeLoopbackPort());
+  publishEpoch(0);
+  mirror.configure(vendor_->port(), true);
+  const std::string config = mirror.root() + "/Library/Server/Ondrel/Config";
+  const std::string node = mirror.root() + "/node/html";
+  std::filesystem::create_directories(node);
+  std::filesystem::create_directories(config + "/hooks.d");
+  std::filesystem::copy_file(resources_ + "/hooks/publish-rsync", config + "/hooks.d/50-publish");
+  std::filesystem::permissions(config + "/hooks.d/50-publish", std::filesystem::perms(0750));
+  writeFile(config + "/publish-rsync.targets", node + "/\ngrace-minutes 60\n");
+  ProgramResult first = mirror.pass();
+  ASSERT_EQ(first.exitStatus, 0) << first.output;
+  std::set<std::string> published = servedFiles(node);
+  EXPECT_EQ(published, servedFiles(mirror.html()));
+
+  // The vendor's next day, and a product whose files the administrator removes.
+  publishEpoch(1);
+  std::string removed = mirror.served()[KTCatalogProductsDictKey].items().begin()->first.text();
+  ASSERT_EQ(mirror.ctl({"remove", removed}).exitStatus, 0);
+  const std::string monitor = resources_ + "/../Bench/served_monitor.py";
+  ProgramResult watched =
+      mirror.run("/usr/bin/python3",
+                 {monitor, node, std::to_string(mirror.port()), "--", ONDREL_SYNCD, "--once"});
+  EXPECT_EQ(watched.exitStatus, 0) << watched.output;
+  EXPECT_EQ(readFile(node + "/content/catalogs/others/" + kNewestCatalog),
+            readFile(mirror.html() + "/content/catalogs/others/" + kNewestCatalog));
+  std::set<std::string> dropped;
+  std::set<std::string> now = servedFiles(mirror.html());
+  std::set_difference(published.begin(), published.end(), now.begin(), now.end(),
+                      std::inserter(dropped, dropped.end()));
+  ASSERT_FALSE(dropped.empty()) << removed << "'s files";
+  for (const std::string& file : dropped) {
+    EXPECT_TRUE(std::filesystem::exists(node + file)) << file << " kept for the grace period";
+  }
+
+  writeFile(config + "/publish-rsync.targets", node + "/\ngrace-minutes 0\n");
+  ProgramResult third = mirror.pass();
+  ASSERT_EQ(third.exitStatus, 0) << third.output;
+  EXPECT_EQ(servedFiles(node), servedFiles(mirror.html())) << "the grace period is over";
 }
 
 }  // namespace
