@@ -6,8 +6,8 @@
 #include <functional>
 #include <tuple>
 
+#include "CompressedForms.h"
 #include "FileIO.h"
-#include "Gzip.h"
 #include "HostPaths.h"
 #include "KTCatalogKeys.h"
 #include "KTSError.h"
@@ -677,16 +677,18 @@ bool KTSSyncPass::writeServedCatalog(const KTSCatalog& catalog,
   return true;
 }
 
-// Clients that accept gzip are sent the catalog's gzip form: made from the catalog as it now is,
-// or none at all.
+// Clients that accept gzip or brotli are sent the catalog's compressed form: made from the
+// catalog as it now is, or none at all.
 void KTSSyncPass::keepCompressedCatalog(const std::string& path) {
-  bool written = false;
-  std::string error;
-  if (!keepGzipCompanion(path, &written, &error)) {
-    log_.warning("The compressed form of {} could not be written ({}); clients get it plain.",
-                 lastPathComponent(path), error);
-  } else if (written) {
-    KTSUtilities::setDefaultFileOwnerAtPath(gzipCompanionPath(path));
+  for (Encoding encoding : kCompressedEncodings) {
+    bool written = false;
+    std::string error;
+    if (!keepCompressedForm(path, encoding, &written, &error)) {
+      log_.warning("The compressed form {} could not be written ({}); clients get it plain.",
+                   lastPathComponent(compressedFormPath(path, encoding)), error);
+    } else if (written) {
+      KTSUtilities::setDefaultFileOwnerAtPath(compressedFormPath(path, encoding));
+    }
   }
 }
 

@@ -3,10 +3,12 @@
 #include <sys/stat.h>
 
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
+#include <memory>
 
 #include "ApacheServer.h"
-#include "Gzip.h"
+#include "CompressedForms.h"
 #include "KTSMetaIndex.h"
 #include "KTSPreferences.h"
 #include "OndrelTest.h"
@@ -176,9 +178,9 @@ TEST_F(ApacheTest, PublishedCatalogsAreServedAndInternalFilesAreNot) {
   }
 }
 
-// The catalog CGI's common case is answered from the file, with its gzip form for clients that
-// accept gzip; everything else still reaches the CGI (here a script that names its query).
-TEST_F(ApacheTest, CatalogsAreServedAsFilesAndGzippedForClientsThatAcceptIt) {
+// The catalog CGI's common case is answered from the file, in the compressed form the client
+// accepts; everything else still reaches the CGI (here a script that names its query).
+TEST_F(ApacheTest, CatalogsAreServedAsFilesAndCompressedForClientsThatAcceptIt) {
   ASSERT_TRUE(preferences_->commitChanges());
   installCatalogScript();
   const std::string others = htmlPath() + "/content/catalogs/others/";
@@ -186,9 +188,11 @@ TEST_F(ApacheTest, CatalogsAreServedAsFilesAndGzippedForClientsThatAcceptIt) {
     writeFile(others + name, "<plist>" + std::string(4000, 'c') + name + "</plist>");
   }
   const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
-  bool written = false;
-  std::string error;
-  ASSERT_TRUE(keepGzipCompanion(others + newest, &written, &error)) << error;
+  for (Encoding encoding : kCompressedEncodings) {
+    bool written = false;
+    std::string error;
+    ASSERT_TRUE(keepCompressedForm(others + newest, encoding, &written, &error)) << error;
+  }
   writeFile(others + "index-made-up.ktcatalog", "not a supported catalog");
   std::filesystem::create_symlink(others + newest, others + "index.ktcatalog.linked");
   ApacheServer server(serviceRoot(), confPath());
@@ -217,24 +221,26 @@ TEST_F(ApacheTest, CatalogsAreServedAsFilesAndGzippedForClientsThatAcceptIt) {
   std::filesystem::create_symlink(others + newest, others + "index.ktcatalog");
   EXPECT_EQ(get("index.ktcatalog").body, "catalog query: /index.ktcatalog") << "a link's place";
 
-  // Gzip when it is accepted with a weight above zero, with a tag and a length of its own (the
-  // client decodes it).
+  // Brotli, else gzip, when accepted with a weight above zero, each with a tag and a length of
+  // its own (the client decodes them).
   httplib::Response plain = get(newest);
-  const std::string gzip = readFile(gzipCompanionPath(others + newest));
-  for (const auto& [accepted, gzipped] :
-       std::vector<std::pair<std::string, bool>>{{"gzip", true},
-                                                 {"deflate, GZIP;q=0.5", true},
-                                                 {"gzip;q=0", false},
-                                                 {"gzip; q=0.000", false},
-                                                 {"identity", false},
-                                                 {"x-gzip-like", false}}) {
+  const std::string gzip = readFile(compressedFormPath(others + newest, Encoding::Gzip));
+  for (const auto& [accepted, sent] :
+       std::vector<std::pair<std::string, std::string>>{{"gzip", "gzip"},
+                                                        {"deflate, GZIP;q=0.5", "gzip"},
+                                                        {"gzip, deflate, br", "br"},
+                                                        {"br;q=0, gzip", "gzip"},
+                                                        {"gzip;q=0", ""},
+                                                        {"gzip; q=0.000", ""},
+                                                        {"identity", ""},
+                                                        {"x-gzip-like, brotli", ""}}) {
     httplib::Response response = get(newest, {{"Accept-Encoding", accepted}});
     EXPECT_EQ(response.status, 200) << accepted;
     EXPECT_EQ(response.body, plain.body) << accepted;
-    EXPECT_EQ(response.get_header_value("Content-Encoding"), gzipped ? "gzip" : "") << accepted;
+    EXPECT_EQ(response.get_header_value("Content-Encoding"), sent) << accepted;
     EXPECT_EQ(response.get_header_value("Content-Type"), "text/xml") << accepted;
     EXPECT_EQ(response.get_header_value("Vary"), "Accept-Encoding") << accepted;
-    EXPECT_EQ(response.get_header_value("ETag") == plain.get_header_value("ETag"), !gzipped);
+    EXPECT_EQ(response.get_header_value("ETag") == plain.get_header_value("ETag"), sent.empty());
   }
   EXPECT_LT(gzip.size() * 10, plain.body.size());
   const std::string gzipTag = get(newest, {{"Accept-Encoding", "gzip"}}).get_header_value("ETag");
@@ -246,6 +252,18 @@ TEST_F(ApacheTest, CatalogsAreServedAsFilesAndGzippedForClientsThatAcceptIt) {
   ASSERT_TRUE(head);
   EXPECT_EQ(head->get_header_value("Content-Length"), std::to_string(gzip.size()));
   EXPECT_TRUE(head->body.empty());
+
+  // HTTP/2 for a client that speaks it.
+  std::string version;
+  std::unique_ptr<FILE, int (*)(FILE*)> curl(
+      ::popen(fmt::format("curl -s --http2-prior-knowledge -o /dev/null -w '%{{http_version}}' "
+                          "'http://127.0.0.1:{}/cgi-bin/OndrelServerGetCatalog?/{}'",
+                          port_, newest)
+                  .c_str(),
+              "r"),
+      ::pclose);
+  for (int c; curl && (c = std::fgetc(curl.get())) != EOF;) version += static_cast<char>(c);
+  EXPECT_EQ(version, "2");
 
   // A date as HTTP writes it is a condition; anything else is left to the CGI.
   const std::string modified = plain.get_header_value("Last-Modified");

@@ -1,11 +1,12 @@
+#include <brotli/decode.h>
 #include <sys/stat.h>
 #include <zlib.h>
 
 #include <filesystem>
 
+#include "CompressedForms.h"
 #include "DateFormats.h"
 #include "FileIO.h"
-#include "Gzip.h"
 #include "HttpConditions.h"
 #include "OndrelTest.h"
 #include "PathString.h"
@@ -131,44 +132,59 @@ TEST_F(PlatformTest, OnlyRegularFilesWithinTheLimitAreRead) {
   EXPECT_TRUE(readWholeFile(large, &contents, &error));
 }
 
-TEST_F(PlatformTest, GzipCompanionFollowsItsFileAndOnlyItsFile) {
-  const std::string file = path("/catalog.ktcatalog");
-  const std::string companion = gzipCompanionPath(file);
-  auto gunzip = [](const std::string& bytes) {
+// Decodes a whole gzip or brotli stream; a marker when it is not one.
+std::string decoded(const std::string& bytes, Encoding encoding) {
+  std::string out(std::size_t{1} << 20, '\0');
+  std::size_t size = out.size();
+  bool whole = false;
+  if (encoding == Encoding::Brotli) {
+    whole = BrotliDecoderDecompress(
+                bytes.size(), reinterpret_cast<const std::uint8_t*>(bytes.data()), &size,
+                reinterpret_cast<std::uint8_t*>(out.data())) == BROTLI_DECODER_RESULT_SUCCESS;
+  } else {
     z_stream stream{};
     inflateInit2(&stream, 15 + 16);
-    std::string out(1 << 20, '\0');
     stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
     stream.avail_in = static_cast<uInt>(bytes.size());
     stream.next_out = reinterpret_cast<Bytef*>(out.data());
     stream.avail_out = static_cast<uInt>(out.size());
-    bool whole = inflate(&stream, Z_FINISH) == Z_STREAM_END;
-    out.resize(stream.total_out);
+    whole = inflate(&stream, Z_FINISH) == Z_STREAM_END;
+    size = stream.total_out;
     inflateEnd(&stream);
-    return whole ? out : "(not a whole gzip stream)";
-  };
+  }
+  out.resize(size);
+  return whole ? out : "(not a whole stream)";
+}
+
+TEST_F(PlatformTest, CompressedFormsFollowTheirFileAndOnlyTheirFile) {
+  const std::string file = path("/catalog.ktcatalog");
   std::string text;
   for (int i = 0; i < 20000; ++i) text += "<key>VT-" + std::to_string(i) + "</key>\n";
-  writeFile(file, text);
-  bool written = false;
-  std::string error;
-  ASSERT_TRUE(keepGzipCompanion(file, &written, &error)) << error;
-  EXPECT_TRUE(written);
-  EXPECT_EQ(gunzip(readFile(companion)), text);
-  auto made = fileIdentity(companion);
-  ASSERT_TRUE(keepGzipCompanion(file, &written, &error));
-  EXPECT_FALSE(written) << "made from these very bytes: left as it is";
-  EXPECT_EQ(fileIdentity(companion), made);
+  for (Encoding encoding : kCompressedEncodings) {
+    const std::string form = compressedFormPath(file, encoding);
+    writeFile(file, text);
+    bool written = false;
+    std::string error;
+    ASSERT_TRUE(keepCompressedForm(file, encoding, &written, &error)) << error;
+    EXPECT_TRUE(written);
+    EXPECT_EQ(decoded(readFile(form), encoding), text);
+    EXPECT_LT(readFile(form).size() * 5, text.size());
+    auto made = fileIdentity(form);
+    ASSERT_TRUE(keepCompressedForm(file, encoding, &written, &error));
+    EXPECT_FALSE(written) << "made from these very bytes: left as it is";
+    EXPECT_EQ(fileIdentity(form), made);
 
-  writeFile(file, "changed");
-  ASSERT_TRUE(keepGzipCompanion(file, &written, &error));
-  EXPECT_TRUE(written);
-  EXPECT_EQ(gunzip(readFile(companion)), "changed");
-  // A link (or nothing) at the file's place: no companion at all, rather than a stale one.
-  std::filesystem::remove(file);
-  std::filesystem::create_symlink("/etc/passwd", file);
-  EXPECT_FALSE(keepGzipCompanion(file, &written, &error));
-  EXPECT_FALSE(std::filesystem::exists(companion));
+    writeFile(file, "changed");
+    ASSERT_TRUE(keepCompressedForm(file, encoding, &written, &error));
+    EXPECT_TRUE(written);
+    EXPECT_EQ(decoded(readFile(form), encoding), "changed");
+    // A link (or nothing) at the file's place: no compressed form at all, not a stale one.
+    std::filesystem::remove(file);
+    std::filesystem::create_symlink("/etc/passwd", file);
+    EXPECT_FALSE(keepCompressedForm(file, encoding, &written, &error));
+    EXPECT_FALSE(std::filesystem::exists(form));
+    std::filesystem::remove(file);
+  }
 }
 
 TEST_F(PlatformTest, ProductIdsThatCouldNameAnotherFolderAreRefused) {

@@ -11,8 +11,8 @@
 #include <thread>
 
 #include "ApacheServer.h"
+#include "CompressedForms.h"
 #include "FileIO.h"
-#include "Gzip.h"
 #include "KTSMetaIndex.h"
 #include "KTSPreferences.h"
 #include "OndrelTest.h"
@@ -81,12 +81,14 @@ class BranchCacheTest : public OndrelTest {
         std::distance(std::sregex_iterator(log.begin(), log.end(), request), {}));
   }
 
-  // Replaces the served catalog whole, as a pass does, with its gzip form.
+  // Replaces the served catalog whole, as a pass does, with its compressed forms.
   void publishCatalog(const std::string& catalog, const std::string& text) {
     std::string error;
     ASSERT_TRUE(writeStringAtomically(catalog, text, &error)) << error;
-    bool written = false;
-    ASSERT_TRUE(keepGzipCompanion(catalog, &written, &error)) << error;
+    for (Encoding encoding : kCompressedEncodings) {
+      bool written = false;
+      ASSERT_TRUE(keepCompressedForm(catalog, encoding, &written, &error)) << error;
+    }
   }
 };
 
@@ -130,7 +132,7 @@ TEST_F(BranchCacheTest, PackagesAreFetchedOnceAndCatalogChangesReachTheNextClien
   EXPECT_EQ(middle->body, package.substr(20000000, 100));
   EXPECT_EQ(mirrorRequestsFor("/content/downloads/00/big.pkg"), 3u) << "each slice once";
 
-  // Catalogs: the plain and the gzip form kept apart, a client's tag answered 304, and a new
+  // Catalogs: the plain and the compressed forms kept apart, a client's tag answered 304, and a new
   // catalog on the mirror sent to the next client once the kept one has expired.
   const std::string cgi = "/cgi-bin/OndrelServerGetCatalog?/" + newest;
   auto first = client.Get(cgi);
@@ -146,7 +148,7 @@ TEST_F(BranchCacheTest, PackagesAreFetchedOnceAndCatalogChangesReachTheNextClien
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
   publishCatalog(catalog, "<plist>second " + std::string(5000, 'b') + "</plist>");
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
-  for (const char* encoding : {"identity", "gzip"}) {
+  for (const char* encoding : {"identity", "gzip", "br"}) {
     auto changed = client.Get(
         cgi, {{"Accept-Encoding", encoding}, {"If-None-Match", first->get_header_value("ETag")}});
     ASSERT_TRUE(changed);
