@@ -213,12 +213,17 @@ TEST_F(KTSHostConfigurationTest, MissingAndObsoleteFilesAreReplacedByTheDefault)
   EXPECT_TRUE(
       logged("ondrd_test[WRN]: Restoring missing " + confPath() + " from default configuration."));
 
-  writeFile(confPath(), "Listen 80\n# LoadModule bw_module mod_bw.so\n");
-  clearLog();
-  ASSERT_TRUE(config->loadWithPreferences(nullptr));
-  EXPECT_EQ(readFile(confPath() + ".obsolete"), "Listen 80\n# LoadModule bw_module mod_bw.so\n");
-  EXPECT_EQ(readFile(confPath()), shipped);
-  EXPECT_EQ(logLines()[0], "ondrd_test[WRN]: Removing obsolete ondrd.conf configuration.");
+  for (const std::string& obsolete :
+       {std::string("Listen 80\n# LoadModule bw_module mod_bw.so\n"),
+        std::string(
+            "# An earlier version's\nLoadModule mpm_prefork_module mod_mpm_prefork.so\n")}) {
+    writeFile(confPath(), obsolete);
+    clearLog();
+    ASSERT_TRUE(config->loadWithPreferences(nullptr));
+    EXPECT_EQ(readFile(confPath() + ".obsolete"), obsolete);
+    EXPECT_EQ(readFile(confPath()), shipped);
+    EXPECT_EQ(logLines()[0], "ondrd_test[WRN]: Removing obsolete ondrd.conf configuration.");
+  }
 
   std::filesystem::remove(confPath());
   ::setenv("ONDREL_RESOURCES", path("/no-resources").c_str(), 1);
