@@ -98,7 +98,7 @@ std::string megabytes(std::uint64_t bytes) {
 
 std::string KTSPassOutcome::note() const {
   if (interrupted) return "interrupted";
-  std::string text = "failed: ";
+  std::string text;
   for (std::size_t i = 0; i < failures.size(); ++i) {
     text += (i > 0 ? "; " : "") + failures[i];
   }

@@ -51,7 +51,7 @@ struct KTSPassOutcome {
   std::size_t productsRemoved = 0;    // products whose files the administrator removed
   std::uint64_t bytesFetched = 0;
   bool failed() const { return interrupted || !failures.empty(); }
-  // The error note recorded in the status files.
+  // The error note recorded in the status files: "interrupted", or the failed steps' lines.
   std::string note() const;
 };
 

@@ -63,6 +63,7 @@ Plist status(KTSPassContext& context) {
   Plist pass = Plist::dictionary();
   if (const auto& last = history.lastPass()) {
     pass.set("outcome", KTSPassHistory::outcomeName(last->outcome));
+    pass.set("kind", last->fullSync ? "full" : "changes only");
     pass.set("started", Plist::date(last->started));
     pass.set("seconds", Plist::real(last->seconds()));
     pass.set("bytesFetched", integer(last->bytesFetched));

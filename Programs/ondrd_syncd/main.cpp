@@ -100,8 +100,8 @@ int report(const ondrel::KTSPassOutcome& outcome, ondrel::syncd::Progress& progr
     progress.note("Pass complete.");
     return 0;
   }
-  std::fprintf(stderr, "ondrd_syncd: pass %s\n",
-               outcome.interrupted ? "interrupted" : outcome.note().c_str());
+  std::fprintf(stderr, "ondrd_syncd: pass %s%s\n",
+               outcome.interrupted ? "" : "failed: ", outcome.note().c_str());
   return kExitFailed;
 }
 

@@ -46,8 +46,20 @@ int status(bool json) {
   std::printf("Sync:            %s (started %s, last run %s)\n",
               programs::syncStateName(summary.syncState).c_str(), when(summary.startTime).c_str(),
               when(summary.lastRunTime).c_str());
+  // The last pass, whatever its kind; a failure stays until a full pass succeeds, even when
+  // passes that only carry out product changes succeed meanwhile.
+  KTSPassHistory history(KTSPassHistory::defaultPath());
+  const std::optional<KTSPassHistory::Pass>& last = history.lastPass();
   std::printf("Last pass:       %s\n",
-              summary.updateError ? ("failed: " + summary.errorNote.value_or("")).c_str() : "ok");
+              last ? fmt::format("{} ({}), {}", KTSPassHistory::outcomeName(last->outcome),
+                                 last->fullSync ? "full" : "changes only",
+                                 formatDescriptionDate(last->started))
+                         .c_str()
+                   : "none yet");
+  if (summary.updateError) {
+    std::printf("Failure:         %s (until a full pass succeeds)\n",
+                summary.errorNote.value_or("").c_str());
+  }
   std::printf("Mode:            %s\n", summary.mode.c_str());
   std::printf("Products:        %llu, %llu enabled\n",
               static_cast<unsigned long long>(summary.products),

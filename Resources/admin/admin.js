@@ -85,7 +85,7 @@ function showStatus(status) {
   const pass = status.lastPass || {};
   $("sync-state").textContent = status.syncState;
   $("last-pass").textContent = pass.outcome
-    ? `${pass.outcome}, ${age(pass.started, status.now)} (${Math.round(pass.seconds)} s)`
+    ? `${pass.outcome} (${pass.kind}), ${age(pass.started, status.now)} (${Math.round(pass.seconds)} s)`
     : "none yet";
   $("next-pass").textContent = pass.nextPassDue
     ? new Date(pass.nextPassDue).toLocaleString()
@@ -97,7 +97,9 @@ function showStatus(status) {
   $("free-space").textContent = `${bytes(status.volumeFreeBytes)} (reserve ${bytes(reserve)})`;
   const failure = $("last-failure");
   failure.hidden = !status.updateError;
-  failure.textContent = status.updateError ? `Last failure: ${status.errorNote || ""}` : "";
+  failure.textContent = status.updateError
+    ? `Failure: ${status.errorNote || ""} (until a full pass succeeds)`
+    : "";
   drawBars($("chart-mirror"), status.productsByMirrorState);
   drawBars($("chart-catalog"), status.productsByCompositeState);
   drawBars($("chart-space"), {

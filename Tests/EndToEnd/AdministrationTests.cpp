@@ -12,9 +12,12 @@
 #include "ApacheServer.h"
 #include "DateFormats.h"
 #include "KTSJobTicketManager.h"
+#include "KTSPassHistory.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSRequestManager.h"
+#include "KTSSyncPass.h"
+#include "KTSSyncStatus.h"
 #include "KTSWorkingSet.h"
 #include "LoopbackServer.h"
 #include "OndrelTest.h"
@@ -68,8 +71,25 @@ TEST_F(AdministrationTest, StatusProductsAndMetricsReadTheSharedFiles) {
   EXPECT_NE(fresh.output.find("\"syncState\": \"never run\""), std::string::npos) << fresh.output;
 
   writeWorkingSet();
+  // A full pass failed (as the pass records it), then one that carried out changes succeeded:
+  // both are told, and neither contradicts the other.
+  KTSPassOutcome failed;
+  failed.failures.push_back("the upstream example does not answer; catalogs served as they were");
+  context().status().setUpdateErrorWithNote(true, failed.note());
+  KTSPassHistory history(KTSPassHistory::defaultPath());
+  KTSPassHistory::Pass changes;
+  changes.started = Clock::now();
+  changes.ended = changes.started;
+  changes.fullSync = false;
+  ASSERT_TRUE(history.record(changes));
   test::ProgramResult status = ctl({"status"});
   EXPECT_NE(status.output.find("Products:        3, 1 enabled"), std::string::npos)
+      << status.output;
+  EXPECT_NE(status.output.find("Last pass:       succeeded (changes only), "), std::string::npos)
+      << status.output;
+  EXPECT_NE(status.output.find("\nFailure:         the upstream example does not answer; catalogs "
+                               "served as they were (until a full pass succeeds)\n"),
+            std::string::npos)
       << status.output;
   EXPECT_NE(status.output.find("1 DoNotMirror, 1 Mirrored, 1 PleaseMirror"), std::string::npos);
 
