@@ -11,6 +11,7 @@
 
 #include "Clock.h"
 #include "DateFormats.h"
+#include "FileIO.h"
 #include "KTCatalogKeys.h"
 #include "KTSCatalog.h"
 #include "KTSJobTicket.h"
@@ -47,6 +48,21 @@ std::size_t pendingRequestCount() {
     if (KTSServerLayout::isRequestFileName(entry->path().filename().string())) ++count;
   }
   return count;
+}
+
+// The PID the pass lock names, when that process is an ondrd_syncd: the lock's holder writes it
+// there, and a holder that died leaves it behind.
+std::optional<int> runningDaemon() {
+  std::string text;
+  if (!readWholeFile(KTSServerLayout::statusPath("ondrd_syncd.lock"), &text, nullptr, 64)) {
+    return std::nullopt;
+  }
+  int pid = 0;
+  if (std::sscanf(text.c_str(), "%9d", &pid) != 1 || pid <= 1) return std::nullopt;
+  std::string name;
+  readWholeFile("/proc/" + std::to_string(pid) + "/comm", &name, nullptr, 64);
+  if (name.rfind("ondrd_syncd", 0) != 0) return std::nullopt;
+  return pid;
 }
 
 std::uint64_t nonNegative(const Plist& value) {
@@ -152,6 +168,7 @@ ServerSummary summarizeServer(KTSPassContext& context) {
   KTSJobTicketManager& tickets = context.tickets();
   tickets.refresh();
   summary.pendingTickets = tickets.openJobs().size();
+  summary.daemonPid = runningDaemon();
   summary.volume = KTSMirrorSpace::now();
   return summary;
 }
@@ -175,6 +192,7 @@ Plist summaryAsPlist(const ServerSummary& summary) {
   out.set("bytesToMirror", integer(summary.bytesToMirror));
   out.set("pendingRequests", integer(summary.pendingRequests));
   out.set("pendingTickets", integer(summary.pendingTickets));
+  out.set("daemonRunning", Plist::boolean(summary.daemonPid.has_value()));
   out.set("volumeBytes", integer(summary.volume.total));
   out.set("volumeFreeBytes", integer(summary.volume.free));
   out.set("reserveBytes", integer(summary.volume.reserve));

@@ -37,6 +37,9 @@ struct ServerSummary {
   std::uint64_t bytesToMirror = 0;
   std::size_t pendingRequests = 0;
   std::size_t pendingTickets = 0;
+  // The ondrd_syncd that holds the pass lock (the service, or a pass run by hand); none when no
+  // ondrd_syncd runs, so that nothing posted is carried out until one does.
+  std::optional<int> daemonPid;
   KTSMirrorSpace volume;
 };
 

@@ -60,6 +60,9 @@ int status(bool json) {
     std::printf("Failure:         %s (until a full pass succeeds)\n",
                 summary.errorNote.value_or("").c_str());
   }
+  std::printf("Daemon:          %s\n",
+              summary.daemonPid ? fmt::format("running (PID {})", *summary.daemonPid).c_str()
+                                : "not running: nothing posted is carried out until it runs");
   std::printf("Mode:            %s\n", summary.mode.c_str());
   std::printf("Products:        %llu, %llu enabled\n",
               static_cast<unsigned long long>(summary.products),

@@ -7,7 +7,12 @@ const SHOWN_ROWS = 500;
 const SVG = "http://www.w3.org/2000/svg";
 const COLORS = ["#2f6fd6", "#2aa876", "#e0a526", "#d8553b", "#8a63c9", "#5b6b7f", "#1aa3b8"];
 
-const page = { token: "", rows: [], sortColumn: ROW.id, sortUp: true, selected: new Set() };
+const page = {
+  token: "", rows: [], sortColumn: ROW.id, sortUp: true, selected: new Set(), daemonRunning: false,
+  detailId: "", statusTimer: 0,
+};
+// Text compares as a person reads it: 10.4.10 after 10.4.2.
+const COLLATOR = new Intl.Collator(undefined, { numeric: true, sensitivity: "base" });
 
 function $(id) { return document.getElementById(id); }
 
@@ -18,9 +23,13 @@ function element(name, text, className) {
   return node;
 }
 
+// A size the server does not know (none recorded) is "unknown", never "0 B".
 function bytes(count) {
+  if (count === null || count === undefined || count === "" || !Number.isFinite(Number(count))) {
+    return "unknown";
+  }
   const units = ["B", "KB", "MB", "GB", "TB"];
-  let value = Number(count) || 0;
+  let value = Number(count);
   let unit = 0;
   while (value >= 1000 && unit < units.length - 1) { value /= 1000; unit++; }
   return unit === 0 ? `${value} B` : `${value.toFixed(1)} ${units[unit]}`;
@@ -81,9 +90,18 @@ function drawBars(svg, counts) {
   });
 }
 
+// While a pass runs the status is read again every two seconds.
 function showStatus(status) {
   const pass = status.lastPass || {};
+  page.daemonRunning = status.daemonRunning;
   $("sync-state").textContent = status.syncState;
+  $("daemon").textContent = status.daemonRunning ? "running" : "not running";
+  $("waiting").textContent =
+    `${status.pendingRequests} requests, ${status.pendingTickets} changes`;
+  clearTimeout(page.statusTimer);
+  if (status.syncState === "syncing") {
+    page.statusTimer = setTimeout(() => api("/status").then(showStatus).catch(() => {}), 2000);
+  }
   $("last-pass").textContent = pass.outcome
     ? `${pass.outcome} (${pass.kind}), ${age(pass.started, status.now)} (${Math.round(pass.seconds)} s)`
     : "none yet";
@@ -132,11 +150,9 @@ function matchingRows() {
   const column = page.sortColumn;
   const direction = page.sortUp ? 1 : -1;
   const numeric = column === ROW.size;
-  rows.sort((a, b) => {
-    const left = numeric ? Number(a[column]) || 0 : String(a[column] ?? "");
-    const right = numeric ? Number(b[column]) || 0 : String(b[column] ?? "");
-    return (left < right ? -1 : left > right ? 1 : 0) * direction;
-  });
+  rows.sort((a, b) => direction * (numeric
+    ? (Number(a[column]) || 0) - (Number(b[column]) || 0)
+    : COLLATOR.compare(String(a[column] ?? ""), String(b[column] ?? ""))));
   return rows;
 }
 
@@ -148,6 +164,7 @@ function showProducts() {
     line.dataset.id = row[ROW.id];
     const pick = element("input");
     pick.type = "checkbox";
+    pick.setAttribute("aria-label", `Select ${row[ROW.id]}`);
     pick.checked = page.selected.has(row[ROW.id]);
     pick.addEventListener("change", () => {
       if (pick.checked) page.selected.add(row[ROW.id]); else page.selected.delete(row[ROW.id]);
@@ -156,7 +173,11 @@ function showProducts() {
     choose.append(pick);
     const id = element("td", "", "id");
     const link = element("a", row[ROW.id]);
-    link.addEventListener("click", () => showDetail(row[ROW.id]));
+    link.href = `#product-${encodeURIComponent(row[ROW.id])}`;
+    link.addEventListener("click", (event) => {
+      event.preventDefault();
+      showDetail(row[ROW.id]);
+    });
     id.append(link);
     line.append(choose, id, element("td", row[ROW.title]), element("td", row[ROW.version]),
                 element("td", row[ROW.mirror], "mirror"), element("td", row[ROW.catalog], "catalog"),
@@ -171,9 +192,12 @@ function showProducts() {
   for (const header of document.querySelectorAll("th[data-column]")) {
     const sorted = Number(header.dataset.column) === page.sortColumn;
     header.className = sorted ? (page.sortUp ? "sorted-up" : "sorted-down") : "";
+    header.setAttribute("aria-sort", sorted ? (page.sortUp ? "ascending" : "descending") : "none");
   }
 }
 
+// The detail opens beside the table, takes the focus and gives it back to the product's link
+// (as the table now draws it) when it closes (Escape or its button).
 async function showDetail(productId) {
   try {
     const product = await api(`/product?id=${encodeURIComponent(productId)}`);
@@ -201,8 +225,9 @@ async function showDetail(productId) {
       files.append(line);
     }
     $("detail-files").replaceChild(files, $("detail-files").tBodies[0]);
+    page.detailId = productId;
     $("detail").hidden = false;
-    $("detail").scrollIntoView();
+    $("detail-close").focus();
   } catch (error) {
     say(`Product ${productId}: ${error.message}`, true);
   }
@@ -226,13 +251,36 @@ async function refresh() {
   }
 }
 
+function closeDetail() {
+  $("detail").hidden = true;
+  const link = document.querySelector(
+    `#product-table tr[data-id="${CSS.escape(page.detailId)}"] td.id a`);
+  if (link) link.focus();
+}
+
+// Only the selected products the filter shows are changed: a selection hidden by the filter is
+// never acted on unseen. Removing, and disabling many, ask first.
 async function change(action) {
-  const ids = [...page.selected];
-  if (ids.length === 0) return say("Select products first.", true);
+  const shown = new Set(matchingRows().slice(0, SHOWN_ROWS).map((row) => row[ROW.id]));
+  const ids = [...page.selected].filter((id) => shown.has(id));
+  const hidden = page.selected.size - ids.length;
+  if (ids.length === 0) {
+    return say(hidden > 0 ? `The ${hidden} selected products are hidden by the filter; show them first.`
+                          : "Select products first.", true);
+  }
+  const count = `${ids.length} product${ids.length === 1 ? "" : "s"}`;
+  if ((action === "remove" || (action === "disable" && ids.length > 1)) &&
+      !window.confirm(`${action === "remove" ? "Remove the files of" : "Disable"} ${count}?`)) {
+    return say("Nothing was posted.");
+  }
   try {
     await post("/changes", [["action", action], ...ids.map((id) => ["id", id])]);
-    say(`Posted: ${action} ${ids.length} product${ids.length === 1 ? "" : "s"}. The daemon applies it now.`);
-    page.selected.clear();
+    const when = page.daemonRunning
+      ? "ondrd_syncd carries it out within seconds."
+      : "No ondrd_syncd is running: it is carried out when one runs.";
+    const left = hidden > 0 ? ` ${hidden} selected but hidden by the filter were left out.` : "";
+    say(`Posted: ${action} ${count}. ${when}${left}`);
+    for (const id of ids) page.selected.delete(id);
     setTimeout(refresh, 1500);
   } catch (error) {
     say(`Nothing was posted: ${error.message}`, true);
@@ -245,7 +293,8 @@ function wire() {
   $("sync-now").addEventListener("click", async () => {
     try {
       await post("/sync", []);
-      say("Sync requested; the daemon starts a pass now.");
+      say(page.daemonRunning ? "Sync requested; ondrd_syncd starts a pass within seconds."
+                             : "Sync requested; no ondrd_syncd is running to start it.");
       setTimeout(refresh, 2000);
     } catch (error) {
       say(`Sync not requested: ${error.message}`, true);
@@ -270,17 +319,27 @@ function wire() {
     showProducts();
   });
   for (const header of document.querySelectorAll("th[data-column]")) {
-    header.addEventListener("click", () => {
+    const sort = () => {
       const column = Number(header.dataset.column);
       page.sortUp = page.sortColumn === column ? !page.sortUp : true;
       page.sortColumn = column;
       showProducts();
+    };
+    header.tabIndex = 0;
+    header.addEventListener("click", sort);
+    header.addEventListener("keydown", (event) => {
+      if (event.key !== "Enter" && event.key !== " ") return;
+      event.preventDefault();
+      sort();
     });
   }
   for (const button of document.querySelectorAll("button[data-action]")) {
     button.addEventListener("click", () => change(button.dataset.action));
   }
-  $("detail-close").addEventListener("click", () => { $("detail").hidden = true; });
+  $("detail-close").addEventListener("click", closeDetail);
+  document.addEventListener("keydown", (event) => {
+    if (event.key === "Escape" && !$("detail").hidden) closeDetail();
+  });
 }
 
 // Shows the page to the user, or the login form when there is none.

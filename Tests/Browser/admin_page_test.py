@@ -24,6 +24,8 @@ from selenium import webdriver
 from selenium.common.exceptions import StaleElementReferenceException
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+from selenium.webdriver.support import expected_conditions
 from selenium.webdriver.support.ui import Select, WebDriverWait
 
 PASSWORD = "browser-test-password"
@@ -129,11 +131,13 @@ def rows(driver):
     return driver.find_elements(By.CSS_SELECTOR, "#product-table tbody tr")
 
 
-def click(driver, selector):
-    """Clicks what the selector finds, again if the table was redrawn under the click."""
+def click(driver, selector, key=None):
+    """Clicks what the selector finds (or presses key on it), again if the table was redrawn
+    under the click."""
     for _ in range(10):
         try:
-            driver.find_element(By.CSS_SELECTOR, selector).click()
+            found = driver.find_element(By.CSS_SELECTOR, selector)
+            found.send_keys(key) if key else found.click()
             return
         except StaleElementReferenceException:
             time.sleep(0.2)
@@ -185,6 +189,29 @@ def check_page(mirror, driver, screenshots):
     driver.find_element(By.CSS_SELECTOR, "th[data-column='0']").click()
     ids = [row.get_attribute("data-id") for row in rows(driver)]
     assert ids == sorted(ids, reverse=True), "a second click sorts the other way"
+    click(driver, "th[data-column='2']", Keys.ENTER)
+    versions = driver.execute_script(
+        "return [...document.querySelectorAll('#product-table tbody tr')]"
+        ".map((row) => row.cells[3].textContent);")
+    as_numbers = [tuple(int(part) for part in re.findall(r"\d+", v)) for v in versions]
+    assert as_numbers == sorted(as_numbers), f"versions sort as numbers, by keyboard: {versions}"
+
+    # Remove asks first; a selection the filter hides is never acted on.
+    other = ids[0]
+    search.clear()
+    search.send_keys(other)
+    click(driver, f"tr[data-id='{other}'] input[type=checkbox]")
+    before = spool(mirror.root)
+    driver.find_element(By.CSS_SELECTOR, "button[data-action='remove']").click()
+    alert = WebDriverWait(driver, 10).until(expected_conditions.alert_is_present())
+    assert alert.text == "Remove the files of 1 product?", alert.text
+    alert.dismiss()
+    WebDriverWait(driver, 10).until(lambda d: text("message") == "Nothing was posted.")
+    search.clear()
+    search.send_keys(PRODUCT)
+    driver.find_element(By.CSS_SELECTOR, "button[data-action='mirror']").click()
+    WebDriverWait(driver, 10).until(lambda d: "hidden by the filter" in text("message"))
+    assert spool(mirror.root) == before, "nothing hidden was posted"
 
     search.clear()
     search.send_keys(PRODUCT)
@@ -192,6 +219,8 @@ def check_page(mirror, driver, screenshots):
     click(driver, f"tr[data-id='{PRODUCT}'] input[type=checkbox]")
     driver.find_element(By.CSS_SELECTOR, "button[data-action='mirror']").click()
     WebDriverWait(driver, 20).until(lambda d: "Posted: mirror 1 product" in text("message"))
+    assert "ondrd_syncd carries it out within seconds" in text("message"), text("message")
+    assert "1 selected but hidden by the filter were left out" in text("message"), text("message")
     driver.find_element(By.ID, "sync-now").click()
     WebDriverWait(driver, 20).until(lambda d: "Sync requested" in text("message"))
     deadline = time.time() + 120
@@ -204,7 +233,15 @@ def check_page(mirror, driver, screenshots):
     assert mirror_state(driver, PRODUCT) == "Mirrored", "the product never became Mirrored"
     assert json.loads(mirror.ctl("product", PRODUCT, "--json"))["mirror"] == "Mirrored"
 
-    click(driver, f"tr[data-id='{PRODUCT}'] td.id a")
+    # The detail by keyboard: it takes the focus, and Escape gives it back to the product's link.
+    link = f"tr[data-id='{PRODUCT}'] td.id a"
+    click(driver, link, Keys.ENTER)
+    WebDriverWait(driver, 30).until(lambda d: d.find_element(By.ID, "detail").is_displayed())
+    assert driver.switch_to.active_element.get_attribute("id") == "detail-close"
+    driver.switch_to.active_element.send_keys(Keys.ESCAPE)
+    assert not driver.find_element(By.ID, "detail").is_displayed()
+    assert driver.switch_to.active_element.text == PRODUCT, "the focus is back on the link"
+    click(driver, link, Keys.ENTER)
     WebDriverWait(driver, 30).until(lambda d: d.find_element(By.ID, "detail").is_displayed())
     files = driver.find_elements(By.CSS_SELECTOR, "#detail-files tbody tr")
     assert files and all(f.find_elements(By.TAG_NAME, "td")[2].text == "yes" for f in files)
