@@ -149,7 +149,16 @@ ServerSummary summarizeServer(KTSPassContext& context) {
   summary.lastRunTime = status.getLastRunTime();
   summary.updateError = status.getUpdateError();
   summary.errorNote = status.getErrorNote();
-  summary.mode = context.preferences().modeName();
+  KTSPreferences& preferences = context.preferences();
+  summary.mode = preferences.modeName();
+  std::vector<const char*> missing;
+  if (!preferences.autoMirror()) missing.push_back("autoMirror true");
+  if (!preferences.autoEnable()) missing.push_back("autoEnable true");
+  if (!preferences.purgeUnused()) missing.push_back("PurgeUnused true");
+  if (preferences.autoMirrorOnlyNew()) missing.push_back("autoMirrorOnlyNew false");
+  if (missing.size() == 1 && (preferences.autoMirror() || preferences.autoEnable())) {
+    summary.automaticNeeds = missing.front();
+  }
   for (const auto& [productId, record] : context.workingSet().products().items()) {
     ++summary.products;
     std::int32_t mirror = KTSProduct::mirrorStateForString(record["mirror"].stringValue());
@@ -184,6 +193,7 @@ Plist summaryAsPlist(const ServerSummary& summary) {
   out.set("updateError", Plist::boolean(summary.updateError));
   out.set("errorNote", summary.errorNote ? Plist(*summary.errorNote) : Plist());
   out.set("mode", summary.mode);
+  if (!summary.automaticNeeds.empty()) out.set("automaticNeeds", summary.automaticNeeds);
   out.set("products", integer(summary.products));
   out.set("productsByMirrorState", counts(summary.byMirrorState));
   out.set("productsByCompositeState", counts(summary.byCompositeState));

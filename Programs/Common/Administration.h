@@ -29,6 +29,9 @@ struct ServerSummary {
   bool updateError = false;
   std::optional<std::string> errorNote;
   std::string mode;
+  // The one setting ("KEY VALUE") that keeps a server that mirrors or enables on its own from
+  // the AUTOMATIC mode; empty otherwise.
+  std::string automaticNeeds;
   std::map<std::string, std::uint64_t> byMirrorState;
   std::map<std::string, std::uint64_t> byCompositeState;
   std::uint64_t products = 0;

@@ -271,6 +271,18 @@ int webPassword(const std::string& user) {
   return reloadWebServer("ondrd.conf", "the page comes with the next start of the web server");
 }
 
+// The page posts changes into the spool: one the service account cannot write (made by root,
+// say) refuses every change, so web start says so at once. Commands run as the service account.
+void warnAboutUnwritableSpool() {
+  const std::string spool = KTSServerLayout::spoolFolder();
+  if (::access(spool.c_str(), F_OK) != 0 || ::access(spool.c_str(), W_OK | X_OK) == 0) return;
+  std::fprintf(stderr,
+               "ondrelctl: warning: the spool %s is not writable by the service account, so the "
+               "page cannot post changes; make it the account's (chown -R _ondrel:_ondrel %s, "
+               "chmod 0770 %s)\n",
+               spool.c_str(), spool.c_str(), spool.c_str());
+}
+
 int web(const std::string& action) {
   pid_t running = webServerPid();
   if (action == "status") {
@@ -293,6 +305,7 @@ int web(const std::string& action) {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
     std::printf("started (PID %d)\n", static_cast<int>(webServerPid()));
+    warnAboutUnwritableSpool();
     return webServerPid() ? 0 : kExitFailed;
   }
   if (!running) return fail("the web server is not running");

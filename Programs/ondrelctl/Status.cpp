@@ -64,6 +64,10 @@ int status(bool json) {
               summary.daemonPid ? fmt::format("running (PID {})", *summary.daemonPid).c_str()
                                 : "not running: nothing posted is carried out until it runs");
   std::printf("Mode:            %s\n", summary.mode.c_str());
+  if (!summary.automaticNeeds.empty()) {
+    std::printf("                 AUTOMATIC also needs %s: ondrelctl config set %s\n",
+                summary.automaticNeeds.c_str(), summary.automaticNeeds.c_str());
+  }
   std::printf("Products:        %llu, %llu enabled\n",
               static_cast<unsigned long long>(summary.products),
               static_cast<unsigned long long>(summary.enabled));

@@ -87,6 +87,15 @@ TEST_F(AdministrationTest, StatusProductsAndMetricsReadTheSharedFiles) {
       << status.output;
   EXPECT_NE(status.output.find("Last pass:       succeeded (changes only), "), std::string::npos)
       << status.output;
+  EXPECT_NE(status.output.find("Daemon:          not running"), std::string::npos);
+  // Mirroring and enabling on its own, yet MANUAL: the status names the missing setting.
+  ASSERT_EQ(ctl({"config", "set", "autoMirror", "true"}).exitStatus, 0);
+  ASSERT_EQ(ctl({"config", "set", "autoEnable", "true"}).exitStatus, 0);
+  std::string manual = ctl({"status"}).output;
+  EXPECT_NE(manual.find("Mode:            MANUAL (auto-download ON)\n                 AUTOMATIC "
+                        "also needs PurgeUnused true: ondrelctl config set PurgeUnused true\n"),
+            std::string::npos)
+      << manual;
   EXPECT_NE(status.output.find("\nFailure:         the upstream example does not answer; catalogs "
                                "served as they were (until a full pass succeeds)\n"),
             std::string::npos)
@@ -294,7 +303,16 @@ TEST_F(AdministrationTest, ClientsFetchServedCatalogsThroughApacheAndTheCgi) {
   preferences->setPurgeUnused(true);
   ASSERT_TRUE(preferences->commitChanges());
 
-  ASSERT_EQ(ctl({"web", "start"}).exitStatus, 0);
+  // A spool the service account cannot write (as root's mkdir leaves it) is told at once.
+  const std::string spool = path("/var/spool/ondrd");
+  std::filesystem::create_directories(spool);
+  std::filesystem::permissions(spool, std::filesystem::perms(0555));
+  test::ProgramResult started = ctl({"web", "start"});
+  ASSERT_EQ(started.exitStatus, 0) << started.output;
+  EXPECT_NE(started.output.find("warning: the spool " + spool + " is not writable"),
+            std::string::npos)
+      << started.output;
+  std::filesystem::permissions(spool, std::filesystem::perms(0770));
   httplib::Client client("127.0.0.1", port);
   client.set_follow_location(true);
   httplib::Headers taltos16 = {{"User-Agent", "Vantor-Update/1.0 Taltos/16.0.0"}};
