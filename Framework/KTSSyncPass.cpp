@@ -127,6 +127,7 @@ KTSPassOutcome KTSSyncPass::runProductChanges() {
 
 KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
   KTSPassOutcome outcome;
+  observer_.passStarted();
   markPassStarted(fullSync);
   collectChanges();
   recordChangesInWorkingSet();
@@ -528,6 +529,12 @@ std::vector<std::vector<std::shared_ptr<KTSProduct>>> KTSSyncPass::productsToMir
 void KTSSyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwnership& ownership,
                                  KTSPassOutcome& outcome) {
   std::vector<std::vector<std::shared_ptr<KTSProduct>>> waiting = productsToMirror();
+  std::uint64_t declared = 0;
+  for (const auto& variants : waiting) {
+    declared += static_cast<std::uint64_t>(
+        std::max<std::int64_t>(0, variants.front()->getTotalMirrorSize().integerValue()));
+  }
+  observer_.mirroringStarted(waiting.size(), declared);
   std::size_t next = 0;
   std::uint64_t promised = 0;
   bool upstreamStopped = false;

@@ -34,8 +34,12 @@ class KTSProduct;
 class KTSPassObserver {
  public:
   virtual ~KTSPassObserver() = default;
+  // A pass begins (a full one, or one that carries out product changes).
+  virtual void passStarted() = 0;
   // The pass starts to sync (or load) the number-th of count catalogs.
   virtual void catalogStarted(std::size_t number, std::size_t count, const std::string& name) = 0;
+  // The products whose files are to be fetched, and the bytes their catalogs give for them.
+  virtual void mirroringStarted(std::size_t products, std::uint64_t bytes) = 0;
   // A product's files are all in place.
   virtual void productMirrored(const std::string& productId, std::size_t files, std::uint64_t bytes,
                                std::chrono::duration<double> took) = 0;

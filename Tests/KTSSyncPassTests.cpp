@@ -32,6 +32,11 @@ using test::OndrelTest;
 
 class RecordingObserver : public KTSPassObserver {
  public:
+  void passStarted() override { ++passes; }
+  void mirroringStarted(std::size_t products, std::uint64_t bytes) override {
+    EXPECT_EQ(passes, 1);
+    announced = {products, bytes};
+  }
   void catalogStarted(std::size_t number, std::size_t count, const std::string& name) override {
     EXPECT_EQ(number, started.size() + 1) << name;
     catalogCount = count;
@@ -48,6 +53,8 @@ class RecordingObserver : public KTSPassObserver {
   std::size_t catalogCount = 0;
   std::vector<std::string> mirrored;
   int workEnded = 0;
+  int passes = 0;
+  std::pair<std::size_t, std::uint64_t> announced;
 };
 
 class KTSSyncPassTest : public OndrelTest {
@@ -166,6 +173,8 @@ TEST_F(KTSSyncPassTest, AnAdministratorsChangesAreCarriedOutByPassesOfChangesOnl
   KTSPassOutcome mirrored = changesPass();
   EXPECT_FALSE(mirrored.failed()) << mirrored.note();
   EXPECT_EQ(observer_.mirrored, std::vector<std::string>{chosen});
+  EXPECT_EQ(observer_.announced.first, 1u);
+  EXPECT_GE(observer_.announced.second, std::filesystem::file_size(html() + packagePath(chosen)));
   EXPECT_EQ(mirrored.productsNew, 0u) << "a pass of changes only meets no new product";
   EXPECT_GE(mirrored.bytesFetched, std::filesystem::file_size(html() + packagePath(chosen)));
   EXPECT_EQ(served().size(), 1u);

@@ -178,6 +178,7 @@ ServerSummary summarizeServer(KTSPassContext& context) {
   tickets.refresh();
   summary.pendingTickets = tickets.openJobs().size();
   summary.daemonPid = runningDaemon();
+  if (summary.daemonPid) summary.progress = KTSPassProgress::read(KTSPassProgress::defaultPath());
   summary.volume = KTSMirrorSpace::now();
   return summary;
 }
@@ -203,6 +204,7 @@ Plist summaryAsPlist(const ServerSummary& summary) {
   out.set("pendingRequests", integer(summary.pendingRequests));
   out.set("pendingTickets", integer(summary.pendingTickets));
   out.set("daemonRunning", Plist::boolean(summary.daemonPid.has_value()));
+  if (summary.progress) out.set("progress", summary.progress->asPlist(Clock::now()));
   out.set("volumeBytes", integer(summary.volume.total));
   out.set("volumeFreeBytes", integer(summary.volume.free));
   out.set("reserveBytes", integer(summary.volume.reserve));

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "KTSMirrorSpace.h"
+#include "KTSPassProgress.h"
 #include "Plist.h"
 
 namespace ondrel {
@@ -43,6 +44,8 @@ struct ServerSummary {
   // The ondrd_syncd that holds the pass lock (the service, or a pass run by hand); none when no
   // ondrd_syncd runs, so that nothing posted is carried out until one does.
   std::optional<int> daemonPid;
+  // What the pass under way has done; none when no pass is under way.
+  std::optional<KTSPassProgress::State> progress;
   KTSMirrorSpace volume;
 };
 

@@ -8,9 +8,24 @@
 
 namespace ondrel::syncd {
 
-Progress::Progress() : terminal_(::isatty(STDOUT_FILENO) == 1) {}
+Progress::Progress(const std::string& progressPath)
+    : terminal_(::isatty(STDOUT_FILENO) == 1), published_(progressPath) {}
+
+void Progress::mirroringStarted(std::size_t products, std::uint64_t bytes) {
+  published_.mirroringStarted(products, bytes);
+  if (products > 0) {
+    note(fmt::format("Mirroring {} products, {:.1f} MB", products,
+                     static_cast<double>(bytes) / 1e6));
+  }
+}
+
+void Progress::passWorkEnded() {
+  published_.passEnded();
+  finish();
+}
 
 void Progress::catalogStarted(std::size_t number, std::size_t count, const std::string& name) {
+  published_.catalogStarted(number, count, name);
   catalogLabel_ = fmt::format("catalog {} of {}", number, count);
   notifySystemd("syncing " + catalogLabel_);
   note(fmt::format("Syncing {}: {}", catalogLabel_, name));
@@ -18,6 +33,7 @@ void Progress::catalogStarted(std::size_t number, std::size_t count, const std::
 
 void Progress::productMirrored(const std::string& productId, std::size_t files, std::uint64_t bytes,
                                std::chrono::duration<double> took) {
+  published_.productMirrored(bytes);
   double rate = took.count() > 0 ? static_cast<double>(bytes) / 1048576.0 / took.count() : 0;
   std::string text = fmt::format("Mirrored {}: {} files, {:.1f} MiB, {:.1f} MiB/s", productId,
                                  files, static_cast<double>(bytes) / 1048576.0, rate);

@@ -183,7 +183,7 @@ int main(int argc, char** argv) {
     return kExitBusy;
   }
   ondrel::programs::installCgiPrograms();
-  ondrel::syncd::Progress progress;
+  ondrel::syncd::Progress progress(ondrel::KTSPassProgress::defaultPath());
   ondrel::KTSFetchScheduler::setHeartbeat(&ondrel::syncd::Progress::heartbeat);
   if (once) {
     auto reuse =

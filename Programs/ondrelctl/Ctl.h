@@ -22,6 +22,8 @@ using programs::quotedForMessage;
 void printJson(const Plist& value);
 
 int status(bool json);
+// The pass under way, again every two seconds until no pass is under way.
+int watchStatus();
 int products(const programs::ProductFilter& filter, bool json);
 int product(const std::string& productId, bool json);
 int metrics();

@@ -1,10 +1,14 @@
 // What ondrelctl reads: the status, the products, one product, metrics and the plan of the next
 // pass, as text or JSON, from what Administration gathers; nothing here writes.
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <thread>
 
+#include "Clock.h"
 #include "Ctl.h"
 #include "DateFormats.h"
 #include "KTCatalogKeys.h"
@@ -63,6 +67,9 @@ int status(bool json) {
   std::printf("Daemon:          %s\n",
               summary.daemonPid ? fmt::format("running (PID {})", *summary.daemonPid).c_str()
                                 : "not running: nothing posted is carried out until it runs");
+  if (summary.progress) {
+    std::printf("Pass under way:  %s\n", summary.progress->summary(Clock::now()).c_str());
+  }
   std::printf("Mode:            %s\n", summary.mode.c_str());
   if (!summary.automaticNeeds.empty()) {
     std::printf("                 AUTOMATIC also needs %s: ondrelctl config set %s\n",
@@ -81,6 +88,21 @@ int status(bool json) {
               humanBytes(summary.volume.total - summary.volume.free).c_str(),
               humanBytes(summary.volume.free).c_str());
   return 0;
+}
+
+int watchStatus() {
+  bool terminal = ::isatty(STDOUT_FILENO) == 1;
+  for (bool shown = false;; shown = true) {
+    KTSPassContext context;
+    programs::ServerSummary summary = programs::summarizeServer(context);
+    if (!summary.progress) {
+      std::printf("%sNo pass under way.\n", shown && terminal ? "\n" : "");
+      return 0;
+    }
+    std::printf(terminal ? "\r\033[K%s" : "%s\n", summary.progress->summary(Clock::now()).c_str());
+    std::fflush(stdout);
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+  }
 }
 
 int products(const programs::ProductFilter& filter, bool json) {

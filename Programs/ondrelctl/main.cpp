@@ -60,6 +60,7 @@ void defineCommands(CLI::App& app, CommandLine& line) {
     return command;
   };
   line.status = withJson(app.add_subcommand("status", "Sync state, products, space"));
+  line.status->add_flag("--watch", line.wait, "Show the pass under way every 2 s until it ends");
   line.products = withJson(app.add_subcommand("products", "List the products"));
   line.products->add_option("--state", line.filter.state, "Mirror state or catalog state");
   line.products->add_flag("--enabled", line.filter.enabledOnly, "Only products offered to clients");
@@ -101,7 +102,7 @@ void defineCommands(CLI::App& app, CommandLine& line) {
 }
 
 int carryOut(const CommandLine& line) {
-  if (*line.status) return status(line.json);
+  if (*line.status) return line.wait ? watchStatus() : status(line.json);
   if (*line.products) return products(line.filter, line.json);
   if (*line.product) return product(line.productId, line.json);
   if (!line.action.empty()) return postChanges(line.action, line.productIds);

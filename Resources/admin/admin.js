@@ -90,7 +90,7 @@ function drawBars(svg, counts) {
   });
 }
 
-// While a pass runs the status is read again every two seconds.
+// While a pass runs its progress is shown, and the status read again every two seconds.
 function showStatus(status) {
   const pass = status.lastPass || {};
   page.daemonRunning = status.daemonRunning;
@@ -98,8 +98,11 @@ function showStatus(status) {
   $("daemon").textContent = status.daemonRunning ? "running" : "not running";
   $("waiting").textContent =
     `${status.pendingRequests} requests, ${status.pendingTickets} changes`;
+  const progress = $("pass-progress");
+  progress.hidden = !status.progress;
+  progress.textContent = status.progress ? `Pass under way: ${status.progress.summary}` : "";
   clearTimeout(page.statusTimer);
-  if (status.syncState === "syncing") {
+  if (status.syncState === "syncing" || status.progress) {
     page.statusTimer = setTimeout(() => api("/status").then(showStatus).catch(() => {}), 2000);
   }
   $("last-pass").textContent = pass.outcome

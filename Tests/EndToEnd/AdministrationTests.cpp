@@ -13,6 +13,7 @@
 #include "DateFormats.h"
 #include "KTSJobTicketManager.h"
 #include "KTSPassHistory.h"
+#include "KTSPassProgress.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSRequestManager.h"
@@ -88,6 +89,9 @@ TEST_F(AdministrationTest, StatusProductsAndMetricsReadTheSharedFiles) {
   EXPECT_NE(status.output.find("Last pass:       succeeded (changes only), "), std::string::npos)
       << status.output;
   EXPECT_NE(status.output.find("Daemon:          not running"), std::string::npos);
+  KTSPassProgress(KTSPassProgress::defaultPath()).passStarted();
+  EXPECT_EQ(ctl({"status"}).output.find("Pass under way"), std::string::npos)
+      << "the progress a daemon that is gone left behind";
   // Mirroring and enabling on its own, yet MANUAL: the status names the missing setting.
   ASSERT_EQ(ctl({"config", "set", "autoMirror", "true"}).exitStatus, 0);
   ASSERT_EQ(ctl({"config", "set", "autoEnable", "true"}).exitStatus, 0);

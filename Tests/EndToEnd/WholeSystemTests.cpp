@@ -157,6 +157,9 @@ TEST_F(WholeSystemTest, AutomaticModeFollowsTheVendorDayByDay) {
   };
   walk(mirror.served()[KTCatalogProductsDictKey]);
   EXPECT_TRUE(mirror.served().contains(KTCatalogIndexDateKey));
+  EXPECT_FALSE(
+      std::filesystem::exists(mirror.root() + "/Library/Server/Ondrel/Status/.pass_progress"))
+      << "no progress is left once the pass is over";
   EXPECT_TRUE(std::filesystem::is_symlink(mirror.html() + "/" + kNewestCatalog));
 
   // A second pass finds nothing new; a pass while another holds the lock is refused.
