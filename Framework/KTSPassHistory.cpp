@@ -13,9 +13,11 @@ namespace ondrel {
 
 namespace {
 
-// The history is a handful of keys; anything larger is not one.
-constexpr std::size_t kHistoryReadLimit = 64 * 1024;
+// The history is a handful of keys and the last passes; anything larger is not one.
+constexpr std::size_t kHistoryReadLimit = 256 * 1024;
 constexpr std::size_t kNoteLimit = 1024;
+// The notes of the recent passes are shown beside a chart: a line's worth.
+constexpr std::size_t kRecentNoteLimit = 200;
 // How long after its time a pass that has not run makes the server unhealthy.
 constexpr auto kOverdueGrace = std::chrono::hours(1);
 
@@ -101,6 +103,10 @@ KTSPassHistory::KTSPassHistory(std::string path) : path_(std::move(path)) {
   std::optional<Plist> read = Plist::readFile(path_, &error, kHistoryReadLimit);
   if (!read || !read->isDictionary()) return;
   lastPass_ = passFromPlist((*read)["lastPass"]);
+  for (const Plist& record : (*read)["recentPasses"].elements()) {
+    if (recent_.size() == kRecentPasses) break;
+    if (std::optional<Pass> pass = passFromPlist(record)) recent_.push_back(std::move(*pass));
+  }
   lastGoodPassEnd_ = (*read)["lastGoodPassEnd"].dateValue();
   passes_ = counter((*read)["passes"]);
   failedPasses_ = counter((*read)["failedPasses"]);
@@ -116,6 +122,9 @@ bool KTSPassHistory::record(const Pass& pass) {
     ++failedPasses_;
   }
   bytesFetched_ += pass.bytesFetched;
+  recent_.push_back(pass);
+  recent_.back().note = recent_.back().note.substr(0, kRecentNoteLimit);
+  if (recent_.size() > kRecentPasses) recent_.erase(recent_.begin());
   std::string error;
   return asPlist().writeXmlFile(path_, &error);
 }
@@ -127,6 +136,9 @@ Plist KTSPassHistory::asPlist() const {
   history.set("passes", integer(passes_));
   history.set("failedPasses", integer(failedPasses_));
   history.set("bytesFetched", integer(bytesFetched_));
+  Plist recent = Plist::array();
+  for (const Pass& pass : recent_) recent.append(passAsPlist(pass));
+  history.set("recentPasses", std::move(recent));
   return history;
 }
 

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "Plist.h"
 
@@ -42,6 +43,9 @@ class KTSPassHistory {
   explicit KTSPassHistory(std::string path);
 
   const std::optional<Pass>& lastPass() const { return lastPass_; }
+  // The last passes, oldest first (at most kRecentPasses), for a chart of them.
+  static constexpr std::size_t kRecentPasses = 60;
+  const std::vector<Pass>& recentPasses() const { return recent_; }
   const std::optional<Date>& lastGoodPassEnd() const { return lastGoodPassEnd_; }
   std::uint64_t passes() const { return passes_; }
   std::uint64_t failedPasses() const { return failedPasses_; }
@@ -65,6 +69,7 @@ class KTSPassHistory {
 
   std::string path_;
   std::optional<Pass> lastPass_;
+  std::vector<Pass> recent_;
   std::optional<Date> lastGoodPassEnd_;
   std::uint64_t passes_ = 0;
   std::uint64_t failedPasses_ = 0;

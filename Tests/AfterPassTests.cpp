@@ -76,6 +76,17 @@ TEST_F(AfterPassTest, HistoryKeepsTheLastGoodPassAndRefusesDamage) {
   EXPECT_FALSE(KTSPassHistory(file).healthy(first + 27h + 1min)) << "a pass is overdue";
   EXPECT_NE(KTSPassHistory(file).healthJson(first + 28h).find("\"nextPassOverdue\": true"),
             std::string::npos);
+  // The last passes, oldest first, for the page's chart; only the newest are kept.
+  std::vector<KTSPassHistory::Pass> recent = KTSPassHistory(file).recentPasses();
+  ASSERT_EQ(recent.size(), 3u);
+  EXPECT_EQ(recent[1].outcome, KTSPassHistory::Outcome::Failed);
+  EXPECT_EQ(recent[2].started, first + 2h);
+  for (int i = 0; i < 70; ++i) {
+    KTSPassHistory(file).record(pass(KTSPassHistory::Outcome::Succeeded, first + 3h + i * 1min));
+  }
+  recent = KTSPassHistory(file).recentPasses();
+  ASSERT_EQ(recent.size(), KTSPassHistory::kRecentPasses);
+  EXPECT_EQ(recent.back().started, first + 3h + 69min);
 
   // Damaged and hostile histories count as none: the server is not healthy on their word.
   const std::string hostileEnd = "<date>2001-01-01T00:00:00Z</date>";

@@ -72,6 +72,21 @@ Plist status(KTSPassContext& context) {
   }
   out.set("lastPass", pass);
   if (history.lastGoodPassEnd()) out.set("lastGoodPass", Plist::date(*history.lastGoodPassEnd()));
+  Plist recent = Plist::array();
+  for (const KTSPassHistory::Pass& earlier : history.recentPasses()) {
+    Plist item = Plist::dictionary();
+    item.set("started", Plist::date(earlier.started));
+    item.set("seconds", Plist::real(earlier.seconds()));
+    item.set("outcome", KTSPassHistory::outcomeName(earlier.outcome));
+    item.set("kind", earlier.fullSync ? "full" : "changes only");
+    item.set("bytesFetched", integer(earlier.bytesFetched));
+    item.set("note", earlier.note);
+    recent.append(item);
+  }
+  out.set("recentPasses", recent);
+  Date now = Clock::now();
+  out.set("healthy", Plist::boolean(history.healthy(now)));
+  out.set("overdue", Plist::boolean(history.overdue(now)));
   out.set("now", Plist::date(Clock::now()));
   return out;
 }

@@ -91,8 +91,63 @@ function drawBars(svg, counts) {
 }
 
 // While a pass runs its progress is shown, and the status read again every two seconds.
+// Vertical bars, one per pass, oldest first; a pass that did not succeed is red and marked, and
+// each bar says what it is when pointed at.
+function drawHistory(svg, passes, valueOf) {
+  while (svg.firstChild) svg.removeChild(svg.firstChild);
+  const height = 80;
+  const most = Math.max(1e-9, ...passes.map(valueOf));
+  svg.setAttribute("width", Math.max(1, passes.length) * 8 + 8);
+  svg.setAttribute("height", height + 14);
+  passes.forEach((pass, index) => {
+    const value = valueOf(pass);
+    const barHeight = Math.max(2, (height * value) / most);
+    const bar = document.createElementNS(SVG, "rect");
+    bar.setAttribute("x", index * 8 + 4);
+    bar.setAttribute("y", height - barHeight);
+    bar.setAttribute("width", 6);
+    bar.setAttribute("height", barHeight);
+    bar.setAttribute("fill", COLORS[0]);
+    const failed = pass.outcome !== "succeeded";
+    if (failed) bar.setAttribute("class", "failed");
+    const title = document.createElementNS(SVG, "title");
+    title.textContent = `${new Date(pass.started).toLocaleString()}: ${pass.outcome} (${pass.kind}), ` +
+      `${Math.round(pass.seconds)} s, ${bytes(pass.bytesFetched)}${pass.note ? `: ${pass.note}` : ""}`;
+    bar.append(title);
+    svg.append(bar);
+    if (failed) {
+      const mark = document.createElementNS(SVG, "text");
+      mark.setAttribute("x", index * 8 + 3);
+      mark.setAttribute("y", height + 12);
+      mark.textContent = "\u2715";
+      svg.append(mark);
+    }
+  });
+}
+
+// A banner when the server is not healthy: the last pass failed, none has succeeded yet, the
+// next pass is overdue, or the free space is close to the reserve.
+function healthProblems(status) {
+  const problems = [];
+  const pass = status.lastPass || {};
+  if (pass.outcome === "failed") problems.push("the last pass failed");
+  if (!status.lastGoodPass) problems.push("no pass has succeeded yet");
+  if (status.overdue) problems.push("the next pass is more than an hour overdue");
+  const margin = status.volumeBytes * 0.05;
+  if (status.volumeFreeBytes < status.reserveBytes + margin) {
+    problems.push("the free space is close to the reserve");
+  }
+  return problems;
+}
+
 function showStatus(status) {
   const pass = status.lastPass || {};
+  const problems = healthProblems(status);
+  $("health-banner").hidden = problems.length === 0;
+  $("health-banner").textContent = problems.length ? `Needs attention: ${problems.join("; ")}.` : "";
+  const recent = status.recentPasses || [];
+  drawHistory($("chart-history-seconds"), recent, (item) => item.seconds);
+  drawHistory($("chart-history-bytes"), recent, (item) => item.bytesFetched / 1e6);
   page.daemonRunning = status.daemonRunning;
   $("sync-state").textContent = status.syncState;
   $("daemon").textContent = status.daemonRunning ? "running" : "not running";

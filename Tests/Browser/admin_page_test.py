@@ -231,6 +231,15 @@ def check_page(mirror, driver, screenshots):
             break
         time.sleep(1)
     assert mirror_state(driver, PRODUCT) == "Mirrored", "the product never became Mirrored"
+    # The chart has a bar for each pass (the history is recorded just after a pass's work).
+    def bars_match(_):
+        passes = re.search(r"^ondrel_passes_total (\d+)$", mirror.ctl("metrics"), re.M).group(1)
+        driver.find_element(By.ID, "refresh").click()
+        wait_loaded(driver)
+        bars = driver.find_elements(By.CSS_SELECTOR, "#chart-history-seconds rect")
+        return len(bars) == int(passes) >= 2
+    WebDriverWait(driver, 30, poll_frequency=1).until(bars_match)
+    assert not driver.find_element(By.ID, "health-banner").is_displayed(), "a healthy server"
     assert json.loads(mirror.ctl("product", PRODUCT, "--json"))["mirror"] == "Mirrored"
 
     # The detail by keyboard: it takes the focus, and Escape gives it back to the product's link.
