@@ -102,7 +102,8 @@ class KTSSyncPassTest : public OndrelTest {
   void post(const std::string& action, const std::string& productId) {
     renewContext();
     std::string error;
-    ASSERT_TRUE(programs::postProductChanges(context(), action, {productId}, &error)) << error;
+    ASSERT_TRUE(programs::postProductChanges(context(), action, {productId}, "test", &error))
+        << error;
   }
   // Whether nothing the administrator posted is still waiting.
   bool nothingPending() {

@@ -1,9 +1,15 @@
 #include "Administration.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <set>
@@ -29,6 +35,7 @@
 #include "KTSWorkingSet.h"
 #include "PathString.h"
 #include "ProductId.h"
+#include "Utf8.h"
 
 namespace ondrel::programs {
 
@@ -63,6 +70,43 @@ std::optional<int> runningDaemon() {
   readWholeFile("/proc/" + std::to_string(pid) + "/comm", &name, nullptr, 64);
   if (name.rfind("ondrd_syncd", 0) != 0) return std::nullopt;
   return pid;
+}
+
+std::string auditLogPath() { return KTSServerLayout::statusPath("audit.log"); }
+// A line of the log is at most this long (a change of many products names the first few).
+constexpr std::size_t kMostAuditLine = 2048;
+// How much of the log's end is read to show its newest entries.
+constexpr std::size_t kAuditTail = std::size_t{256} << 10;
+
+// Text of the log's fields: no tab or line break from outside ends a field or a line.
+std::string auditField(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c == '\t' || c == '\n' || c == '\r'; }, ' ');
+  return text.substr(0, 128);
+}
+
+// Appends one line ("time, requester, action, products" separated by tabs) in one write, which
+// the kernel keeps whole beside other writers' lines.
+void recordInAuditLog(const std::string& requester, const std::string& action,
+                      const std::vector<std::string>& productIds) {
+  std::string line = formatRfc3339Date(Clock::now()) + "\t" + auditField(requester) + "\t" +
+                     auditField(action) + "\t";
+  for (std::size_t i = 0; i < productIds.size(); ++i) {
+    std::string next = (i > 0 ? " " : "") + auditField(productIds[i]);
+    if (line.size() + next.size() > kMostAuditLine - 32) {
+      line += fmt::format(" and {} more", productIds.size() - i);
+      break;
+    }
+    line += next;
+  }
+  line += "\n";
+  int fd =
+      ::open(auditLogPath().c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640);
+  if (fd < 0) return;
+  if (::write(fd, line.data(), line.size()) < 0) {
+    LogHandle::shared().warning("The audit log could not be written: {}", std::strerror(errno));
+  }
+  ::close(fd);
 }
 
 std::uint64_t nonNegative(const Plist& value) {
@@ -357,7 +401,8 @@ bool isProductAction(const std::string& action) {
 }
 
 bool postProductChanges(KTSPassContext& context, const std::string& action,
-                        const std::vector<std::string>& productIds, std::string* error) {
+                        const std::vector<std::string>& productIds, const std::string& requester,
+                        std::string* error) {
   if (!isProductAction(action)) {
     *error = quotedForMessage(action) + " is not a product change; nothing was posted";
     return false;
@@ -400,16 +445,76 @@ bool postProductChanges(KTSPassContext& context, const std::string& action,
   for (const std::string& productId : productIds) {
     tickets.addTicketOfTypeForProduct(ticketType, productId);
   }
+  recordInAuditLog(requester, action, productIds);
   return true;
 }
 
-bool postSyncRequest(KTSPassContext& context, std::string* error) {
+bool postSyncRequest(KTSPassContext& context, const std::string& requester, std::string* error) {
   std::int64_t posted = waitForAFreshSecond();
   if (context.requests().postSyncRequest() && requestWrittenSince(posted)) {
+    recordInAuditLog(requester, "sync", {});
     return true;
   }
   *error = "the sync request could not be written to the spool " + KTSServerLayout::spoolFolder();
   return false;
+}
+
+Plist auditEntries(std::size_t limit) {
+  Plist entries = Plist::array();
+  int fd = ::open(auditLogPath().c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  struct stat info {};
+  if (fd < 0 || ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    if (fd >= 0) ::close(fd);
+    return entries;
+  }
+  off_t start = info.st_size > static_cast<off_t>(kAuditTail) ? info.st_size - kAuditTail : 0;
+  std::string tail(static_cast<std::size_t>(info.st_size - start), '\0');
+  ssize_t read = ::pread(fd, tail.data(), tail.size(), start);
+  ::close(fd);
+  tail.resize(read > 0 ? static_cast<std::size_t>(read) : 0);
+  std::vector<std::string> lines;
+  for (std::size_t at = 0, end; at < tail.size(); at = end + 1) {
+    end = tail.find('\n', at);
+    if (end == std::string::npos) break;
+    if (start == 0 || at > 0) lines.push_back(tail.substr(at, end - at));
+  }
+  for (auto line = lines.rbegin(); line != lines.rend() && entries.size() < limit; ++line) {
+    std::vector<std::string> fields;
+    for (std::size_t at = 0;;) {
+      std::size_t tab = line->find('\t', at);
+      fields.push_back(line->substr(at, tab - at));
+      if (tab == std::string::npos) break;
+      at = tab + 1;
+    }
+    if (fields.size() != 4 || !parseRfc3339Date(fields[0]) || !isValidUtf8(*line)) continue;
+    Plist entry = Plist::dictionary();
+    entry.set("time", fields[0]);
+    entry.set("requester", fields[1]);
+    entry.set("action", fields[2]);
+    Plist products = Plist::array();
+    for (std::size_t at = 0; at < fields[3].size();) {
+      std::size_t space = fields[3].find(' ', at);
+      if (space == std::string::npos) space = fields[3].size();
+      if (space > at) products.append(fields[3].substr(at, space - at));
+      at = space + 1;
+    }
+    entry.set("products", products);
+    entries.append(entry);
+  }
+  return entries;
+}
+
+std::string invokingUser() {
+  auto nameOf = [](uid_t uid) -> std::string {
+    struct passwd* account = ::getpwuid(uid);
+    return account != nullptr ? account->pw_name : std::to_string(uid);
+  };
+  std::string user = nameOf(::getuid());
+  const char* sudoUser = std::getenv("SUDO_USER");
+  if (::getuid() == 0 && sudoUser != nullptr && *sudoUser != '\0') {
+    user += fmt::format(" (sudo by {})", auditField(sudoUser));
+  }
+  return user;
 }
 
 std::string quotedForMessage(const std::string& text) {

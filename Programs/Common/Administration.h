@@ -79,12 +79,21 @@ Plist nextPassPlan(KTSPassContext& context);
 // The product changes an administrator can post: "mirror", "enable", "disable", "remove".
 bool isProductAction(const std::string& action);
 // Posts the action for the products to the daemon: one change request and a job ticket per
-// product. Nothing is posted, and error says why, when the action is unknown, an id is not a
-// product id or not in the working set, or the spool refuses the request.
+// product, and a line of the audit log naming who asked (requester: "alice (page)", "root").
+// Nothing is posted, and error says why, when the action is unknown, an id is not a product id
+// or not in the working set, or the spool refuses the request.
 bool postProductChanges(KTSPassContext& context, const std::string& action,
-                        const std::vector<std::string>& productIds, std::string* error);
-// Asks the daemon for a pass now; false with the reason when the spool refuses the request.
-bool postSyncRequest(KTSPassContext& context, std::string* error);
+                        const std::vector<std::string>& productIds, const std::string& requester,
+                        std::string* error);
+// Asks the daemon for a pass now, in the audit log too; false with the reason when the spool
+// refuses the request.
+bool postSyncRequest(KTSPassContext& context, const std::string& requester, std::string* error);
+// The newest entries of the audit log, newest first, at most limit: each "time", "requester",
+// "action" and "products" (an array). The log is read as untrusted; a line that is not one of
+// its entries is left out.
+Plist auditEntries(std::size_t limit);
+// The user ondrelctl acts for: its real user's name, and under sudo the user who ran sudo.
+std::string invokingUser();
 
 // Text from outside as a message may show it: in quotes, control characters escaped, at most
 // 64 characters of it.

@@ -39,6 +39,8 @@ namespace {
 using namespace ondrel;
 
 constexpr const char* kSessionCookie = "ondrel_session";
+// The page shows the newest changes posted.
+constexpr std::size_t kShownAuditEntries = 20;
 
 void answer(int status, const char* reason, const Plist& body, const std::string& headers = "") {
   std::string text = toJson(body) + "\n";
@@ -163,7 +165,7 @@ int change(const std::string& route, const std::string& user, const std::string&
   Plist done = Plist::dictionary();
   KTSPassContext context;
   if (route == "/sync") {
-    if (!programs::postSyncRequest(context, &error)) {
+    if (!programs::postSyncRequest(context, user + " (page)", &error)) {
       return refuse(500, "Internal Server Error", error);
     }
     done.set("posted", "sync");
@@ -171,7 +173,7 @@ int change(const std::string& route, const std::string& user, const std::string&
     const auto& actions = (*fields)["action"];
     const auto& ids = (*fields)["id"];
     std::string action = actions.size() == 1 ? actions.front() : "";
-    if (!programs::postProductChanges(context, action, ids, &error)) {
+    if (!programs::postProductChanges(context, action, ids, user + " (page)", &error)) {
       return refuse(400, "Bad Request", error);
     }
     done.set("posted", action);
@@ -261,6 +263,7 @@ int read(const std::string& route) {
   if (route == "/status") return answer(200, "OK", status(context)), 0;
   if (route == "/products") return answer(200, "OK", productRows(context)), 0;
   if (route == "/plan") return answer(200, "OK", programs::nextPassPlan(context)), 0;
+  if (route == "/log") return answer(200, "OK", programs::auditEntries(kShownAuditEntries)), 0;
   if (route == "/product") {
     std::string query = programs::cgiVariable("QUERY_STRING");
     std::string id = query.rfind("id=", 0) == 0 ? query.substr(3) : "";

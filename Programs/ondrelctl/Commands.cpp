@@ -137,21 +137,24 @@ int reloadWebServer(const std::string& what, const std::string& otherwise) {
 
 }  // namespace
 
-int postChanges(const std::string& action, const std::vector<std::string>& productIds) {
+int postChanges(const std::string& action, const std::vector<std::string>& productIds,
+                const std::string& requester) {
   std::string error;
   KTSPassContext context;
-  if (!programs::postProductChanges(context, action, productIds, &error)) return fail(error);
+  if (!programs::postProductChanges(context, action, productIds, requester, &error)) {
+    return fail(error);
+  }
   std::printf("Posted: %s %zu product%s.\n", action.c_str(), productIds.size(),
               productIds.size() == 1 ? "" : "s");
   return 0;
 }
 
-int sync(bool wait) {
+int sync(bool wait, const std::string& requester) {
   KTSPassContext context;
   KTSSyncStatus& status = context.status();
   std::optional<Date> before = status.getLastRunTime();
   std::string error;
-  if (!programs::postSyncRequest(context, &error)) return fail(error);
+  if (!programs::postSyncRequest(context, requester, &error)) return fail(error);
   std::printf("Sync requested.\n");
   if (!wait) return 0;
   bool started = false;

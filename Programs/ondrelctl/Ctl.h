@@ -28,8 +28,12 @@ int products(const programs::ProductFilter& filter, bool json);
 int product(const std::string& productId, bool json);
 int metrics();
 int plan(bool json);
-int postChanges(const std::string& action, const std::vector<std::string>& productIds);
-int sync(bool wait);
+// requester: who asked, for the audit log.
+int postChanges(const std::string& action, const std::vector<std::string>& productIds,
+                const std::string& requester);
+int sync(bool wait, const std::string& requester);
+// The newest entries of the audit log: who posted which change, when.
+int auditLog(std::size_t limit, bool json);
 int configShow(bool json);
 int configGet(const std::string& key, bool json);
 int configSet(const std::string& key, const std::string& value);

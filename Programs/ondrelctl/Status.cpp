@@ -163,6 +163,25 @@ int product(const std::string& productId, bool json) {
   return 0;
 }
 
+int auditLog(std::size_t limit, bool json) {
+  Plist entries = programs::auditEntries(limit);
+  if (json) {
+    printJson(entries);
+    return 0;
+  }
+  for (const Plist& entry : entries.elements()) {
+    std::string products;
+    for (const Plist& id : entry["products"].elements()) {
+      products += (products.empty() ? "" : " ") + id.stringValue();
+    }
+    std::printf("%s  %-24s %-8s %s\n", entry["time"].stringValue().c_str(),
+                entry["requester"].stringValue().c_str(), entry["action"].stringValue().c_str(),
+                products.c_str());
+  }
+  if (entries.size() == 0) std::printf("Nothing posted yet.\n");
+  return 0;
+}
+
 int metrics() {
   KTSPassContext context;
   std::fputs(programs::prometheusText(programs::summarizeServer(context),

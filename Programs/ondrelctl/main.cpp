@@ -51,6 +51,9 @@ struct CommandLine {
   CLI::App* password = nullptr;
   CLI::App* plan = nullptr;
   CLI::App* metrics = nullptr;
+  CLI::App* log = nullptr;
+  std::size_t limit = 50;
+  std::string requester;
 };
 
 void defineCommands(CLI::App& app, CommandLine& line) {
@@ -99,14 +102,17 @@ void defineCommands(CLI::App& app, CommandLine& line) {
                           "is off");
   line.plan = withJson(app.add_subcommand("plan", "What the next pass downloads"));
   line.metrics = app.add_subcommand("metrics", "Status as Prometheus text");
+  line.log = withJson(app.add_subcommand("log", "Who posted which change, when (newest first)"));
+  line.log->add_option("--limit", line.limit, "How many entries")->check(CLI::Range(1, 100000));
 }
 
 int carryOut(const CommandLine& line) {
   if (*line.status) return line.wait ? watchStatus() : status(line.json);
   if (*line.products) return products(line.filter, line.json);
   if (*line.product) return product(line.productId, line.json);
-  if (!line.action.empty()) return postChanges(line.action, line.productIds);
-  if (*line.sync) return sync(line.wait);
+  if (!line.action.empty()) return postChanges(line.action, line.productIds, line.requester);
+  if (*line.sync) return sync(line.wait, line.requester);
+  if (*line.log) return auditLog(line.limit, line.json);
   if (*line.configShow) return configShow(line.json);
   if (*line.configGet) return configGet(line.key, line.json);
   if (*line.configSet) return configSet(line.key, line.value);
@@ -136,6 +142,8 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : kExitUsage;
   }
+  // Who asked, as the command's user before it acts as the service account.
+  line.requester = ondrel::programs::invokingUser();
   return runAsServiceAccount([&line] {
     if (std::optional<std::string> problem = ondrel::programs::administratorProblem()) {
       return fail(*problem);

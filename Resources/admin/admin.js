@@ -291,6 +291,17 @@ async function showDetail(productId) {
   }
 }
 
+function showAudit(entries) {
+  const body = document.createElement("tbody");
+  for (const entry of entries) {
+    const line = element("tr");
+    line.append(element("td", new Date(entry.time).toLocaleString()), element("td", entry.requester),
+                element("td", entry.action), element("td", entry.products.join(" ")));
+    body.append(line);
+  }
+  $("audit-table").replaceChild(body, $("audit-table").tBodies[0]);
+}
+
 // The plan reads every catalog's cache (seconds at 10,000 products), so the table does not wait
 // for it.
 async function refresh() {
@@ -299,10 +310,12 @@ async function refresh() {
     $("plan-summary").textContent = `The plan could not be read: ${error.message}`;
   });
   try {
-    const [status, products] = await Promise.all([api("/status"), api("/products")]);
+    const [status, products, audit] =
+      await Promise.all([api("/status"), api("/products"), api("/log")]);
     page.rows = products;
     showStatus(status);
     showProducts();
+    showAudit(audit);
     document.body.dataset.loaded = String(Date.now());
   } catch (error) {
     say(`The server could not be read: ${error.message}`, true);

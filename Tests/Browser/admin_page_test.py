@@ -221,6 +221,7 @@ def check_page(mirror, driver, screenshots):
     WebDriverWait(driver, 20).until(lambda d: "Posted: mirror 1 product" in text("message"))
     assert "ondrd_syncd carries it out within seconds" in text("message"), text("message")
     assert "1 selected but hidden by the filter were left out" in text("message"), text("message")
+    assert re.search(rf"admin \(page\) +mirror +{PRODUCT}\n", mirror.ctl("log")), mirror.ctl("log")
     driver.find_element(By.ID, "sync-now").click()
     WebDriverWait(driver, 20).until(lambda d: "Sync requested" in text("message"))
     deadline = time.time() + 120

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <regex>
 #include <set>
 #include <tuple>
@@ -17,6 +18,7 @@
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSRequestManager.h"
+#include "KTSServerLayout.h"
 #include "KTSSyncPass.h"
 #include "KTSSyncStatus.h"
 #include "KTSWorkingSet.h"
@@ -196,6 +198,12 @@ TEST_F(AdministrationTest, ChangesArePostedMergedWithTicketsAndNeverLost) {
   tickets->refresh();
   EXPECT_TRUE(tickets->hasTicketOfTypeForProduct(KTSJobTicket::Mirror, "VT-000002"));
   EXPECT_TRUE(tickets->hasTicketOfTypeForProduct(KTSJobTicket::Enable, "VT-000003"));
+  // Who asked for what is kept, newest first; a line that is not an entry is left out.
+  std::ofstream(KTSServerLayout::statusPath("audit.log"), std::ios::app)
+      << "garbage\nnot a date\tx\ty\tz\n";
+  std::string log = ctl({"log"}).output;
+  std::regex entry(R"(^\S+Z  root.*enable +VT-000003\n\S+Z  root.*mirror +VT-000002 VT-000003\n$)");
+  EXPECT_TRUE(std::regex_search(log, entry)) << log;
 }
 
 TEST_F(AdministrationTest, ConfigSetChecksValuesAndRewritesTheWebConfiguration) {
