@@ -158,13 +158,15 @@ def wait_loaded(driver, after=0):
     return int(driver.find_element(By.TAG_NAME, "body").get_attribute("data-loaded"))
 
 
-def check_page(mirror, driver, screenshots):
+def check_page(mirror, driver, screenshots, axe):
     driver.get(mirror.url + "/")
     WebDriverWait(driver, 30).until(lambda d: d.find_element(By.ID, "login").is_displayed())
     driver.find_element(By.ID, "login-user").send_keys("admin")
     driver.find_element(By.ID, "login-password").send_keys(PASSWORD)
     driver.find_element(By.ID, "login-submit").click()
     loaded = wait_loaded(driver)
+    violations = accessibility_violations(driver, axe)
+    assert not violations, violations
     status = mirror.status()
     text = lambda element_id: driver.find_element(By.ID, element_id).text
     assert text("user") == "admin", text("user")
@@ -253,6 +255,8 @@ def check_page(mirror, driver, screenshots):
     assert driver.switch_to.active_element.text == PRODUCT, "the focus is back on the link"
     click(driver, link, Keys.ENTER)
     WebDriverWait(driver, 30).until(lambda d: d.find_element(By.ID, "detail").is_displayed())
+    violations = accessibility_violations(driver, axe)
+    assert not violations, f"with the detail open: {violations}"
     files = driver.find_elements(By.CSS_SELECTOR, "#detail-files tbody tr")
     assert files and all(f.find_elements(By.TAG_NAME, "td")[2].text == "yes" for f in files)
     search.clear()
@@ -265,6 +269,18 @@ def check_page(mirror, driver, screenshots):
     driver.get(mirror.url + "/")
     WebDriverWait(driver, 30).until(lambda d: d.find_element(By.ID, "login").is_displayed())
     assert not driver.find_element(By.ID, "app").is_displayed(), "the session outlived the logout"
+
+
+def accessibility_violations(driver, axe):
+    """The serious and critical violations axe-core finds on the page as it is now."""
+    with open(axe, encoding="utf-8") as source:
+        driver.execute_script(source.read())
+    found = driver.execute_async_script(
+        "const done = arguments[arguments.length - 1];"
+        "axe.run(document, { resultTypes: ['violations'] }).then((result) => done("
+        "result.violations.filter((v) => v.impact === 'serious' || v.impact === 'critical')"
+        ".map((v) => `${v.id} (${v.impact}): ${v.nodes.map((n) => n.target.join(' ')).join(', ')}`)));")
+    return found
 
 
 def check_logins(mirror):
@@ -326,7 +342,7 @@ def check_refusals(mirror):
 
 def main():
     parser = argparse.ArgumentParser()
-    for name in ("ctl", "syncd", "sample", "resources", "screenshots"):
+    for name in ("ctl", "syncd", "sample", "resources", "screenshots", "axe"):
         parser.add_argument(f"--{name}", required=True)
     options = parser.parse_args()
     os.makedirs(options.screenshots, exist_ok=True)
@@ -339,7 +355,7 @@ def main():
         check_logins(mirror)
         check_refusals(mirror)
         driver = browser()
-        check_page(mirror, driver, options.screenshots)
+        check_page(mirror, driver, options.screenshots, options.axe)
     finally:
         if driver:
             driver.quit()
