@@ -69,32 +69,37 @@ Setting number(std::string_view key, std::int64_t low, std::int64_t high, std::s
   return {key, Kind::Integer, low, high, unit};
 }
 
+Setting ofWebServer(Setting setting) {
+  setting.shapesWebServer = true;
+  return setting;
+}
+
 }  // namespace
 
 const std::vector<Setting>& settable() {
   static const std::vector<Setting> settings = {
       plain("PurgeUnused", Kind::Boolean),
-      plain("adminAddress", Kind::ListenAddress),
-      plain("adminCertificate", Kind::ReadableFile),
-      plain("adminCertificateKey", Kind::ReadableFile),
-      number("adminPort", 1, 65535, "a port"),
+      ofWebServer(plain("adminAddress", Kind::ListenAddress)),
+      ofWebServer(plain("adminCertificate", Kind::ReadableFile)),
+      ofWebServer(plain("adminCertificateKey", Kind::ReadableFile)),
+      ofWebServer(number("adminPort", 1, 65535, "a port")),
       plain("autoEnable", Kind::Boolean),
       plain("autoMirror", Kind::Boolean),
       plain("autoMirrorOnlyNew", Kind::Boolean),
       number("hookTimeout", 1, 3600, "a number of seconds"),
-      plain("limitBandwidth", Kind::Boolean),
+      ofWebServer(plain("limitBandwidth", Kind::Boolean)),
       number("maxConcurrentDownloads", 1, kMostConcurrentDownloads, "a number of transfers"),
       plain("metaIndexURL", Kind::HttpURL),
       plain("metricsFile", Kind::FilePath),
       number("minimumDownloadSpeed", 0, kMostKilobytesPerSecond, "a whole number of KB/s"),
-      plain("otherCatalogs", Kind::CatalogList),
-      number("portToUse", 1, 65535, "a port"),
+      ofWebServer(plain("otherCatalogs", Kind::CatalogList)),
+      ofWebServer(number("portToUse", 1, 65535, "a port")),
       plain("publicHostName", Kind::HostName),
       number("syncBandwidth", 0, kMostKilobytesPerSecond,
              "a whole number of KB/s (0 for no limit)"),
-      plain("updatesDocRoot", Kind::Folder),
-      number("valueBandwidth", 0, kMostKilobytesPerSecond,
-             "a whole number of KB/s (0 for no limit)"),
+      ofWebServer(plain("updatesDocRoot", Kind::Folder)),
+      ofWebServer(number("valueBandwidth", 0, kMostKilobytesPerSecond,
+                         "a whole number of KB/s (0 for no limit)")),
       number("volumeReserve", 0, 100, "a percentage"),
   };
   return settings;

@@ -36,6 +36,9 @@ struct Setting {
   std::int64_t low = 0;
   std::int64_t high = 0;
   std::string_view unit;
+  // Whether it shapes the web server's configuration, which must then be reloaded: set only
+  // with ondrelctl, which reloads it, never from the page the web server itself serves.
+  bool shapesWebServer = false;
 };
 
 // The settings an administrator may set, by key.

@@ -37,7 +37,11 @@ class AfterPassTest : public OndrelTest {
     writeFile(file, "#!/bin/sh\n" + script + "\n");
     ::chmod(file.c_str(), mode);
   }
-  std::string folder_ = path("/hooks.d");
+  void SetUp() override {
+    OndrelTest::SetUp();
+    folder_ = path("/hooks.d");
+  }
+  std::string folder_;
 };
 
 TEST_F(AfterPassTest, HistoryKeepsTheLastGoodPassAndRefusesDamage) {

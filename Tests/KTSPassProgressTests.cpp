@@ -10,7 +10,11 @@ using test::OndrelTest;
 
 class KTSPassProgressTest : public OndrelTest {
  protected:
-  std::string file_ = path("/.pass_progress");
+  void SetUp() override {
+    OndrelTest::SetUp();
+    file_ = path("/.pass_progress");
+  }
+  std::string file_;
 };
 
 // What the daemon publishes is what the administration side reads: the step, the counts, the

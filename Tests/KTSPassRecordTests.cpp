@@ -15,6 +15,7 @@ class KTSPassRecordTest : public OndrelTest {
  protected:
   void SetUp() override {
     OndrelTest::SetUp();
+    file_ = path("/made.plist");
     std::filesystem::create_directories(
         std::filesystem::path(KTSPassRecord::defaultPath()).parent_path());
     writeFile(file_, "made once");
@@ -27,7 +28,7 @@ class KTSPassRecordTest : public OndrelTest {
     return KTSPassRecord(KTSPassRecord::Reuse::Allowed).isCurrent(file, inputs);
   }
 
-  std::string file_ = path("/made.plist");
+  std::string file_;
 };
 
 TEST_F(KTSPassRecordTest, AFileIsReusedOnlyAsTheLastPassLeftIt) {

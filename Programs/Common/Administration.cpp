@@ -15,6 +15,7 @@
 #include <set>
 #include <thread>
 
+#include "AdminSite.h"
 #include "Clock.h"
 #include "DateFormats.h"
 #include "FileIO.h"
@@ -30,6 +31,7 @@
 #include "KTSProduct.h"
 #include "KTSRequestManager.h"
 #include "KTSServerLayout.h"
+#include "KTSSettings.h"
 #include "KTSSyncStatus.h"
 #include "KTSUtilities.h"
 #include "KTSWorkingSet.h"
@@ -457,6 +459,63 @@ bool postSyncRequest(KTSPassContext& context, const std::string& requester, std:
   }
   *error = "the sync request could not be written to the spool " + KTSServerLayout::spoolFolder();
   return false;
+}
+
+bool changeSetting(KTSPassContext& context, const std::string& key, const std::string& text,
+                   const std::string& requester, std::string* error) {
+  const KTSSettings::Setting* setting = KTSSettings::find(key);
+  if (setting == nullptr) {
+    std::string keys;
+    for (const KTSSettings::Setting& each : KTSSettings::settable()) {
+      keys += (keys.empty() ? "" : ", ") + std::string(each.key);
+    }
+    *error = quotedForMessage(key) + " cannot be set here; settable: " + keys;
+    return false;
+  }
+  std::string why;
+  Plist value = KTSSettings::valueFromText(*setting, text, &why);
+  if (value.isNull()) {
+    *error = key + " " + why + "; nothing was changed";
+    return false;
+  }
+  KTSPreferences& preferences = context.preferences();
+  if ((key == "adminPort" && value.integerValue() == preferences.portToUse().integerValue()) ||
+      (key == "portToUse" && value.integerValue() == adminPort())) {
+    *error = "the clients and the administration page cannot share port " + text +
+             "; nothing was changed";
+    return false;
+  }
+  Plist before = preferences.prefs();
+  Plist settings = before;
+  settings.set(key, value);
+  preferences.setPrefs(settings);
+  std::string tlsProblem;
+  if (key == "adminAddress" && (adminTls(&tlsProblem), !tlsProblem.empty())) {
+    preferences.setPrefs(before);
+    *error = tlsProblem + "; nothing was changed";
+    return false;
+  }
+  if (!preferences.commitChanges()) {
+    *error = "the preferences could not be saved";
+    return false;
+  }
+  recordInAuditLog(requester, "set", {key + "=" + text});
+  return true;
+}
+
+Plist settingsWithValues(KTSPassContext& context) {
+  const Plist& settings = context.preferences().prefs();
+  Plist out = Plist::array();
+  for (const KTSSettings::Setting& setting : KTSSettings::settable()) {
+    Plist item = Plist::dictionary();
+    item.set("key", std::string(setting.key));
+    if (settings.contains(std::string(setting.key))) {
+      item.set("value", settings[std::string(setting.key)]);
+    }
+    item.set("shapesWebServer", Plist::boolean(setting.shapesWebServer));
+    out.append(item);
+  }
+  return out;
 }
 
 Plist auditEntries(std::size_t limit) {

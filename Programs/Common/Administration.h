@@ -88,6 +88,16 @@ bool postProductChanges(KTSPassContext& context, const std::string& action,
 // Asks the daemon for a pass now, in the audit log too; false with the reason when the spool
 // refuses the request.
 bool postSyncRequest(KTSPassContext& context, const std::string& requester, std::string* error);
+// Sets the setting called key from text, with the checks and messages of ondrelctl config set
+// (one definition of each setting in KTSSettings), commits the preferences and records who did it
+// in the audit log; false with the reason ("KEY takes ...; nothing was changed") otherwise. The
+// web server's configuration is rewritten by the commit, not reloaded.
+bool changeSetting(KTSPassContext& context, const std::string& key, const std::string& text,
+                   const std::string& requester, std::string* error);
+// Every settable setting with its value: "key", "value" (absent when unset) and whether it
+// "shapesWebServer".
+Plist settingsWithValues(KTSPassContext& context);
+
 // The newest entries of the audit log, newest first, at most limit: each "time", "requester",
 // "action" and "products" (an array). The log is read as untrusted; a line that is not one of
 // its entries is left out.

@@ -31,6 +31,7 @@
 #include "KTSPassContext.h"
 #include "KTSPassHistory.h"
 #include "KTSServerLayout.h"
+#include "KTSSettings.h"
 #include "KTSWorkingSet.h"
 #include "ProductId.h"
 
@@ -169,6 +170,23 @@ int change(const std::string& route, const std::string& user, const std::string&
       return refuse(500, "Internal Server Error", error);
     }
     done.set("posted", "sync");
+  } else if (route == "/settings") {
+    const auto& keys = (*fields)["key"];
+    const auto& values = (*fields)["value"];
+    if (keys.size() != 1 || values.size() != 1) {
+      return refuse(400, "Bad Request", "a setting is a form with one key and one value");
+    }
+    const KTSSettings::Setting* setting = KTSSettings::find(keys.front());
+    if (setting != nullptr && setting->shapesWebServer) {
+      return refuse(400, "Bad Request",
+                    keys.front() +
+                        " shapes the web server that serves this page: set it with \"ondrelctl "
+                        "config set\", which reloads the web server");
+    }
+    if (!programs::changeSetting(context, keys.front(), values.front(), user + " (page)", &error)) {
+      return refuse(400, "Bad Request", error);
+    }
+    done.set("set", keys.front());
   } else {
     const auto& actions = (*fields)["action"];
     const auto& ids = (*fields)["id"];
@@ -264,6 +282,7 @@ int read(const std::string& route) {
   if (route == "/products") return answer(200, "OK", productRows(context)), 0;
   if (route == "/plan") return answer(200, "OK", programs::nextPassPlan(context)), 0;
   if (route == "/log") return answer(200, "OK", programs::auditEntries(kShownAuditEntries)), 0;
+  if (route == "/settings") return answer(200, "OK", programs::settingsWithValues(context)), 0;
   if (route == "/product") {
     std::string query = programs::cgiVariable("QUERY_STRING");
     std::string id = query.rfind("id=", 0) == 0 ? query.substr(3) : "";
@@ -293,7 +312,7 @@ int respond() {
     if (method == "GET" && route == "/session") return answerSession(user, session, secret);
     if (method == "GET") return read(route);
     if (method == "POST" && route == "/logout") return logout(user, secret);
-    if (method == "POST" && (route == "/changes" || route == "/sync")) {
+    if (method == "POST" && (route == "/changes" || route == "/sync" || route == "/settings")) {
       return change(route, user, secret);
     }
     return refuse(405, "Method Not Allowed", "no such request");

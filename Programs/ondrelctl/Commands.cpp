@@ -199,33 +199,12 @@ int configGet(const std::string& key, bool json) {
   return 0;
 }
 
-int configSet(const std::string& key, const std::string& text) {
-  const KTSSettings::Setting* setting = KTSSettings::find(key);
-  if (setting == nullptr) {
-    std::string keys;
-    for (const KTSSettings::Setting& each : KTSSettings::settable()) {
-      keys += (keys.empty() ? "" : ", ") + std::string(each.key);
-    }
-    return fail(key + " cannot be set here; settable: " + keys);
-  }
+int configSet(const std::string& key, const std::string& text, const std::string& requester) {
+  KTSPassContext context;
   std::string why;
-  Plist value = KTSSettings::valueFromText(*setting, text, &why);
-  if (value.isNull()) return fail(key + " " + why + "; nothing was changed");
-  auto preferences = KTSPreferences::defaultPreferences();
-  if ((key == "adminPort" && value.integerValue() == preferences->portToUse().integerValue()) ||
-      (key == "portToUse" && value.integerValue() == programs::adminPort())) {
-    return fail("the clients and the administration page cannot share port " + text +
-                "; nothing was changed");
-  }
-  Plist settings = preferences->prefs();
-  settings.set(key, value);
-  preferences->setPrefs(settings);
-  std::string tlsProblem;
-  if (key == "adminAddress" && (programs::adminTls(&tlsProblem), !tlsProblem.empty())) {
-    return fail(tlsProblem + "; nothing was changed");
-  }
-  if (!preferences->commitChanges()) return fail("the preferences could not be saved");
+  if (!programs::changeSetting(context, key, text, requester, &why)) return fail(why);
   std::printf("%s set.\n", key.c_str());
+  KTSPreferences* preferences = &context.preferences();
   for (const auto& [named, other] : {std::pair{"adminCertificate", "adminCertificateKey"},
                                      std::pair{"adminCertificateKey", "adminCertificate"}}) {
     if (key == named && preferences->prefs()[other].stringValue().empty()) {

@@ -36,7 +36,7 @@ int sync(bool wait, const std::string& requester);
 int auditLog(std::size_t limit, bool json);
 int configShow(bool json);
 int configGet(const std::string& key, bool json);
-int configSet(const std::string& key, const std::string& value);
+int configSet(const std::string& key, const std::string& value, const std::string& requester);
 int web(const std::string& action);
 int webPassword(const std::string& user);
 int webPasswordDelete(const std::string& user);

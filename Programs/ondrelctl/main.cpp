@@ -115,7 +115,7 @@ int carryOut(const CommandLine& line) {
   if (*line.log) return auditLog(line.limit, line.json);
   if (*line.configShow) return configShow(line.json);
   if (*line.configGet) return configGet(line.key, line.json);
-  if (*line.configSet) return configSet(line.key, line.value);
+  if (*line.configSet) return configSet(line.key, line.value, line.requester);
   if (*line.password) {
     return line.deleteUser ? webPasswordDelete(line.passwordUser) : webPassword(line.passwordUser);
   }

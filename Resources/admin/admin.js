@@ -291,6 +291,47 @@ async function showDetail(productId) {
   }
 }
 
+function settingText(value) {
+  if (value === undefined || value === null) return "";
+  if (Array.isArray(value)) return value.join(",");
+  return String(value);
+}
+
+function showSettings(settings) {
+  const body = document.createElement("tbody");
+  for (const setting of settings) {
+    const line = element("tr");
+    line.dataset.key = setting.key;
+    const input = element("input");
+    input.value = settingText(setting.value);
+    input.setAttribute("aria-label", setting.key);
+    const cell = element("td");
+    cell.append(input);
+    const apply = element("td");
+    if (setting.shapesWebServer) {
+      input.disabled = true;
+      apply.textContent = "with ondrelctl";
+    } else {
+      const button = element("button", "Set");
+      button.type = "button";
+      button.addEventListener("click", async () => {
+        try {
+          await post("/settings", [["key", setting.key], ["value", input.value.trim()]]);
+          say(`${setting.key} set.`);
+          api("/log").then(showAudit).catch(() => {});
+          api("/settings").then(showSettings).catch(() => {});
+        } catch (error) {
+          say(error.message, true);
+        }
+      });
+      apply.append(button);
+    }
+    line.append(element("td", setting.key), cell, apply);
+    body.append(line);
+  }
+  $("settings-table").replaceChild(body, $("settings-table").tBodies[0]);
+}
+
 function showAudit(entries) {
   const body = document.createElement("tbody");
   for (const entry of entries) {
@@ -316,6 +357,8 @@ async function refresh() {
     showStatus(status);
     showProducts();
     showAudit(audit);
+    // Drawn once: a refresh never wipes what the administrator is typing.
+    if ($("settings-table").tBodies[0].rows.length === 0) showSettings(await api("/settings"));
     document.body.dataset.loaded = String(Date.now());
   } catch (error) {
     say(`The server could not be read: ${error.message}`, true);

@@ -132,12 +132,17 @@ def rows(driver):
 
 
 def click(driver, selector, key=None):
-    """Clicks what the selector finds (or presses key on it), again if the table was redrawn
-    under the click."""
+    """Clicks what the selector finds (or gives it the focus and presses key, as a keyboard
+    user would), again if the table was redrawn under the click."""
     for _ in range(10):
         try:
             found = driver.find_element(By.CSS_SELECTOR, selector)
-            found.send_keys(key) if key else found.click()
+            if key:
+                driver.execute_script(
+                    "arguments[0].scrollIntoView({block: 'center'}); arguments[0].focus();", found)
+                driver.switch_to.active_element.send_keys(key)
+            else:
+                found.click()
             return
         except StaleElementReferenceException:
             time.sleep(0.2)
@@ -244,6 +249,31 @@ def check_page(mirror, driver, screenshots, axe):
     WebDriverWait(driver, 30, poll_frequency=1).until(bars_match)
     assert not driver.find_element(By.ID, "health-banner").is_displayed(), "a healthy server"
     assert json.loads(mirror.ctl("product", PRODUCT, "--json"))["mirror"] == "Mirrored"
+
+    # Settings with ondrelctl's checks and messages; those that shape the web server only there.
+    def set_from_page(key, value):
+        for _ in range(10):
+            try:
+                field = driver.find_element(
+                    By.CSS_SELECTOR, f"#settings-table tr[data-key='{key}'] input")
+                field.clear()
+                field.send_keys(value)
+                driver.find_element(
+                    By.CSS_SELECTOR, f"#settings-table tr[data-key='{key}'] button").click()
+                return
+            except StaleElementReferenceException:
+                time.sleep(0.2)
+        raise AssertionError("the settings kept being redrawn")
+    set_from_page("hookTimeout", "99999")
+    refused = run([mirror.options.ctl, "config", "set", "hookTimeout", "99999"], check=False)
+    WebDriverWait(driver, 10).until(
+        lambda d: text("message") == refused.stderr.strip().removeprefix("ondrelctl: "))
+    set_from_page("hookTimeout", "90")
+    WebDriverWait(driver, 10).until(lambda d: text("message") == "hookTimeout set.")
+    assert mirror.ctl("config", "get", "hookTimeout").strip() == "90"
+    assert driver.find_element(
+        By.CSS_SELECTOR, "#settings-table tr[data-key='portToUse'] input").get_attribute("disabled")
+    assert re.search(r"admin \(page\) +set +hookTimeout=90\n", mirror.ctl("log")), mirror.ctl("log")
 
     # The detail by keyboard: it takes the focus, and Escape gives it back to the product's link.
     link = f"tr[data-id='{PRODUCT}'] td.id a"
