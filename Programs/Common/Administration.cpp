@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "AdminSite.h"
+#include "ClientStatistics.h"
 #include "Clock.h"
 #include "DateFormats.h"
 #include "FileIO.h"
@@ -294,8 +295,11 @@ std::string prometheusText(const ServerSummary& summary, const KTSPassHistory& h
         static_cast<double>(summary.volume.free));
   gauge("ondrel_volume_size_bytes", "Size of the document root's volume",
         static_cast<double>(summary.volume.total));
-  return text + history.prometheusText();
+  return text + history.prometheusText() +
+         catalogClientsPrometheus(catalogClients(accessLogPath(), 1));
 }
+
+std::string accessLogPath() { return KTSServerLayout::statusPath("httpd_access.log"); }
 
 std::string productTitle(const Plist& record) {
   for (const char* language : {"English", "en"}) {

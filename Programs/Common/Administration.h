@@ -55,7 +55,11 @@ Plist summaryAsPlist(const ServerSummary& summary);
 // "syncing", "done" or "never run".
 std::string syncStateName(std::int64_t state);
 // The Prometheus text exposition of the summary and of the passes' history.
+// The Prometheus text of the summary, of the passes' history and of the clients' catalog
+// requests on the newest day of the web server's access log.
 std::string prometheusText(const ServerSummary& summary, const KTSPassHistory& history);
+// The web server's access log, where the clients' catalog requests are counted.
+std::string accessLogPath();
 
 struct ProductFilter {
   std::string state;  // a mirror or catalog state, any case; empty for all

@@ -26,6 +26,7 @@
 #include "AdminSite.h"
 #include "Administration.h"
 #include "CgiPrograms.h"
+#include "ClientStatistics.h"
 #include "Clock.h"
 #include "Json.h"
 #include "KTSPassContext.h"
@@ -42,6 +43,8 @@ using namespace ondrel;
 constexpr const char* kSessionCookie = "ondrel_session";
 // The page shows the newest changes posted.
 constexpr std::size_t kShownAuditEntries = 20;
+// The page shows the clients' catalog requests of the last two weeks.
+constexpr std::size_t kShownClientDays = 14;
 
 void answer(int status, const char* reason, const Plist& body, const std::string& headers = "") {
   std::string text = toJson(body) + "\n";
@@ -283,6 +286,12 @@ int read(const std::string& route) {
   if (route == "/plan") return answer(200, "OK", programs::nextPassPlan(context)), 0;
   if (route == "/log") return answer(200, "OK", programs::auditEntries(kShownAuditEntries)), 0;
   if (route == "/settings") return answer(200, "OK", programs::settingsWithValues(context)), 0;
+  if (route == "/clients") {
+    return answer(200, "OK",
+                  programs::catalogClientsAsPlist(
+                      programs::catalogClients(programs::accessLogPath(), kShownClientDays))),
+           0;
+  }
   if (route == "/product") {
     std::string query = programs::cgiVariable("QUERY_STRING");
     std::string id = query.rfind("id=", 0) == 0 ? query.substr(3) : "";

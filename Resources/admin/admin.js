@@ -332,6 +332,17 @@ function showSettings(settings) {
   $("settings-table").replaceChild(body, $("settings-table").tBodies[0]);
 }
 
+function showClients(days) {
+  const body = document.createElement("tbody");
+  for (const day of days) {
+    const line = element("tr");
+    line.append(element("td", day.day), element("td", day.catalog), element("td", day.requests, "size"),
+                element("td", bytes(day.bytes), "size"), element("td", day.clients, "size"));
+    body.append(line);
+  }
+  $("clients-table").replaceChild(body, $("clients-table").tBodies[0]);
+}
+
 function showAudit(entries) {
   const body = document.createElement("tbody");
   for (const entry of entries) {
@@ -351,12 +362,13 @@ async function refresh() {
     $("plan-summary").textContent = `The plan could not be read: ${error.message}`;
   });
   try {
-    const [status, products, audit] =
-      await Promise.all([api("/status"), api("/products"), api("/log")]);
+    const [status, products, audit, clients] =
+      await Promise.all([api("/status"), api("/products"), api("/log"), api("/clients")]);
     page.rows = products;
     showStatus(status);
     showProducts();
     showAudit(audit);
+    showClients(clients);
     // Drawn once: a refresh never wipes what the administrator is typing.
     if ($("settings-table").tBodies[0].rows.length === 0) showSettings(await api("/settings"));
     document.body.dataset.loaded = String(Date.now());

@@ -206,6 +206,45 @@ TEST_F(AdministrationTest, ChangesArePostedMergedWithTicketsAndNeverLost) {
   EXPECT_TRUE(std::regex_search(log, entry)) << log;
 }
 
+// Catalog requests answered, bytes and distinct clients per catalog, from the web server's log:
+// the newest day in the metrics; anything else in the log is not counted.
+TEST_F(AdministrationTest, MetricsCountTheClientsOfEachCatalog) {
+  const std::string cgi = "GET /cgi-bin/OndrelServerGetCatalog?/" + kNewest + " HTTP/1.1";
+  auto line = [](const std::string& client, const std::string& day, const std::string& request,
+                 const std::string& status, const std::string& bytes) {
+    return client + " - - [" + day + ":10:00:00 +0000] \"" + request + "\" " + status + " " +
+           bytes + " \"Vantor-Update/1.0 Taltos/16.0.0\"\n";
+  };
+  std::string log =
+      line("10.0.0.1", "24/Nov/2026", cgi, "200", "5000") +
+      line("10.0.0.1", "25/Nov/2026", cgi, "200", "5000") +
+      line("10.0.0.2", "25/Nov/2026", cgi, "304", "-") +
+      line("10.0.0.1", "25/Nov/2026", cgi, "304", "-") +
+      line("10.0.0.3", "25/Nov/2026", "GET /content/catalogs/others/index.ktcatalog HTTP/1.1",
+           "200", "70") +
+      line("10.0.0.4", "25/Nov/2026", cgi, "404", "20") +
+      line("10.0.0.5", "25/Nov/2026", "GET /index.ktcatalog HTTP/1.1", "302", "0") +
+      line("10.0.0.6", "25/Nov/2026", "GET /content/downloads/a.pkg HTTP/1.1", "200", "9999") +
+      "garbage\n" + std::string(20000, 'x') + "\n" +
+      line("10.0.0.7\t", "25/Nov/2026", cgi, "200", "1");
+  writeFile(path("/Library/Server/Ondrel/Status/httpd_access.log"), log);
+  std::string metrics = ctl({"metrics"}).output;
+  EXPECT_NE(metrics.find("ondrel_catalog_requests_day{catalog=\"" + kNewest +
+                         "\",day=\"2026-11-25\"} 3\n"),
+            std::string::npos)
+      << metrics;
+  EXPECT_NE(metrics.find("ondrel_catalog_clients_day{catalog=\"" + kNewest +
+                         "\",day=\"2026-11-25\"} 2\n"),
+            std::string::npos);
+  EXPECT_NE(metrics.find("ondrel_catalog_bytes_day{catalog=\"" + kNewest +
+                         "\",day=\"2026-11-25\"} 5000\n"),
+            std::string::npos);
+  EXPECT_NE(
+      metrics.find("ondrel_catalog_requests_day{catalog=\"index.ktcatalog\",day=\"2026-11-25\"} 1"),
+      std::string::npos);
+  EXPECT_EQ(metrics.find("2026-11-24"), std::string::npos) << "only the newest day";
+}
+
 TEST_F(AdministrationTest, ConfigSetChecksValuesAndRewritesTheWebConfiguration) {
   ASSERT_EQ(ctl({"config", "set", "portToUse", "8484"}).exitStatus, 0);
   const std::string conf = path("/Library/Server/Ondrel/Config/ondrd.conf");

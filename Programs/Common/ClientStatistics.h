@@ -1,0 +1,31 @@
+// What the web server's access log says of the clients that fetch catalogs: per day and per
+// catalog, the requests answered (200 or 304), the bytes sent and how many distinct client
+// addresses asked. The administration page and the metrics show it. The log is read from its end
+// (its newest 64 MB at most) as untrusted text: a line that is not one of the web server's is
+// left out. One thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Plist.h"
+
+namespace ondrel::programs {
+
+struct CatalogDay {
+  std::string day;      // "2026-11-25", in the log's own time
+  std::string catalog;  // the catalog's file name
+  std::uint64_t requests = 0;
+  std::uint64_t bytes = 0;
+  std::uint64_t clients = 0;
+};
+
+// The newest days of the log (at most days of them), newest first, each day's catalogs by name.
+std::vector<CatalogDay> catalogClients(const std::string& accessLog, std::size_t days);
+// As the page gets them: "day", "catalog", "requests", "bytes", "clients".
+Plist catalogClientsAsPlist(const std::vector<CatalogDay>& statistics);
+// The newest day's figures as Prometheus gauges per catalog.
+std::string catalogClientsPrometheus(const std::vector<CatalogDay>& statistics);
+
+}  // namespace ondrel::programs
