@@ -21,6 +21,24 @@ std::string systemErrorText(int errorNumber) {
   return strerror_r(errorNumber, buffer, sizeof buffer);
 }
 
+std::string readFileTail(const std::string& path, std::size_t maxBytes) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  struct stat info {};
+  if (fd < 0 || ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    if (fd >= 0) ::close(fd);
+    return "";
+  }
+  off_t start = info.st_size > static_cast<off_t>(maxBytes) ? info.st_size - maxBytes : 0;
+  std::string tail(static_cast<std::size_t>(info.st_size - start), '\0');
+  ssize_t read = ::pread(fd, tail.data(), tail.size(), start);
+  ::close(fd);
+  tail.resize(read > 0 ? static_cast<std::size_t>(read) : 0);
+  if (start > 0) tail.erase(0, std::min(tail.size(), tail.find('\n') + 1));
+  std::size_t lastLine = tail.rfind('\n');
+  tail.resize(lastLine == std::string::npos ? 0 : lastLine + 1);
+  return tail;
+}
+
 bool readWholeFile(const std::string& path, std::string* contents, std::string* error,
                    std::size_t maxBytes) {
   auto failWith = [error](std::string reason) {

@@ -25,6 +25,10 @@ inline constexpr std::size_t kSmallFileReadLimit = std::size_t{4} << 20;
 bool readWholeFile(const std::string& path, std::string* contents, std::string* error,
                    std::size_t maxBytes = kDefaultReadLimit);
 
+// The whole lines at the end of the regular file at path, at most maxBytes of them (a line cut
+// by that limit is left out); empty when it cannot be read. For logs that only grow.
+std::string readFileTail(const std::string& path, std::size_t maxBytes);
+
 // Writes through writeContents (which returns false on failure) and renames into place; runs
 // beforeReplace, when given, once the new contents are safely on disk and just before the rename.
 // The new file gets the process's default permissions, as a newly created file would.

@@ -524,22 +524,11 @@ Plist settingsWithValues(KTSPassContext& context) {
 
 Plist auditEntries(std::size_t limit) {
   Plist entries = Plist::array();
-  int fd = ::open(auditLogPath().c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
-  struct stat info {};
-  if (fd < 0 || ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    if (fd >= 0) ::close(fd);
-    return entries;
-  }
-  off_t start = info.st_size > static_cast<off_t>(kAuditTail) ? info.st_size - kAuditTail : 0;
-  std::string tail(static_cast<std::size_t>(info.st_size - start), '\0');
-  ssize_t read = ::pread(fd, tail.data(), tail.size(), start);
-  ::close(fd);
-  tail.resize(read > 0 ? static_cast<std::size_t>(read) : 0);
+  std::string tail = readFileTail(auditLogPath(), kAuditTail);
   std::vector<std::string> lines;
   for (std::size_t at = 0, end; at < tail.size(); at = end + 1) {
     end = tail.find('\n', at);
-    if (end == std::string::npos) break;
-    if (start == 0 || at > 0) lines.push_back(tail.substr(at, end - at));
+    lines.push_back(tail.substr(at, end - at));
   }
   for (auto line = lines.rbegin(); line != lines.rend() && entries.size() < limit; ++line) {
     std::vector<std::string> fields;

@@ -1,14 +1,13 @@
 #include "ClientStatistics.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <map>
 #include <regex>
 #include <set>
 #include <utility>
+
+#include "FileIO.h"
 
 namespace ondrel::programs {
 
@@ -16,23 +15,6 @@ namespace {
 
 constexpr std::size_t kMostRead = std::size_t{64} << 20;
 constexpr std::size_t kMostLine = 8192;
-
-// The end of the log, whole lines only.
-std::string logTail(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
-  struct stat info {};
-  if (fd < 0 || ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    if (fd >= 0) ::close(fd);
-    return "";
-  }
-  off_t start = info.st_size > static_cast<off_t>(kMostRead) ? info.st_size - kMostRead : 0;
-  std::string tail(static_cast<std::size_t>(info.st_size - start), '\0');
-  ssize_t read = ::pread(fd, tail.data(), tail.size(), start);
-  ::close(fd);
-  tail.resize(read > 0 ? static_cast<std::size_t>(read) : 0);
-  if (start > 0) tail.erase(0, tail.find('\n') + 1);
-  return tail;
-}
 
 // The catalog a request line asks for, or "" when it asks for something else.
 std::string catalogOf(const std::string& target) {
@@ -63,12 +45,14 @@ std::vector<CatalogDay> catalogClients(const std::string& accessLog, std::size_t
     std::set<std::string> clients;
   };
   std::map<std::pair<std::string, std::string>, Figures> byDay;
-  std::string tail = logTail(accessLog);
+  std::string tail = readFileTail(accessLog, kMostRead);
   for (std::size_t at = 0, end; at < tail.size(); at = end + 1) {
     end = tail.find('\n', at);
     if (end == std::string::npos) end = tail.size();
+    // Most lines are packages: only one that names a catalog is worth the full match.
     if (end - at > kMostLine) continue;
     std::string text = tail.substr(at, end - at);
+    if (text.find(".ktcatalog ") == std::string::npos) continue;
     std::smatch field;
     if (!std::regex_match(text, field, line)) continue;
     std::string catalog = catalogOf(field[5].str());
