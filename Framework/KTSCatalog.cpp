@@ -255,6 +255,12 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
     product->restoreSettings(workingSet.mirrorSettingForProductID(productId),
                              workingSet.enableSettingForProductID(productId));
     workingSet.shareTextsWithProduct(*product);
+    // An unreadable posting date reads as when the product was first seen, not as each pass.
+    if (product->postDateAssumed()) {
+      if (std::optional<Date> firstSeen = workingSet.postDateForProductID(productId)) {
+        product->setPostDate(firstSeen);
+      }
+    }
   }
   if (throttleDownloads_) Clock::sleepFor(Clock::now() - start);
   return product;

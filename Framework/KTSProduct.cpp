@@ -107,6 +107,7 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
         productId, posted);
     log_.info("*** Product ID: \"{}\" will assume posting date of 'now'.", productId);
     facts.postDate = Clock::now();
+    facts.postDateAssumed = true;
   }
 
   facts.productFamily = optionalString(metadata["IFPkgFlagProductFamily"]);

@@ -197,6 +197,7 @@ class KTSProduct {
   const Plist& localization() const { return facts_->localization; }
   const std::optional<Date>& postDate() const { return facts_->postDate; }
   void setPostDate(std::optional<Date> date) { mutableFacts().postDate = date; }
+  bool postDateAssumed() const { return facts_->postDateAssumed; }
   const Plist& installedSize() const { return facts_->installedSize; }
   const std::optional<std::string>& restartAction() const { return facts_->restartAction; }
   // Where the server metadata is served from; null without one. Copies share it.
@@ -287,6 +288,8 @@ class KTSProduct {
     Plist descriptions;
     Plist localization;
     std::optional<Date> postDate;
+    // Whether the entry's posting date was unreadable and postDate is when it was first seen.
+    bool postDateAssumed = false;
     Plist installedSize;
     std::optional<std::string> restartAction;
     std::shared_ptr<const KTSPath> smdPath;

@@ -306,6 +306,11 @@ void KTSWorkingSet::setProductDictForID(const Plist& record, const std::string& 
   setProductCache(std::move(products));
 }
 
+std::optional<Date> KTSWorkingSet::postDateForProductID(const std::string& productId) const {
+  const Plist& posted = products_[productId][KTCatalogProductPostDateKey];
+  return posted.isString() ? parseArchiveDate(posted.stringValue()) : std::nullopt;
+}
+
 bool KTSWorkingSet::containsProductID(const std::string& productId) const {
   return products_.contains(productId);
 }

@@ -59,6 +59,8 @@ class KTSWorkingSet {
   // (localization), so that the two share memory; the records stay as they were.
   void shareTextsWithProduct(const KTSProduct& product);
 
+  // The posting date the product's record holds; none without a readable one.
+  std::optional<Date> postDateForProductID(const std::string& productId) const;
   Plist productDictForID(const std::string& productId) const;
   void setProductDictForID(const Plist& record, const std::string& productId);
   bool containsProductID(const std::string& productId) const;

@@ -236,6 +236,22 @@ TEST_F(KTSCatalogTest, ProductsThatCannotBeMadeLeaveTheIndexButNotTheMemory) {
   EXPECT_FALSE(reloaded->compositeCatalog()[KTCatalogProductsDictKey].contains("Z"));
 }
 
+TEST_F(KTSCatalogTest, AnUnreadablePostingDateReadsAsWhenTheProductWasFirstSeen) {
+  Plist products = Plist::dictionary();
+  products.set("A", entry("A"));
+  products.mutableValue("A").set(KTCatalogProductPostDateKey, "yesterday");
+  publishProducts(products);
+  Date firstSeen = *sync()->productForProductId("A")->postDate();
+  EXPECT_EQ(firstSeen, clock_->now());
+
+  // The pass keeps the product's record; later passes read the date from it, not the clock.
+  KTSWorkingSet& workingSet = context().workingSet();
+  workingSet.setProductDictForID(
+      workingSet.representationForProduct(sync()->productForProductId("A").get()), "A");
+  clock_->advance(std::chrono::hours(30));
+  EXPECT_EQ(sync()->productForProductId("A")->postDate(), firstSeen);
+}
+
 TEST_F(KTSCatalogTest, PoliciesFollowTheModeAndTheWorkingSet) {
   publish({"A", "B", "M"});
   setMode(true);
