@@ -95,7 +95,8 @@ void recordInAuditLog(const std::string& requester, const std::string& action,
   std::string line = formatRfc3339Date(Clock::now()) + "\t" + auditField(requester) + "\t" +
                      auditField(action) + "\t";
   for (std::size_t i = 0; i < productIds.size(); ++i) {
-    std::string next = (i > 0 ? " " : "") + auditField(productIds[i]);
+    std::string next = auditField(productIds[i]);
+    if (i > 0) next.insert(next.begin(), ' ');
     if (line.size() + next.size() > kMostAuditLine - 32) {
       line += fmt::format(" and {} more", productIds.size() - i);
       break;
