@@ -18,6 +18,11 @@ constexpr std::size_t kQueuedWindows = 2;
 constexpr std::int64_t kLongestDeferral = 300;
 constexpr int kMostDeferrals = 5;
 constexpr auto kWaitSlice = std::chrono::milliseconds(100);
+// Requests for kept files, mostly answered by a bodiless 304, cost the upstream and the link
+// a round trip and no bandwidth: they run beside the downloads of bodies, this many times as
+// many at once, within a ceiling.
+constexpr std::size_t kConditionalShare = 4;
+constexpr std::size_t kMostConditional = 64;
 
 void (*schedulerHeartbeat)() = nullptr;
 
@@ -27,6 +32,7 @@ KTSFetchScheduler::KTSFetchScheduler(std::size_t maxConcurrent,
                                      std::shared_ptr<KTSFileValidators> validators)
     : maxConcurrent_(
           std::clamp<std::size_t>(maxConcurrent, 1, KTSSettings::kMostConcurrentDownloads)),
+      maxConditional_(std::min(maxConcurrent_ * kConditionalShare, kMostConditional)),
       validators_(std::move(validators)),
       pace_(std::make_shared<KTSSyncPace>(KTSSyncPace{std::nullopt, 0, maxConcurrent_})) {}
 
@@ -39,38 +45,53 @@ std::size_t KTSFetchScheduler::preferredConcurrency(const KTSPreferences& prefer
 void KTSFetchScheduler::setHeartbeat(void (*heartbeat)()) { schedulerHeartbeat = heartbeat; }
 
 void KTSFetchScheduler::sizeConnectionPool() const {
-  Transfer::setConnectionsPerHost(maxConcurrent_);
+  Transfer::setConnectionsPerHost(maxConcurrent_ + maxConditional_);
 }
 
 void KTSFetchScheduler::enqueue(std::shared_ptr<KTSFileDownloader> downloader, Finished finished) {
-  queue_.push_back({std::move(downloader), std::move(finished)});
+  queueJob({std::move(downloader), std::move(finished)}, false);
+}
+
+void KTSFetchScheduler::enqueueFirst(std::shared_ptr<KTSFileDownloader> downloader,
+                                     Finished finished) {
+  queueJob({std::move(downloader), std::move(finished)}, true);
+}
+
+void KTSFetchScheduler::queueJob(Job job, bool first) {
+  job.conditional = job.downloader->expectsConditionalRequest(validators_.get());
+  std::deque<Job>& queue = job.conditional ? conditionalQueue_ : queue_;
+  if (first) {
+    queue.push_front(std::move(job));
+  } else {
+    queue.push_back(std::move(job));
+  }
+}
+
+bool KTSFetchScheduler::nothingQueued() const {
+  return queue_.empty() && conditionalQueue_.empty();
 }
 
 void KTSFetchScheduler::run(const Feeder& feed) {
   bool feeding = static_cast<bool>(feed);
   for (;;) {
-    while (feeding && queue_.size() < kQueuedWindows * maxConcurrent_) {
+    while (feeding && queue_.size() < kQueuedWindows * maxConcurrent_ &&
+           conditionalQueue_.size() < kQueuedWindows * maxConditional_) {
       feeding = !Transfer::isCancelled() && feed();
     }
     startQueued();
     if (running_.empty()) {
-      if (queue_.empty() && !feeding && deferred_.empty()) return;
-      if (queue_.empty() && !deferred_.empty()) waitForDeferred();
+      if (nothingQueued() && !feeding && deferred_.empty()) return;
+      if (nothingQueued() && !deferred_.empty()) waitForDeferred();
       continue;
     }
     runSlice();
   }
 }
 
-void KTSFetchScheduler::enqueueFirst(std::shared_ptr<KTSFileDownloader> downloader,
-                                     Finished finished) {
-  queue_.push_front({std::move(downloader), std::move(finished)});
-}
-
 void KTSFetchScheduler::runUntil(const std::function<bool()>& done) {
   while (!done()) {
     startQueued();
-    if (running_.empty() && queue_.empty()) {
+    if (running_.empty() && nothingQueued()) {
       if (deferred_.empty()) return;
       waitForDeferred();
       continue;
@@ -94,21 +115,34 @@ void KTSFetchScheduler::startQueued() {
       ++due;
       continue;
     }
-    queue_.push_front(std::move(due->job));
+    queueJob(std::move(due->job), true);
     due = deferred_.erase(due);
   }
-  while (!queue_.empty() && running_.size() < maxConcurrent_) {
-    // The limit paces what arrives while transfers run, not the time between busy spells.
-    if (running_.empty()) *pace_ = KTSSyncPace{std::nullopt, 0, maxConcurrent_};
-    Job job = std::move(queue_.front());
-    queue_.pop_front();
-    job.downloader->setPace(pace_);
-    if (job.downloader->startDownload(validators_)) {
-      ++counters_.requests;
-      running_.push_back(std::move(job));
-    } else {
-      finish(std::move(job));
+  for (bool started = true; started;) {
+    started = false;
+    if (!conditionalQueue_.empty() && runningConditional_ < maxConditional_) {
+      startNext(conditionalQueue_);
+      started = true;
     }
+    if (!queue_.empty() && running_.size() - runningConditional_ < maxConcurrent_) {
+      startNext(queue_);
+      started = true;
+    }
+  }
+}
+
+void KTSFetchScheduler::startNext(std::deque<Job>& queue) {
+  // The limit paces what arrives while transfers run, not the time between busy spells.
+  if (running_.empty()) *pace_ = KTSSyncPace{std::nullopt, 0, maxConcurrent_};
+  Job job = std::move(queue.front());
+  queue.pop_front();
+  job.downloader->setPace(pace_);
+  if (job.downloader->startDownload(validators_)) {
+    ++counters_.requests;
+    if (job.conditional) ++runningConditional_;
+    running_.push_back(std::move(job));
+  } else {
+    finish(std::move(job));
   }
 }
 
@@ -118,6 +152,7 @@ void KTSFetchScheduler::runSlice() {
     std::vector<Job> ended;
     for (auto job = running_.begin(); job != running_.end();) {
       if (job->downloader->isDone()) {
+        if (job->conditional) --runningConditional_;
         ended.push_back(std::move(*job));
         job = running_.erase(job);
       } else {
@@ -160,6 +195,7 @@ void KTSFetchScheduler::finish(Job job) {
     ++job.deferrals;
     ++counters_.deferred;
     maxConcurrent_ = std::max<std::size_t>(1, maxConcurrent_ / 2);
+    maxConditional_ = std::max<std::size_t>(1, maxConditional_ / 2);
     auto due =
         std::chrono::steady_clock::now() + std::chrono::seconds(std::max<std::int64_t>(1, *wait));
     deferred_.push_back({std::move(job), due});

@@ -1,14 +1,16 @@
-// KTSFetchScheduler runs the downloads of a pass: up to "maxConcurrentDownloads" transfers at
-// once across every file of every product, all driven by the event loop of the calling thread,
+// KTSFetchScheduler runs the downloads of a pass: up to "maxConcurrentDownloads" transfers of
+// bodies at once across every file of every product, and beside them up to four times as many
+// (at most 64) conditional requests for kept files, whose answer is mostly a bodiless 304 that
+// costs a round trip and no bandwidth. All are driven by the event loop of the calling thread,
 // with the sync bandwidth limit paced across them together and the validators of kept files sent
-// along, so that a file unchanged upstream costs a 304. A pass makes one and puts it in its
-// context; every download of the pass (a catalog, a server metadata file, a product's files)
-// joins it, and one started without a context's scheduler runs under a scheduler of its own. Used
-// by the sync pass, KTSProduct and KTSFileDownloader. A server that answers 429 or 503 with
-// Retry-After is asked again after that wait (up to five minutes, five times a file), and the
-// scheduler then runs half as many transfers at once: a busy upstream slows the pass, it does not
-// fail it. One thread; never two running on one thread except nested, a download of one scheduler's
-// callback run to its end by the same scheduler.
+// along. A pass makes one and puts it in its context; every download of the pass (a catalog, a
+// server metadata file, a product's files) joins it, and one started without a context's
+// scheduler runs under a scheduler of its own. Used by the sync pass, KTSProduct and
+// KTSFileDownloader. A server that answers 429 or 503 with Retry-After is asked again after that
+// wait (up to five minutes, five times a file), and the scheduler then runs half as many
+// transfers of each kind at once: a busy upstream slows the pass, it does not fail it. One
+// thread; never two running on one thread except nested, a download of one scheduler's callback
+// run to its end by the same scheduler.
 #pragma once
 
 #include <chrono>
@@ -76,6 +78,7 @@ class KTSFetchScheduler {
   void runToEnd(KTSFileDownloader& downloader);
 
   std::size_t maxConcurrent() const { return maxConcurrent_; }
+  std::size_t maxConditional() const { return maxConditional_; }
   const Counters& counters() const { return counters_; }
   const std::shared_ptr<KTSFileValidators>& validators() const { return validators_; }
 
@@ -84,6 +87,8 @@ class KTSFetchScheduler {
     std::shared_ptr<KTSFileDownloader> downloader;
     Finished finished;
     int deferrals = 0;
+    // Queued and run among the conditional requests, under their own limit.
+    bool conditional = false;
   };
   struct Deferred {
     Job job;
@@ -92,6 +97,10 @@ class KTSFetchScheduler {
   // Starts queued downloads while there is room (deferred ones that are due first); a download
   // that cannot start ends at once.
   void startQueued();
+  void startNext(std::deque<Job>& queue);
+  // Queues the job among the conditional requests or the downloads of bodies, as it expects.
+  void queueJob(Job job, bool first);
+  bool nothingQueued() const;
   // Waits, the heartbeat going on, until the first deferred download is due; once transfers are
   // cancelled, ends every deferred one as it failed.
   void waitForDeferred();
@@ -100,10 +109,13 @@ class KTSFetchScheduler {
   void finish(Job job);
 
   std::size_t maxConcurrent_;
+  std::size_t maxConditional_;
   std::shared_ptr<KTSFileValidators> validators_;
   std::shared_ptr<KTSSyncPace> pace_;
   std::deque<Job> queue_;
+  std::deque<Job> conditionalQueue_;
   std::vector<Job> running_;
+  std::size_t runningConditional_ = 0;
   std::vector<Deferred> deferred_;
   Counters counters_;
 };

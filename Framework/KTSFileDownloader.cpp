@@ -57,6 +57,10 @@ void KTSFileDownloader::startSynchronousDownload(KTSFetchScheduler* scheduler) {
   own.runToEnd(*this);
 }
 
+bool KTSFileDownloader::expectsConditionalRequest(const KTSFileValidators* validators) const {
+  return usesValidators_ && validators != nullptr && validators->recordsFile(downloadPath_);
+}
+
 bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& validators) {
   log_.debug("FILE: {} - downloading", downloadName_);
   maxSyncBW_ = KTSPreferences::defaultPreferences()->syncBandwidth().integerValue() * 1024;

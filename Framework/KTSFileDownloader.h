@@ -61,6 +61,9 @@ class KTSFileDownloader : public TransferReceiver {
   // default). Off for a file that is fetched only when missing or of the wrong size, where a
   // conditional request could never be answered 304 and recording would only cost memory.
   void setUsesValidators(bool uses) { usesValidators_ = uses; }
+  // Whether the download will most likely be sent as a conditional request, whose answer is a
+  // bodiless 304 when nothing changed: it uses validators and validators records its file.
+  bool expectsConditionalRequest(const KTSFileValidators* validators) const;
   // The last download was answered 304: the kept file is current and nothing was received.
   bool wasNotModified() const { return notModified_; }
   // The server answered the last download with some HTTP status (it may still have failed).

@@ -30,6 +30,9 @@ class KTSFileValidators {
   // What to send when fetching the file at path again; none when nothing is recorded for it or
   // the file is not the one recorded.
   std::optional<Validators> validatorsForFile(const std::string& path) const;
+  // Whether anything is recorded for path, without looking at the file: a fetch of it will most
+  // likely be conditional.
+  bool recordsFile(const std::string& path) const { return entries_.count(path) != 0; }
   // Records what the response for the file now at path carried; a response without validators
   // forgets the file.
   void recordValidatorsForFile(const std::string& path, const Validators& validators);

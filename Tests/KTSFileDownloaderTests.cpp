@@ -328,6 +328,24 @@ TEST_F(KTSFileDownloaderTest, ScheduledDownloadsOverlapAndEachEndsOnItsOwn) {
   EXPECT_EQ(scheduler.counters().failed, 2u);
 }
 
+// Requests for kept files, mostly answered 304, do not wait for the slots of bodies: under a
+// limit of one download, three of them are at the upstream at once.
+TEST_F(KTSFileDownloaderTest, ConditionalRequestsRunBesideTheDownloadsOfBodies) {
+  auto validators = std::make_shared<KTSFileValidators>(path("/validators"));
+  KTSFetchScheduler scheduler(1, validators);
+  EXPECT_EQ(scheduler.maxConditional(), 4u);
+  for (int i = 0; i < 3; ++i) {
+    std::string kept = path(fmt::format("/kept/{}", i));
+    writeFile(kept, "kept");
+    validators->recordValidatorsForFile(kept, {"\"k\"", ""});
+    scheduler.enqueue(
+        KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url("/gate"), kept, false),
+        {});
+  }
+  scheduler.run();
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(readFile(path(fmt::format("/kept/{}", i))), "together");
+}
+
 // A kept file is asked for with its validators: a 304 keeps it (and makes its previous version
 // the same file), a change upstream replaces it, and a file changed on disk or a server that
 // sends no validators gets a plain request.
