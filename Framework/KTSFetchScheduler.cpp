@@ -202,6 +202,7 @@ void KTSFetchScheduler::finish(Job job) {
     return;
   }
   counters_.unansweredInARow = job.downloader->wasAnswered() ? 0 : counters_.unansweredInARow + 1;
+  if (job.downloader->wasAnswered()) ++counters_.answered;
   counters_.bytesReceived += job.downloader->downloadBytes();
   if (job.downloader->downloadError()) {
     ++counters_.failed;

@@ -43,6 +43,8 @@ class KTSFetchScheduler {
     // Transfers that ended, one after the other, without any answer from their server; a
     // transfer that got an HTTP status of any kind sets it back to 0.
     std::uint64_t unansweredInARow = 0;
+    // Transfers the server answered with some HTTP status.
+    std::uint64_t answered = 0;
     // Downloads the server asked to come back to later (429 or 503 with Retry-After), each
     // time it asked.
     std::uint64_t deferred = 0;

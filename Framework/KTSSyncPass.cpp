@@ -38,25 +38,37 @@ namespace {
 
 std::string catalogName(const Url& url) { return lastPathComponent(url.path()); }
 
-// Answers whether the upstream's web server answers at all (any HTTP status counts), so that a
-// pass against an upstream that is down fails at once instead of retrying every product. It asks
-// with HEAD: a probe fetches no catalog, which the pass fetches once, on its own.
+// Asks whether the upstream's web server answers at all (any HTTP status counts), so that a pass
+// against an upstream that is down fails at once instead of retrying every product. It asks with
+// HEAD: a probe fetches no catalog, which the pass fetches once, on its own. The request goes out
+// when the probe is made, and any transfer's event loop on the thread carries it on.
 class UpstreamProbe : public TransferReceiver {
  public:
-  bool answers(const Url& url) {
+  explicit UpstreamProbe(const Url& url) {
     char path[] = "/tmp/ondrd-probe-XXXXXX";
     int fd = ::mkstemp(path);
-    if (fd < 0) return true;
+    if (fd < 0) return;
     ::close(fd);
-    std::unique_ptr<Transfer> transfer = Transfer::create(url, std::chrono::seconds(30), this);
-    if (transfer) {
-      transfer->setDestination(path);
-      transfer->setHeadOnly();
-      transfer->start();
-      while (!done_ && !answered_) transfer->runEventLoopFor(std::chrono::milliseconds(100));
-      transfer.reset();
+    path_ = path;
+    transfer_ = Transfer::create(url, std::chrono::seconds(30), this);
+    if (!transfer_) return;
+    transfer_->setDestination(path_);
+    transfer_->setHeadOnly();
+    transfer_->start();
+  }
+  ~UpstreamProbe() override {
+    transfer_.reset();
+    if (!path_.empty()) ::unlink(path_.c_str());
+  }
+  UpstreamProbe(const UpstreamProbe&) = delete;
+  UpstreamProbe& operator=(const UpstreamProbe&) = delete;
+
+  // Waits for the answer unless it came already; a probe that could not be sent says yes.
+  bool answers() {
+    if (path_.empty()) return true;
+    while (transfer_ && !done_ && !answered_) {
+      transfer_->runEventLoopFor(std::chrono::milliseconds(100));
     }
-    ::unlink(path);
     return answered_;
   }
 
@@ -70,6 +82,8 @@ class UpstreamProbe : public TransferReceiver {
   }
   void transferWillRedirect(const std::string&) override {}
 
+  std::string path_;
+  std::unique_ptr<Transfer> transfer_;
   bool done_ = false;
   bool answered_ = false;
 };
@@ -140,9 +154,8 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
                               validators);
   scheduler.sizeConnectionPool();
   auto fetching = context_.lend(scheduler);
-  bool reachable = loadMetaIndex(fullSync, outcome);
-  bool syncing = fullSync && reachable;
-  fetchAndLoadCatalogs(scheduler, syncing, outcome);
+  loadMetaIndex(fullSync, outcome);
+  bool syncing = fetchAndLoadCatalogs(scheduler, fullSync, outcome);
   applyChangesToProducts();
   std::vector<std::shared_ptr<KTSProduct>> products = productsOfPass();
   countProducts(products, syncing, outcome);
@@ -178,34 +191,41 @@ void KTSSyncPass::markPassEnded(bool fullSync, const KTSPassOutcome& outcome) {
   }
 }
 
-bool KTSSyncPass::loadMetaIndex(bool fullSync, KTSPassOutcome& outcome) {
+void KTSSyncPass::loadMetaIndex(bool fullSync, KTSPassOutcome& outcome) {
   KTSMetaIndex& metaIndex = context_.metaIndex();
   if (!metaIndex.downloadForcingUpdate(fullSync && catalogSettingsChanged())) {
     outcome.failures.push_back("the meta-index names no catalog");
   } else if (fullSync) {
     rememberCatalogSettings();
   }
-  const std::vector<KTSURL>& urls = metaIndex.catalogs();
-  if (!fullSync || urls.empty() || UpstreamProbe().answers(*urls.front().url())) return true;
-  outcome.failures.push_back(fmt::format(
-      "the upstream {} does not answer; catalogs served as they were", urls.front().url()->host()));
-  log_.error("The upstream {} does not answer; the catalogs are served as they were.",
-             urls.front().url()->host());
-  return false;
 }
 
-// The catalogs and the deprecations list come in side by side; then each catalog is merged (or
-// only loaded from its cache when the pass does not sync).
-void KTSSyncPass::fetchAndLoadCatalogs(KTSFetchScheduler& scheduler, bool syncing,
+// The catalogs, the deprecations list and the probe of the upstream go out side by side; then
+// each catalog is merged, or only loaded from its cache when the pass does not sync or the
+// upstream does not answer. Whether the upstream answers costs a round trip of its own only
+// when nothing else was answered.
+bool KTSSyncPass::fetchAndLoadCatalogs(KTSFetchScheduler& scheduler, bool fullSync,
                                        KTSPassOutcome& outcome) {
+  const std::vector<KTSURL>& urls = context_.metaIndex().catalogs();
+  std::optional<UpstreamProbe> probe;
+  if (fullSync && !urls.empty()) probe.emplace(*urls.front().url());
   std::vector<std::shared_ptr<KTSCatalog>> catalogs;
-  for (const KTSURL& url : context_.metaIndex().catalogs()) {
+  for (const KTSURL& url : urls) {
     catalogs.push_back(KTSCatalog::catalogWithUrl(*url.url(), context_));
-    if (syncing) catalogs.back()->fetchCatalogAheadWithScheduler(scheduler);
+    if (fullSync) catalogs.back()->fetchCatalogAheadWithScheduler(scheduler);
   }
-  Plist deprecations = syncing ? fetchDeprecations() : Plist();
+  Plist deprecations = fullSync ? fetchDeprecations() : Plist();
   scheduler.run();
-  loadCatalogs(catalogs, syncing, deprecations, outcome);
+  bool syncing = fullSync && (!probe || scheduler.counters().answered > 0 || probe->answers());
+  if (fullSync && !syncing) {
+    const std::string& host = urls.front().url()->host();
+    outcome.failures.push_back(
+        fmt::format("the upstream {} does not answer; catalogs served as they were", host));
+    log_.error("The upstream {} does not answer; the catalogs are served as they were.", host);
+  }
+  probe.reset();
+  loadCatalogs(catalogs, syncing, syncing ? deprecations : Plist(), outcome);
+  return syncing;
 }
 
 void KTSSyncPass::countProducts(const std::vector<std::shared_ptr<KTSProduct>>& products,
@@ -594,7 +614,7 @@ void KTSSyncPass::productMirrored(const KTSProduct& product, bool complete, bool
 // the next one.
 bool KTSSyncPass::upstreamStillAnswers(KTSPassOutcome& outcome) {
   const Url& upstream = *context_.metaIndex().catalogs().front().url();
-  if (UpstreamProbe().answers(upstream)) return true;
+  if (UpstreamProbe(upstream).answers()) return true;
   outcome.failures.push_back(fmt::format(
       "the upstream {} stopped answering while products were mirrored", upstream.host()));
   log_.error("The upstream {} stopped answering; mirroring waits for the next pass.",

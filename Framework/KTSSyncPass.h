@@ -78,8 +78,9 @@ class KTSSyncPass {
   void markPassStarted(bool fullSync);
   // Builds the meta-index; on a full pass also whether the upstream answers (false, told in the
   // outcome, when it does not).
-  bool loadMetaIndex(bool fullSync, KTSPassOutcome& outcome);
-  void fetchAndLoadCatalogs(KTSFetchScheduler& scheduler, bool syncing, KTSPassOutcome& outcome);
+  void loadMetaIndex(bool fullSync, KTSPassOutcome& outcome);
+  // Whether the catalogs were synced with the upstream.
+  bool fetchAndLoadCatalogs(KTSFetchScheduler& scheduler, bool fullSync, KTSPassOutcome& outcome);
   void countProducts(const std::vector<std::shared_ptr<KTSProduct>>& products, bool syncing,
                      KTSPassOutcome& outcome);
   void removeAndMirrorProducts(const std::vector<std::shared_ptr<KTSProduct>>& products,

@@ -65,6 +65,10 @@ bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
 // keep a 100 MiB download to about 800 of each instead of thousands.
 constexpr std::size_t kReceiveBufferSize = 128 * 1024;
 
+// A connection not made in this time is not made at all: the kernel has long given up resending
+// its first packet by then on any link a server is reached over.
+constexpr std::chrono::seconds kLongestConnect(30);
+
 // Set from a signal handler to end every transfer of the process at its next slice.
 std::atomic<bool> transfersCancelled{false};
 
@@ -117,7 +121,8 @@ class Transfer::Impl {
     curl_easy_setopt(easy_, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(easy_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(easy_, CURLOPT_MAXREDIRS, 20L);
-    curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT, static_cast<long>(idleTimeout.count()));
+    curl_easy_setopt(easy_, CURLOPT_CONNECTTIMEOUT,
+                     static_cast<long>(std::min(idleTimeout, kLongestConnect).count()));
     curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_LIMIT, 1L);
     curl_easy_setopt(easy_, CURLOPT_LOW_SPEED_TIME, static_cast<long>(idleTimeout.count()));
     curl_easy_setopt(easy_, CURLOPT_NOSIGNAL, 1L);
