@@ -5,7 +5,8 @@
 # - the first pass against curl --parallel --parallel-max 16 and aria2c -j 16 fetching the same
 #   URL list through the same proxy;
 # - a steady pass (nothing changed upstream) against curl fetching the same requests in full,
-#   and how many of the pass's requests were answered 304;
+#   how many of the pass's requests were answered 304, and the pass against its bound: every
+#   request one round trip, 80 at once (the pass's limits), after one connection set-up;
 # - the peak memory of each.
 # Usage: Bench/wan_bench.sh [products] [round trip ms]...
 #        (as root; default 500 products, 50 and 200 ms; BANDWIDTH=bytes/s caps the link;
@@ -98,6 +99,11 @@ for rtt in "${round_trips[@]}"; do
   table+=("$(row "$rtt ms: steady pass, $(wc -l <"$work/steady.list") requests (s)" \
     "$steady_pass_s" "$steady_curl_s" "$(ratio "$steady_pass_s" "$steady_curl_s")")")
   table+=("$(row "$rtt ms: steady pass, answered 304" "$unchanged" "" "")")
+  # What the link allows: every request one round trip, as many at once as the pass runs
+  # (16 downloads and 64 conditional requests), after one connection set-up.
+  bound=$(python3 -c "print(f'{$(wc -l <"$work/steady.list") * $rtt / 1000 / 80 + $rtt / 1000:.2f}')")
+  table+=("$(row "$rtt ms: steady pass against its bound (s)" "$steady_pass_s" "$bound" \
+    "$(ratio "$steady_pass_s" "$bound")")")
   table+=("$(row "$rtt ms: peak memory, first pass (MB)" "$((first_pass_kb / 1024))" \
     "$((first_curl_kb / 1024)) / $((first_aria2_kb / 1024))" "")")
   table+=("$(row "$rtt ms: peak memory, steady pass (MB)" "$((steady_pass_kb / 1024))" \
