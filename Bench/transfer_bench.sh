@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Measures the file downloader against curl, both fetching from a real Apache httpd on loopback:
-# ten 100 MiB files, 10,000 files of 2 KiB one after another, and the sync bandwidth limit
-# (20 MiB at 2048 KiB/s, in one file and in eight files fetched at once). Usage: Bench/transfer_bench.sh   (as root; builds the release preset)
+# ten 100 MiB files and one 2 GiB file (three runs each, the two taking turns to go first, each
+# run after a sync so that neither pays for writing back what the other wrote; medians and the
+# downloader's peak memory shown), 10,000 files of 2 KiB one after another, and the sync
+# bandwidth limit (20 MiB at 2048 KiB/s, in one file and in eight files fetched at once).
+# Usage: Bench/transfer_bench.sh   (as root; builds the release preset)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake --preset release >/dev/null
@@ -16,6 +19,7 @@ trap cleanup EXIT
 
 mkdir -p "$work/www/big" "$work/www/small" "$work/out" "$work/curl" "$work/root/Library/Server"
 for i in $(seq 1 10); do head -c $((100 << 20)) /dev/urandom > "$work/www/big/big$i.bin"; done
+head -c $((2 << 30)) /dev/urandom > "$work/www/huge.bin"
 head -c $((20 << 20)) /dev/urandom > "$work/www/limit.bin"
 mkdir -p "$work/www/parts"
 for i in $(seq 1 8); do head -c $((20 << 17)) /dev/urandom > "$work/www/parts/part$i.bin"; done
@@ -47,6 +51,7 @@ for _ in $(seq 50); do curl -s -o /dev/null "http://127.0.0.1:$port/limit.bin" &
 
 base="http://127.0.0.1:$port"
 for i in $(seq 1 10); do echo "$base/big/big$i.bin"; done > "$work/big.list"
+echo "$base/huge.bin" > "$work/huge.list"
 for i in $(seq -f %05g 0 9999); do echo "$base/small/s$i.bin"; done > "$work/small.list"
 echo "$base/limit.bin" > "$work/limit.list"
 for i in $(seq 1 8); do echo "$base/parts/part$i.bin"; done > "$work/parts.list"
@@ -61,10 +66,40 @@ curl_list() {  # fetches a URL list in one curl process, which reuses its connec
 }
 
 export ONDREL_ROOT="$work/root"
-echo "== ten files of 100 MiB"
-curl_list "$work/big.list"
-/usr/bin/time -f "ondrel max RSS %M KB" "$bench" "$work/big.list" "$work/out"
-rm -f "$work/out"/* "$work/curl"/*
+# timed NAME COMMAND...: after a sync, runs COMMAND and appends its seconds and peak memory (KB)
+# to NAME_s and NAME_kb; the fetched files are removed afterwards.
+timed() {
+  local name=$1
+  shift
+  sync
+  /usr/bin/time -f "%e %M" -o "$work/time" "$@" >/dev/null
+  read -r seconds kilobytes <"$work/time"
+  eval "${name}_s+=($seconds)"
+  eval "${name}_kb+=($kilobytes)"
+  rm -f "$work/out"/* "$work/curl"/*
+}
+median() { printf '%s\n' "$@" | sort -g | sed -n "$((($# + 1) / 2))p"; }
+# compare TITLE LIST: curl and the downloader fetch LIST three times each, taking turns to go first.
+compare() {
+  curl_s=() curl_kb=() ondrel_s=() ondrel_kb=()
+  sed "s|.*/\(.*\)|url = \"&\"\noutput = \"$work/curl/\1\"|" "$2" >"$work/curl.config"
+  for round in 1 2 3; do
+    if [ $((round % 2)) -eq 1 ]; then
+      timed curl curl -s -K "$work/curl.config"
+      timed ondrel "$bench" "$2" "$work/out"
+    else
+      timed ondrel "$bench" "$2" "$work/out"
+      timed curl curl -s -K "$work/curl.config"
+    fi
+  done
+  local mine theirs
+  mine=$(median "${ondrel_s[@]}")
+  theirs=$(median "${curl_s[@]}")
+  echo "== $1: Ondrel $mine s, curl $theirs s ($(python3 -c "print(f'{$mine / $theirs:.2f}')")x)," \
+    "peak memory Ondrel $(($(median "${ondrel_kb[@]}") / 1024)) MB, curl $(($(median "${curl_kb[@]}") / 1024)) MB"
+}
+compare "ten files of 100 MiB" "$work/big.list"
+compare "one file of 2 GiB" "$work/huge.list"
 echo "== 10,000 files of 2 KiB"
 curl_list "$work/small.list"
 "$bench" "$work/small.list" "$work/out"
