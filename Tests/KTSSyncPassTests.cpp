@@ -21,6 +21,7 @@
 #include "KTSSyncPass.h"
 #include "KTSSyncStatus.h"
 #include "KTSWorkingSet.h"
+#include "LoopbackServer.h"
 #include "OndrelTest.h"
 #include "SampleVendor.h"
 
@@ -375,6 +376,31 @@ TEST_F(KTSSyncPassTest, ARebuildTrustsNothingKept) {
   run([](KTSSyncPass& pass) { return pass.runFullPass(KTSPassRecord::Reuse::Nothing); });
   EXPECT_EQ(readFile(copy), good);
   EXPECT_EQ(fileIdentity(deprecations), deprecationsFile) << "fetched whole, the same bytes";
+}
+
+// An upstream that offers HTTP/2 but lets a connection carry 8 streams, against a pass that runs
+// far more transfers at once: every transfer still goes over HTTP/2, and none fails for it.
+TEST_F(KTSSyncPassTest, AnHttp2UpstreamThatAllowsFewStreamsServesAWholePass) {
+  test::Certificate certificate = test::makeThrowAwayCertificate(root_);
+  vendor_ = std::make_unique<test::SampleVendor>(
+      root_ + "/upstream-h2",
+      sample::TlsSetting{certificate.certificatePath, certificate.keyPath, true, 8});
+  vendor_->publishEpoch(0);
+  ::setenv("ONDREL_CA_BUNDLE", certificate.certificatePath.c_str(), 1);
+  configure(true);
+  KTSPassOutcome outcome = fullPass();
+  ::unsetenv("ONDREL_CA_BUNDLE");
+  EXPECT_FALSE(outcome.failed()) << outcome.note();
+  EXPECT_EQ(served().size(), vendor_->servableCount());
+  std::istringstream log(readFile(vendor_->folder() + "/.sample-upstream/access.log"));
+  int requests = 0;
+  for (std::string line; std::getline(log, line);) {
+    // The readiness checks of the vendor's start are not the pass's.
+    if (line.find(" /content/") == std::string::npos) continue;
+    EXPECT_TRUE(line.ends_with(" HTTP/2.0")) << line;
+    ++requests;
+  }
+  EXPECT_GT(requests, 100);
 }
 
 }  // namespace

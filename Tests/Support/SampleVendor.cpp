@@ -16,15 +16,15 @@ namespace ondrel::test {
 const std::string kNewestCatalog =
     "index-10.12-10.11-10.10-10.9-dogwood-cedar-birch-alder.merged-1.ktcatalog";
 
-SampleVendor::SampleVendor(std::string folder)
-    : folder_(std::move(folder)), port_(freeLoopbackPort()) {}
+SampleVendor::SampleVendor(std::string folder, std::optional<sample::TlsSetting> tls)
+    : folder_(std::move(folder)), port_(freeLoopbackPort()), tls_(std::move(tls)) {}
 
 SampleVendor::~SampleVendor() { stop(); }
 
 void SampleVendor::publishEpoch(int epoch, std::uint64_t packageSize) {
   sample::TreeOptions tree;
   tree.outputFolder = folder_;
-  tree.baseURL = fmt::format("http://127.0.0.1:{}", port_);
+  tree.baseURL = base();
   tree.products = 40;
   tree.epoch = epoch;
   tree.packageSize = packageSize;
@@ -32,13 +32,15 @@ void SampleVendor::publishEpoch(int epoch, std::uint64_t packageSize) {
   if (!std::filesystem::exists(folder_ + "/.sample-upstream/httpd.pid")) serve();
 }
 
-void SampleVendor::serve() { sample::serveTree(folder_, "127.0.0.1", port_); }
+void SampleVendor::serve() { sample::serveTree(folder_, "127.0.0.1", port_, tls_); }
 
 void SampleVendor::stop() { sample::stopServingTree(folder_); }
 
-std::string SampleVendor::metaIndexURL() const {
-  return fmt::format("http://127.0.0.1:{}/content/meta/config.plist", port_);
+std::string SampleVendor::base() const {
+  return fmt::format("{}://127.0.0.1:{}", tls_ ? "https" : "http", port_);
 }
+
+std::string SampleVendor::metaIndexURL() const { return base() + "/content/meta/config.plist"; }
 
 std::string SampleVendor::localPath(const std::string& url) const {
   return folder_ + url.substr(url.find("/content/"));

@@ -4,9 +4,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "Plist.h"
+#include "UpstreamServer.h"
 
 namespace ondrel::test {
 
@@ -15,7 +17,8 @@ extern const std::string kNewestCatalog;
 
 class SampleVendor {
  public:
-  explicit SampleVendor(std::string folder);
+  // With tls, the vendor is served over HTTPS and its URLs say so.
+  explicit SampleVendor(std::string folder, std::optional<sample::TlsSetting> tls = std::nullopt);
   ~SampleVendor();
   SampleVendor(const SampleVendor&) = delete;
   SampleVendor& operator=(const SampleVendor&) = delete;
@@ -40,8 +43,11 @@ class SampleVendor {
   std::size_t servableCount() const;
 
  private:
+  std::string base() const;
+
   std::string folder_;
   int port_;
+  std::optional<sample::TlsSetting> tls_;
 };
 
 }  // namespace ondrel::test

@@ -69,8 +69,8 @@ std::string tlsConfiguration(const std::optional<TlsSetting>& tls) {
       "LoadModule ssl_module /usr/lib/apache2/modules/mod_ssl.so\n"
       "LoadModule http2_module /usr/lib/apache2/modules/mod_http2.so\n"
       "SSLEngine on\nSSLCertificateFile \"{}\"\nSSLCertificateKeyFile \"{}\"\n"
-      "Protocols {}http/1.1\nH2MaxSessionStreams 128\n",
-      tls->certificatePath, tls->keyPath, tls->http2 ? "h2 " : "");
+      "Protocols {}http/1.1\nH2MaxSessionStreams {}\n",
+      tls->certificatePath, tls->keyPath, tls->http2 ? "h2 " : "", tls->http2Streams);
 }
 
 std::string configuration(const std::string& root, const std::string& server,
@@ -86,7 +86,7 @@ std::string configuration(const std::string& root, const std::string& server,
       "ServerTokens Prod\nTraceEnable Off\nKeepAlive On\nMaxKeepAliveRequests 0\n"
       "KeepAliveTimeout 15\nPidFile \"{}/httpd.pid\"\nMutex file:{} default\n"
       "ErrorLog \"{}/httpd_error.log\"\nLogLevel warn\nListen {}:{}\n"
-      "LogFormat \"%m %U%q %>s %B\" requests\nCustomLog \"{}/access.log\" requests\n"
+      "LogFormat \"%m %U%q %>s %B %H\" requests\nCustomLog \"{}/access.log\" requests\n"
       "TypesConfig /etc/mime.types\nAddType text/xml .ktcatalog .dist .pkm .smd .plist\n"
       "AddType application/octet-stream .pkg\n"
       "<Directory />\n    Options None\n    AllowOverride None\n    Require all denied\n"

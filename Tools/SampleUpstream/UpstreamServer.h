@@ -11,11 +11,13 @@
 
 namespace ondrel::sample {
 
-// HTTPS instead of HTTP: the certificate and key files, and whether HTTP/2 is offered.
+// HTTPS instead of HTTP: the certificate and key files, whether HTTP/2 is offered, and how many
+// streams at once an HTTP/2 connection may carry.
 struct TlsSetting {
   std::string certificatePath;
   std::string keyPath;
   bool http2 = true;
+  int http2Streams = 128;
 };
 
 // Starts Apache for folder on address:port and returns its PID; throws std::runtime_error with
