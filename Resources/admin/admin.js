@@ -23,6 +23,17 @@ function element(name, text, className) {
   return node;
 }
 
+// Replaces the body of the table with one row per item, its cells made by cellsOf.
+function fillTable(id, items, cellsOf) {
+  const body = document.createElement("tbody");
+  for (const item of items) {
+    const line = element("tr");
+    line.append(...cellsOf(item));
+    body.append(line);
+  }
+  $(id).replaceChild(body, $(id).tBodies[0]);
+}
+
 // A size the server does not know (none recorded) is "unknown", never "0 B".
 function bytes(count) {
   if (count === null || count === undefined || count === "" || !Number.isFinite(Number(count))) {
@@ -275,14 +286,9 @@ async function showDetail(productId) {
     for (const [label, value] of shown) {
       fields.append(element("dt", label), element("dd", value === undefined || value === "" ? "-" : value));
     }
-    const files = document.createElement("tbody");
-    for (const file of product.files || []) {
-      const line = element("tr");
-      line.append(element("td", file.path), element("td", bytes(file.size), "size"),
-                  element("td", file.present ? "yes" : "no"));
-      files.append(line);
-    }
-    $("detail-files").replaceChild(files, $("detail-files").tBodies[0]);
+    fillTable("detail-files", product.files || [], (file) => [
+      element("td", file.path), element("td", bytes(file.size), "size"),
+      element("td", file.present ? "yes" : "no")]);
     page.detailId = productId;
     $("detail").hidden = false;
     $("detail-close").focus();
@@ -333,25 +339,15 @@ function showSettings(settings) {
 }
 
 function showClients(days) {
-  const body = document.createElement("tbody");
-  for (const day of days) {
-    const line = element("tr");
-    line.append(element("td", day.day), element("td", day.catalog), element("td", day.requests, "size"),
-                element("td", bytes(day.bytes), "size"), element("td", day.clients, "size"));
-    body.append(line);
-  }
-  $("clients-table").replaceChild(body, $("clients-table").tBodies[0]);
+  fillTable("clients-table", days, (day) => [
+    element("td", day.day), element("td", day.catalog), element("td", day.requests, "size"),
+    element("td", bytes(day.bytes), "size"), element("td", day.clients, "size")]);
 }
 
 function showAudit(entries) {
-  const body = document.createElement("tbody");
-  for (const entry of entries) {
-    const line = element("tr");
-    line.append(element("td", new Date(entry.time).toLocaleString()), element("td", entry.requester),
-                element("td", entry.action), element("td", entry.products.join(" ")));
-    body.append(line);
-  }
-  $("audit-table").replaceChild(body, $("audit-table").tBodies[0]);
+  fillTable("audit-table", entries, (entry) => [
+    element("td", new Date(entry.time).toLocaleString()), element("td", entry.requester),
+    element("td", entry.action), element("td", entry.products.join(" "))]);
 }
 
 // The plan reads every catalog's cache (seconds at 10,000 products), so the table does not wait
