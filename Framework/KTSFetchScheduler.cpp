@@ -190,6 +190,12 @@ void KTSFetchScheduler::waitForDeferred() {
 
 void KTSFetchScheduler::finish(Job job) {
   std::optional<std::int64_t> wait = job.downloader->retryAfterSeconds();
+  // Busy without saying for how long, while several transfers run at once: most likely the
+  // server's limit of connections per client (a 503 is what common servers answer past it).
+  // Asked again in a second, with half as many; at one at a time, a busy answer fails the file.
+  if (!wait && job.downloader->wasBusy() && (maxConcurrent_ > 1 || maxConditional_ > 1)) {
+    wait = 1;
+  }
   if (wait && *wait <= kLongestDeferral && job.deferrals < kMostDeferrals &&
       !Transfer::isCancelled()) {
     ++job.deferrals;

@@ -7,8 +7,9 @@
 // server metadata file, a product's files) joins it, and one started without a context's
 // scheduler runs under a scheduler of its own. Used by the sync pass, KTSProduct and
 // KTSFileDownloader. A server that answers 429 or 503 with Retry-After is asked again after that
-// wait (up to five minutes, five times a file), and the scheduler then runs half as many
-// transfers of each kind at once: a busy upstream slows the pass, it does not fail it. One
+// wait (up to five minutes, five times a file), one that gives no wait after a second while more
+// than one transfer may run, and the scheduler then runs half as many transfers of each kind at
+// once: a busy upstream slows the pass, it does not fail it. One
 // thread; never two running on one thread except nested, a download of one scheduler's callback
 // run to its end by the same scheduler.
 #pragma once

@@ -72,6 +72,7 @@ bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& 
   answered_ = false;
   tooSlow_ = false;
   retryAfterSeconds_.reset();
+  busy_ = false;
   responseETag_.clear();
   responseLastModified_.clear();
   validators_ = usesValidators_ ? validators : nullptr;
@@ -219,6 +220,7 @@ void KTSFileDownloader::transferDidFailWithError(const TransferError& error) {
   answered_ = answered_ || error.httpStatus != 0;
   tooSlow_ = error.tooSlow;
   retryAfterSeconds_ = error.retryAfterSeconds;
+  busy_ = error.httpStatus == 429 || error.httpStatus == 503;
   downloadError_ = KTSError(kTransferErrorDomain, error.code, error.description);
   // A body cut short is kept to be continued when it can be; one refused is not.
   if (memoryLimit_) {

@@ -73,6 +73,8 @@ class KTSFileDownloader : public TransferReceiver {
   // The server answered the last download 429 or 503 and asked to come back after this many
   // seconds; none otherwise.
   std::optional<std::int64_t> retryAfterSeconds() const { return retryAfterSeconds_; }
+  // The server answered the last download 429 or 503, with or without a time to come back.
+  bool wasBusy() const { return busy_; }
   // Records the last response's validators for the file now at downloadPath, in the record of
   // the scheduler it ran under; for a caller that placed a body received into memory.
   void recordValidatorsOfPlacedFile();
@@ -156,6 +158,7 @@ class KTSFileDownloader : public TransferReceiver {
   bool answered_ = false;
   bool tooSlow_ = false;
   std::optional<std::int64_t> retryAfterSeconds_;
+  bool busy_ = false;
   LogHandle log_;
 };
 

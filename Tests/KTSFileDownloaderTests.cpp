@@ -157,6 +157,17 @@ class KTSFileDownloaderTest : public OndrelTest {
         response.set_content("done at last", "text/plain");
       }
     });
+    // Busy three times without saying for how long (a server's limit of connections), then
+    // answers; "/full" is always busy so.
+    routes.Get("/crowded", [this](const httplib::Request&, httplib::Response& response) {
+      if (++crowdedRequests_ <= 3) {
+        response.status = 503;
+      } else {
+        response.set_content("room at last", "text/plain");
+      }
+    });
+    routes.Get("/full",
+               [](const httplib::Request&, httplib::Response& response) { response.status = 503; });
     routes.Get("/closed", [](const httplib::Request&, httplib::Response& response) {
       response.status = 503;
       response.set_header("Retry-After", "100000");
@@ -213,6 +224,7 @@ class KTSFileDownloaderTest : public OndrelTest {
   std::atomic<bool> ignoreRanges_{false};
   std::atomic<bool> answer416_{false};
   std::atomic<int> busyRequests_{0};
+  std::atomic<int> crowdedRequests_{0};
   std::vector<std::string> conditionsSeen_;
 };
 
@@ -449,6 +461,15 @@ TEST_F(KTSFileDownloaderTest, ABusyServerIsAskedAgainWhenItSaysAndSlowsThePass) 
   EXPECT_EQ(scheduler.counters().failed, 0u);
   EXPECT_EQ(scheduler.maxConcurrent(), 2u) << "halved each time it was asked to wait";
   EXPECT_TRUE(download("/closed")->downloadError()) << "a wait of over five minutes fails it";
+
+  // No wait given: asked again a second later with half as many at once, down to one of each.
+  EXPECT_FALSE(download("/crowded")->downloadError());
+  EXPECT_EQ(readFile(target()), "room at last");
+  EXPECT_EQ(scheduler.counters().deferred, 5u);
+  EXPECT_EQ(scheduler.maxConcurrent(), 1u);
+  EXPECT_EQ(scheduler.maxConditional(), 1u);
+  EXPECT_TRUE(download("/full")->downloadError()) << "one at a time, busy is a failure";
+  EXPECT_EQ(scheduler.counters().deferred, 5u);
 }
 
 TEST_F(KTSFileDownloaderTest, ProgressAndRedirects) {
