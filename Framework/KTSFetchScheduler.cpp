@@ -34,7 +34,8 @@ KTSFetchScheduler::KTSFetchScheduler(std::size_t maxConcurrent,
           std::clamp<std::size_t>(maxConcurrent, 1, KTSSettings::kMostConcurrentDownloads)),
       maxConditional_(std::min(maxConcurrent_ * kConditionalShare, kMostConditional)),
       validators_(std::move(validators)),
-      pace_(std::make_shared<KTSSyncPace>(KTSSyncPace{std::nullopt, 0, maxConcurrent_})) {}
+      pace_(std::make_shared<KTSSyncPace>(
+          KTSSyncPace{std::nullopt, 0, maxConcurrent_ + maxConditional_})) {}
 
 KTSFetchScheduler::~KTSFetchScheduler() = default;
 
@@ -133,7 +134,7 @@ void KTSFetchScheduler::startQueued() {
 
 void KTSFetchScheduler::startNext(std::deque<Job>& queue) {
   // The limit paces what arrives while transfers run, not the time between busy spells.
-  if (running_.empty()) *pace_ = KTSSyncPace{std::nullopt, 0, maxConcurrent_};
+  if (running_.empty()) *pace_ = KTSSyncPace{std::nullopt, 0, maxConcurrent_ + maxConditional_};
   Job job = std::move(queue.front());
   queue.pop_front();
   job.downloader->setPace(pace_);
