@@ -46,8 +46,8 @@ class KTSFetchScheduler {
     std::uint64_t unansweredInARow = 0;
     // Transfers the server answered with some HTTP status.
     std::uint64_t answered = 0;
-    // Downloads the server asked to come back to later (429 or 503 with Retry-After), each
-    // time it asked.
+    // Downloads the server asked to come back to later (429 or 503, with Retry-After or,
+    // while more than one transfer may run, without), each time it asked.
     std::uint64_t deferred = 0;
   };
 
@@ -65,11 +65,12 @@ class KTSFetchScheduler {
   static void setHeartbeat(void (*heartbeat)());
 
   // Lets the process keep as many connections per upstream host open as this scheduler runs
-  // transfers at once (the pass's scheduler does, so that its connections are reused).
+  // transfers at once, of both kinds (the pass's scheduler does, so that its connections are
+  // reused).
   void sizeConnectionPool() const;
   // Queues a download; finished gets it, on this thread inside run, once it ended either way.
   void enqueue(std::shared_ptr<KTSFileDownloader> downloader, Finished finished);
-  // The same, ahead of everything queued.
+  // The same, ahead of everything queued of its kind (conditional request or body).
   void enqueueFirst(std::shared_ptr<KTSFileDownloader> downloader, Finished finished);
   // Runs the queued downloads, asking feed for more whenever the queue runs low, until nothing
   // is queued, running or left to feed. Ends early, with the rest failed, once transfers are
