@@ -22,7 +22,7 @@ void KTSCatalog::applyGlobalProductPreferences() {
   applyAutoEnablesForAllProducts();
   if (automatic || !products_) return;
   for (const auto& [productId, product] : *products_) {
-    if (product->mirror() == KTSProduct::PleaseMirror) {
+    if (product->state().mirror() == KTSProductState::PleaseMirror) {
       cancelPendingAutoRequestsForAllProducts();
       return;
     }
@@ -43,10 +43,10 @@ void KTSCatalog::applyAutoMirrorsForAllProducts() {
   for (const auto& [productId, product] : *products_) {
     std::string outcome;
     std::int64_t state = compositeStateForProduct(*product);
-    if (product->mirror() != KTSProduct::DoNotMirror) {
-      outcome = fmt::format("SKIPPED (state: {})", product->mirrorStateDescription());
+    if (product->state().mirror() != KTSProductState::DoNotMirror) {
+      outcome = fmt::format("SKIPPED (state: {})", product->state().mirrorDescription());
     } else if (state != Unknown && (!onlyNew || state == New)) {
-      product->scheduleMirroring();
+      product->state().scheduleMirroring();
       outcome = "scheduled";
     } else {
       outcome = fmt::format("SKIPPED (state: {})", compositeProductStringForStateValue(state));
@@ -65,19 +65,20 @@ void KTSCatalog::applyAutoEnablesForAllProducts() {
   if (!products_) return;
   for (const auto& [productId, product] : *products_) {
     std::string outcome;
-    switch (product->mirror()) {
-      case KTSProduct::Mirrored:
-        product->enable();
+    KTSProductState& state = product->state();
+    switch (state.mirror()) {
+      case KTSProductState::Mirrored:
+        state.enable();
         outcome = "enabled";
         break;
-      case KTSProduct::PleaseMirror:
-      case KTSProduct::Downloading:
-      case KTSProduct::LocalOnly:
-        product->enableOnceMirrored();
+      case KTSProductState::PleaseMirror:
+      case KTSProductState::Downloading:
+      case KTSProductState::LocalOnly:
+        state.enableOnceMirrored();
         outcome = "will enable when mirrored";
         break;
       default:
-        outcome = fmt::format("SKIPPED (state: {})", product->mirrorStateDescription());
+        outcome = fmt::format("SKIPPED (state: {})", state.mirrorDescription());
         break;
     }
     log_.debug("CTLG: auto-enable - product \"{}\" {}.", productId, outcome);
@@ -91,14 +92,15 @@ void KTSCatalog::cancelPendingAutoRequestsForAllProducts() {
             autoMirror ? "enable requests only" : "download and enable requests");
   if (!products_) return;
   for (const auto& [productId, product] : *products_) {
-    if (product->mirror() == KTSProduct::Downloading) {
+    KTSProductState& state = product->state();
+    if (state.mirror() == KTSProductState::Downloading) {
       log_.debug("CTLG: canceling pending enable for in-progress download; product {}", productId);
-      product->cancelPendingEnable();
-    } else if (product->mirror() == KTSProduct::PleaseMirror) {
+      state.cancelPendingEnable();
+    } else if (state.mirror() == KTSProductState::PleaseMirror) {
       log_.debug("CTLG: canceling pending {} for product {}",
                  autoMirror ? "enable" : "mirror and enable", productId);
-      product->cancelPendingEnable();
-      if (!autoMirror) product->stopMirroring();
+      state.cancelPendingEnable();
+      if (!autoMirror) state.stopMirroring();
     }
   }
 }
@@ -107,20 +109,21 @@ void KTSCatalog::updateAllDeprecatedProductsStates() {
   log_.debug("CTLG: updating enable state for deprecated products");
   if (!products_) return;
   for (const auto& [productId, product] : *products_) {
-    std::int64_t state = compositeStateForProduct(*product);
-    std::int32_t mirror = product->mirror();
-    if (state == Orphaned) {
+    std::int64_t composite = compositeStateForProduct(*product);
+    KTSProductState& state = product->state();
+    std::int32_t mirror = state.mirror();
+    if (composite == Orphaned) {
       log_.info("Product {} is no longer available and has no replacement.", productId);
-      product->markOrphaned();
-    } else if (state == Deprecated && mirror < KTSProduct::Mirrored) {
+      state.markOrphaned();
+    } else if (composite == Deprecated && mirror < KTSProductState::Mirrored) {
       log_.info(
           "Product {} (not downloaded) is no longer available and will be removed from the "
           "catalog.",
           productId);
-      product->markWithdrawnUnmirrored();
-    } else if (state == Deprecated && mirror == KTSProduct::Mirrored) {
+      state.markWithdrawnUnmirrored();
+    } else if (composite == Deprecated && mirror == KTSProductState::Mirrored) {
       log_.info("Product {} is no longer available but may still be enabled.", productId);
-      product->keepLocally();
+      state.keepLocally();
     }
   }
   for (const auto& [productId, product] : *products_) {
@@ -147,17 +150,17 @@ void KTSCatalog::updateDeprecatedProductsStatesInWalk(KTSProduct& product,
   bool carry = superiorEnabled;
   if (deprecator != nullptr) {
     const std::string deprecatorId = deprecator->productId().value_or("");
-    if (!superiorEnabled && !deprecator->enabled()) {
-      if (product.mirror() == KTSProduct::LocalDeprecated) {
+    if (!superiorEnabled && !deprecator->state().enabled()) {
+      if (product.state().mirror() == KTSProductState::LocalDeprecated) {
         log_.info("Product {} may be re-enabled; replacement product {} was disabled.", productId,
                   deprecatorId);
-        product.keepLocally();
+        product.state().keepLocally();
       }
       carry = false;
     } else {
       log_.info("Product {} is disabled because replacement product {} was enabled.", productId,
                 deprecatorId);
-      product.markReplaced();
+      product.state().markReplaced();
       carry = true;
     }
   }
@@ -245,13 +248,14 @@ std::string KTSCatalog::productIndexCacheInputs(KTSPassRecord& record) const {
   KTSPassRecord::Inputs inputs;
   if (!products_) return inputs.text();
   for (const auto& [productId, product] : *products_) {
+    const KTSProductState& state = product->state();
     inputs.add(std::string_view(productId))
-        .add(product->mirror())
-        .add(product->enabled())
-        .add(product->enableWhenMirrored())
-        .add(product->downloadStatus())
-        .addValue(product->totalDownloadSize())
-        .addValue(product->downloadedSize());
+        .add(state.mirror())
+        .add(state.enabled())
+        .add(state.enableWhenMirrored())
+        .add(state.downloadStatus())
+        .addValue(state.totalDownloadSize())
+        .addValue(state.downloadedSize());
     inputs.add(record.stampOfSettledFile(product->serverMetadataLocalPath()));
   }
   return inputs.text();
@@ -269,22 +273,22 @@ void KTSCatalog::verifyAllProductDownloadStates() {
   if (!products_) return;
   std::vector<std::string> removed;
   for (const auto& [productId, product] : *products_) {
-    std::int32_t mirror = product->mirror();
-    if (mirror >= KTSProduct::LocalOnly && mirror <= KTSProduct::LocalNotMirrored &&
-        !product->verifyMirroredFiles(context_.memo())) {
+    KTSProductState& state = product->state();
+    if (state.hasStanding() && !product->verifyMirroredFiles(context_.memo())) {
       removed.push_back(productId);
       log_.debug(
           "CTLG: WARNING - Removing {} product {} (reason: missing files, no longer "
           "available).",
-          product->mirrorStateDescription(), productId);
+          state.mirrorDescription(), productId);
       log_.info(
           "Partially copied product {} missing some local files. The product is no longer "
           "available and will be removed.",
           productId);
-    } else if (mirror == KTSProduct::Mirrored && !product->verifyMirroredFiles(context_.memo())) {
-      product->scheduleMirroring();
+    } else if (state.mirror() == KTSProductState::Mirrored &&
+               !product->verifyMirroredFiles(context_.memo())) {
+      state.scheduleMirroring();
       log_.debug("CTLG: WARNING - {} product {} not found / missing files.",
-                 product->mirrorStateDescription(), productId);
+                 state.mirrorDescription(), productId);
       log_.info(
           "Previously copied product {} missing from local storage. This product will be "
           "re-download.",

@@ -252,7 +252,7 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
   }
   KTSWorkingSet& workingSet = context_.workingSet();
   if (workingSet.containsProductID(productId)) {
-    product->restoreSettings(workingSet.mirrorSettingForProductID(productId),
+    product->state().restore(workingSet.mirrorSettingForProductID(productId),
                              workingSet.enableSettingForProductID(productId));
     workingSet.shareTextsWithProduct(*product);
     // An unreadable posting date reads as when the product was first seen, not as each pass.
@@ -314,13 +314,18 @@ void KTSCatalog::mergeWorkingSetProductsStates() {
     if (!workingSet.containsProductID(productId)) continue;
     log_.debug("CTLG: transferring working set data for {}", productId);
     Plist record = workingSet.productDictForID(productId);
-    product->restoreSettings(
-        record.contains("mirror") ? KTSProduct::mirrorStateForString(record["mirror"].stringValue())
-                                  : product->mirror(),
-        record.contains("enable") ? record["enable"].boolValue() : product->enabled());
-    if (record.contains("DownloadedSize")) product->setDownloadedSize(record["DownloadedSize"]);
+    // The working set keeps one record per product; the standing this catalog gave it, kept in
+    // its cache, stays.
+    KTSProductState& state = product->state();
+    state.restoreKeepingStanding(
+        record.contains("mirror")
+            ? KTSProductState::mirrorStateForString(record["mirror"].stringValue())
+            : state.mirror(),
+        record.contains("enable") ? record["enable"].boolValue() : state.enabled());
+    if (record.contains("DownloadedSize"))
+      product->state().setDownloadedSize(record["DownloadedSize"]);
     if (record.contains("TotalDownloadSize")) {
-      product->setTotalDownloadSize(record["TotalDownloadSize"]);
+      product->state().setTotalDownloadSize(record["TotalDownloadSize"]);
     }
   }
 }

@@ -7,10 +7,10 @@ namespace ondrel {
 
 KTSFileOwnership::KTSFileOwnership(const std::vector<std::shared_ptr<KTSProduct>>& products) {
   for (const auto& product : products) {
-    if (product->isInServedState()) claimFilesOfProduct(*product);
+    if (product->state().isInServedState()) claimFilesOfProduct(*product);
   }
   for (const auto& product : products) {
-    if (!product->isInServedState()) claimFilesOfProduct(*product);
+    if (!product->state().isInServedState()) claimFilesOfProduct(*product);
   }
 }
 

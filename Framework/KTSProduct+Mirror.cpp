@@ -245,19 +245,13 @@ void KTSProduct::mirrorFilesWithScheduler(KTSFetchScheduler& scheduler,
 // cannot end the product while others are still to start.
 void KTSProduct::attemptFiles(const std::vector<std::size_t>& indexes) {
   mirroring_->filesLeft = indexes.size() + 1;
-  for (std::size_t index : indexes) attemptFile(index, 0, DownloadBegun);
+  for (std::size_t index : indexes) attemptFile(index, 0, KTSProductState::DownloadBegun);
   fileProcessed(false);
 }
 
 void KTSProduct::beginDownload() {
   log_.debug("PROD: {}: ...starting download", id());
-  downloadedSize_ = Plist::integer(0);
-  totalDownloadCount_ = 0;
-  downloadStatus_ = DownloadBegun;
-}
-
-void KTSProduct::addToDownloadedSize(std::int64_t bytes) {
-  downloadedSize_ = Plist::integer(downloadedSize_.integerValue() + bytes);
+  state_.restartProgress();
 }
 
 void KTSProduct::attemptFile(std::size_t index, int attempt, std::int64_t fileStatus) {
@@ -266,33 +260,33 @@ void KTSProduct::attemptFile(std::size_t index, int attempt, std::int64_t fileSt
   if (std::optional<std::string> owner = otherOwnerOfFile(index)) {
     log_.error("*** File {} of product {} belongs to {}; it is neither fetched nor touched.",
                localPath, id(), *owner);
-    downloadStatus_ = FileAbsent;
+    state_.setDownloadStatus(KTSProductState::FileAbsent);
     return fileProcessed(true);
   }
   if (attempt == kFileDownloadAttempts) {
     log_.debug("PROD: {} ({}) download retries exhausted, skipping file.", id(), fileName);
-    downloadStatus_ = FileAbsent;
+    state_.setDownloadStatus(KTSProductState::FileAbsent);
     return fileProcessed(true);
   }
-  mirror_ = Downloading;
-  if (fileStatus == FileSuspect) {
+  state_.beginFetching();
+  if (fileStatus == KTSProductState::FileSuspect) {
     // A file where no product file may be (a served catalog, say) is never deleted as suspect.
     if (!KTSPath::isInsideHtmlFolder(localPath) || refusalOutsideDownloads(localPath)) {
-      downloadStatus_ = FileAbsent;
+      state_.setDownloadStatus(KTSProductState::FileAbsent);
       return fileProcessed(true);
     }
     log_.debug("PROD: {} ({}) removing suspect file.", id(), fileName);
     if (!KTSUtilities::removePath(localPath)) {
       // Left as it is: the file counts as neither verified nor given up.
-      downloadStatus_ = FileSuspect;
+      state_.setDownloadStatus(KTSProductState::FileSuspect);
       return fileProcessed(false);
     }
-    fileStatus = FileAbsent;
+    fileStatus = KTSProductState::FileAbsent;
   }
-  if (fileStatus == FileAbsent) {
+  if (fileStatus == KTSProductState::FileAbsent) {
     log_.debug("PROD: {} ({}) retrying download...", id(), fileName);
   }
-  downloadStatus_ = FileInTransfer;
+  state_.setDownloadStatus(KTSProductState::FileInTransfer);
   downloadFileWithInfo(index, attempt);
 }
 
@@ -343,7 +337,7 @@ void KTSProduct::downloadFileWithInfo(std::size_t index, int attempt) {
     // A server too slow for the floor would be as slow again at once: the next pass tries.
     if (fetched.wasTooSlow()) {
       log_.debug("PROD: {} ({}) too slow; left for the next pass.", id(), fileName);
-      downloadStatus_ = FileAbsent;
+      state_.setDownloadStatus(KTSProductState::FileAbsent);
       return fileProcessed(true);
     }
     attemptEnded(index, attempt, fetched.downloadError() ? 0 : expectedSize.value_or(0));
@@ -353,15 +347,17 @@ void KTSProduct::downloadFileWithInfo(std::size_t index, int attempt) {
 void KTSProduct::attemptEnded(std::size_t index, int attempt, std::int64_t bytesPlaced) {
   const Plist& record = facts_->mirrorFiles[index];
   log_.debug("PROD: {}: ...downloaded {} bytes of total {}", id(),
-             downloadedSize_.integerValue() + bytesPlaced, totalDownloadSize_.integerValue());
+             state_.downloadedSize().integerValue() + bytesPlaced,
+             state_.totalDownloadSize().integerValue());
   if (verifyMirroredFileWithInfo(record)) {
-    downloadStatus_ = FileVerified;
-    ++totalDownloadCount_;
-    addToDownloadedSize(bytesPlaced);
+    state_.setDownloadStatus(KTSProductState::FileVerified);
+    state_.setTotalDownloadCount(state_.totalDownloadCount() + 1);
+    state_.addToDownloadedSize(bytesPlaced);
     return fileProcessed(false);
   }
   bool present = KTSUtilities::fileExistsAtPath(record[kFileLocalPathKey].stringValue());
-  attemptFile(index, attempt + 1, present ? FileSuspect : FileAbsent);
+  attemptFile(index, attempt + 1,
+              present ? KTSProductState::FileSuspect : KTSProductState::FileAbsent);
 }
 
 // Another product that owns the record's file, or this product itself when another of its
@@ -394,7 +390,7 @@ void KTSProduct::fileProcessed(bool givenUp) {
   conflictingFiles_.clear();
   // A product with a file given up keeps its state until the next attempt.
   if (mirroring->givenUp) {
-    downloadStatus_ = FileAbsent;
+    state_.setDownloadStatus(KTSProductState::FileAbsent);
   } else {
     endDownload();
   }
@@ -403,14 +399,14 @@ void KTSProduct::fileProcessed(bool givenUp) {
 
 void KTSProduct::endDownload() {
   log_.info("Finished downloading product: {}", id());
-  downloadStatus_ = DownloadFinished;
   auto expected = static_cast<std::int64_t>(facts_->mirrorFiles.size());
-  log_.debug("PROD: {}: files downloaded = {}, expected {}", id(), totalDownloadCount_, expected);
-  mirror_ = totalDownloadCount_ == expected ? Mirrored : PleaseMirror;
-  log_.debug("PROD: {}: mirror = {}", id(), mirrorStateDescription());
-  if (mirror_ == Mirrored && enableWhenMirrored_) {
+  std::int64_t downloaded = state_.totalDownloadCount();
+  log_.debug("PROD: {}: files downloaded = {}, expected {}", id(), downloaded, expected);
+  bool enabling = downloaded == expected && state_.enableWhenMirrored();
+  state_.finishFetching(downloaded == expected);
+  log_.debug("PROD: {}: mirror = {}", id(), state_.mirrorDescription());
+  if (enabling) {
     log_.debug("PROD: {}: enabled = YES (based on request)", id());
-    enabled_ = true;
   }
 }
 
@@ -504,8 +500,7 @@ void KTSProduct::removeAllFiles() {
       KTSUtilities::removePath(folder);
     }
   }
-  enabled_ = false;
-  mirror_ = DoNotMirror;
+  state_.filesRemoved();
 }
 
 void KTSProduct::removeAllMirroredFiles(const KTSFileOwnership* ownership) {
@@ -525,8 +520,7 @@ void KTSProduct::removeAllMirroredFiles(const KTSFileOwnership* ownership) {
     log_.debug("PROD: {}: removing product file {}", id(), lastPathComponent(localPath));
     KTSUtilities::removePath(localPath);
   }
-  enabled_ = false;
-  mirror_ = DoNotMirror;
+  state_.filesRemoved();
 }
 
 KTSProduct::StillToFetch KTSProduct::stillToFetch() const {

@@ -13,10 +13,6 @@ namespace ondrel {
 
 namespace {
 
-constexpr const char* kMirrorStateNames[] = {"DoNotMirror",   "PleaseMirror",    "Downloading",
-                                             "Mirrored",      "LocalOnly",       "LocalDeprecated",
-                                             "LocalOrphaned", "LocalNotMirrored"};
-
 const std::string kNoId;
 
 std::optional<std::string> optionalString(const Plist& value) {
@@ -35,19 +31,6 @@ KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
 
 std::shared_ptr<KTSProduct> KTSProduct::productWithArchiveRepresentation(const Plist& archive) {
   return std::make_shared<KTSProduct>(archive);
-}
-
-std::int32_t KTSProduct::mirrorStateForString(const std::optional<std::string>& name) {
-  if (!name) return DoNotMirror;
-  for (std::int32_t state = 0; state <= LocalNotMirrored; ++state) {
-    if (*name == kMirrorStateNames[state]) return state;
-  }
-  return DoNotMirror;
-}
-
-std::string KTSProduct::mirrorStringForState(std::int64_t state) {
-  if (state < PleaseMirror || state > LocalNotMirrored) return kMirrorStateNames[DoNotMirror];
-  return kMirrorStateNames[state];
 }
 
 // One list for every product: a catalog makes tens of thousands of them in a pass.
@@ -118,10 +101,8 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
   if (!facts.restartAction) {
     facts.restartAction = optionalString(metadata["IFPkgFlagRestartAction"]);
   }
-  mirror_ = DoNotMirror;
-  enabled_ = false;
   setMirrorFiles(shared(KTSPassMemo::ProductValue::MirrorFiles, makeMirrorFiles()));
-  totalDownloadSize_ = getTotalMirrorSize();
+  state_.setTotalDownloadSize(getTotalMirrorSize());
 }
 
 void KTSProduct::deriveProductFamily() {
@@ -154,39 +135,12 @@ KTSProduct::KTSProduct(const Plist& archive) : log_(LogHandle::shared()) {
 
 const std::string& KTSProduct::id() const { return facts_->productId ? *facts_->productId : kNoId; }
 
-bool KTSProduct::isEqualState(const KTSProduct& other, std::string* changedKey) const {
-  const char* changed = nullptr;
-  if (mirror_ != other.mirror_) {
-    changed = "mirror";
-  } else if (enabled_ != other.enabled_) {
-    changed = "enabled";
-  } else if (enableWhenMirrored_ != other.enableWhenMirrored_) {
-    changed = "enableWhenMirrored";
-  }
-  if (changedKey) *changedKey = changed ? changed : "";
-  return changed == nullptr;
-}
-
-void KTSProduct::setStateWithProduct(const KTSProduct& other) {
-  mirror_ = other.mirror_;
-  enabled_ = other.enabled_;
-  enableWhenMirrored_ = other.enableWhenMirrored_;
-}
-
 std::int64_t KTSProduct::getCompositeProductState() const {
   return masterRepresentation_["CompositeProductState"].integerValue();
 }
 
-bool KTSProduct::applyPendingEnable() {
-  if (mirror_ < Mirrored || !enableWhenMirrored_ || enabled_) return false;
-  enabled_ = true;
-  enableWhenMirrored_ = false;
-  log_.debug("PROD: {}: applied requested enable", id());
-  return true;
-}
-
 std::string KTSProduct::getEffectiveRestartAction() const {
-  if (isDownloading()) return "IncompleteDownload";
+  if (state_.isDownloading()) return "IncompleteDownload";
   return facts_->restartAction.value_or("NoRestart");
 }
 
@@ -197,9 +151,9 @@ int KTSProduct::reversePostDateCompare(const KTSProduct& other) const {
 
 Plist KTSProduct::archiveRepresentation() const {
   Plist archive = Plist::dictionary();
-  archive.set("mirror", mirrorStateDescription());
-  archive.set("enabled", Plist::boolean(enabled_));
-  archive.set("enableWhenMirrored", Plist::boolean(enableWhenMirrored_));
+  archive.set("mirror", state_.mirrorDescription());
+  archive.set("enabled", Plist::boolean(state_.enabled()));
+  archive.set("enableWhenMirrored", Plist::boolean(state_.enableWhenMirrored()));
   auto setIfPresent = [&archive](const char* key, const Plist& value) {
     if (!value.isNull()) archive.set(key, value);
   };
@@ -218,9 +172,9 @@ Plist KTSProduct::archiveRepresentation() const {
   setIfPresent("descriptions", facts_->descriptions);
   setIfPresent("localization", facts_->localization);
   setIfPresent("masterRepresentation", masterRepresentation_);
-  setIfPresent("totalDownloadSize", totalDownloadSize_);
-  setIfPresent("downloadedSize", downloadedSize_);
-  archive.set("downloadStatus", Plist::integer(downloadStatus_));
+  setIfPresent("totalDownloadSize", state_.totalDownloadSize());
+  setIfPresent("downloadedSize", state_.downloadedSize());
+  archive.set("downloadStatus", Plist::integer(state_.downloadStatus()));
   if (facts_->smdPath && facts_->smdPath->parentServerURL()) {
     archive.set("smdPath", facts_->smdPath->parentServerURL()->text());
   } else {
@@ -263,9 +217,9 @@ void KTSProduct::restoreFromArchiveRepresentation(const Plist& archive) {
       break;
     }
   }
-  mirror_ = mirrorStateForString(optionalString(archive["mirror"]));
-  enabled_ = archive["enabled"].boolValue();
-  enableWhenMirrored_ = archive["enableWhenMirrored"].boolValue();
+  state_.restore(KTSProductState::mirrorStateForString(optionalString(archive["mirror"])),
+                 archive["enabled"].boolValue());
+  state_.restorePendingEnable(archive["enableWhenMirrored"].boolValue());
   facts.productFamily = optionalString(archive["productFamily"]);
   facts.version = optionalString(archive["version"]);
   facts.deprecatedProducts = archive["deprecatedProducts"];
@@ -277,9 +231,9 @@ void KTSProduct::restoreFromArchiveRepresentation(const Plist& archive) {
   facts.postDate = archive["postDate"].dateValue();
   facts.restartAction = optionalString(archive["restartAction"]);
   masterRepresentation_ = archive["masterRepresentation"];
-  totalDownloadSize_ = archive["totalDownloadSize"];
-  downloadedSize_ = archive["downloadedSize"];
-  downloadStatus_ = archive["downloadStatus"].integerValue();
+  state_.setTotalDownloadSize(archive["totalDownloadSize"]);
+  state_.setDownloadedSize(archive["downloadedSize"]);
+  state_.setDownloadStatus(archive["downloadStatus"].integerValue());
   if (archive["smdPath"].isString()) {
     facts.smdPath =
         std::make_shared<const KTSPath>(KTSPath::pathWithString(archive["smdPath"].stringValue()));

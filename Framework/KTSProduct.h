@@ -1,6 +1,6 @@
 // KTSProduct is one product of an upstream catalog as the server knows it: identity, what its
 // server metadata says (titles, descriptions, version, family, sizes, restart action), its files
-// to mirror, and the administrative state (mirror state, enabled, enable when mirrored).
+// to mirror, and its mirror and enable state in the catalog (a KTSProductState).
 // KTSCatalog builds one per catalog entry in each pass, or restores it from the product index
 // cache; the daemon mirrors and removes its files. Construction reads or writes only files under
 // the document root. One thread uses a product.
@@ -16,6 +16,7 @@
 #include "KTSLogger.h"
 #include "KTSPassMemo.h"
 #include "KTSPath.h"
+#include "KTSProductState.h"
 #include "Plist.h"
 #include "Url.h"
 
@@ -28,25 +29,6 @@ class KTSPassContext;
 
 class KTSProduct {
  public:
-  enum MirrorState : std::int32_t {
-    DoNotMirror = 0,
-    PleaseMirror = 1,
-    Downloading = 2,
-    Mirrored = 3,
-    LocalOnly = 4,
-    LocalDeprecated = 5,
-    LocalOrphaned = 6,
-    LocalNotMirrored = 7
-  };
-  enum DownloadStatus : std::int64_t {
-    DownloadBegun = 0,
-    FileInTransfer = 1,
-    FileAbsent = 2,
-    FileSuspect = 3,
-    FileVerified = 4,
-    DownloadFinished = 5
-  };
-
   // Keys of a mirror file record.
   static constexpr const char* kFileURLKey = "KTSProductFileURL";
   static constexpr const char* kFileLocalPathKey = "KTSProductFileLocalPath";
@@ -66,17 +48,11 @@ class KTSProduct {
   // those products costs no transfer. A failed fetch is not recorded: its product tries again,
   // with its retries. Does nothing without a memo.
   static void prefetchServerMetadataForEntries(const Plist& entries, KTSPassContext& context);
-  // Exact names only; anything else (and none) is DoNotMirror.
-  static std::int32_t mirrorStateForString(const std::optional<std::string>& name);
-  static std::string mirrorStringForState(std::int64_t state);
 
   KTSProduct(const std::string& productId, const Plist& dictionary,
              const std::optional<Url>& serverMetadataURL, KTSPassContext& context);
   explicit KTSProduct(const Plist& archive);
 
-  // Compares mirror, enabled and enableWhenMirrored; names the first that differs.
-  bool isEqualState(const KTSProduct& other, std::string* changedKey = nullptr) const;
-  void setStateWithProduct(const KTSProduct& other);
   std::int64_t getCompositeProductState() const;
   bool isActiveProduct() const { return isActiveEntry(masterRepresentation_); }
   // Whether a product of this catalog entry is active: its composite state is below DEPRECATED
@@ -84,16 +60,9 @@ class KTSProduct {
   static bool isActiveEntry(const Plist& entry) {
     return entry["CompositeProductState"].integerValue() < 3;
   }
-  bool isDownloading() const { return mirror_ == PleaseMirror || mirror_ == Downloading; }
-  // A state in which clients are served the product (when it is enabled and its files verify).
-  bool isInServedState() const {
-    return mirror_ == Mirrored || mirror_ == LocalOnly || mirror_ == LocalOrphaned;
-  }
-  bool applyPendingEnable();
   std::string getEffectiveRestartAction() const;
   // Newest first: -1 when this product was posted later than other, 0 when at the same time.
   int reversePostDateCompare(const KTSProduct& other) const;
-  std::string mirrorStateDescription() const { return mirrorStringForState(mirror_); }
   // The record the product index cache keeps; null after an internal failure.
   Plist archiveRepresentation() const;
   void restoreFromArchiveRepresentation(const Plist& archive);
@@ -144,46 +113,13 @@ class KTSProduct {
   // Deletes only files under the downloads folder, and with an ownership only the product's own.
   void removeAllMirroredFiles(const KTSFileOwnership* ownership = nullptr);
 
-  // The transitions of the mirror and enable states, by name; mirroring itself moves a product
-  // through Downloading to Mirrored, and removing its files back to DoNotMirror.
-  // Its files are to be fetched (from DoNotMirror, or again when they went missing).
-  void scheduleMirroring() { mirror_ = PleaseMirror; }
-  // Its files are no longer wanted: not fetched, nor kept as mirrored.
-  void stopMirroring() { mirror_ = DoNotMirror; }
-  // Served to clients; enableOnceMirrored when the files are still to come.
-  void enable() { enabled_ = true; }
-  void enableOnceMirrored() { enableWhenMirrored_ = true; }
-  void cancelPendingEnable() { enableWhenMirrored_ = false; }
-  void disable() {
-    enabled_ = false;
-    enableWhenMirrored_ = false;
-  }
-  // Before its files are removed: neither mirrored nor served, nothing pending.
-  void retire() {
-    stopMirroring();
-    disable();
-  }
-  // What the vendor's catalog says of a product the server keeps: gone without a replacement,
-  // gone before it was mirrored, kept for clients although withdrawn, or replaced by an enabled
-  // product (and so not served).
-  void markOrphaned() { mirror_ = LocalOrphaned; }
-  void markWithdrawnUnmirrored() { mirror_ = LocalNotMirrored; }
-  void keepLocally() { mirror_ = LocalOnly; }
-  void markReplaced() {
-    mirror_ = LocalDeprecated;
-    enableWhenMirrored_ = false;
-  }
-  // The settings the working set or a test records for the product.
-  void restoreSettings(std::int32_t mirror, bool enabled) {
-    mirror_ = mirror;
-    enabled_ = enabled;
-  }
+  // The product's mirror and enable state in this catalog, with its transitions; mirroring
+  // moves it through Downloading to Mirrored, removing its files back to DoNotMirror.
+  KTSProductState& state() { return state_; }
+  const KTSProductState& state() const { return state_; }
 
   std::int64_t initStatus() const { return initStatus_; }
   void setInitStatus(std::int64_t status) { initStatus_ = status; }
-  std::int32_t mirror() const { return mirror_; }
-  bool enabled() const { return enabled_; }
-  bool enableWhenMirrored() const { return enableWhenMirrored_; }
   const std::optional<std::string>& productId() const { return facts_->productId; }
   const std::optional<std::string>& productFamily() const { return facts_->productFamily; }
   const std::optional<std::string>& version() const { return facts_->version; }
@@ -223,14 +159,6 @@ class KTSProduct {
     std::uint64_t bytes = 0;
   };
   StillToFetch stillToFetch() const;
-  std::int64_t totalDownloadCount() const { return totalDownloadCount_; }
-  void setTotalDownloadCount(std::int64_t count) { totalDownloadCount_ = count; }
-  const Plist& totalDownloadSize() const { return totalDownloadSize_; }
-  void setTotalDownloadSize(Plist size) { totalDownloadSize_ = std::move(size); }
-  const Plist& downloadedSize() const { return downloadedSize_; }
-  void setDownloadedSize(Plist size) { downloadedSize_ = std::move(size); }
-  std::int64_t downloadStatus() const { return downloadStatus_; }
-  void setDownloadStatus(std::int64_t status) { downloadStatus_ = status; }
   const LogHandle& logger() const { return log_; }
 
  private:
@@ -256,7 +184,6 @@ class KTSProduct {
   // The standardised local path of an upstream URL when it lies inside the document root's
   // html folder; none otherwise (a hostile URL never names a file elsewhere).
   static std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url);
-  void addToDownloadedSize(std::int64_t bytes);
   // One attempt at the file of record index (attempts count from 0), after an attempt that
   // left the file in fileStatus; the file's last attempt ends it as given up.
   void attemptFiles(const std::vector<std::size_t>& indexes);
@@ -273,9 +200,7 @@ class KTSProduct {
   static const std::shared_ptr<const std::vector<std::string>>& requiredServerMetadataKeys();
 
   std::int64_t initStatus_ = 0;
-  std::int32_t mirror_ = DoNotMirror;
-  bool enabled_ = false;
-  bool enableWhenMirrored_ = false;
+  KTSProductState state_;
   // What the product's entry and server metadata say of it. Copies share it (a pass copies a
   // product for every catalog that lists it) until one of them changes it.
   struct Facts {
@@ -323,10 +248,6 @@ class KTSProduct {
   std::vector<std::size_t> pendingSharedFiles_;
   // Of those, the records that give the file another size; refused.
   std::vector<std::size_t> conflictingFiles_;
-  std::int64_t totalDownloadCount_ = 0;
-  Plist totalDownloadSize_;
-  Plist downloadedSize_;
-  std::int64_t downloadStatus_ = DownloadBegun;
   LogHandle log_;
 };
 

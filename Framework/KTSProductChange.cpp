@@ -1,6 +1,6 @@
 #include "KTSProductChange.h"
 
-#include "KTSProduct.h"
+#include "KTSProductState.h"
 #include "KTSWorkingSet.h"
 
 namespace ondrel {
@@ -8,34 +8,34 @@ namespace ondrel {
 void KTSProductChange::applyToSettings(KTSWorkingSet& workingSet,
                                        const std::string& productId) const {
   if (remove) {
-    workingSet.setMirrorSettingForProductID(KTSProduct::DoNotMirror, productId);
+    workingSet.setMirrorSettingForProductID(KTSProductState::DoNotMirror, productId);
     workingSet.setEnableSettingForProductID(false, productId);
     return;
   }
   std::int32_t mirrorSetting = workingSet.mirrorSettingForProductID(productId);
-  if (wantsFiles() && mirrorSetting == KTSProduct::DoNotMirror) {
-    workingSet.setMirrorSettingForProductID(KTSProduct::PleaseMirror, productId);
+  if (wantsFiles() && mirrorSetting == KTSProductState::DoNotMirror) {
+    workingSet.setMirrorSettingForProductID(KTSProductState::PleaseMirror, productId);
   } else if (mirror == false) {
-    workingSet.setMirrorSettingForProductID(KTSProduct::DoNotMirror, productId);
+    workingSet.setMirrorSettingForProductID(KTSProductState::DoNotMirror, productId);
   }
   if (enable) workingSet.setEnableSettingForProductID(*enable, productId);
 }
 
-void KTSProductChange::applyToProduct(KTSProduct& product) const {
-  if (remove) return product.retire();
-  if (wantsFiles() && product.mirror() == KTSProduct::DoNotMirror) {
-    product.scheduleMirroring();
-  } else if (mirror == false && product.mirror() <= KTSProduct::Mirrored) {
-    product.stopMirroring();
+void KTSProductChange::applyToState(KTSProductState& state) const {
+  if (remove) return state.retire();
+  if (wantsFiles() && state.mirror() == KTSProductState::DoNotMirror) {
+    state.scheduleMirroring();
+  } else if (mirror == false && state.mirror() <= KTSProductState::Mirrored) {
+    state.stopMirroring();
   }
   if (enable == true) {
-    if (product.mirror() >= KTSProduct::Mirrored) {
-      product.enable();
+    if (state.mirror() >= KTSProductState::Mirrored) {
+      state.enable();
     } else {
-      product.enableOnceMirrored();
+      state.enableOnceMirrored();
     }
   } else if (enable == false) {
-    product.disable();
+    state.disable();
   }
 }
 

@@ -1,8 +1,9 @@
 // KTSProductChange is what the administration side asked of one product, gathered from the
 // request spool and the job tickets: mirror it, enable or disable it, remove its files. It is
 // carried out in two places, by the same rules side by side here: in the working set's settings
-// first (so the products the pass makes take them, and a failed pass keeps them), then in the
-// pass's products themselves. Used by KTSSyncPass; one thread.
+// first (so the products the pass makes take them, and a failed pass keeps them), then once in
+// the pass's product table, which every catalog's copy of the product sees. Used by KTSSyncPass
+// and KTSProductTable; one thread.
 #pragma once
 
 #include <optional>
@@ -10,7 +11,7 @@
 
 namespace ondrel {
 
-class KTSProduct;
+class KTSProductState;
 class KTSWorkingSet;
 
 struct KTSProductChange {
@@ -24,7 +25,7 @@ struct KTSProductChange {
   void applyToSettings(KTSWorkingSet& workingSet, const std::string& productId) const;
   // A product kept although withdrawn upstream stays kept when its mirroring is dropped; an
   // enable waits for the files.
-  void applyToProduct(KTSProduct& product) const;
+  void applyToState(KTSProductState& state) const;
 };
 
 }  // namespace ondrel

@@ -24,6 +24,7 @@
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSProductChange.h"
+#include "KTSProductTable.h"
 #include "KTSRequestManager.h"
 #include "KTSServerLayout.h"
 #include "KTSSyncStatus.h"
@@ -90,15 +91,9 @@ class UpstreamProbe : public TransferReceiver {
 
 // What the product index cache and the working set keep of a product's mirroring.
 auto recordedState(const KTSProduct& product) {
-  return std::make_tuple(product.mirror(), product.enabled(), product.enableWhenMirrored(),
-                         product.downloadStatus(), product.downloadedSize(),
-                         product.totalDownloadSize());
-}
-
-// Whether two catalogs' copies of a product name the same files at the same sizes (copies made
-// from alike entries share their records).
-bool sameFiles(const Plist& some, const Plist& others) {
-  return some.sharesStorageWith(others) || some == others;
+  const KTSProductState& state = product.state();
+  return std::make_tuple(state.mirror(), state.enabled(), state.enableWhenMirrored(),
+                         state.downloadStatus(), state.downloadedSize(), state.totalDownloadSize());
 }
 
 // A deprecations list is a dictionary of product ids; this is far more than any holds.
@@ -157,10 +152,10 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
   loadMetaIndex(fullSync, outcome);
   bool syncing = fetchAndLoadCatalogs(scheduler, fullSync, outcome);
   applyChangesToProducts();
-  std::vector<std::shared_ptr<KTSProduct>> products = productsOfPass();
-  countProducts(products, syncing, outcome);
-  withdrawFilesAboutToChange(products, outcome);
-  removeAndMirrorProducts(products, scheduler, outcome);
+  std::vector<std::shared_ptr<KTSProduct>> listed = productsOfPass();
+  countProducts(listed, syncing, outcome);
+  withdrawFilesAboutToChange(listed, outcome);
+  removeAndMirrorProducts(listed, scheduler, outcome);
   applyPendingEnables();
   saveState();
   validators->save();
@@ -253,7 +248,7 @@ void KTSSyncPass::applyPendingEnables() {
   for (const auto& catalog : catalogs_) {
     if (!catalog->products()) continue;
     for (const auto& [productId, product] : *catalog->products()) {
-      if (product->applyPendingEnable()) changedProducts_.insert(productId);
+      if (product->state().applyPendingEnable()) changedProducts_.insert(productId);
     }
   }
 }
@@ -313,21 +308,15 @@ void KTSSyncPass::recordChangesInWorkingSet() {
 }
 
 void KTSSyncPass::applyChangesToProducts() {
-  std::set<std::string> removed;
-  for (const auto& catalog : catalogs_) {
-    for (const auto& [productId, change] : changes_) {
-      std::shared_ptr<KTSProduct> product = catalog->productForProductId(productId);
-      if (!product) continue;
-      changedProducts_.insert(productId);
-      if (change.remove) {
-        // The files are shared by every catalog that lists the product: removed once, after
-        // the served catalogs stop naming them.
-        if (removed.insert(productId).second) {
-          log_.info("Removing the files of product {}", productId);
-          removed_.push_back(product);
-        }
-      }
-      change.applyToProduct(*product);
+  for (const auto& [productId, change] : changes_) {
+    std::vector<std::shared_ptr<KTSProduct>> copies = productTable_.applyChange(productId, change);
+    if (copies.empty()) continue;
+    changedProducts_.insert(productId);
+    // The files are shared by every catalog that lists the product: removed once, after the
+    // served catalogs stop naming them.
+    if (change.remove) {
+      log_.info("Removing the files of product {}", productId);
+      removed_.push_back(copies.front());
     }
   }
 }
@@ -441,6 +430,12 @@ void KTSSyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& c
     catalogs_.push_back(catalog);
   }
   filesFoundAtLoad_ = productPass.filesVerified();
+  // Each catalog worked out its products' states on its own copies; from here on the copies of
+  // a product share what is the product's, as the first catalog that lists it left it.
+  for (const auto& catalog : catalogs_) {
+    if (!catalog->products()) continue;
+    for (const auto& [productId, product] : *catalog->products()) productTable_.join(product);
+  }
 }
 
 bool KTSSyncPass::fitsOnVolume(const KTSProduct& product, std::uint64_t needed,
@@ -475,7 +470,7 @@ void KTSSyncPass::withdrawFilesAboutToChange(
   bool changing = !removed_.empty();
   for (const auto& product : products) {
     if (changing) break;
-    if (!product->isDownloading()) continue;
+    if (!product->state().isDownloading()) continue;
     for (const Plist& record : product->mirrorFiles().elements()) {
       const Plist& size = record[KTSProduct::kFileSizeKey];
       std::optional<std::int64_t> found = KTSUtilities::sizeOfExistingItemAtPath(
@@ -510,7 +505,7 @@ std::vector<std::vector<std::shared_ptr<KTSProduct>>> KTSSyncPass::productsToMir
       if (known.empty()) order.push_back(productId);
       const Plist& files = product->mirrorFiles();
       auto same = std::find_if(known.begin(), known.end(), [&files](const Variant& variant) {
-        return sameFiles(variant.product->mirrorFiles(), files);
+        return KTSProductTable::namesSameFiles(variant.product->mirrorFiles(), files);
       });
       if (same == known.end()) {
         known.push_back({product, current});
@@ -526,7 +521,7 @@ std::vector<std::vector<std::shared_ptr<KTSProduct>>> KTSSyncPass::productsToMir
       std::erase_if(known, [](const Variant& v) { return !v.current; });
     }
     if (known.size() > 1 && std::any_of(known.begin(), known.end(), [](const Variant& v) {
-          return !v.product->isDownloading() && v.product->verifyMirroredFiles();
+          return !v.product->state().isDownloading() && v.product->verifyMirroredFiles();
         })) {
       log_.warning(
           "The catalogs list product {} with different files; it is served only from those that "
@@ -536,7 +531,7 @@ std::vector<std::vector<std::shared_ptr<KTSProduct>>> KTSSyncPass::productsToMir
     }
     std::vector<std::shared_ptr<KTSProduct>> downloading;
     for (const Variant& variant : known) {
-      if (variant.product->isDownloading()) downloading.push_back(variant.product);
+      if (variant.product->state().isDownloading()) downloading.push_back(variant.product);
     }
     if (!downloading.empty()) toMirror.push_back(std::move(downloading));
   }
@@ -598,15 +593,15 @@ void KTSSyncPass::productMirrored(const KTSProduct& product, bool complete, bool
   const std::string& productId = *product.productId();
   if (stateChanged) changedProducts_.insert(productId);
   if (complete) {
-    observer_.productMirrored(productId, static_cast<std::size_t>(product.totalDownloadCount()),
-                              static_cast<std::uint64_t>(product.downloadedSize().integerValue()),
+    const KTSProductState& state = product.state();
+    observer_.productMirrored(productId, static_cast<std::size_t>(state.totalDownloadCount()),
+                              static_cast<std::uint64_t>(state.downloadedSize().integerValue()),
                               took);
   } else if (!interrupted()) {
     // One product's failure never fails the pass: it is told and tried again next time.
     log_.warning("Product {} could not be mirrored completely; the next pass tries again.",
                  productId);
   }
-  carryStateToOtherInstances(product);
   context_.workingSet().updateProductStatus(product, context_.record());
 }
 
@@ -622,22 +617,15 @@ bool KTSSyncPass::upstreamStillAnswers(KTSPassOutcome& outcome) {
   return false;
 }
 
-void KTSSyncPass::carryStateToOtherInstances(const KTSProduct& mirrored) {
-  const std::string& productId = *mirrored.productId();
-  const Plist& files = mirrored.mirrorFiles();
-  for (const auto& catalog : catalogs_) {
-    std::shared_ptr<KTSProduct> other = catalog->productForProductId(productId);
-    if (!other || other.get() == &mirrored || !sameFiles(other->mirrorFiles(), files)) continue;
-    other->setStateWithProduct(mirrored);
-    other->setDownloadedSize(mirrored.downloadedSize());
-    other->setDownloadStatus(mirrored.downloadStatus());
-  }
-}
-
 void KTSSyncPass::saveState() {
   KTSWorkingSet::ProductsById all;
   for (const auto& catalog : catalogs_) {
-    if (catalog->products()) all.insert(catalog->products()->begin(), catalog->products()->end());
+    if (!catalog->products()) continue;
+    for (const auto& [productId, product] : *catalog->products()) {
+      if (all.count(productId) != 0) continue;
+      std::shared_ptr<KTSProduct> representative = productTable_.representativeOf(productId);
+      all.emplace(productId, representative ? representative : product);
+    }
   }
   KTSWorkingSet& workingSet = context_.workingSet();
   workingSet.refreshProducts();
@@ -736,11 +724,11 @@ std::vector<KTSProduct*> KTSSyncPass::servedProducts(const KTSCatalog& catalog) 
   std::vector<KTSProduct*> serving;
   if (!catalog.products()) return serving;
   for (const auto& [productId, product] : *catalog.products()) {
-    if (!product->enabled() || !product->isInServedState()) continue;
+    if (!product->state().enabled() || !product->state().isInServedState()) continue;
     auto& known = verified_[productId];
     const Plist& files = product->mirrorFiles();
     auto verified = std::find_if(known.begin(), known.end(), [&files](const auto& checked) {
-      return sameFiles(checked.first, files);
+      return KTSProductTable::namesSameFiles(checked.first, files);
     });
     if (verified == known.end()) {
       verified = known.emplace(known.end(), product->mirrorFiles(), filesInPlace(*product));

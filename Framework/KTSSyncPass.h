@@ -23,6 +23,7 @@
 #include "KTSPassMemo.h"
 #include "KTSPassRecord.h"
 #include "KTSProductChange.h"
+#include "KTSProductTable.h"
 #include "Plist.h"
 
 namespace ondrel {
@@ -110,9 +111,6 @@ class KTSSyncPass {
   void productMirrored(const KTSProduct& product, bool complete, bool stateChanged,
                        std::chrono::duration<double> took);
   bool upstreamStillAnswers(KTSPassOutcome& outcome);
-  // Gives the product's mirror and enable state to the other catalogs' copies of it that name
-  // the same files; a catalog that names other files (another size) keeps its own.
-  void carryStateToOtherInstances(const KTSProduct& mirrored);
   void saveState();
   bool listsChangedProduct(const KTSCatalog& catalog) const;
   void writeServedCatalogs(KTSPassOutcome& outcome);
@@ -136,6 +134,8 @@ class KTSSyncPass {
   std::map<std::string, KTSProductChange> changes_;
   std::vector<std::pair<std::int64_t, std::string>> ticketsDone_;
   std::vector<std::shared_ptr<KTSCatalog>> catalogs_;
+  // Every catalog's copy of every product, once the catalogs are loaded.
+  KTSProductTable productTable_;
   // Catalogs synced in this pass; their product index caches are saved at its end.
   std::set<const KTSCatalog*> synced_;
   // Products whose state this pass changed after the catalogs were synced or loaded.

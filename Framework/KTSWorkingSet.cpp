@@ -188,14 +188,15 @@ bool KTSWorkingSet::applyProductStatus(const KTSProduct& product) {
   const Plist& record = products_[productId];
   if (!record.isDictionary()) return false;
   bool changed = false;
-  std::int32_t oldMirror = KTSProduct::mirrorStateForString(record["mirror"].stringValue());
-  if (oldMirror != product.mirror()) {
+  const KTSProductState& state = product.state();
+  std::int32_t oldMirror = KTSProductState::mirrorStateForString(record["mirror"].stringValue());
+  if (oldMirror != state.mirror()) {
     changed = true;
     log_.debug("WSET: {} mirror state changed: old={}, new={}.", productId,
-               KTSProduct::mirrorStringForState(oldMirror), product.mirrorStateDescription());
+               KTSProductState::mirrorStringForState(oldMirror), state.mirrorDescription());
   }
   std::int64_t oldSize = record["DownloadedSize"].integerValue();
-  std::int64_t newSize = product.downloadedSize().integerValue();
+  std::int64_t newSize = state.downloadedSize().integerValue();
   if (oldSize != newSize) {
     changed = true;
     log_.debug("WSET: {} downloaded size changed: old={}, new={}.", productId, oldSize, newSize);
@@ -203,10 +204,10 @@ bool KTSWorkingSet::applyProductStatus(const KTSProduct& product) {
   // The old enabled value is read from "mirror" on purpose (see the class description): state
   // names read as false, so an enabled product always counts as changed.
   bool oldEnabled = record["mirror"].boolValue();
-  if (oldEnabled != product.enabled()) {
+  if (oldEnabled != state.enabled()) {
     changed = true;
     log_.debug("WSET: {} enabled state changed: old={}, new={}.", productId, yesOrNo(oldEnabled),
-               yesOrNo(product.enabled()));
+               yesOrNo(state.enabled()));
   }
   std::string oldAction = record["IFPkgFlagRestartAction"].stringValue();
   std::string newAction = product.getEffectiveRestartAction();
@@ -217,12 +218,12 @@ bool KTSWorkingSet::applyProductStatus(const KTSProduct& product) {
   if (!changed) return false;
 
   Plist updated = record;
-  updated.set("mirror", product.mirrorStateDescription());
+  updated.set("mirror", state.mirrorDescription());
   updated.set("DownloadedSize", Plist::integer(newSize));
-  updated.set("enable", Plist::boolean(product.enabled()));
+  updated.set("enable", Plist::boolean(state.enabled()));
   updated.set("IFPkgFlagRestartAction", newAction);
   log_.debug("WSET: Updated product {}; mirror={}, d.l.size={}, eanbled={}.", productId,
-             product.mirrorStateDescription(), newSize, yesOrNo(product.enabled()));
+             state.mirrorDescription(), newSize, yesOrNo(state.enabled()));
   // An enabled product always counts as changed; its record may well stay as it was.
   if (updated.isIdenticalTo(record)) return true;
   // Moved out first, so the change costs one record, not a copy of every record.
@@ -255,8 +256,9 @@ Plist KTSWorkingSet::representationForProduct(const KTSProduct* product) const {
   }
   Plist record = Plist::dictionary();
   record.set("ProductID", productId);
-  record.set("mirror", product->mirrorStateDescription());
-  record.set("enable", Plist::boolean(product->enabled()));
+  const KTSProductState& state = product->state();
+  record.set("mirror", state.mirrorDescription());
+  record.set("enable", Plist::boolean(state.enabled()));
   if (product->productFamily()) record.set("IFPkgFlagProductFamily", *product->productFamily());
   if (product->version()) record.set("CFBundleShortVersionString", *product->version());
   if (!product->deprecatedProducts().isNull()) {
@@ -269,10 +271,10 @@ Plist KTSWorkingSet::representationForProduct(const KTSProduct* product) const {
   record.set("localization", product->localization());
   record.set(KTCatalogProductPostDateKey, formatDescriptionDate(*product->postDate()));
   record.set("IFPkgFlagRestartAction", product->getEffectiveRestartAction());
-  if (!product->totalDownloadSize().isNull()) {
-    record.set("TotalDownloadSize", product->totalDownloadSize());
+  if (!state.totalDownloadSize().isNull()) {
+    record.set("TotalDownloadSize", state.totalDownloadSize());
   }
-  if (!product->downloadedSize().isNull()) record.set("DownloadedSize", product->downloadedSize());
+  if (!state.downloadedSize().isNull()) record.set("DownloadedSize", state.downloadedSize());
   const Plist& master = product->masterRepresentation();
   record.set("CompositeProductState",
              KTSCatalog::compositeProductStringForState(master["CompositeProductState"]));
@@ -317,13 +319,13 @@ bool KTSWorkingSet::containsProductID(const std::string& productId) const {
 
 std::int32_t KTSWorkingSet::mirrorSettingForProductID(const std::string& productId) const {
   const Plist& record = products_[productId];
-  if (!record.isDictionary()) return KTSProduct::DoNotMirror;
-  return KTSProduct::mirrorStateForString(record["mirror"].stringValue());
+  if (!record.isDictionary()) return KTSProductState::DoNotMirror;
+  return KTSProductState::mirrorStateForString(record["mirror"].stringValue());
 }
 
 void KTSWorkingSet::setMirrorSettingForProductID(std::int32_t state,
                                                  const std::optional<std::string>& productId) {
-  setSettingForProductID("mirror", Plist(KTSProduct::mirrorStringForState(state)), productId);
+  setSettingForProductID("mirror", Plist(KTSProductState::mirrorStringForState(state)), productId);
 }
 
 // The copy of a missing record is empty and gets no setting; it is stored all the same.

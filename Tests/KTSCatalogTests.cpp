@@ -257,8 +257,8 @@ TEST_F(KTSCatalogTest, PoliciesFollowTheModeAndTheWorkingSet) {
   setMode(true);
   auto automatic = sync();
   EXPECT_TRUE(logged("ondrd_test[DBG]: CTLG: Mode is AUTOMATIC."));
-  EXPECT_EQ(automatic->productForProductId("A")->mirror(), KTSProduct::PleaseMirror);
-  EXPECT_TRUE(automatic->productForProductId("A")->enableWhenMirrored());
+  EXPECT_EQ(automatic->productForProductId("A")->state().mirror(), KTSProductState::PleaseMirror);
+  EXPECT_TRUE(automatic->productForProductId("A")->state().enableWhenMirrored());
 
   // Manual, auto-download on: scheduled products lose their automatic enable.
   preferences_->setAutoEnable(false);
@@ -269,19 +269,19 @@ TEST_F(KTSCatalogTest, PoliciesFollowTheModeAndTheWorkingSet) {
       logged("ondrd_test[INF]: * Manual mode - auto-download is ON, auto-enable option is "
              "OFF. Canceling pending enable requests only."));
   EXPECT_TRUE(logged("ondrd_test[DBG]: CTLG: auto-copy - product \"A\" scheduled."));
-  EXPECT_FALSE(manual->productForProductId("A")->enableWhenMirrored());
+  EXPECT_FALSE(manual->productForProductId("A")->state().enableWhenMirrored());
 
   // The working set's settings win; a Mirrored product whose files are gone is re-queued.
   auto workingSet = (&context().workingSet());
   workingSet->setProductDictForID(Plist::dictionary(), "M");
-  workingSet->setMirrorSettingForProductID(KTSProduct::Mirrored, "M");
-  workingSet->setMirrorSettingForProductID(KTSProduct::PleaseMirror, "B");
+  workingSet->setMirrorSettingForProductID(KTSProductState::Mirrored, "M");
+  workingSet->setMirrorSettingForProductID(KTSProductState::PleaseMirror, "B");
   setMode(false);
   clearLog();
   auto off = sync();
   EXPECT_TRUE(logged("ondrd_test[INF]: * Auto-copy options are OFF. No products were changed."));
-  EXPECT_EQ(off->productForProductId("B")->mirror(), KTSProduct::DoNotMirror);
-  EXPECT_EQ(off->productForProductId("M")->mirror(), KTSProduct::PleaseMirror);
+  EXPECT_EQ(off->productForProductId("B")->state().mirror(), KTSProductState::DoNotMirror);
+  EXPECT_EQ(off->productForProductId("M")->state().mirror(), KTSProductState::PleaseMirror);
   EXPECT_TRUE(
       logged("ondrd_test[INF]: Previously copied product M missing from local storage. "
              "This product will be re-download."));
@@ -305,24 +305,24 @@ TEST_F(KTSCatalogTest, DeprecationChainsWithdrawAndGiveBack) {
   for (const char* id : {"X", "Y", "Z"}) {
     ASSERT_TRUE(first->productForProductId(id)->downloadMirroredFiles());
     workingSet->setProductDictForID(Plist::dictionary(), id);
-    workingSet->setMirrorSettingForProductID(KTSProduct::Mirrored, id);
+    workingSet->setMirrorSettingForProductID(KTSProductState::Mirrored, id);
   }
   workingSet->setEnableSettingForProductID(true, "Z");
   auto enabled = sync(deprecations);
-  EXPECT_EQ(enabled->productForProductId("Y")->mirror(), KTSProduct::LocalDeprecated);
-  EXPECT_EQ(enabled->productForProductId("X")->mirror(), KTSProduct::LocalDeprecated);
+  EXPECT_EQ(enabled->productForProductId("Y")->state().mirror(), KTSProductState::LocalDeprecated);
+  EXPECT_EQ(enabled->productForProductId("X")->state().mirror(), KTSProductState::LocalDeprecated);
   EXPECT_TRUE(
       logged("ondrd_test[INF]: Product X is disabled because replacement product Y was enabled."));
 
   // Disabling Z gives Y and X back. A cycle has no root, and a walk into one ends.
   workingSet->setEnableSettingForProductID(false, "Z");
   for (const char* id : {"X", "Y"}) {
-    workingSet->setMirrorSettingForProductID(KTSProduct::LocalDeprecated, id);
+    workingSet->setMirrorSettingForProductID(KTSProductState::LocalDeprecated, id);
   }
   clearLog();
   auto disabled = sync(deprecations);
-  EXPECT_EQ(disabled->productForProductId("Y")->mirror(), KTSProduct::LocalOnly);
-  EXPECT_EQ(disabled->productForProductId("X")->mirror(), KTSProduct::LocalOnly);
+  EXPECT_EQ(disabled->productForProductId("Y")->state().mirror(), KTSProductState::LocalOnly);
+  EXPECT_EQ(disabled->productForProductId("X")->state().mirror(), KTSProductState::LocalOnly);
   EXPECT_TRUE(
       logged("ondrd_test[INF]: Product X may be re-enabled; replacement product Y was disabled."));
   auto c1 = disabled->productForProductId("C1");
@@ -333,7 +333,7 @@ TEST_F(KTSCatalogTest, CacheVerificationAndServedEntries) {
   publish({"A", "B", "L"});
   auto workingSet = (&context().workingSet());
   workingSet->setProductDictForID(Plist::dictionary(), "L");
-  workingSet->setMirrorSettingForProductID(KTSProduct::LocalDeprecated, "L");
+  workingSet->setMirrorSettingForProductID(KTSProductState::LocalDeprecated, "L");
   auto catalog = sync();
   EXPECT_FALSE(catalog->productForProductId("L")) << "local-only without files leaves at once";
   EXPECT_FALSE(catalog->compositeCatalog()[KTCatalogProductsDictKey].contains("L"));

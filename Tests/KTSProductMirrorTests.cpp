@@ -50,7 +50,7 @@ class KTSProductMirrorTest : public test::UpstreamProductTest {
   std::shared_ptr<KTSProduct> productFor(const Plist& entry) {
     auto made = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
         "P1", entry, {}, context());
-    made->scheduleMirroring();
+    made->state().scheduleMirroring();
     return made;
   }
 
@@ -70,12 +70,12 @@ class KTSProductMirrorTest : public test::UpstreamProductTest {
 
 TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
   auto first = product();
-  first->enableOnceMirrored();
+  first->state().enableOnceMirrored();
   EXPECT_TRUE(first->downloadMirroredFiles());
-  EXPECT_EQ(first->mirror(), KTSProduct::Mirrored);
-  EXPECT_TRUE(first->enabled());
-  EXPECT_EQ(first->totalDownloadCount(), 5);
-  EXPECT_EQ(first->downloadedSize().integerValue(), 8000);
+  EXPECT_EQ(first->state().mirror(), KTSProductState::Mirrored);
+  EXPECT_TRUE(first->state().enabled());
+  EXPECT_EQ(first->state().totalDownloadCount(), 5);
+  EXPECT_EQ(first->state().downloadedSize().integerValue(), 8000);
   EXPECT_EQ(readFile(local("/content/downloads/d/P1/b.pkg")), std::string(5000, 'b'));
   EXPECT_TRUE(first->verifyMirroredFiles());
   EXPECT_TRUE(logged("ondrd_test[DBG]: PROD: P1: (Tool 1) verified - all files downloaded"));
@@ -109,8 +109,8 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
                 std::string(6000, 'b'));  // longer than the catalog says
   auto longer = product();
   EXPECT_FALSE(longer->downloadMirroredFiles());
-  EXPECT_EQ(longer->mirror(), KTSProduct::Downloading);
-  EXPECT_EQ(longer->downloadStatus(), KTSProduct::FileAbsent);
+  EXPECT_EQ(longer->state().mirror(), KTSProductState::Downloading);
+  EXPECT_EQ(longer->state().downloadStatus(), KTSProductState::FileAbsent);
   EXPECT_TRUE(
       logged("ondrd_test[DBG]: PROD: P1 (b.pkg) download retries exhausted, skipping file."));
 
@@ -131,7 +131,7 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
                                      status)),
               3);
     EXPECT_EQ(readFile(local("/content/downloads/d/P1/a.pkg")), std::string(3000, 'a'));
-    EXPECT_EQ(failing->mirror(), KTSProduct::Downloading);
+    EXPECT_EQ(failing->state().mirror(), KTSProductState::Downloading);
     EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/b.pkg")));
   }
 
@@ -143,7 +143,7 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
   clearLog();
   auto ftp = productFor(entry);
   EXPECT_FALSE(ftp->downloadMirroredFiles());
-  EXPECT_EQ(ftp->mirror(), KTSProduct::Downloading);
+  EXPECT_EQ(ftp->state().mirror(), KTSProductState::Downloading);
   std::vector<std::string> lines = logLines();
   EXPECT_EQ(std::count(lines.begin(), lines.end(),
                        "ondrd_test[ERR]: *** Reason: file URL contains invalid scheme (should be "
@@ -187,7 +187,7 @@ TEST_F(KTSProductMirrorTest, ProductsMirrorSideBySideAndOneFailureStopsNoOther) 
                                   productId));
     products.push_back(KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
         productId, entry, {}, context()));
-    products.back()->scheduleMirroring();
+    products.back()->state().scheduleMirroring();
   }
   KTSFetchScheduler scheduler(16, nullptr);
   std::map<std::string, bool> finished;
@@ -203,10 +203,10 @@ TEST_F(KTSProductMirrorTest, ProductsMirrorSideBySideAndOneFailureStopsNoOther) 
 
   ASSERT_EQ(finished.size(), products.size());
   EXPECT_FALSE(finished["P0"]);
-  EXPECT_EQ(products[0]->mirror(), KTSProduct::Downloading);
+  EXPECT_EQ(products[0]->state().mirror(), KTSProductState::Downloading);
   for (int i = 1; i <= kTogether; ++i) {
     EXPECT_TRUE(finished[fmt::format("P{}", i)]) << i;
-    EXPECT_EQ(products[i]->mirror(), KTSProduct::Mirrored) << i;
+    EXPECT_EQ(products[i]->state().mirror(), KTSProductState::Mirrored) << i;
     EXPECT_EQ(sizeOf(local(fmt::format("/content/downloads/gate/P{}.pkg", i))), 3000u) << i;
   }
 }
@@ -229,7 +229,7 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
         .set(KTCatalogPackageURLStringKey, hostile);
     auto product = productFor(entry);
     EXPECT_FALSE(product->downloadMirroredFiles()) << hostile;
-    EXPECT_NE(product->mirror(), KTSProduct::Mirrored);
+    EXPECT_NE(product->state().mirror(), KTSProductState::Mirrored);
   }
   EXPECT_TRUE(std::filesystem::is_empty(root_ + "/outside"));
   EXPECT_EQ(entriesOutsideHtml(), (std::vector<std::string>{root_ + "/outside"}));
@@ -261,7 +261,7 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
   auto made = [&](const std::string& productId, const std::vector<test::PackageFiles>& files) {
     auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
         productId, upstream_.entry({}, files), {}, context());
-    product->scheduleMirroring();
+    product->state().scheduleMirroring();
     return product;
   };
   const std::string shared = "/content/downloads/d/shared.pkg";
@@ -358,7 +358,7 @@ TEST_F(KTSProductMirrorTest, RemovalKeepsDescriptionsOrTakesTheWholeFolder) {
   auto mirrored = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
       "P1", entry, Url::parse(upstream_.url("/content/downloads/d/P1/P1.smd")), context());
   ASSERT_TRUE(mirrored->downloadMirroredFiles());
-  mirrored->enable();
+  mirrored->state().enable();
   // A part kept from a download cut short goes with the product, file or not.
   std::filesystem::remove(local("/content/downloads/d/P1/a.pkm"));
   writeFile(local("/content/downloads/d/P1/a.pkm.downloading"), "part");
@@ -368,8 +368,8 @@ TEST_F(KTSProductMirrorTest, RemovalKeepsDescriptionsOrTakesTheWholeFolder) {
   EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/a.pkm")));
   EXPECT_TRUE(std::filesystem::exists(local("/content/downloads/d/P1/English.dist")));
   EXPECT_TRUE(std::filesystem::exists(local("/content/downloads/d/P1/P1.smd")));
-  EXPECT_EQ(mirrored->mirror(), KTSProduct::DoNotMirror);
-  EXPECT_FALSE(mirrored->enabled());
+  EXPECT_EQ(mirrored->state().mirror(), KTSProductState::DoNotMirror);
+  EXPECT_FALSE(mirrored->state().enabled());
 
   writeFile(local("/other/file"), "neighbour");
   mirrored->removeAllFiles();

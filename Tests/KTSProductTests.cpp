@@ -8,6 +8,8 @@
 #include "KTSPassMemo.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
+#include "KTSProductChange.h"
+#include "KTSProductTable.h"
 #include "UpstreamFiles.h"
 
 namespace ondrel {
@@ -82,7 +84,7 @@ TEST_F(KTSProductTest, ActiveProductDownloadsItsMetadataAndKeepsThePreviousCopy)
   EXPECT_FALSE(files[2].contains(KTSProduct::kFileSizeKey));
   EXPECT_EQ(files[3][KTSProduct::kFileSizeKey].integerValue(), 100);
   EXPECT_FALSE(files[0].contains(KTSProduct::kFileReplaceKey));
-  EXPECT_EQ(first->totalDownloadSize().integerValue(), 350);
+  EXPECT_EQ(first->state().totalDownloadSize().integerValue(), 350);
 
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.9").toXml());
   auto second = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
@@ -257,8 +259,8 @@ TEST_F(KTSProductTest, ArchiveRoundTripsAndRestoreToleratesMissingKeys) {
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.7.2").toXml());
   auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
       "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")), context());
-  product->restoreSettings(KTSProduct::Mirrored, false);
-  product->enableOnceMirrored();
+  product->state().restore(KTSProductState::Mirrored, false);
+  product->state().enableOnceMirrored();
   Plist archive = product->archiveRepresentation();
   ASSERT_TRUE(archive.isDictionary());
   EXPECT_EQ(archive["mirror"].stringValue(), "Mirrored");
@@ -266,8 +268,8 @@ TEST_F(KTSProductTest, ArchiveRoundTripsAndRestoreToleratesMissingKeys) {
   auto restored = KTSProduct::productWithArchiveRepresentation(archive);
   EXPECT_EQ(restored->archiveRepresentation(), archive);
   EXPECT_EQ(restored->initStatus(), 0);
-  EXPECT_TRUE(restored->isEqualState(*product));
-  EXPECT_TRUE(restored->applyPendingEnable());
+  EXPECT_TRUE(restored->state().isEqual(product->state()));
+  EXPECT_TRUE(restored->state().applyPendingEnable());
 
   Plist withoutFiles = archive;
   withoutFiles.remove("mirrorFiles");
@@ -292,30 +294,90 @@ TEST_F(KTSProductTest, ArchiveRoundTripsAndRestoreToleratesMissingKeys) {
             (std::vector<std::string>{
                 "ondrd_test[DBG]: PROD: P9: * * * WARNING! Missing archive value: enabled.",
                 "ondrd_test[DBG]: PROD: P9: * * * WARNING! Missing archive value: smdPath."}));
-  EXPECT_EQ(sparse->mirror(), KTSProduct::DoNotMirror);
+  EXPECT_EQ(sparse->state().mirror(), KTSProductState::DoNotMirror);
   EXPECT_FALSE(sparse->mirrorFiles().isArray());
 }
 
 TEST_F(KTSProductTest, StatesAndTheirNames) {
-  for (const char* name : {"mirrored", ""}) EXPECT_EQ(KTSProduct::mirrorStateForString(name), 0);
-  EXPECT_EQ(KTSProduct::mirrorStateForString(std::nullopt), 0);
-  EXPECT_EQ(KTSProduct::mirrorStateForString("LocalOrphaned"), 6);
-  for (int state : {0, 8, -1}) EXPECT_EQ(KTSProduct::mirrorStringForState(state), "DoNotMirror");
+  for (const char* name : {"mirrored", ""})
+    EXPECT_EQ(KTSProductState::mirrorStateForString(name), 0);
+  EXPECT_EQ(KTSProductState::mirrorStateForString(std::nullopt), 0);
+  EXPECT_EQ(KTSProductState::mirrorStateForString("LocalOrphaned"), 6);
+  for (int state : {0, 8, -1})
+    EXPECT_EQ(KTSProductState::mirrorStringForState(state), "DoNotMirror");
   KTSProduct product{Plist::dictionary()};
-  product.enableOnceMirrored();
-  product.restoreSettings(KTSProduct::Downloading, false);
-  EXPECT_FALSE(product.applyPendingEnable());
+  product.state().enableOnceMirrored();
+  product.state().restore(KTSProductState::Downloading, false);
+  EXPECT_FALSE(product.state().applyPendingEnable());
   EXPECT_EQ(product.getEffectiveRestartAction(), "IncompleteDownload");
-  product.markOrphaned();
-  EXPECT_TRUE(product.applyPendingEnable());
+  product.state().markOrphaned();
+  EXPECT_TRUE(product.state().applyPendingEnable());
   EXPECT_EQ(product.getEffectiveRestartAction(), "NoRestart");
   KTSProduct other{Plist::dictionary()};
   std::string changed;
-  EXPECT_FALSE(other.isEqualState(product, &changed));
+  EXPECT_FALSE(other.state().isEqual(product.state(), &changed));
   EXPECT_EQ(changed, "mirror");
-  other.setStateWithProduct(product);
-  EXPECT_TRUE(other.isEqualState(product, &changed));
+  other.state() = product.state();
+  EXPECT_TRUE(other.state().isEqual(product.state(), &changed));
   EXPECT_EQ(changed, "");
+  other.state().disable();
+  EXPECT_TRUE(product.state().enabled()) << "a copied state is the copy's own";
+}
+
+// Three catalogs list one product; the third names its package at another size.
+TEST_F(KTSProductTest, TheTableJoinsCopiesThatNameTheSameFilesAndKeepsEachCatalogsStanding) {
+  Plist archive = Plist::dictionary();
+  archive.set("productId", "P1");
+  archive.set("mirror", "LocalDeprecated");
+  Plist record = Plist::dictionary();
+  record.set(KTSProduct::kFileURLKey, "http://127.0.0.1/d/P1/a.pkg");
+  record.set(KTSProduct::kFileLocalPathKey, "/srv/html/d/P1/a.pkg");
+  record.set(KTSProduct::kFileSizeKey, Plist::integer(100));
+  Plist files = Plist::array();
+  files.append(record);
+  archive.set("mirrorFiles", files);
+  auto replaced = KTSProduct::productWithArchiveRepresentation(archive);
+  archive.set("mirror", "PleaseMirror");
+  auto current = KTSProduct::productWithArchiveRepresentation(archive);
+  record.set(KTSProduct::kFileSizeKey, Plist::integer(200));
+  files = Plist::array();
+  files.append(record);
+  archive.set("mirrorFiles", files);
+  auto resized = KTSProduct::productWithArchiveRepresentation(archive);
+  KTSProductTable table;
+  for (const auto& copy : {replaced, current, resized}) table.join(copy);
+  EXPECT_EQ(table.copiesOf("P1").size(), 3u);
+  EXPECT_TRUE(table.copiesOf("P2").empty());
+
+  // The first copy knew only its standing: the files' state comes from the second.
+  EXPECT_EQ(replaced->state().mirror(), KTSProductState::LocalDeprecated);
+  EXPECT_EQ(current->state().mirror(), KTSProductState::PleaseMirror);
+  current->state().enableOnceMirrored();
+  current->state().beginFetching();
+  current->state().finishFetching(true);
+  EXPECT_EQ(current->state().mirror(), KTSProductState::Mirrored);
+  EXPECT_TRUE(current->state().enabled()) << "the waiting enable is carried out";
+  EXPECT_EQ(replaced->state().mirror(), KTSProductState::LocalDeprecated)
+      << "mirroring in one catalog does not undo another's standing";
+  EXPECT_TRUE(replaced->state().enabled());
+  EXPECT_EQ(resized->state().mirror(), KTSProductState::PleaseMirror)
+      << "files of another size are not in place";
+  EXPECT_FALSE(resized->state().enabled());
+
+  // A change reaches every copy once; removing ends every standing.
+  KTSProductChange disable;
+  disable.enable = false;
+  EXPECT_EQ(table.applyChange("P1", disable).size(), 3u);
+  EXPECT_FALSE(current->state().enabled());
+  EXPECT_EQ(replaced->state().mirror(), KTSProductState::LocalDeprecated);
+  KTSProductChange remove;
+  remove.remove = true;
+  table.applyChange("P1", remove);
+  for (const auto& copy : {replaced, current, resized}) {
+    EXPECT_EQ(copy->state().mirror(), KTSProductState::DoNotMirror);
+  }
+  replaced.reset();
+  EXPECT_EQ(table.copiesOf("P1").size(), 2u) << "a copy no catalog holds leaves the table";
 }
 
 TEST_F(KTSProductTest, DistributionFilesAreReadStrictly) {

@@ -342,6 +342,45 @@ TEST_F(KTSSyncPassTest, NoServedCatalogNamesAPackageAtASizeItsFileDoesNotHave) {
   expectServedSizesMatchFiles();
 }
 
+// One catalog's replacement of a product is that catalog's: another that lists the product as
+// current keeps serving it, and each catalog's record says what it decided.
+TEST_F(KTSSyncPassTest, AProductReplacedInOneCatalogStaysCurrentInAnother) {
+  configure(true);
+  ASSERT_FALSE(fullPass().failed());
+  const std::string other = "index-dogwood-cedar-birch-alder.merged-1.ktcatalog";
+  std::string kept;
+  std::string replacement;
+  for (const auto& [productId, entry] : served().items()) {
+    (served(other).contains(productId) ? kept : replacement) = productId.text();
+  }
+  ASSERT_FALSE(kept.empty() || replacement.empty());
+  Plist deprecations = Plist::dictionary();
+  deprecations.set("DeprecatedProducts", Plist::dictionary());
+  deprecations.mutableValue("DeprecatedProducts").set(replacement, Plist::stringArray({kept}));
+  writeFile(vendor_->folder() + "/content/catalogs/Deprecations.plist", deprecations.toXml());
+  auto recorded = [this](const std::string& catalog, const std::string& productId) {
+    std::string cache = catalog.substr(0, catalog.rfind('.')) + ".productscache";
+    Plist products =
+        Plist::readFile(html() + "/content/catalogs/others/" + cache, nullptr).value_or(Plist());
+    for (const Plist& product : products.elements()) {
+      if (product["productId"].stringValue() == productId) return product["mirror"].stringValue();
+    }
+    return std::string("none");
+  };
+  for (const char* pass : {"full", "full again", "changes only"}) {
+    KTSPassOutcome outcome = pass[0] == 'c' ? changesPass() : fullPass();
+    EXPECT_FALSE(outcome.failed()) << pass << ": " << outcome.note();
+    EXPECT_TRUE(served(other).contains(kept)) << pass;
+    EXPECT_FALSE(served().contains(kept)) << pass;
+    EXPECT_EQ(recorded(other, kept), "Mirrored") << pass;
+    EXPECT_EQ(recorded(kNewestCatalog, kept), "LocalDeprecated") << pass;
+    renewContext();
+    EXPECT_EQ(context().workingSet().productDictForID(kept)["mirror"].stringValue(), "Mirrored")
+        << pass;
+    post("enable", kept);
+  }
+}
+
 TEST_F(KTSSyncPassTest, ARebuildTrustsNothingKept) {
   configure(true);
   ASSERT_FALSE(fullPass().failed());

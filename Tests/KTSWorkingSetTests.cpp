@@ -111,19 +111,19 @@ TEST_F(KTSWorkingSetTest, StatusUpdatesAreThrottledToOneWriteASecond) {
   ASSERT_TRUE(
       workingSet->updateWithProductsAndRevocationsArchivingPrevious({{"P1", p1}}, Plist(), false));
   clock_->advance(std::chrono::seconds(2));
-  p1->restoreSettings(KTSProduct::Downloading, false);
-  p1->setDownloadedSize(Plist::integer(100));
+  p1->state().restore(KTSProductState::Downloading, false);
+  p1->state().setDownloadedSize(Plist::integer(100));
   workingSet->updateProductStatus(*p1);
   EXPECT_EQ(onDisk()["P1"]["mirror"].stringValue(), "Downloading");
   EXPECT_TRUE(
       logged("ondrd_test[DBG]: WSET: Updated product P1; mirror=Downloading, "
              "d.l.size=100, eanbled=NO."));
-  p1->setDownloadedSize(Plist::integer(200));
+  p1->state().setDownloadedSize(Plist::integer(200));
   workingSet->updateProductStatus(*p1);
   EXPECT_EQ(onDisk()["P1"]["DownloadedSize"].integerValue(), 100) << "second write held back";
   EXPECT_TRUE(workingSet->cacheDirty());
   clock_->advance(std::chrono::milliseconds(1100));
-  p1->restoreSettings(KTSProduct::Mirrored, true);
+  p1->state().restore(KTSProductState::Mirrored, true);
   workingSet->updateProductStatus(*p1);
   EXPECT_EQ(onDisk()["P1"]["DownloadedSize"].integerValue(), 200);
   EXPECT_TRUE(onDisk()["P1"]["enable"].boolValue());
@@ -145,11 +145,11 @@ TEST_F(KTSWorkingSetTest, RefreshSeesTheOtherProcessesWritesOnly) {
   // Another writer within the same second: seen through the file's identity and full-resolution
   // time; our unsaved change is given up in favour of the file.
   auto admin = std::make_shared<KTSWorkingSet>(context().preferences(), file());
-  admin->setMirrorSettingForProductID(KTSProduct::PleaseMirror, "P1");
+  admin->setMirrorSettingForProductID(KTSProductState::PleaseMirror, "P1");
   ASSERT_TRUE(admin->saveProductsArchivingPrevious(false));
   daemon->setProductDictForID(Plist::dictionary(), "Unsaved");
   daemon->refreshProducts();
-  EXPECT_EQ(daemon->mirrorSettingForProductID("P1"), KTSProduct::PleaseMirror);
+  EXPECT_EQ(daemon->mirrorSettingForProductID("P1"), KTSProductState::PleaseMirror);
   EXPECT_FALSE(daemon->containsProductID("Unsaved"));
 
   // A file that cannot be used keeps the unsaved changes, merged over the records in memory.
@@ -182,7 +182,7 @@ TEST_F(KTSWorkingSetTest, TwoProcessesShareTheFileWithoutLosingSettings) {
       std::string id = fmt::format("P{}", round % 50);
       workingSet->setEnableSettingForProductID(round >= 150, id);
       workingSet->setMirrorSettingForProductID(
-          round >= 150 ? KTSProduct::PleaseMirror : KTSProduct::DoNotMirror, id);
+          round >= 150 ? KTSProductState::PleaseMirror : KTSProductState::DoNotMirror, id);
       if (!workingSet->saveProductsArchivingPrevious(false)) _exit(1);
       usleep(2000);
     }
@@ -196,9 +196,9 @@ TEST_F(KTSWorkingSetTest, TwoProcessesShareTheFileWithoutLosingSettings) {
   for (int round = 0, adminDone = 0; adminDone < 2; ++round) {
     daemon->refreshProducts();
     auto& current = catalog[fmt::format("P{}", round % 50)];
-    current->restoreSettings(daemon->mirrorSettingForProductID(*current->productId()),
+    current->state().restore(daemon->mirrorSettingForProductID(*current->productId()),
                              daemon->enableSettingForProductID(*current->productId()));
-    current->setDownloadedSize(Plist::integer(round));
+    current->state().setDownloadedSize(Plist::integer(round));
     daemon->updateProductStatus(*current);
     if (!Plist::readFile(file(), nullptr)) ++torn;
     if (adminDone > 0 || waitpid(admin, &status, WNOHANG) == admin) ++adminDone;
@@ -209,7 +209,7 @@ TEST_F(KTSWorkingSetTest, TwoProcessesShareTheFileWithoutLosingSettings) {
   for (int i = 0; i < 50; ++i) {
     std::string id = fmt::format("P{}", i);
     EXPECT_TRUE(daemon->enableSettingForProductID(id)) << id;
-    EXPECT_EQ(daemon->mirrorSettingForProductID(id), KTSProduct::PleaseMirror) << id;
+    EXPECT_EQ(daemon->mirrorSettingForProductID(id), KTSProductState::PleaseMirror) << id;
   }
   if (!daemon->cacheDirty()) {
     EXPECT_EQ(onDisk(), daemon->products());

@@ -209,15 +209,15 @@ ServerSummary summarizeServer(KTSPassContext& context) {
   }
   for (const auto& [productId, record] : context.workingSet().products().items()) {
     ++summary.products;
-    std::int32_t mirror = KTSProduct::mirrorStateForString(record["mirror"].stringValue());
-    ++summary.byMirrorState[KTSProduct::mirrorStringForState(mirror)];
+    std::int32_t mirror = KTSProductState::mirrorStateForString(record["mirror"].stringValue());
+    ++summary.byMirrorState[KTSProductState::mirrorStringForState(mirror)];
     ++summary.byCompositeState[KTSCatalog::compositeProductStringForStateValue(
         KTSCatalog::compositeProductStateForString(record["CompositeProductState"].stringValue()))];
     if (record["enable"].boolValue()) ++summary.enabled;
     std::uint64_t total = nonNegative(record["TotalDownloadSize"]);
     std::uint64_t downloaded = nonNegative(record["DownloadedSize"]);
-    if (mirror >= KTSProduct::Mirrored) summary.bytesMirrored += total;
-    if (mirror == KTSProduct::PleaseMirror || mirror == KTSProduct::Downloading) {
+    if (mirror >= KTSProductState::Mirrored) summary.bytesMirrored += total;
+    if (mirror == KTSProductState::PleaseMirror || mirror == KTSProductState::Downloading) {
       summary.bytesToMirror += total > downloaded ? total - downloaded : 0;
     }
   }
@@ -376,8 +376,8 @@ Plist nextPassPlan(KTSPassContext& context) {
     for (const auto& [productId, product] : *catalog.products()) {
       std::int32_t mirror = workingSet.containsProductID(productId)
                                 ? workingSet.mirrorSettingForProductID(productId)
-                                : product->mirror();
-      if ((mirror != KTSProduct::PleaseMirror && mirror != KTSProduct::Downloading) ||
+                                : product->state().mirror();
+      if ((mirror != KTSProductState::PleaseMirror && mirror != KTSProductState::Downloading) ||
           !seen.insert(productId).second) {
         continue;
       }

@@ -1,0 +1,105 @@
+#include "KTSProductState.h"
+
+namespace ondrel {
+
+namespace {
+
+constexpr const char* kMirrorStateNames[] = {"DoNotMirror",   "PleaseMirror",    "Downloading",
+                                             "Mirrored",      "LocalOnly",       "LocalDeprecated",
+                                             "LocalOrphaned", "LocalNotMirrored"};
+
+}  // namespace
+
+std::int32_t KTSProductState::mirrorStateForString(const std::optional<std::string>& name) {
+  if (!name) return DoNotMirror;
+  for (std::int32_t state = 0; state <= LocalNotMirrored; ++state) {
+    if (*name == kMirrorStateNames[state]) return state;
+  }
+  return DoNotMirror;
+}
+
+std::string KTSProductState::mirrorStringForState(std::int64_t state) {
+  if (state < PleaseMirror || state > LocalNotMirrored) return kMirrorStateNames[DoNotMirror];
+  return kMirrorStateNames[state];
+}
+
+KTSProductState::KTSProductState() : product_(std::make_shared<ProductPart>()) {}
+
+KTSProductState::KTSProductState(const KTSProductState& other)
+    : product_(std::make_shared<ProductPart>(*other.product_)), standing_(other.standing_) {}
+
+KTSProductState& KTSProductState::operator=(const KTSProductState& other) {
+  if (this != &other) {
+    product_ = std::make_shared<ProductPart>(*other.product_);
+    standing_ = other.standing_;
+  }
+  return *this;
+}
+
+void KTSProductState::shareProductPartOf(const KTSProductState& other) {
+  if (product_ == other.product_) return;
+  if (!other.product_->files) other.product_->files = product_->files;
+  product_ = other.product_;
+}
+
+std::int32_t KTSProductState::mirror() const {
+  if (standing_) return *standing_;
+  return product_->files.value_or(DoNotMirror);
+}
+
+bool KTSProductState::isEqual(const KTSProductState& other, std::string* changedKey) const {
+  const char* changed = nullptr;
+  if (mirror() != other.mirror()) {
+    changed = "mirror";
+  } else if (enabled() != other.enabled()) {
+    changed = "enabled";
+  } else if (enableWhenMirrored() != other.enableWhenMirrored()) {
+    changed = "enableWhenMirrored";
+  }
+  if (changedKey) *changedKey = changed ? changed : "";
+  return changed == nullptr;
+}
+
+void KTSProductState::finishFetching(bool allInPlace) {
+  product_->downloadStatus = DownloadFinished;
+  setFiles(allInPlace ? Mirrored : PleaseMirror);
+  if (allInPlace && product_->enableWhenMirrored) product_->enabled = true;
+}
+
+bool KTSProductState::applyPendingEnable() {
+  ProductPart& product = *product_;
+  if (mirror() < Mirrored || !product.enableWhenMirrored || product.enabled) return false;
+  product.enabled = true;
+  product.enableWhenMirrored = false;
+  return true;
+}
+
+void KTSProductState::restore(std::int32_t mirror, bool enabled) {
+  if (isStanding(mirror)) {
+    standing_ = mirror;
+  } else {
+    setFiles(mirror);
+  }
+  product_->enabled = enabled;
+}
+
+void KTSProductState::restoreKeepingStanding(std::int32_t mirror, bool enabled) {
+  if (isStanding(mirror)) {
+    standing_ = mirror;
+  } else {
+    product_->files = mirror;
+  }
+  product_->enabled = enabled;
+}
+
+void KTSProductState::restartProgress() {
+  product_->downloadedSize = Plist::integer(0);
+  product_->totalDownloadCount = 0;
+  product_->downloadStatus = DownloadBegun;
+}
+
+void KTSProductState::addToDownloadedSize(std::int64_t bytes) {
+  product_->downloadedSize = Plist::integer(product_->downloadedSize.integerValue() + bytes);
+}
+
+}  // namespace ondrel

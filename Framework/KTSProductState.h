@@ -1,0 +1,170 @@
+// KTSProductState is a product's mirror and enable state as one catalog sees it, with every
+// transition between states. It holds two things apart:
+// - what is true once per product: whether its files are wanted, being fetched or in place,
+//   whether clients are served it, an enable that waits for the files, and the download
+//   progress. Within a pass the KTSProductTable makes every catalog's copy of a product (those
+//   that name the same files) share this part, so a change made through one copy is the
+//   product's, and nothing is copied between catalogs.
+// - what this catalog's listing decides of it: its standing (kept although withdrawn upstream,
+//   replaced by another product, orphaned, withdrawn before it was mirrored). Another catalog
+//   that lists the product as current is not touched by it.
+// The mirror state the working set, the caches and the logs record is made from the two: the
+// standing when the catalog gave one, else the files' state. A copy of a state owns its own
+// product part until a table joins it. Used by KTSProduct, KTSCatalog and the pass; one thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "Plist.h"
+
+namespace ondrel {
+
+class KTSProductState {
+ public:
+  // The recorded mirror state: the first four describe the files, the last four a standing.
+  enum MirrorState : std::int32_t {
+    DoNotMirror = 0,
+    PleaseMirror = 1,
+    Downloading = 2,
+    Mirrored = 3,
+    LocalOnly = 4,
+    LocalDeprecated = 5,
+    LocalOrphaned = 6,
+    LocalNotMirrored = 7
+  };
+  // Where the last download of the product's files got to.
+  enum DownloadStatus : std::int64_t {
+    DownloadBegun = 0,
+    FileInTransfer = 1,
+    FileAbsent = 2,
+    FileSuspect = 3,
+    FileVerified = 4,
+    DownloadFinished = 5
+  };
+
+  // Exact names only; anything else (and none) is DoNotMirror.
+  static std::int32_t mirrorStateForString(const std::optional<std::string>& name);
+  // The name of a recorded state; "DoNotMirror" for a value that is none.
+  static std::string mirrorStringForState(std::int64_t state);
+
+  // Not mirrored, not enabled, nothing pending, no standing.
+  KTSProductState();
+  // The copy owns a product part of its own with the same values.
+  KTSProductState(const KTSProductState& other);
+  KTSProductState& operator=(const KTSProductState& other);
+  KTSProductState(KTSProductState&&) noexcept = default;
+  KTSProductState& operator=(KTSProductState&&) noexcept = default;
+
+  // Makes this state share other's product part; this keeps its own standing. The values of
+  // other's part stand, except that a files state only this one knows (other had only a
+  // standing) is taken into the shared part.
+  void shareProductPartOf(const KTSProductState& other);
+  bool sharesProductPartWith(const KTSProductState& other) const {
+    return product_ == other.product_;
+  }
+
+  // Whether this catalog gave the product a standing (it lists it as no longer current).
+  bool hasStanding() const { return standing_.has_value(); }
+  // The recorded mirror state: this catalog's standing, else the files' state.
+  std::int32_t mirror() const;
+  std::string mirrorDescription() const { return mirrorStringForState(mirror()); }
+  bool enabled() const { return product_->enabled; }
+  bool enableWhenMirrored() const { return product_->enableWhenMirrored; }
+  // Whether its files are to be fetched in this catalog's view.
+  bool isDownloading() const { return mirror() == PleaseMirror || mirror() == Downloading; }
+  // A state in which clients are served the product (when it is enabled and its files verify).
+  bool isInServedState() const {
+    std::int32_t state = mirror();
+    return state == Mirrored || state == LocalOnly || state == LocalOrphaned;
+  }
+  // Compares mirror, enabled and enableWhenMirrored; names the first that differs.
+  bool isEqual(const KTSProductState& other, std::string* changedKey = nullptr) const;
+
+  // The transitions. Those of the files end this catalog's standing.
+  // Its files are to be fetched (from DoNotMirror, or again when they went missing).
+  void scheduleMirroring() { setFiles(PleaseMirror); }
+  // Its files are no longer wanted: not fetched, nor kept as mirrored.
+  void stopMirroring() { setFiles(DoNotMirror); }
+  // Its files are being fetched.
+  void beginFetching() { setFiles(Downloading); }
+  // Every file was processed: all of them in place (then a waiting enable is carried out) or
+  // some still to come.
+  void finishFetching(bool allInPlace);
+  // Served to clients; enableOnceMirrored when the files are still to come.
+  void enable() { product_->enabled = true; }
+  void enableOnceMirrored() { product_->enableWhenMirrored = true; }
+  void cancelPendingEnable() { product_->enableWhenMirrored = false; }
+  void disable() {
+    product_->enabled = false;
+    product_->enableWhenMirrored = false;
+  }
+  // Carries out a waiting enable once the files are in place (or kept); true when it did.
+  bool applyPendingEnable();
+  // Before its files are removed: neither mirrored nor served, nothing pending.
+  void retire() {
+    stopMirroring();
+    disable();
+  }
+  // Its files were removed: neither mirrored nor served; an enable waiting for them stays.
+  void filesRemoved() {
+    stopMirroring();
+    product_->enabled = false;
+  }
+  // What this catalog's listing says of a product the server keeps: gone without a
+  // replacement, gone before it was mirrored, kept for clients although withdrawn, or replaced
+  // by an enabled product (and so not served, and no enable waits for it).
+  void markOrphaned() { standing_ = LocalOrphaned; }
+  void markWithdrawnUnmirrored() { standing_ = LocalNotMirrored; }
+  void keepLocally() { standing_ = LocalOnly; }
+  void markReplaced() {
+    standing_ = LocalDeprecated;
+    product_->enableWhenMirrored = false;
+  }
+  // The settings a record (the working set, the cache, a test) keeps: a standing is this
+  // catalog's, any other state the files'.
+  void restore(std::int32_t mirror, bool enabled);
+  // The same, except that a files state leaves the standing this catalog gave: for a record
+  // kept for the product as a whole (the working set's), over the catalog's own.
+  void restoreKeepingStanding(std::int32_t mirror, bool enabled);
+  void restorePendingEnable(bool pending) { product_->enableWhenMirrored = pending; }
+
+  // The download progress of the product's files.
+  std::int64_t downloadStatus() const { return product_->downloadStatus; }
+  void setDownloadStatus(std::int64_t status) { product_->downloadStatus = status; }
+  std::int64_t totalDownloadCount() const { return product_->totalDownloadCount; }
+  void setTotalDownloadCount(std::int64_t count) { product_->totalDownloadCount = count; }
+  const Plist& totalDownloadSize() const { return product_->totalDownloadSize; }
+  void setTotalDownloadSize(Plist size) { product_->totalDownloadSize = std::move(size); }
+  const Plist& downloadedSize() const { return product_->downloadedSize; }
+  void setDownloadedSize(Plist size) { product_->downloadedSize = std::move(size); }
+  // A new download: nothing fetched yet.
+  void restartProgress();
+  void addToDownloadedSize(std::int64_t bytes);
+
+ private:
+  struct ProductPart {
+    // None while the only record read gave a standing.
+    std::optional<std::int32_t> files;
+    bool enabled = false;
+    bool enableWhenMirrored = false;
+    std::int64_t downloadStatus = DownloadBegun;
+    std::int64_t totalDownloadCount = 0;
+    Plist totalDownloadSize;
+    Plist downloadedSize;
+  };
+  static bool isStanding(std::int64_t state) {
+    return state >= LocalOnly && state <= LocalNotMirrored;
+  }
+  void setFiles(std::int32_t state) {
+    product_->files = state;
+    standing_.reset();
+  }
+
+  std::shared_ptr<ProductPart> product_;
+  std::optional<std::int32_t> standing_;
+};
+
+}  // namespace ondrel
