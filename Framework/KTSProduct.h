@@ -91,16 +91,15 @@ class KTSProduct {
 
   // Mirroring: true when every file was processed, false when one was given up.
   bool downloadMirroredFiles();
-  // Mirrors the files through scheduler, among those of other products: every file at once,
-  // each with its retries; the mirror state changes only once every file has been processed.
-  // finished(complete) is called once, from inside the scheduler's run (or at once when there
-  // is nothing to fetch), with false when a file was given up. The product must outlive it.
-  // With an ownership, a file that belongs to another product is given up untouched.
+  // Mirrors the files through scheduler, among those of other products, with a
+  // KTSProductDownload: every file at once, each with its retries; the mirror state changes only
+  // once every file has been processed. finished(complete) is called once, from inside the
+  // scheduler's run (or at once when there is nothing to fetch), with false when a file was
+  // given up. The product must outlive it. With an ownership, a file that belongs to another
+  // product is given up untouched.
   void mirrorFilesWithScheduler(KTSFetchScheduler& scheduler,
                                 std::function<void(bool complete)> finished,
                                 const KTSFileOwnership* ownership = nullptr);
-  void beginDownload();
-  void endDownload();
   // True when a transfer from url to destPath is allowed; otherwise the reason says why.
   bool verifyDownloadFileURLDestPathFailureReason(const std::optional<Url>& url,
                                                   const std::string& destPath,
@@ -184,19 +183,6 @@ class KTSProduct {
   // The standardised local path of an upstream URL when it lies inside the document root's
   // html folder; none otherwise (a hostile URL never names a file elsewhere).
   static std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url);
-  // One attempt at the file of record index (attempts count from 0), after an attempt that
-  // left the file in fileStatus; the file's last attempt ends it as given up.
-  void attemptFiles(const std::vector<std::size_t>& indexes);
-  void attemptFile(std::size_t index, int attempt, std::int64_t fileStatus);
-  // Fetches the file unless it is in place or refused; then checks the attempt's outcome.
-  void downloadFileWithInfo(std::size_t index, int attempt);
-  void attemptEnded(std::size_t index, int attempt, std::int64_t bytesPlaced);
-  void fileProcessed(bool givenUp);
-  std::optional<std::string> otherOwnerOfFile(std::size_t index) const;
-  // Creates the folder of a file to fetch once its URL and path are acceptable as text, then
-  // checks the folder as resolved on disk; false, with the refusal, when the fetch may not be.
-  bool prepareDownloadFolder(const std::optional<Url>& url, const std::string& localPath,
-                             std::string* refusal) const;
   static const std::shared_ptr<const std::vector<std::string>>& requiredServerMetadataKeys();
 
   std::int64_t initStatus_ = 0;
@@ -233,21 +219,6 @@ class KTSProduct {
 
   std::shared_ptr<Facts> facts_ = std::make_shared<Facts>();
   Plist masterRepresentation_;
-  // While the files are mirrored: where they are fetched, how many are still being processed,
-  // whether one was given up, and whom to tell at the end.
-  struct Mirroring {
-    KTSFetchScheduler* scheduler = nullptr;
-    const KTSFileOwnership* ownership = nullptr;
-    std::size_t filesLeft = 0;
-    bool givenUp = false;
-    std::function<void(bool)> finished;
-  };
-  std::shared_ptr<Mirroring> mirroring_;
-  // Records whose local file an earlier record fetches (or gives another size, and then
-  // conflicts); processed once the others are.
-  std::vector<std::size_t> pendingSharedFiles_;
-  // Of those, the records that give the file another size; refused.
-  std::vector<std::size_t> conflictingFiles_;
   LogHandle log_;
 };
 
