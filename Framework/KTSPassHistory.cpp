@@ -59,6 +59,8 @@ std::optional<KTSPassHistory::Pass> passFromPlist(const Plist& record) {
   pass.productsNew = counter(record["productsNew"]);
   pass.productsRemoved = counter(record["productsRemoved"]);
   pass.bytesFetched = counter(record["bytesFetched"]);
+  pass.filesStillToFetch = counter(record["filesStillToFetch"]);
+  pass.bytesStillToFetch = counter(record["bytesStillToFetch"]);
   pass.nextPassDue = record["nextPassDue"].dateValue();
   return pass;
 }
@@ -74,6 +76,8 @@ Plist passAsPlist(const KTSPassHistory::Pass& pass) {
   record.set("productsNew", integer(pass.productsNew));
   record.set("productsRemoved", integer(pass.productsRemoved));
   record.set("bytesFetched", integer(pass.bytesFetched));
+  record.set("filesStillToFetch", integer(pass.filesStillToFetch));
+  record.set("bytesStillToFetch", integer(pass.bytesStillToFetch));
   if (pass.nextPassDue) record.set("nextPassDue", Plist::date(*pass.nextPassDue));
   return record;
 }

@@ -29,6 +29,9 @@ class KTSPassHistory {
     std::uint64_t productsNew = 0;
     std::uint64_t productsRemoved = 0;
     std::uint64_t bytesFetched = 0;
+    // What the products still to be mirrored lacked when the pass ended.
+    std::uint64_t filesStillToFetch = 0;
+    std::uint64_t bytesStillToFetch = 0;
     // When the daemon means to run the next full pass; none when it runs no more on its own.
     std::optional<Date> nextPassDue;
     double seconds() const;

@@ -157,6 +157,7 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
   withdrawFilesAboutToChange(listed, outcome);
   removeAndMirrorProducts(listed, scheduler, outcome);
   applyPendingEnables();
+  countStillToFetch(listed, outcome);
   saveState();
   validators->save();
   logRequests(scheduler.counters(), outcome);
@@ -250,6 +251,17 @@ void KTSSyncPass::applyPendingEnables() {
     for (const auto& [productId, product] : *catalog->products()) {
       if (product->state().applyPendingEnable()) changedProducts_.insert(productId);
     }
+  }
+}
+
+void KTSSyncPass::countStillToFetch(const std::vector<std::shared_ptr<KTSProduct>>& products,
+                                    KTSPassOutcome& outcome) const {
+  for (const auto& product : products) {
+    std::shared_ptr<KTSProduct> recorded = productTable_.representativeOf(*product->productId());
+    if (!recorded || !recorded->state().isDownloading()) continue;
+    KTSProduct::StillToFetch still = recorded->stillToFetch();
+    outcome.filesStillToFetch += still.files;
+    outcome.bytesStillToFetch += std::min(still.bytes, UINT64_MAX - outcome.bytesStillToFetch);
   }
 }
 

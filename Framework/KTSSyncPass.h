@@ -55,6 +55,10 @@ struct KTSPassOutcome {
   std::size_t productsNew = 0;        // products first seen in this pass
   std::size_t productsRemoved = 0;    // products whose files the administrator removed
   std::uint64_t bytesFetched = 0;
+  // What the products still to be mirrored lack once the pass is done: files not in place with
+  // their catalog size, and the bytes the catalogs give for them.
+  std::uint64_t filesStillToFetch = 0;
+  std::uint64_t bytesStillToFetch = 0;
   bool failed() const { return interrupted || !failures.empty(); }
   // The error note recorded in the status files: "interrupted", or the failed steps' lines.
   std::string note() const;
@@ -87,6 +91,8 @@ class KTSSyncPass {
   void removeAndMirrorProducts(const std::vector<std::shared_ptr<KTSProduct>>& products,
                                KTSFetchScheduler& scheduler, KTSPassOutcome& outcome);
   void applyPendingEnables();
+  void countStillToFetch(const std::vector<std::shared_ptr<KTSProduct>>& products,
+                         KTSPassOutcome& outcome) const;
   void logRequests(const KTSFetchScheduler::Counters& fetched, KTSPassOutcome& outcome);
   void markPassEnded(bool fullSync, const KTSPassOutcome& outcome);
   void collectChanges();

@@ -266,6 +266,12 @@ TEST_F(KTSSyncPassTest, PassLevelFaultsAreToldAndMendedByTheNextPass) {
   // The product whose new package is incomplete is not served; the others are as they were.
   EXPECT_FALSE(served().contains("VT-000021"));
   EXPECT_EQ(served().size(), before.size() - 1);
+  // What is still to fetch is counted one way: the pass's figure is the plan's.
+  renewContext();
+  Plist plan = programs::nextPassPlan(context());
+  EXPECT_GE(cut.bytesStillToFetch, 24u << 20);
+  EXPECT_EQ(cut.bytesStillToFetch, static_cast<std::uint64_t>(plan["bytes"].integerValue()));
+  EXPECT_EQ(cut.filesStillToFetch, static_cast<std::uint64_t>(plan["files"].integerValue()));
   configure(true);
 
   // Back again, with one package changed to another size, and a mirrored file deleted behind

@@ -214,13 +214,13 @@ ServerSummary summarizeServer(KTSPassContext& context) {
     ++summary.byCompositeState[KTSCatalog::compositeProductStringForStateValue(
         KTSCatalog::compositeProductStateForString(record["CompositeProductState"].stringValue()))];
     if (record["enable"].boolValue()) ++summary.enabled;
-    std::uint64_t total = nonNegative(record["TotalDownloadSize"]);
-    std::uint64_t downloaded = nonNegative(record["DownloadedSize"]);
-    if (mirror >= KTSProductState::Mirrored) summary.bytesMirrored += total;
-    if (mirror == KTSProductState::PleaseMirror || mirror == KTSProductState::Downloading) {
-      summary.bytesToMirror += total > downloaded ? total - downloaded : 0;
+    if (mirror >= KTSProductState::Mirrored) {
+      summary.bytesMirrored += nonNegative(record["TotalDownloadSize"]);
     }
   }
+  // Counted by the pass from the files on disk, as the plan counts them.
+  KTSPassHistory history(KTSPassHistory::defaultPath());
+  if (history.lastPass()) summary.bytesToMirror = history.lastPass()->bytesStillToFetch;
   summary.pendingRequests = pendingRequestCount();
   KTSJobTicketManager& tickets = context.tickets();
   tickets.refresh();

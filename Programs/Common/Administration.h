@@ -38,6 +38,7 @@ struct ServerSummary {
   std::uint64_t products = 0;
   std::uint64_t enabled = 0;
   std::uint64_t bytesMirrored = 0;
+  // What the products still to be mirrored lacked when the last pass ended.
   std::uint64_t bytesToMirror = 0;
   std::size_t pendingRequests = 0;
   std::size_t pendingTickets = 0;

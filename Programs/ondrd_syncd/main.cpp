@@ -87,6 +87,8 @@ ondrel::KTSPassOutcome runPass(
   pass.productsNew = outcome.productsNew;
   pass.productsRemoved = outcome.productsRemoved;
   pass.bytesFetched = outcome.bytesFetched;
+  pass.filesStillToFetch = outcome.filesStillToFetch;
+  pass.bytesStillToFetch = outcome.bytesStillToFetch;
   if (interval) {
     std::optional<Date> lastRun = context.status().getLastRunTime();
     pass.nextPassDue = lastRun.value_or(pass.started) + *interval;

@@ -84,12 +84,14 @@ TEST_F(AdministrationTest, StatusProductsAndMetricsReadTheSharedFiles) {
   changes.started = Clock::now();
   changes.ended = changes.started;
   changes.fullSync = false;
+  changes.bytesStillToFetch = 12'500'000;
   ASSERT_TRUE(history.record(changes));
   test::ProgramResult status = ctl({"status"});
   EXPECT_NE(status.output.find("Products:        3, 1 enabled"), std::string::npos)
       << status.output;
   EXPECT_NE(status.output.find("Last pass:       succeeded (changes only), "), std::string::npos)
       << status.output;
+  EXPECT_NE(status.output.find("(12.5 MB still to mirror)"), std::string::npos) << status.output;
   EXPECT_NE(status.output.find("Daemon:          not running"), std::string::npos);
   KTSPassProgress(KTSPassProgress::defaultPath()).passStarted();
   EXPECT_EQ(ctl({"status"}).output.find("Pass under way"), std::string::npos)
