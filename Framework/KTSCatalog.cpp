@@ -12,6 +12,7 @@
 #include "KTSPassRecord.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
+#include "KTSServerMetadata.h"
 #include "KTSUtilities.h"
 #include "KTSWorkingSet.h"
 #include "PathString.h"
@@ -184,8 +185,8 @@ bool KTSCatalog::loadProductIndexForcingUpdate(bool force) {
   if (!force && loadProductIndexCache()) return false;
   log_.debug("CTLG: rebuilding product list from available data.");
   if (!throttleDownloads_) {
-    KTSProduct::prefetchServerMetadataForEntries(compositeCatalog_[KTCatalogProductsDictKey],
-                                                 context_);
+    KTSServerMetadata::prefetchServerMetadataForEntries(compositeCatalog_[KTCatalogProductsDictKey],
+                                                        context_);
   }
   ProductIndex rebuilt;
   for (const auto& [productId, entry] : compositeCatalog_[KTCatalogProductsDictKey].items()) {

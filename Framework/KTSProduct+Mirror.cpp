@@ -10,6 +10,7 @@
 #include "KTSProduct.h"
 #include "KTSProductDownload.h"
 #include "KTSProductFileRules.h"
+#include "KTSServerMetadata.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
 
@@ -150,8 +151,9 @@ bool KTSProduct::verifyMirroredFiles(KTSPassMemo* memo) const {
 
 void KTSProduct::removeAllFiles() {
   std::optional<std::string> metadataPath =
-      facts_->smdPath ? localPathInsideDocumentRoot(facts_->smdPath->parentServerURL())
-                      : std::nullopt;
+      facts_->smdPath
+          ? KTSServerMetadata::localPathInsideDocumentRoot(facts_->smdPath->parentServerURL())
+          : std::nullopt;
   if (metadataPath) {
     std::string folder = deletingLastPathComponent(deletingLastPathComponent(*metadataPath));
     // The folder two levels up must still be a product's folder below the html folder.

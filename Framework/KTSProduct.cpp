@@ -6,6 +6,7 @@
 #include "KTCatalogKeys.h"
 #include "KTSPassContext.h"
 #include "KTSPassMemo.h"
+#include "KTSServerMetadata.h"
 #include "KTSUtilities.h"
 #include "ProductId.h"
 
@@ -33,19 +34,10 @@ std::shared_ptr<KTSProduct> KTSProduct::productWithArchiveRepresentation(const P
   return std::make_shared<KTSProduct>(archive);
 }
 
-// One list for every product: a catalog makes tens of thousands of them in a pass.
-const std::shared_ptr<const std::vector<std::string>>& KTSProduct::requiredServerMetadataKeys() {
-  static const auto keys =
-      std::make_shared<const std::vector<std::string>>(std::vector<std::string>{
-          "IFPkgFlagInstalledSize", "IFPkgFlagRestartAction", "localization", "platforms"});
-  return keys;
-}
-
 KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
                        const std::optional<Url>& serverMetadataURL, KTSPassContext& context)
     : initStatus_(1), masterRepresentation_(dictionary), log_(LogHandle::shared()) {
   facts_->productId = productId;
-  facts_->smdValidationKeys = requiredServerMetadataKeys();
   // The id becomes part of file names: one that could name another folder is never used.
   if (!isValidProductId(productId)) {
     log_.error("Refusing product with an invalid product id: \"{}\"", productId);
@@ -55,14 +47,17 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
   if (!serverMetadataURL) {
     log_.debug("PROD: {}: * * * WARNING! Missing smdURL for product init.", productId);
   }
-  Plist metadata = getServerMetadataForURL(serverMetadataURL, context);
+  KTSServerMetadata found(productId, masterRepresentation_, log_);
+  Plist metadata = found.getServerMetadataForURL(serverMetadataURL, context);
+  // Nothing shares the facts of a product being made.
+  facts_->smdPath = found.smdPath();
+  if (found.productIsDead()) initStatus_ = -1;
   if (!metadata.isDictionary()) {
     log_.error("Unable to download or create .smd file for product {}.", productId);
     log_.error("Product {} will not be available for installation.", productId);
     if (initStatus_ == 1) initStatus_ = 0;
     return;
   }
-  // Nothing shares the facts of a product being made.
   Facts& facts = *facts_;
   facts.version = optionalString(metadata["CFBundleShortVersionString"]);
   facts.localization = metadata["localization"];
@@ -75,10 +70,10 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
   auto shared = [&](KTSPassMemo::ProductValue kind, Plist value) {
     return memo != nullptr ? memo->shareEqualValue(productId, kind, std::move(value)) : value;
   };
-  facts.bundleNames =
-      shared(KTSPassMemo::ProductValue::BundleNames, getServerMetadataBundleTitles(metadata));
-  facts.descriptions =
-      shared(KTSPassMemo::ProductValue::Descriptions, getServerMetadataDescriptions(metadata));
+  facts.bundleNames = shared(KTSPassMemo::ProductValue::BundleNames,
+                             KTSServerMetadata::getServerMetadataBundleTitles(metadata));
+  facts.descriptions = shared(KTSPassMemo::ProductValue::Descriptions,
+                              KTSServerMetadata::getServerMetadataDescriptions(metadata));
 
   const Plist& posted = dictionary[KTCatalogProductPostDateKey];
   facts.postDate = KTSUtilities::validDateForValue(posted);
@@ -142,11 +137,6 @@ std::int64_t KTSProduct::getCompositeProductState() const {
 std::string KTSProduct::getEffectiveRestartAction() const {
   if (state_.isDownloading()) return "IncompleteDownload";
   return facts_->restartAction.value_or("NoRestart");
-}
-
-int KTSProduct::reversePostDateCompare(const KTSProduct& other) const {
-  if (facts_->postDate == other.facts_->postDate) return 0;
-  return facts_->postDate > other.facts_->postDate ? -1 : 1;
 }
 
 Plist KTSProduct::archiveRepresentation() const {

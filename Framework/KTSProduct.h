@@ -41,55 +41,32 @@ class KTSProduct {
   static std::shared_ptr<KTSProduct> productWithProductIdDictionaryRepresentationServerMetadataURL(
       const std::string& productId, const Plist& dictionary,
       const std::optional<Url>& serverMetadataURL, KTSPassContext& context);
+  // Restores the product the product index cache recorded; initStatus() is 0 (it is not made
+  // from an entry), and missing keys are told and left empty.
   static std::shared_ptr<KTSProduct> productWithArchiveRepresentation(const Plist& archive);
-  // Fetches, through the context's fetch scheduler (all at once, up to its limit), the server
-  // metadata that products made from these catalog entries (product id to entry) would fetch one
-  // after the other, and records each file that arrived in the context's memo, so that making
-  // those products costs no transfer. A failed fetch is not recorded: its product tries again,
-  // with its retries. Does nothing without a memo.
-  static void prefetchServerMetadataForEntries(const Plist& entries, KTSPassContext& context);
 
   KTSProduct(const std::string& productId, const Plist& dictionary,
              const std::optional<Url>& serverMetadataURL, KTSPassContext& context);
   explicit KTSProduct(const Plist& archive);
 
+  // The composite state its entry records (NEW 1 to ORPHANED 4; 0 when none).
   std::int64_t getCompositeProductState() const;
-  bool isActiveProduct() const { return isActiveEntry(masterRepresentation_); }
   // Whether a product of this catalog entry is active: its composite state is below DEPRECATED
   // (3). Only an active product fetches its server metadata.
   static bool isActiveEntry(const Plist& entry) {
     return entry["CompositeProductState"].integerValue() < 3;
   }
+  // "IncompleteDownload" while its files are to be fetched, else the metadata's restart action
+  // ("NoRestart" without one).
   std::string getEffectiveRestartAction() const;
-  // Newest first: -1 when this product was posted later than other, 0 when at the same time.
-  int reversePostDateCompare(const KTSProduct& other) const;
   // The record the product index cache keeps; null after an internal failure.
   Plist archiveRepresentation() const;
-  void restoreFromArchiveRepresentation(const Plist& archive);
 
-  // Server metadata. Each returns a dictionary, or null where it says "none".
-  Plist getServerMetadataForURL(const std::optional<Url>& url, KTSPassContext& context);
-  Plist loadActiveServerMetadataAtURL(const Url& url, KTSPassContext& context);
-  // With a memo, tells it when the file is written.
-  Plist generateServerMetadataDictionaryAtPath(const std::string& path, KTSPassMemo* memo);
-  bool validateContentForServerMetadata(const Plist& metadata) const;
-  Plist repairMalformedServerMetadata(const Plist& metadata) const;
-  // The folder of the first distribution's local file, and PRODUCTID.smd in it; none when the
-  // product has no usable distribution under the document root.
-  std::optional<std::string> enclosingDir() const;
-  std::optional<std::string> makeGenericServerMetadataLocalPath() const;
-  static Plist getServerMetadataBundleTitles(const Plist& metadata);
-  static Plist getServerMetadataDescriptions(const Plist& metadata);
-
-  // Files to mirror.
-  Plist makeMirrorFiles() const;
-  Plist mirrorFileInfoForDistribution(const std::string& language) const;
-  Plist mirrorFilesForPackage(const Plist& package) const;
-  Plist mirrorFileInfoForPathExpectedSize(const Plist& url, const Plist& size) const;
   // The sum of the records' sizes; null when it is not above 0.
   Plist getTotalMirrorSize() const;
 
-  // Mirroring: true when every file was processed, false when one was given up.
+  // Mirrors the files through a scheduler of its own (the preferences' concurrency): true when
+  // every file was processed, false when one was given up.
   bool downloadMirroredFiles();
   // Mirrors the files through scheduler, among those of other products, with a
   // KTSProductDownload: every file at once, each with its retries; the mirror state changes only
@@ -107,9 +84,14 @@ class KTSProduct {
   // Whether every file is in place with its size; with a memo, a list it checked earlier in the
   // pass is not looked at again, and what this check finds is recorded there.
   bool verifyMirroredFiles(KTSPassMemo* memo = nullptr) const;
+  // Whether one record's file is in place inside the html folder, with its size when it has one.
   bool verifyMirroredFileWithInfo(const Plist& fileInfo) const;
+  // Deletes the folder of the product's server metadata (two levels above it, when that is
+  // still inside the html folder); the state then says the files are gone.
   void removeAllFiles();
-  // Deletes only files under the downloads folder, and with an ownership only the product's own.
+  // Deletes the records' files and their partial downloads: only under the downloads folder, never
+  // a distribution or metadata file, and with an ownership only the product's own. The state
+  // then says the files are gone.
   void removeAllMirroredFiles(const KTSFileOwnership* ownership = nullptr);
 
   // The product's mirror and enable state in this catalog, with its transitions; mirroring
@@ -117,8 +99,11 @@ class KTSProduct {
   KTSProductState& state() { return state_; }
   const KTSProductState& state() const { return state_; }
 
+  // 1 when the product was made from its entry and can be served; 0 when it could not be (its
+  // id is unusable, or it has no metadata); -1 when it has no distribution to make metadata of.
   std::int64_t initStatus() const { return initStatus_; }
-  void setInitStatus(std::int64_t status) { initStatus_ = status; }
+  // What its entry and metadata say. The setters give this product its own copy of what copies
+  // of it share.
   const std::optional<std::string>& productId() const { return facts_->productId; }
   const std::optional<std::string>& productFamily() const { return facts_->productFamily; }
   const std::optional<std::string>& version() const { return facts_->version; }
@@ -130,6 +115,8 @@ class KTSProduct {
   const Plist& bundleNames() const { return facts_->bundleNames; }
   const Plist& descriptions() const { return facts_->descriptions; }
   const Plist& localization() const { return facts_->localization; }
+  // When it was posted; when the entry's date is unreadable, when it was first seen (and
+  // postDateAssumed() says so).
   const std::optional<Date>& postDate() const { return facts_->postDate; }
   void setPostDate(std::optional<Date> date) { mutableFacts().postDate = date; }
   bool postDateAssumed() const { return facts_->postDateAssumed; }
@@ -141,16 +128,15 @@ class KTSProduct {
   std::optional<std::string> serverMetadataLocalPath() const {
     return facts_->smdPath ? facts_->smdPath->asLocalPath() : std::nullopt;
   }
+  // Names where the server metadata is served from; none forgets it.
   void setSmdPath(std::optional<KTSPath> path) {
     mutableFacts().smdPath = path ? std::make_shared<const KTSPath>(std::move(*path)) : nullptr;
   }
+  // The catalog entry it was made from, as the composite catalog holds it.
   const Plist& masterRepresentation() const { return masterRepresentation_; }
   void setMasterRepresentation(Plist entry) { masterRepresentation_ = std::move(entry); }
-  // Empty for a product restored from its archive.
-  const std::vector<std::string>& smdValidationKeys() const {
-    static const std::vector<std::string> none;
-    return facts_->smdValidationKeys ? *facts_->smdValidationKeys : none;
-  }
+  // One record per file to mirror (URL, local path, size when the catalog gives one, replace),
+  // distributions first.
   const Plist& mirrorFiles() const { return facts_->mirrorFiles; }
   // The files of mirrorFiles not in place with their catalog size, and the bytes they come to.
   struct StillToFetch {
@@ -158,33 +144,19 @@ class KTSProduct {
     std::uint64_t bytes = 0;
   };
   StillToFetch stillToFetch() const;
+  // The logger it found when it was made (KTSProductDownload logs through it).
   const LogHandle& logger() const { return log_; }
 
  private:
   const std::string& id() const;
   void deriveProductFamily();
-  Plist readLegacyServerMetadata(const std::optional<Url>& url);
-  // Fetches url to localPath's ".downloading" side file (three attempts).
-  bool downloadServerMetadata(const Url& url, const std::string& localPath,
-                              KTSFetchScheduler* scheduler);
-  // Moves the side file to localPath, keeping the old file as its ".previous", and reads it.
-  static KTSPassMemo::ServerMetadata placeServerMetadata(const Url& url,
-                                                         const std::string& localPath,
-                                                         KTSPassMemo* memo);
-  // Puts bytes fetched ahead of the walk at localPath as a download would, and reads them;
-  // none when they could not be written. bytesAreTheFile says that they were read from it (the
-  // upstream answered that it has not changed).
-  static std::optional<KTSPassMemo::ServerMetadata> placeFetchedServerMetadata(
-      const Url& url, const std::string& localPath, const std::string& bytes, bool bytesAreTheFile,
-      KTSPassMemo& memo);
-  static std::optional<Url> prefetchableServerMetadataURL(const std::string& productId,
-                                                          const Plist& entry,
-                                                          const KTSPassMemo& memo);
-  // The standardised local path of an upstream URL when it lies inside the document root's
-  // html folder; none otherwise (a hostile URL never names a file elsewhere).
-  static std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url);
-  static const std::shared_ptr<const std::vector<std::string>>& requiredServerMetadataKeys();
-
+  void restoreFromArchiveRepresentation(const Plist& archive);
+  // The file records of the entry: each distribution, then each package's metadata file before
+  // the package itself.
+  Plist makeMirrorFiles() const;
+  Plist mirrorFileInfoForDistribution(const std::string& language) const;
+  Plist mirrorFilesForPackage(const Plist& package) const;
+  Plist mirrorFileInfoForPathExpectedSize(const Plist& url, const Plist& size) const;
   std::int64_t initStatus_ = 0;
   KTSProductState state_;
   // What the product's entry and server metadata say of it. Copies share it (a pass copies a
@@ -204,7 +176,6 @@ class KTSProduct {
     Plist installedSize;
     std::optional<std::string> restartAction;
     std::shared_ptr<const KTSPath> smdPath;
-    std::shared_ptr<const std::vector<std::string>> smdValidationKeys;
     Plist mirrorFiles;
     // Whether every record of mirrorFiles names a URL that parses and a local path, so that the
     // archive can keep the records as they are; set with them by setMirrorFiles.

@@ -10,6 +10,7 @@
 #include "KTSProduct.h"
 #include "KTSProductChange.h"
 #include "KTSProductTable.h"
+#include "KTSServerMetadata.h"
 #include "UpstreamFiles.h"
 
 namespace ondrel {
@@ -154,7 +155,7 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
       if (productId == std::string("P3")) entry.set("CompositeProductState", Plist::integer(3));
       entries.set(productId, entry);
     }
-    KTSProduct::prefetchServerMetadataForEntries(entries, context());
+    KTSServerMetadata::prefetchServerMetadataForEntries(entries, context());
     EXPECT_EQ(upstream_.requestCount(), requests + 2);
     // Fetched unchanged, the file stays in place and is its own previous version.
     EXPECT_EQ(fileIdentity(smdFile), unchangedFile);
@@ -178,7 +179,7 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
   {
     KTSPassMemo pass;
     auto sharing = context().lend(pass);
-    KTSProduct::prefetchServerMetadataForEntries(entries, context());
+    KTSServerMetadata::prefetchServerMetadataForEntries(entries, context());
     EXPECT_EQ(make(smdUrl)->version(), "10.6.9") << "the next pass fetches anew";
   }
   EXPECT_EQ((*Plist::readFile(smdFile + ".previous", nullptr))["CFBundleShortVersionString"]

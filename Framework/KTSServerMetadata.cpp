@@ -1,6 +1,5 @@
-// A product's server metadata: downloaded for active products, found on disk for legacy ones,
-// generated when nothing exists, validated and repaired; and the titles and descriptions taken
-// from it.
+#include "KTSServerMetadata.h"
+
 #include <cstdio>
 #include <set>
 
@@ -54,30 +53,34 @@ void fileWillChange(KTSPassMemo* memo) {
 
 }  // namespace
 
-std::optional<std::string> KTSProduct::localPathInsideDocumentRoot(const std::optional<Url>& url) {
+KTSServerMetadata::KTSServerMetadata(std::string productId, const Plist& entry, LogHandle log)
+    : productId_(std::move(productId)), entry_(entry), log_(std::move(log)) {}
+
+std::optional<std::string> KTSServerMetadata::localPathInsideDocumentRoot(
+    const std::optional<Url>& url) {
   std::optional<std::string> localPath = KTSPath(url).asLocalPath();
   if (!localPath || !KTSPath::isInsideHtmlFolder(*localPath)) return std::nullopt;
   return standardizingPath(*localPath);
 }
 
-std::optional<std::string> KTSProduct::enclosingDir() const {
-  std::optional<std::string> local =
-      localPathInsideDocumentRoot(firstDistributionURL(masterRepresentation_));
+std::optional<std::string> KTSServerMetadata::enclosingDir() const {
+  std::optional<std::string> local = localPathInsideDocumentRoot(firstDistributionURL(entry_));
   if (!local) return std::nullopt;
   return deletingLastPathComponent(*local);
 }
 
-std::optional<std::string> KTSProduct::makeGenericServerMetadataLocalPath() const {
+std::optional<std::string> KTSServerMetadata::makeGenericServerMetadataLocalPath() const {
   std::optional<std::string> folder = enclosingDir();
   if (!folder) return std::nullopt;
-  return standardizingPath(appendingPathComponent(*folder, id() + ".smd"));
+  return standardizingPath(appendingPathComponent(*folder, productId_ + ".smd"));
 }
 
-Plist KTSProduct::getServerMetadataForURL(const std::optional<Url>& url, KTSPassContext& context) {
+Plist KTSServerMetadata::getServerMetadataForURL(const std::optional<Url>& url,
+                                                 KTSPassContext& context) {
   Plist metadata;
-  bool active = isActiveProduct();
+  bool active = KTSProduct::isActiveEntry(entry_);
   if (active) {
-    log_.debug("PROD: {}: (active) reading SMD data for product", id());
+    log_.debug("PROD: {}: (active) reading SMD data for product", productId_);
     if (url) {
       metadata = loadActiveServerMetadataAtURL(*url, context);
     } else if (std::optional<std::string> generic = makeGenericServerMetadataLocalPath()) {
@@ -100,54 +103,54 @@ Plist KTSProduct::getServerMetadataForURL(const std::optional<Url>& url, KTSPass
   return repaired;
 }
 
-Plist KTSProduct::readLegacyServerMetadata(const std::optional<Url>& url) {
-  log_.debug("PROD: {}: (legacy) locating SMD data for product", id());
-  log_.debug("PROD: {}: (legacy) SMD URL = {}", id(), url ? url->text() : "(null)");
+Plist KTSServerMetadata::readLegacyServerMetadata(const std::optional<Url>& url) {
+  log_.debug("PROD: {}: (legacy) locating SMD data for product", productId_);
+  log_.debug("PROD: {}: (legacy) SMD URL = {}", productId_, url ? url->text() : "(null)");
   std::optional<std::string> file;
   if (std::optional<std::string> mapped = localPathInsideDocumentRoot(url);
       mapped && KTSUtilities::fileExistsAtPath(*mapped)) {
     file = mapped;
-    mutableFacts().smdPath = std::make_shared<const KTSPath>(url);
+    smdPath_ = std::make_shared<const KTSPath>(url);
   } else {
     std::optional<std::string> generic = makeGenericServerMetadataLocalPath();
-    log_.debug("PROD: {}: (legacy) generating URL for local SMD file", id());
+    log_.debug("PROD: {}: (legacy) generating URL for local SMD file", productId_);
     if (generic) {
-      mutableFacts().smdPath = std::make_shared<const KTSPath>(
+      smdPath_ = std::make_shared<const KTSPath>(
           KTSPath::pathWithLocalFilePathParentHost(*generic, kContentDeliveryHost));
       if (KTSUtilities::fileExistsAtPath(*generic)) file = generic;
     }
   }
   if (!file) return Plist();
-  log_.debug("PROD: {}: (legacy) reading SMD data for product ({})", id(),
+  log_.debug("PROD: {}: (legacy) reading SMD data for product ({})", productId_,
              lastPathComponent(*file));
   return KTSUtilities::readPropertyListAtPath(*file);
 }
 
-Plist KTSProduct::loadActiveServerMetadataAtURL(const Url& url, KTSPassContext& context) {
+Plist KTSServerMetadata::loadActiveServerMetadataAtURL(const Url& url, KTSPassContext& context) {
   std::optional<std::string> localPath = localPathInsideDocumentRoot(url);
   if (!localPath) {
-    log_.error("*** Server metadata URL of product {} lies outside the updates folder: {}", id(),
-               url.text());
+    log_.error("*** Server metadata URL of product {} lies outside the updates folder: {}",
+               productId_, url.text());
     return Plist();
   }
   // This pass fetched it already: ahead of the catalog's products, or for another catalog.
   KTSPassMemo* memo = context.memo();
   if (const KTSPassMemo::ServerMetadata* fetched =
           memo != nullptr ? memo->serverMetadataFetchedFrom(url.text()) : nullptr) {
-    mutableFacts().smdPath = fetched->smdPath;
+    smdPath_ = fetched->smdPath;
     return fetched->contents;
   }
   KTSPassMemo::ServerMetadata fetched;
   if (downloadServerMetadata(url, *localPath, context.scheduler())) {
     fetched = placeServerMetadata(url, *localPath, memo);
   }
-  mutableFacts().smdPath = fetched.smdPath;
+  smdPath_ = fetched.smdPath;
   if (memo != nullptr) memo->recordServerMetadataFetchedFrom(url.text(), fetched);
   return fetched.contents;
 }
 
-bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& localPath,
-                                        KTSFetchScheduler* scheduler) {
+bool KTSServerMetadata::downloadServerMetadata(const Url& url, const std::string& localPath,
+                                               KTSFetchScheduler* scheduler) {
   std::string target = sideFilePath(localPath, "downloading");
   std::string fileName = lastPathComponent(localPath);
   for (int attempt = 1;; ++attempt) {
@@ -155,8 +158,8 @@ bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& local
                                                                               true, scheduler)) {
       break;
     }
-    log_.error("*** Error downloading file {} for product {}. Retrying...", fileName, id());
-    log_.debug("PROD: {}: SMD download attempts remaining {}.", id(),
+    log_.error("*** Error downloading file {} for product {}. Retrying...", fileName, productId_);
+    log_.debug("PROD: {}: SMD download attempts remaining {}.", productId_,
                kMetadataDownloadAttempts - attempt);
     if (attempt == kMetadataDownloadAttempts) return false;
     Clock::sleepFor(kMetadataRetryPause);
@@ -166,9 +169,9 @@ bool KTSProduct::downloadServerMetadata(const Url& url, const std::string& local
 
 // The old file becomes L.previous by a link and the new one replaces it by a rename, so L
 // always holds a whole file.
-KTSPassMemo::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
-                                                            const std::string& localPath,
-                                                            KTSPassMemo* memo) {
+KTSPassMemo::ServerMetadata KTSServerMetadata::placeServerMetadata(const Url& url,
+                                                                   const std::string& localPath,
+                                                                   KTSPassMemo* memo) {
   fileWillChange(memo);
   keepPreviousVersion(localPath, sideFilePath(localPath, "previous"));
   std::rename(sideFilePath(localPath, "downloading").c_str(), localPath.c_str());
@@ -179,7 +182,7 @@ KTSPassMemo::ServerMetadata KTSProduct::placeServerMetadata(const Url& url,
 // what replacing L would give: a pass in which nothing changed upstream creates and deletes no
 // file (on some file systems a deleted file costs a synchronous discard, and a new one a scan
 // past every file deleted in the last half minute).
-std::optional<KTSPassMemo::ServerMetadata> KTSProduct::placeFetchedServerMetadata(
+std::optional<KTSPassMemo::ServerMetadata> KTSServerMetadata::placeFetchedServerMetadata(
     const Url& url, const std::string& localPath, const std::string& bytes, bool bytesAreTheFile,
     KTSPassMemo& memo) {
   std::string previousPath = sideFilePath(localPath, "previous");
@@ -206,7 +209,8 @@ std::optional<KTSPassMemo::ServerMetadata> KTSProduct::placeFetchedServerMetadat
                                      std::make_shared<const KTSPath>(url)};
 }
 
-void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries, KTSPassContext& context) {
+void KTSServerMetadata::prefetchServerMetadataForEntries(const Plist& entries,
+                                                         KTSPassContext& context) {
   if (context.memo() == nullptr) return;
   KTSPassMemo& memo = *context.memo();
   std::optional<KTSFetchScheduler> own;
@@ -255,10 +259,10 @@ void KTSProduct::prefetchServerMetadataForEntries(const Plist& entries, KTSPassC
 }
 
 // The metadata URL a product made from the entry would fetch, unless this pass fetched it.
-std::optional<Url> KTSProduct::prefetchableServerMetadataURL(const std::string& productId,
-                                                             const Plist& entry,
-                                                             const KTSPassMemo& memo) {
-  if (!isValidProductId(productId) || !isActiveEntry(entry) ||
+std::optional<Url> KTSServerMetadata::prefetchableServerMetadataURL(const std::string& productId,
+                                                                    const Plist& entry,
+                                                                    const KTSPassMemo& memo) {
+  if (!isValidProductId(productId) || !KTSProduct::isActiveEntry(entry) ||
       !entry["ServerMetadataURL"].isString()) {
     return std::nullopt;
   }
@@ -267,49 +271,51 @@ std::optional<Url> KTSProduct::prefetchableServerMetadataURL(const std::string& 
   return url;
 }
 
-Plist KTSProduct::generateServerMetadataDictionaryAtPath(const std::string& path,
-                                                         KTSPassMemo* memo) {
+Plist KTSServerMetadata::generateServerMetadataDictionaryAtPath(const std::string& path,
+                                                                KTSPassMemo* memo) {
   Plist metadata = KTSUtilities::readPropertyListAtPath(path);
   if (metadata.isNull()) {
-    log_.debug("PROD: {}: generating substitute SMD", id());
+    log_.debug("PROD: {}: generating substitute SMD", productId_);
     KTSMetadataGenerator generator;
-    metadata = generator.createMetadataWithDictionaryIdentifier(masterRepresentation_, id());
+    metadata = generator.createMetadataWithDictionaryIdentifier(entry_, productId_);
     if (metadata.isDictionary() &&
         KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(path))) {
       fileWillChange(memo);
       KTSUtilities::writeDictionaryToPath(metadata, path);
     }
-    if (generator.smdResult() == -2) initStatus_ = -1;
+    if (generator.smdResult() == -2) productIsDead_ = true;
     if (metadata.isNull()) return Plist();
   }
-  if (std::optional<Url> distribution = firstDistributionURL(masterRepresentation_)) {
+  if (std::optional<Url> distribution = firstDistributionURL(entry_)) {
     std::string besideDistribution = appendingPathComponent(
         deletingLastPathComponent(distribution->path()), lastPathComponent(path));
-    mutableFacts().smdPath = std::make_shared<const KTSPath>(KTSPath::pathWithString(
+    smdPath_ = std::make_shared<const KTSPath>(KTSPath::pathWithString(
         fmt::format("http://{}{}", distribution->host(), besideDistribution)));
   }
   return metadata;
 }
 
-bool KTSProduct::validateContentForServerMetadata(const Plist& metadata) const {
+bool KTSServerMetadata::validateContentForServerMetadata(const Plist& metadata) const {
   if (!metadata.isDictionary()) return false;
-  for (const std::string& key : smdValidationKeys()) {
+  for (const char* key :
+       {"IFPkgFlagInstalledSize", "IFPkgFlagRestartAction", "localization", "platforms"}) {
     if (!metadata.contains(key)) return false;
   }
   return true;
 }
 
-Plist KTSProduct::repairMalformedServerMetadata(const Plist& metadata) const {
+Plist KTSServerMetadata::repairMalformedServerMetadata(const Plist& metadata) const {
   bool hadMetadata = metadata.isDictionary();
   Plist repaired = hadMetadata ? metadata : Plist::dictionary();
   bool changed = false;
   if (!repaired.contains("localization")) {
     changed = true;
     if (repaired.contains("localizations")) {
-      log_.debug("PROD: {}: Attempting self-repair for bad SMD key (localizations).", id());
+      log_.debug("PROD: {}: Attempting self-repair for bad SMD key (localizations).", productId_);
       repaired.set("localization", repaired["localizations"]);
     } else {
-      log_.debug("PROD: {}: Creating substitute data for missing SMD key (localization).", id());
+      log_.debug("PROD: {}: Creating substitute data for missing SMD key (localization).",
+                 productId_);
       const std::string description = "No description available.";
       Plist english = Plist::dictionary();
       english.set("description", Plist::data(Plist::Bytes(description.begin(), description.end())));
@@ -322,17 +328,18 @@ Plist KTSProduct::repairMalformedServerMetadata(const Plist& metadata) const {
   }
   if (!repaired.contains("platforms")) {
     changed = true;
-    log_.debug("PROD: {}: Creating substitute data for missing SMD key (platforms).", id());
+    log_.debug("PROD: {}: Creating substitute data for missing SMD key (platforms).", productId_);
     Plist platforms = Plist::dictionary();
     platforms.set("client", Plist::stringArray({"intel"}));
     repaired.set("platforms", std::move(platforms));
   }
   if (!changed) return Plist();
-  log_.debug("PROD: {}: {} incomplete SMD data", id(), hadMetadata ? "repaired" : "generated");
+  log_.debug("PROD: {}: {} incomplete SMD data", productId_,
+             hadMetadata ? "repaired" : "generated");
   return repaired;
 }
 
-Plist KTSProduct::getServerMetadataBundleTitles(const Plist& metadata) {
+Plist KTSServerMetadata::getServerMetadataBundleTitles(const Plist& metadata) {
   Plist titles = Plist::dictionary();
   for (const auto& [language, strings] : metadata["localization"].items()) {
     if (strings.isDictionary() && strings.contains("title")) titles.set(language, strings["title"]);
@@ -340,7 +347,7 @@ Plist KTSProduct::getServerMetadataBundleTitles(const Plist& metadata) {
   return titles;
 }
 
-Plist KTSProduct::getServerMetadataDescriptions(const Plist& metadata) {
+Plist KTSServerMetadata::getServerMetadataDescriptions(const Plist& metadata) {
   Plist descriptions = Plist::dictionary();
   for (const auto& [language, strings] : metadata["localization"].items()) {
     const Plist& description = strings["description"];
