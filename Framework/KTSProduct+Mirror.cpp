@@ -88,8 +88,9 @@ bool KTSProduct::downloadMirroredFiles() {
 
 void KTSProduct::mirrorFilesWithScheduler(KTSFetchScheduler& scheduler,
                                           std::function<void(bool complete)> finished,
-                                          const KTSFileOwnership* ownership) {
-  KTSProductDownload::start(*this, scheduler, std::move(finished), ownership);
+                                          const KTSFileOwnership* ownership,
+                                          KTSProductTable* files) {
+  KTSProductDownload::start(*this, scheduler, std::move(finished), ownership, files);
 }
 
 bool KTSProduct::verifyDownloadFileURLDestPathFailureReason(const std::optional<Url>& url,

@@ -26,6 +26,7 @@ class KTSFetchScheduler;
 class KTSFileDownloader;
 class KTSFileOwnership;
 class KTSPassContext;
+class KTSProductTable;
 
 class KTSProduct {
  public:
@@ -73,10 +74,11 @@ class KTSProduct {
   // once every file has been processed. finished(complete) is called once, from inside the
   // scheduler's run (or at once when there is nothing to fetch), with false when a file was
   // given up. The product must outlive it. With an ownership, a file that belongs to another
-  // product is given up untouched.
+  // product is given up untouched; with a table of files, it is told what becomes of each file.
   void mirrorFilesWithScheduler(KTSFetchScheduler& scheduler,
                                 std::function<void(bool complete)> finished,
-                                const KTSFileOwnership* ownership = nullptr);
+                                const KTSFileOwnership* ownership = nullptr,
+                                KTSProductTable* files = nullptr);
   // True when a transfer from url to destPath is allowed; otherwise the reason says why.
   bool verifyDownloadFileURLDestPathFailureReason(const std::optional<Url>& url,
                                                   const std::string& destPath,

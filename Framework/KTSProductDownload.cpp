@@ -9,6 +9,7 @@
 #include "KTSPath.h"
 #include "KTSProduct.h"
 #include "KTSProductFileRules.h"
+#include "KTSProductTable.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
 
@@ -24,23 +25,29 @@ constexpr const char* kFileReplaceKey = KTSProduct::kFileReplaceKey;
 
 std::string sizeText(const Plist& size) { return size.isNull() ? "--" : size.description(); }
 
+std::optional<std::int64_t> expectedSizeOf(const Plist& record) {
+  const Plist& size = record[kFileSizeKey];
+  return size.isNumber() ? std::optional(size.integerValue()) : std::nullopt;
+}
+
 }  // namespace
 
 void KTSProductDownload::start(KTSProduct& product, KTSFetchScheduler& scheduler,
                                std::function<void(bool complete)> finished,
-                               const KTSFileOwnership* ownership) {
-  auto download =
-      std::make_shared<KTSProductDownload>(product, scheduler, std::move(finished), ownership);
+                               const KTSFileOwnership* ownership, KTSProductTable* files) {
+  auto download = std::make_shared<KTSProductDownload>(product, scheduler, std::move(finished),
+                                                       ownership, files);
   download->beginDownload();
 }
 
 KTSProductDownload::KTSProductDownload(KTSProduct& product, KTSFetchScheduler& scheduler,
                                        std::function<void(bool complete)> finished,
-                                       const KTSFileOwnership* ownership)
+                                       const KTSFileOwnership* ownership, KTSProductTable* files)
     : product_(product),
       scheduler_(scheduler),
       finished_(std::move(finished)),
       ownership_(ownership),
+      files_(files),
       log_(product.logger()) {}
 
 const std::string& KTSProductDownload::productId() const {
@@ -102,6 +109,7 @@ void KTSProductDownload::attemptFile(std::size_t index, int attempt, std::int64_
       return fileProcessed(true);
     }
     log_.debug("PROD: {} ({}) removing suspect file.", productId(), fileName);
+    if (files_ != nullptr) files_->fileChanged(localPath);
     if (!KTSUtilities::removePath(localPath)) {
       // Left as it is: the file counts as neither verified nor given up.
       product_.state().setDownloadStatus(KTSProductState::FileSuspect);
@@ -124,8 +132,7 @@ void KTSProductDownload::downloadFile(std::size_t index, int attempt) {
   bool replace = fileInfo[kFileReplaceKey].boolValue();
   const std::string fileName = lastPathComponent(localPath);
 
-  std::optional<std::int64_t> expectedSize;
-  if (size.isNumber()) expectedSize = size.integerValue();
+  std::optional<std::int64_t> expectedSize = expectedSizeOf(fileInfo);
   if (!replace && KTSPath::isInsideHtmlFolder(localPath) &&
       KTSUtilities::fileExistsAtPathWithSize(localPath, expectedSize)) {
     log_.debug("PROD: {}:   ...download skipped, file exists with expected size: {}", productId(),
@@ -154,6 +161,7 @@ void KTSProductDownload::downloadFile(std::size_t index, int attempt) {
   // A product file is fetched only when missing or of the wrong size: never conditionally.
   downloader->setUsesValidators(false);
   downloader->setExpectedSize(expectedSize);
+  if (files_ != nullptr) files_->fileFetching(localPath);
   scheduler_.enqueue(std::move(downloader), [self = shared_from_this(), this, index, attempt,
                                              expectedSize, fileName](KTSFileDownloader& fetched) {
     if (const std::optional<KTSError>& error = fetched.downloadError()) {
@@ -163,6 +171,7 @@ void KTSProductDownload::downloadFile(std::size_t index, int attempt) {
     // A server too slow for the floor would be as slow again at once: the next pass tries.
     if (fetched.wasTooSlow()) {
       log_.debug("PROD: {} ({}) too slow; left for the next pass.", productId(), fileName);
+      if (files_ != nullptr) files_->fileChanged(fetched.downloadPath());
       product_.state().setDownloadStatus(KTSProductState::FileAbsent);
       return fileProcessed(true);
     }
@@ -175,13 +184,16 @@ void KTSProductDownload::attemptEnded(std::size_t index, int attempt, std::int64
   log_.debug("PROD: {}: ...downloaded {} bytes of total {}", productId(),
              product_.state().downloadedSize().integerValue() + bytesPlaced,
              product_.state().totalDownloadSize().integerValue());
+  const std::string& localPath = record[kFileLocalPathKey].stringValue();
   if (product_.verifyMirroredFileWithInfo(record)) {
+    if (files_ != nullptr) files_->filePlaced(localPath, expectedSizeOf(record));
     product_.state().setDownloadStatus(KTSProductState::FileVerified);
     product_.state().setTotalDownloadCount(product_.state().totalDownloadCount() + 1);
     product_.state().addToDownloadedSize(bytesPlaced);
     return fileProcessed(false);
   }
-  bool present = KTSUtilities::fileExistsAtPath(record[kFileLocalPathKey].stringValue());
+  if (files_ != nullptr) files_->fileChanged(localPath);
+  bool present = KTSUtilities::fileExistsAtPath(localPath);
   attemptFile(index, attempt + 1,
               present ? KTSProductState::FileSuspect : KTSProductState::FileAbsent);
 }

@@ -22,19 +22,22 @@ namespace ondrel {
 class KTSFetchScheduler;
 class KTSFileOwnership;
 class KTSProduct;
+class KTSProductTable;
 
 class KTSProductDownload : public std::enable_shared_from_this<KTSProductDownload> {
  public:
-  // Requires: product and ownership (when given) outlive the download, and the scheduler runs
-  // until it ends. Starts fetching the product's files; finished(complete) is called once, from
-  // inside the scheduler's run or at once when nothing is to be fetched, with false when a file
-  // was given up (the product then keeps its state until the next attempt).
+  // Requires: product, and ownership and files when given, outlive the download, and the
+  // scheduler runs until it ends. Starts fetching the product's files; finished(complete) is
+  // called once, from inside the scheduler's run or at once when nothing is to be fetched, with
+  // false when a file was given up (the product then keeps its state until the next attempt).
+  // With a table of files, tells it each file it fetches, places, removes or may have changed.
   static void start(KTSProduct& product, KTSFetchScheduler& scheduler,
-                    std::function<void(bool complete)> finished, const KTSFileOwnership* ownership);
+                    std::function<void(bool complete)> finished, const KTSFileOwnership* ownership,
+                    KTSProductTable* files);
 
   KTSProductDownload(KTSProduct& product, KTSFetchScheduler& scheduler,
-                     std::function<void(bool complete)> finished,
-                     const KTSFileOwnership* ownership);
+                     std::function<void(bool complete)> finished, const KTSFileOwnership* ownership,
+                     KTSProductTable* files);
 
  private:
   // Resets the product's progress and sorts its records into the first of each local file, the
@@ -62,6 +65,7 @@ class KTSProductDownload : public std::enable_shared_from_this<KTSProductDownloa
   KTSFetchScheduler& scheduler_;
   std::function<void(bool complete)> finished_;
   const KTSFileOwnership* ownership_;
+  KTSProductTable* files_;
   // Files still being processed in this round; one more while the round is being started.
   std::size_t filesLeft_ = 0;
   bool givenUp_ = false;

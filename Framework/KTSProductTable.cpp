@@ -1,7 +1,10 @@
 #include "KTSProductTable.h"
 
+#include "KTSPath.h"
 #include "KTSProduct.h"
 #include "KTSProductChange.h"
+#include "KTSUtilities.h"
+#include "PathString.h"
 
 namespace ondrel {
 
@@ -47,6 +50,58 @@ std::vector<std::shared_ptr<KTSProduct>> KTSProductTable::applyChange(
   std::vector<std::shared_ptr<KTSProduct>> copies = copiesOf(productId);
   for (const auto& copy : copies) change.applyToState(copy->state());
   return copies;
+}
+
+void KTSProductTable::filesFoundInPlace(const Plist& mirrorFiles) {
+  for (const Plist& record : mirrorFiles.elements()) {
+    const Plist& size = record[KTSProduct::kFileSizeKey];
+    FileState& file =
+        files_[standardizingPath(record[KTSProduct::kFileLocalPathKey].stringValue())];
+    file.presence = FileState::InPlace;
+    if (size.isNumber()) file.size = size.integerValue();
+  }
+}
+
+void KTSProductTable::fileFetching(const std::string& path) {
+  files_[standardizingPath(path)] = {FileState::Fetching, std::nullopt};
+}
+
+void KTSProductTable::filePlaced(const std::string& path, std::optional<std::int64_t> size) {
+  if (!size) return fileChanged(path);
+  files_[standardizingPath(path)] = {FileState::InPlace, size};
+}
+
+void KTSProductTable::fileChanged(const std::string& path) {
+  files_.erase(standardizingPath(path));
+}
+
+KTSProductTable::FileState& KTSProductTable::knownFile(const std::string& path, bool sizeWanted) {
+  auto [known, added] = files_.try_emplace(standardizingPath(path));
+  FileState& file = known->second;
+  // Found in place for a record without a size, its size is looked at once a record names one.
+  if (added || (sizeWanted && file.presence == FileState::InPlace && !file.size)) {
+    std::optional<std::int64_t> size;
+    if (KTSPath::isInsideHtmlFolder(path)) size = KTSUtilities::sizeOfExistingItemAtPath(path);
+    file = {size ? FileState::InPlace : FileState::Absent, size};
+  }
+  return file;
+}
+
+KTSProductTable::FileState KTSProductTable::fileState(const std::string& path) {
+  return knownFile(path, true);
+}
+
+bool KTSProductTable::filesInPlace(const Plist& mirrorFiles) {
+  for (const Plist& record : mirrorFiles.elements()) {
+    const Plist& size = record[KTSProduct::kFileSizeKey];
+    const FileState& file =
+        knownFile(record[KTSProduct::kFileLocalPathKey].stringValue(), size.isNumber());
+    if (file.presence != FileState::InPlace ||
+        (size.isNumber() && file.size != size.integerValue())) {
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace ondrel

@@ -1,4 +1,5 @@
-// KTSProductTable is a pass's one place for the state of each product. Every catalog lists its
+// KTSProductTable is a pass's one place for the state of each product and of each of its files.
+// Every catalog lists its
 // own copy of a product (with the catalog's own entry and standing); the table makes the copies
 // that name the same files share one product part of their state (KTSProductState), so what
 // happens to the product's files or its enable through one copy is what every catalog sees, and
@@ -10,7 +11,9 @@
 // copies weakly: a product a catalog drops leaves it. One thread.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -24,6 +27,14 @@ struct KTSProductChange;
 
 class KTSProductTable {
  public:
+  // What the pass knows of one file that products name: not there, being fetched, or in place
+  // with its size (none when it was found in place for a record that names no size).
+  struct FileState {
+    enum Presence : std::uint8_t { Absent, Fetching, InPlace };
+    Presence presence = Absent;
+    std::optional<std::int64_t> size;
+  };
+
   // Whether two copies' file records name the same files at the same sizes (copies made from
   // alike entries share their records).
   static bool namesSameFiles(const Plist& some, const Plist& others);
@@ -42,8 +53,32 @@ class KTSProductTable {
   std::vector<std::shared_ptr<KTSProduct>> applyChange(const std::string& productId,
                                                        const KTSProductChange& change) const;
 
+  // The files products name. The table knows a file from what the catalogs found when they
+  // loaded, from what the pass did to it since, or else from one look at the disk; whether a
+  // catalog serves a product is decided from it, so every served catalog names each file at the
+  // size it has.
+  //
+  // Every file of these records was found in place as they name it.
+  void filesFoundInPlace(const Plist& mirrorFiles);
+  // The pass starts to fetch the file at path; it has placed it with this size (without one, as
+  // fileChanged); it removed it or may have changed it (the disk says what it is when next
+  // asked).
+  void fileFetching(const std::string& path);
+  void filePlaced(const std::string& path, std::optional<std::int64_t> size);
+  void fileChanged(const std::string& path);
+  // The state of the file at path. A path outside the document root's html folder is Absent.
+  FileState fileState(const std::string& path);
+  // Whether every file the records name is in place at the size its record names.
+  bool filesInPlace(const Plist& mirrorFiles);
+
  private:
+  // The file's entry, looked at on disk when the table does not know it (or, with sizeWanted,
+  // knows it in place without a size).
+  FileState& knownFile(const std::string& path, bool sizeWanted);
+
   std::unordered_map<std::string, std::vector<std::weak_ptr<KTSProduct>>> copies_;
+  // By standardised local path; a file not here is looked at when first asked for.
+  std::unordered_map<std::string, FileState> files_;
 };
 
 }  // namespace ondrel

@@ -238,10 +238,14 @@ void KTSSyncPass::countProducts(const std::vector<std::shared_ptr<KTSProduct>>& 
 
 void KTSSyncPass::removeAndMirrorProducts(const std::vector<std::shared_ptr<KTSProduct>>& products,
                                           KTSFetchScheduler& scheduler, KTSPassOutcome& outcome) {
-  for (const auto& product : removed_) recordFilesTouchedBy(*product);
   // Who owns each file matters only while files are removed and placed.
   KTSFileOwnership ownership(products);
-  for (const auto& product : removed_) product->removeAllMirroredFiles(&ownership);
+  for (const auto& product : removed_) {
+    product->removeAllMirroredFiles(&ownership);
+    for (const Plist& record : product->mirrorFiles().elements()) {
+      productTable_.fileChanged(record[KTSProduct::kFileLocalPathKey].stringValue());
+    }
+  }
   mirrorProducts(scheduler, ownership, outcome);
 }
 
@@ -441,12 +445,15 @@ void KTSSyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& c
     }
     catalogs_.push_back(catalog);
   }
-  filesFoundAtLoad_ = productPass.filesVerified();
   // Each catalog worked out its products' states on its own copies; from here on the copies of
-  // a product share what is the product's, as the first catalog that lists it left it.
+  // a product share what is the product's, as the first catalog that lists it left it. What the
+  // catalogs found of the files is what the table knows of them.
   for (const auto& catalog : catalogs_) {
     if (!catalog->products()) continue;
     for (const auto& [productId, product] : *catalog->products()) productTable_.join(product);
+  }
+  for (const auto& [productId, found] : productPass.filesVerified()) {
+    if (found.second) productTable_.filesFoundInPlace(found.first);
   }
 }
 
@@ -493,8 +500,6 @@ void KTSSyncPass::withdrawFilesAboutToChange(
   if (!changing) return;
   log_.info("Serving the catalogs without the products whose files change in this pass.");
   writeServedCatalogs(outcome);
-  // What was verified before files change is verified again for the final catalogs.
-  verified_.clear();
 }
 
 // The copies of each product to mirror, by product id: one for each set of files the catalogs
@@ -572,7 +577,6 @@ void KTSSyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwne
       std::uint64_t needed = product->stillToFetch().bytes;
       if (!fitsOnVolume(*product, needed, promised)) continue;
       promised += needed;
-      recordFilesTouchedBy(*product);
       auto stateBefore = recordedState(*product);
       auto start = std::chrono::steady_clock::now();
       // waiting holds the product until the scheduler is done.
@@ -592,7 +596,7 @@ void KTSSyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwne
               upstreamStopped = !upstreamStillAnswers(outcome);
             }
           },
-          &ownership);
+          &ownership, &productTable_);
       return true;
     }
     return false;
@@ -731,51 +735,18 @@ std::string KTSSyncPass::servedCatalogInputs(const std::vector<KTSProduct*>& ser
   return inputs.text();
 }
 
-// The products clients are served from a catalog: enabled, in a served state, every file there.
+// The products clients are served from a catalog: enabled, in a served state, and every file in
+// place at the size this catalog names.
 std::vector<KTSProduct*> KTSSyncPass::servedProducts(const KTSCatalog& catalog) {
   std::vector<KTSProduct*> serving;
   if (!catalog.products()) return serving;
   for (const auto& [productId, product] : *catalog.products()) {
-    if (!product->state().enabled() || !product->state().isInServedState()) continue;
-    auto& known = verified_[productId];
-    const Plist& files = product->mirrorFiles();
-    auto verified = std::find_if(known.begin(), known.end(), [&files](const auto& checked) {
-      return KTSProductTable::namesSameFiles(checked.first, files);
-    });
-    if (verified == known.end()) {
-      verified = known.emplace(known.end(), product->mirrorFiles(), filesInPlace(*product));
+    if (product->state().enabled() && product->state().isInServedState() &&
+        productTable_.filesInPlace(product->mirrorFiles())) {
+      serving.push_back(product.get());
     }
-    if (verified->second) serving.push_back(product.get());
   }
   return serving;
-}
-
-bool KTSSyncPass::filesInPlace(const KTSProduct& product) const {
-  auto found = filesFoundAtLoad_.find(*product.productId());
-  if (found == filesFoundAtLoad_.end() ||
-      !found->second.first.sharesStorageWith(product.mirrorFiles()) ||
-      mayHaveTouchedFilesOf(product)) {
-    return product.verifyMirroredFiles();
-  }
-  return found->second.second;
-}
-
-bool KTSSyncPass::mayHaveTouchedFilesOf(const KTSProduct& product) const {
-  if (filesTouched_.empty()) return false;
-  for (const Plist& record : product.mirrorFiles().elements()) {
-    const std::string& localPath = record[KTSProduct::kFileLocalPathKey].stringValue();
-    if (filesTouched_.count(std::hash<std::string>()(standardizingPath(localPath))) != 0) {
-      return true;
-    }
-  }
-  return false;
-}
-
-void KTSSyncPass::recordFilesTouchedBy(const KTSProduct& product) {
-  for (const Plist& record : product.mirrorFiles().elements()) {
-    const std::string& localPath = record[KTSProduct::kFileLocalPathKey].stringValue();
-    filesTouched_.insert(std::hash<std::string>()(standardizingPath(localPath)));
-  }
 }
 
 void KTSSyncPass::finishTickets() {

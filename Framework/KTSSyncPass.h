@@ -124,11 +124,6 @@ class KTSSyncPass {
                           const std::string& path);
   void keepCompressedCatalog(const std::string& path);
   std::vector<KTSProduct*> servedProducts(const KTSCatalog& catalog);
-  // Whether every file of the product is in place: as the catalogs found it while they loaded
-  // unless the pass may have placed or removed one of its files since, else looked at now.
-  bool filesInPlace(const KTSProduct& product) const;
-  void recordFilesTouchedBy(const KTSProduct& product);
-  bool mayHaveTouchedFilesOf(const KTSProduct& product) const;
   static std::string servedCatalogInputs(const std::vector<KTSProduct*>& serving,
                                          KTSPassRecord& record);
   void finishTickets();
@@ -140,20 +135,12 @@ class KTSSyncPass {
   std::map<std::string, KTSProductChange> changes_;
   std::vector<std::pair<std::int64_t, std::string>> ticketsDone_;
   std::vector<std::shared_ptr<KTSCatalog>> catalogs_;
-  // Every catalog's copy of every product, once the catalogs are loaded.
+  // Every catalog's copy of every product once the catalogs are loaded, and the files they name.
   KTSProductTable productTable_;
   // Catalogs synced in this pass; their product index caches are saved at its end.
   std::set<const KTSCatalog*> synced_;
   // Products whose state this pass changed after the catalogs were synced or loaded.
   std::set<std::string> changedProducts_;
-  // Whether a product's files are in place, by product id and then by the file records of the
-  // catalogs that list it: catalogs that disagree on a file (its size, say) are checked apart.
-  std::map<std::string, std::vector<std::pair<Plist, bool>>> verified_;
-  // The products' files as the catalogs found them while they loaded, and the files the pass
-  // may have placed or removed since: those of the products it mirrored or removed, kept as
-  // hashes of their paths (a first pass touches every file; a collision only costs a check).
-  KTSPassMemo::FilesVerified filesFoundAtLoad_;
-  std::unordered_set<std::size_t> filesTouched_;
   // Products whose files the administrator asked to remove in this pass.
   std::vector<std::shared_ptr<KTSProduct>> removed_;
 };

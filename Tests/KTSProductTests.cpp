@@ -381,6 +381,41 @@ TEST_F(KTSProductTest, TheTableJoinsCopiesThatNameTheSameFilesAndKeepsEachCatalo
   EXPECT_EQ(table.copiesOf("P1").size(), 2u) << "a copy no catalog holds leaves the table";
 }
 
+// A file is known once, from what was found, from what the pass did, or from the disk; each
+// catalog's records are in place only at the size the file has.
+TEST_F(KTSProductTest, TheTableKnowsEachFileOnceAndRecordsMatchItsSize) {
+  auto named = [](const std::string& path, std::optional<std::int64_t> size) {
+    Plist record = Plist::dictionary();
+    record.set(KTSProduct::kFileLocalPathKey, path);
+    if (size) record.set(KTSProduct::kFileSizeKey, Plist::integer(*size));
+    Plist files = Plist::array();
+    files.append(record);
+    return files;
+  };
+  std::filesystem::create_directories(local("/d/P1"));
+  writeFile(local("/d/P1/a.pkg"), std::string(100, 'a'));
+  KTSProductTable table;
+  EXPECT_TRUE(table.filesInPlace(named(local("/d/P1/a.pkg"), 100)));
+  EXPECT_FALSE(table.filesInPlace(named(local("/d/P1/a.pkg"), 200))) << "another catalog's size";
+  EXPECT_TRUE(table.filesInPlace(named(local("/d/P1/a.pkg"), std::nullopt)));
+  writeFile(local("/d/P1/a.pkg"), std::string(200, 'b'));
+  EXPECT_TRUE(table.filesInPlace(named(local("/d/P1/a.pkg"), 100))) << "known, not looked at again";
+  table.fileFetching(local("/d/P1/../P1/a.pkg"));
+  EXPECT_FALSE(table.filesInPlace(named(local("/d/P1/a.pkg"), 100))) << "one file, however spelt";
+  table.filePlaced(local("/d/P1/a.pkg"), 200);
+  EXPECT_TRUE(table.filesInPlace(named(local("/d/P1/a.pkg"), 200)));
+  EXPECT_FALSE(table.filesInPlace(named(local("/d/P1/a.pkg"), 100)));
+  std::filesystem::remove(local("/d/P1/a.pkg"));
+  table.fileChanged(local("/d/P1/a.pkg"));
+  EXPECT_EQ(table.fileState(local("/d/P1/a.pkg")).presence, KTSProductTable::FileState::Absent);
+  // Found in place without a size, the size is looked at once a record names one.
+  table.filesFoundInPlace(named(local("/d/P1/b.pkg"), std::nullopt));
+  EXPECT_FALSE(table.filesInPlace(named(local("/d/P1/b.pkg"), 5)));
+  writeFile(path("/outside.pkg"), "x");
+  EXPECT_FALSE(table.filesInPlace(named(path("/outside.pkg"), std::nullopt)))
+      << "outside the html folder nothing is in place";
+}
+
 TEST_F(KTSProductTest, DistributionFilesAreReadStrictly) {
   auto read = [this](const std::string& path, KTProductForKTS::Error* error) {
     Plist entry = upstream_.entry({{"French", "/d/fr.dist"}, {"en", path}}, {});
