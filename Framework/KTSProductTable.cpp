@@ -1,5 +1,7 @@
 #include "KTSProductTable.h"
 
+#include <algorithm>
+
 #include "KTSPath.h"
 #include "KTSProduct.h"
 #include "KTSProductChange.h"
@@ -52,37 +54,38 @@ std::vector<std::shared_ptr<KTSProduct>> KTSProductTable::applyChange(
   return copies;
 }
 
-void KTSProductTable::filesFoundInPlace(const Plist& mirrorFiles) {
-  for (const Plist& record : mirrorFiles.elements()) {
-    const Plist& size = record[KTSProduct::kFileSizeKey];
-    FileState& file =
-        files_[standardizingPath(record[KTSProduct::kFileLocalPathKey].stringValue())];
-    file.presence = FileState::InPlace;
-    if (size.isNumber()) file.size = size.integerValue();
+void KTSProductTable::listsFoundAtLoad(const KTSPassMemo::FilesVerified& found) {
+  for (const auto& [productId, list] : found) {
+    listsChecked_[productId].push_back(
+        {list.first, filesGeneration_ + 1, list.second, list.second});
   }
 }
 
 void KTSProductTable::fileFetching(const std::string& path) {
-  files_[standardizingPath(path)] = {FileState::Fetching, std::nullopt};
+  ++filesGeneration_;
+  files_[standardizingPath(path)] = {{FileState::Fetching, std::nullopt}, true};
 }
 
 void KTSProductTable::filePlaced(const std::string& path, std::optional<std::int64_t> size) {
   if (!size) return fileChanged(path);
-  files_[standardizingPath(path)] = {FileState::InPlace, size};
+  ++filesGeneration_;
+  files_[standardizingPath(path)] = {{FileState::InPlace, size}, true};
 }
 
 void KTSProductTable::fileChanged(const std::string& path) {
-  files_.erase(standardizingPath(path));
+  ++filesGeneration_;
+  files_[standardizingPath(path)].current = false;
 }
 
-KTSProductTable::FileState& KTSProductTable::knownFile(const std::string& path, bool sizeWanted) {
-  auto [known, added] = files_.try_emplace(standardizingPath(path));
-  FileState& file = known->second;
+const KTSProductTable::FileState& KTSProductTable::knownFile(const std::string& path,
+                                                             bool sizeWanted) {
+  KnownFile& known = files_[standardizingPath(path)];
+  FileState& file = known.state;
   // Found in place for a record without a size, its size is looked at once a record names one.
-  if (added || (sizeWanted && file.presence == FileState::InPlace && !file.size)) {
+  if (!known.current || (sizeWanted && file.presence == FileState::InPlace && !file.size)) {
     std::optional<std::int64_t> size;
     if (KTSPath::isInsideHtmlFolder(path)) size = KTSUtilities::sizeOfExistingItemAtPath(path);
-    file = {size ? FileState::InPlace : FileState::Absent, size};
+    known = {{size ? FileState::InPlace : FileState::Absent, size}, true};
   }
   return file;
 }
@@ -91,17 +94,35 @@ KTSProductTable::FileState KTSProductTable::fileState(const std::string& path) {
   return knownFile(path, true);
 }
 
-bool KTSProductTable::filesInPlace(const Plist& mirrorFiles) {
+bool KTSProductTable::recordsInPlace(const Plist& mirrorFiles, bool foundAtLoad) {
   for (const Plist& record : mirrorFiles.elements()) {
+    const std::string& path = record[KTSProduct::kFileLocalPathKey].stringValue();
     const Plist& size = record[KTSProduct::kFileSizeKey];
-    const FileState& file =
-        knownFile(record[KTSProduct::kFileLocalPathKey].stringValue(), size.isNumber());
+    // A file the pass has not touched since is as the catalogs found it.
+    if (foundAtLoad && files_.count(standardizingPath(path)) == 0) continue;
+    const FileState& file = knownFile(path, size.isNumber());
     if (file.presence != FileState::InPlace ||
         (size.isNumber() && file.size != size.integerValue())) {
       return false;
     }
   }
   return true;
+}
+
+bool KTSProductTable::filesInPlace(const KTSProduct& product) {
+  const Plist& files = product.mirrorFiles();
+  if (files.size() == 0) return true;
+  std::vector<ListChecked>& checked = listsChecked_[*product.productId()];
+  auto known = std::find_if(checked.begin(), checked.end(), [&files](const ListChecked& list) {
+    return list.mirrorFiles.sharesStorageWith(files);
+  });
+  if (known == checked.end()) known = checked.insert(checked.end(), {files, 0, false, false});
+  // Generations count from 1 here, so that a list just added is checked.
+  if (known->generation != filesGeneration_ + 1) {
+    known->inPlace = recordsInPlace(files, known->foundAtLoad);
+    known->generation = filesGeneration_ + 1;
+  }
+  return known->inPlace;
 }
 
 }  // namespace ondrel

@@ -18,6 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "KTSPassMemo.h"
 #include "Plist.h"
 
 namespace ondrel {
@@ -58,8 +59,9 @@ class KTSProductTable {
   // catalog serves a product is decided from it, so every served catalog names each file at the
   // size it has.
   //
-  // Every file of these records was found in place as they name it.
-  void filesFoundInPlace(const Plist& mirrorFiles);
+  // What the catalogs found as they loaded: for each product the list of records checked last,
+  // and whether every file was in place as the list names it. Requires: no file changed yet.
+  void listsFoundAtLoad(const KTSPassMemo::FilesVerified& found);
   // The pass starts to fetch the file at path; it has placed it with this size (without one, as
   // fileChanged); it removed it or may have changed it (the disk says what it is when next
   // asked).
@@ -68,17 +70,35 @@ class KTSProductTable {
   void fileChanged(const std::string& path);
   // The state of the file at path. A path outside the document root's html folder is Absent.
   FileState fileState(const std::string& path);
-  // Whether every file the records name is in place at the size its record names.
-  bool filesInPlace(const Plist& mirrorFiles);
+  // Whether every file the copy names is in place at the size its record names. A file the pass
+  // has not touched since the catalogs found it in place is as they found it; what one list of
+  // records found stands for every copy that shares the list until a file changes.
+  bool filesInPlace(const KTSProduct& product);
 
  private:
-  // The file's entry, looked at on disk when the table does not know it (or, with sizeWanted,
-  // knows it in place without a size).
-  FileState& knownFile(const std::string& path, bool sizeWanted);
+  struct KnownFile {
+    FileState state;
+    // False once the pass may have changed the file: it is looked at again when next asked.
+    bool current = false;
+  };
+  struct ListChecked {
+    Plist mirrorFiles;
+    std::uint64_t generation;
+    bool inPlace;
+    // Whether the catalogs found every file of the list in place as it names them.
+    bool foundAtLoad;
+  };
+  // The file's state, looked at on disk when the table does not know it as it is now (or, with
+  // sizeWanted, knows it in place without a size).
+  const FileState& knownFile(const std::string& path, bool sizeWanted);
+  bool recordsInPlace(const Plist& mirrorFiles, bool foundAtLoad);
 
   std::unordered_map<std::string, std::vector<std::weak_ptr<KTSProduct>>> copies_;
-  // By standardised local path; a file not here is looked at when first asked for.
-  std::unordered_map<std::string, FileState> files_;
+  // The files the pass looked at or touched, by standardised local path.
+  std::unordered_map<std::string, KnownFile> files_;
+  // Changes with every change of a file, so that what a list of records found is not kept past it.
+  std::uint64_t filesGeneration_ = 0;
+  std::unordered_map<std::string, std::vector<ListChecked>> listsChecked_;
 };
 
 }  // namespace ondrel

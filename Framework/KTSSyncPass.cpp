@@ -452,9 +452,7 @@ void KTSSyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& c
     if (!catalog->products()) continue;
     for (const auto& [productId, product] : *catalog->products()) productTable_.join(product);
   }
-  for (const auto& [productId, found] : productPass.filesVerified()) {
-    if (found.second) productTable_.filesFoundInPlace(found.first);
-  }
+  productTable_.listsFoundAtLoad(productPass.filesVerified());
 }
 
 bool KTSSyncPass::fitsOnVolume(const KTSProduct& product, std::uint64_t needed,
@@ -742,7 +740,7 @@ std::vector<KTSProduct*> KTSSyncPass::servedProducts(const KTSCatalog& catalog) 
   if (!catalog.products()) return serving;
   for (const auto& [productId, product] : *catalog.products()) {
     if (product->state().enabled() && product->state().isInServedState() &&
-        productTable_.filesInPlace(product->mirrorFiles())) {
+        productTable_.filesInPlace(*product)) {
       serving.push_back(product.get());
     }
   }

@@ -76,18 +76,5 @@ TEST_F(KTSLoggerTest, JournalModeMapsPrioritiesAndHoldsBackDebug) {
   EXPECT_FALSE(logger->hasVSLClient());
 }
 
-TEST_F(KTSLoggerTest, SharedLoggerIsMadeOnceAndAbsentBeforeThat) {
-  KTSLogger::resetDefaultLogger();
-  EXPECT_FALSE(KTSLogger::defaultLogger());
-  LogHandle::shared().error("nobody hears this");
-  EXPECT_TRUE(entries_.empty());
-  auto first = KTSLogger::defaultLoggerForSourceLogType("first", 0);
-  auto second = KTSLogger::defaultLoggerForSourceLogType("second", 1);
-  EXPECT_EQ(first, second);
-  EXPECT_EQ(KTSLogger::defaultLogger()->sourceName(), "first");
-  LogHandle::shared().error("{} of {}", 1, "two");
-  EXPECT_EQ(logLines(), std::vector<std::string>{"first[ERR]: 1 of two"});
-}
-
 }  // namespace
 }  // namespace ondrel

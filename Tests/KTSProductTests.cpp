@@ -381,38 +381,46 @@ TEST_F(KTSProductTest, TheTableJoinsCopiesThatNameTheSameFilesAndKeepsEachCatalo
   EXPECT_EQ(table.copiesOf("P1").size(), 2u) << "a copy no catalog holds leaves the table";
 }
 
-// A file is known once, from what was found, from what the pass did, or from the disk; each
-// catalog's records are in place only at the size the file has.
+// A file is known once, from what the catalogs found, from what the pass did, or from the disk;
+// each catalog's copy is in place only at the size the file has.
 TEST_F(KTSProductTest, TheTableKnowsEachFileOnceAndRecordsMatchItsSize) {
-  auto named = [](const std::string& path, std::optional<std::int64_t> size) {
+  auto copy = [](const std::string& path, std::optional<std::int64_t> size) {
     Plist record = Plist::dictionary();
+    record.set(KTSProduct::kFileURLKey, "http://127.0.0.1/d/P1/a.pkg");
     record.set(KTSProduct::kFileLocalPathKey, path);
     if (size) record.set(KTSProduct::kFileSizeKey, Plist::integer(*size));
     Plist files = Plist::array();
     files.append(record);
-    return files;
+    Plist archive = Plist::dictionary();
+    archive.set("productId", "P1");
+    archive.set("mirrorFiles", files);
+    return KTSProduct::productWithArchiveRepresentation(archive);
   };
+  const std::string package = local("/d/P1/a.pkg");
   std::filesystem::create_directories(local("/d/P1"));
-  writeFile(local("/d/P1/a.pkg"), std::string(100, 'a'));
+  writeFile(package, std::string(100, 'a'));
   KTSProductTable table;
-  EXPECT_TRUE(table.filesInPlace(named(local("/d/P1/a.pkg"), 100)));
-  EXPECT_FALSE(table.filesInPlace(named(local("/d/P1/a.pkg"), 200))) << "another catalog's size";
-  EXPECT_TRUE(table.filesInPlace(named(local("/d/P1/a.pkg"), std::nullopt)));
-  writeFile(local("/d/P1/a.pkg"), std::string(200, 'b'));
-  EXPECT_TRUE(table.filesInPlace(named(local("/d/P1/a.pkg"), 100))) << "known, not looked at again";
+  EXPECT_TRUE(table.filesInPlace(*copy(package, 100)));
+  EXPECT_FALSE(table.filesInPlace(*copy(package, 200))) << "another catalog's size";
+  EXPECT_TRUE(table.filesInPlace(*copy(package, std::nullopt)));
+  writeFile(package, std::string(200, 'b'));
+  EXPECT_TRUE(table.filesInPlace(*copy(package, 100))) << "known, not looked at again";
   table.fileFetching(local("/d/P1/../P1/a.pkg"));
-  EXPECT_FALSE(table.filesInPlace(named(local("/d/P1/a.pkg"), 100))) << "one file, however spelt";
-  table.filePlaced(local("/d/P1/a.pkg"), 200);
-  EXPECT_TRUE(table.filesInPlace(named(local("/d/P1/a.pkg"), 200)));
-  EXPECT_FALSE(table.filesInPlace(named(local("/d/P1/a.pkg"), 100)));
-  std::filesystem::remove(local("/d/P1/a.pkg"));
-  table.fileChanged(local("/d/P1/a.pkg"));
-  EXPECT_EQ(table.fileState(local("/d/P1/a.pkg")).presence, KTSProductTable::FileState::Absent);
-  // Found in place without a size, the size is looked at once a record names one.
-  table.filesFoundInPlace(named(local("/d/P1/b.pkg"), std::nullopt));
-  EXPECT_FALSE(table.filesInPlace(named(local("/d/P1/b.pkg"), 5)));
+  EXPECT_FALSE(table.filesInPlace(*copy(package, 100))) << "one file, however spelt";
+  table.filePlaced(package, 200);
+  EXPECT_TRUE(table.filesInPlace(*copy(package, 200)));
+  EXPECT_FALSE(table.filesInPlace(*copy(package, 100)));
+  std::filesystem::remove(package);
+  table.fileChanged(package);
+  EXPECT_EQ(table.fileState(package).presence, KTSProductTable::FileState::Absent);
+  // What the catalogs found stands until the pass changes the file.
+  auto found = copy(local("/d/P1/b.pkg"), 5);
+  table.listsFoundAtLoad({{"P1", {found->mirrorFiles(), true}}});
+  EXPECT_TRUE(table.filesInPlace(*found)) << "as found, not looked at";
+  table.fileChanged(local("/d/P1/b.pkg"));
+  EXPECT_FALSE(table.filesInPlace(*found));
   writeFile(path("/outside.pkg"), "x");
-  EXPECT_FALSE(table.filesInPlace(named(path("/outside.pkg"), std::nullopt)))
+  EXPECT_FALSE(table.filesInPlace(*copy(path("/outside.pkg"), std::nullopt)))
       << "outside the html folder nothing is in place";
 }
 
