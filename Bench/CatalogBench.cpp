@@ -108,7 +108,8 @@ int workingSet(KTSPassContext& context, const Url& catalogURL, std::size_t count
   double updating = timed([&] {
     for (const auto& [productId, product] : products) {
       if (updates++ == count) break;
-      product->state().setDownloadedSize(Plist::integer(static_cast<std::int64_t>(updates)));
+      product->state().progress().downloadedSize =
+          Plist::integer(static_cast<std::int64_t>(updates));
       cold->updateProductStatus(*product);
     }
   });

@@ -253,9 +253,9 @@ std::string KTSCatalog::productIndexCacheInputs(KTSPassRecord& record) const {
         .add(state.mirror())
         .add(state.enabled())
         .add(state.enableWhenMirrored())
-        .add(state.downloadStatus())
-        .addValue(state.totalDownloadSize())
-        .addValue(state.downloadedSize());
+        .add(state.progress().downloadStatus)
+        .addValue(state.progress().totalDownloadSize)
+        .addValue(state.progress().downloadedSize);
     inputs.add(record.stampOfSettledFile(product->serverMetadataLocalPath()));
   }
   return inputs.text();

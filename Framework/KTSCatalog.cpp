@@ -324,9 +324,9 @@ void KTSCatalog::mergeWorkingSetProductsStates() {
             : state.mirror(),
         record.contains("enable") ? record["enable"].boolValue() : state.enabled());
     if (record.contains("DownloadedSize"))
-      product->state().setDownloadedSize(record["DownloadedSize"]);
+      product->state().progress().downloadedSize = record["DownloadedSize"];
     if (record.contains("TotalDownloadSize")) {
-      product->state().setTotalDownloadSize(record["TotalDownloadSize"]);
+      product->state().progress().totalDownloadSize = record["TotalDownloadSize"];
     }
   }
 }

@@ -97,7 +97,7 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
     facts.restartAction = optionalString(metadata["IFPkgFlagRestartAction"]);
   }
   setMirrorFiles(shared(KTSPassMemo::ProductValue::MirrorFiles, makeMirrorFiles()));
-  state_.setTotalDownloadSize(getTotalMirrorSize());
+  state_.progress().totalDownloadSize = getTotalMirrorSize();
 }
 
 void KTSProduct::deriveProductFamily() {
@@ -162,9 +162,9 @@ Plist KTSProduct::archiveRepresentation() const {
   setIfPresent("descriptions", facts_->descriptions);
   setIfPresent("localization", facts_->localization);
   setIfPresent("masterRepresentation", masterRepresentation_);
-  setIfPresent("totalDownloadSize", state_.totalDownloadSize());
-  setIfPresent("downloadedSize", state_.downloadedSize());
-  archive.set("downloadStatus", Plist::integer(state_.downloadStatus()));
+  setIfPresent("totalDownloadSize", state_.progress().totalDownloadSize);
+  setIfPresent("downloadedSize", state_.progress().downloadedSize);
+  archive.set("downloadStatus", Plist::integer(state_.progress().downloadStatus));
   if (facts_->smdPath && facts_->smdPath->parentServerURL()) {
     archive.set("smdPath", facts_->smdPath->parentServerURL()->text());
   } else {
@@ -221,9 +221,9 @@ void KTSProduct::restoreFromArchiveRepresentation(const Plist& archive) {
   facts.postDate = archive["postDate"].dateValue();
   facts.restartAction = optionalString(archive["restartAction"]);
   masterRepresentation_ = archive["masterRepresentation"];
-  state_.setTotalDownloadSize(archive["totalDownloadSize"]);
-  state_.setDownloadedSize(archive["downloadedSize"]);
-  state_.setDownloadStatus(archive["downloadStatus"].integerValue());
+  state_.progress().totalDownloadSize = archive["totalDownloadSize"];
+  state_.progress().downloadedSize = archive["downloadedSize"];
+  state_.progress().downloadStatus = archive["downloadStatus"].integerValue();
   if (archive["smdPath"].isString()) {
     facts.smdPath =
         std::make_shared<const KTSPath>(KTSPath::pathWithString(archive["smdPath"].stringValue()));

@@ -50,6 +50,10 @@ KTSProductDownload::KTSProductDownload(KTSProduct& product, KTSFetchScheduler& s
       files_(files),
       log_(product.logger()) {}
 
+KTSProductState::Progress& KTSProductDownload::progress() const {
+  return product_.state().progress();
+}
+
 const std::string& KTSProductDownload::productId() const {
   static const std::string none;
   return product_.productId() ? *product_.productId() : none;
@@ -60,7 +64,7 @@ const std::string& KTSProductDownload::productId() const {
 // another size could only ever replace the other's: it is refused.
 void KTSProductDownload::beginDownload() {
   log_.debug("PROD: {}: ...starting download", productId());
-  product_.state().restartProgress();
+  progress().restart();
   const Plist& files = product_.mirrorFiles();
   std::map<std::string, Plist> sizes;
   std::vector<std::size_t> first;
@@ -92,12 +96,12 @@ void KTSProductDownload::attemptFile(std::size_t index, int attempt, std::int64_
   if (std::optional<std::string> owner = otherOwnerOfFile(index)) {
     log_.error("*** File {} of product {} belongs to {}; it is neither fetched nor touched.",
                localPath, productId(), *owner);
-    product_.state().setDownloadStatus(KTSProductState::FileAbsent);
+    progress().downloadStatus = KTSProductState::FileAbsent;
     return fileProcessed(true);
   }
   if (attempt == kFileDownloadAttempts) {
     log_.debug("PROD: {} ({}) download retries exhausted, skipping file.", productId(), fileName);
-    product_.state().setDownloadStatus(KTSProductState::FileAbsent);
+    progress().downloadStatus = KTSProductState::FileAbsent;
     return fileProcessed(true);
   }
   product_.state().beginFetching();
@@ -105,14 +109,14 @@ void KTSProductDownload::attemptFile(std::size_t index, int attempt, std::int64_
     // A file where no product file may be (a served catalog, say) is never deleted as suspect.
     if (!KTSPath::isInsideHtmlFolder(localPath) ||
         KTSProductFileRules::refusalOutsideDownloads(localPath)) {
-      product_.state().setDownloadStatus(KTSProductState::FileAbsent);
+      progress().downloadStatus = KTSProductState::FileAbsent;
       return fileProcessed(true);
     }
     log_.debug("PROD: {} ({}) removing suspect file.", productId(), fileName);
     if (files_ != nullptr) files_->fileChanged(localPath);
     if (!KTSUtilities::removePath(localPath)) {
       // Left as it is: the file counts as neither verified nor given up.
-      product_.state().setDownloadStatus(KTSProductState::FileSuspect);
+      progress().downloadStatus = KTSProductState::FileSuspect;
       return fileProcessed(false);
     }
     fileStatus = KTSProductState::FileAbsent;
@@ -120,7 +124,7 @@ void KTSProductDownload::attemptFile(std::size_t index, int attempt, std::int64_
   if (fileStatus == KTSProductState::FileAbsent) {
     log_.debug("PROD: {} ({}) retrying download...", productId(), fileName);
   }
-  product_.state().setDownloadStatus(KTSProductState::FileInTransfer);
+  progress().downloadStatus = KTSProductState::FileInTransfer;
   downloadFile(index, attempt);
 }
 
@@ -172,7 +176,7 @@ void KTSProductDownload::downloadFile(std::size_t index, int attempt) {
     if (fetched.wasTooSlow()) {
       log_.debug("PROD: {} ({}) too slow; left for the next pass.", productId(), fileName);
       if (files_ != nullptr) files_->fileChanged(fetched.downloadPath());
-      product_.state().setDownloadStatus(KTSProductState::FileAbsent);
+      progress().downloadStatus = KTSProductState::FileAbsent;
       return fileProcessed(true);
     }
     attemptEnded(index, attempt, fetched.downloadError() ? 0 : expectedSize.value_or(0));
@@ -182,14 +186,14 @@ void KTSProductDownload::downloadFile(std::size_t index, int attempt) {
 void KTSProductDownload::attemptEnded(std::size_t index, int attempt, std::int64_t bytesPlaced) {
   const Plist& record = product_.mirrorFiles()[index];
   log_.debug("PROD: {}: ...downloaded {} bytes of total {}", productId(),
-             product_.state().downloadedSize().integerValue() + bytesPlaced,
-             product_.state().totalDownloadSize().integerValue());
+             progress().downloadedSize.integerValue() + bytesPlaced,
+             progress().totalDownloadSize.integerValue());
   const std::string& localPath = record[kFileLocalPathKey].stringValue();
   if (product_.verifyMirroredFileWithInfo(record)) {
     if (files_ != nullptr) files_->filePlaced(localPath, expectedSizeOf(record));
-    product_.state().setDownloadStatus(KTSProductState::FileVerified);
-    product_.state().setTotalDownloadCount(product_.state().totalDownloadCount() + 1);
-    product_.state().addToDownloadedSize(bytesPlaced);
+    progress().downloadStatus = KTSProductState::FileVerified;
+    ++progress().totalDownloadCount;
+    progress().addDownloaded(bytesPlaced);
     return fileProcessed(false);
   }
   if (files_ != nullptr) files_->fileChanged(localPath);
@@ -224,7 +228,7 @@ void KTSProductDownload::fileProcessed(bool givenUp) {
   }
   // A product with a file given up keeps its state until the next attempt.
   if (givenUp_) {
-    product_.state().setDownloadStatus(KTSProductState::FileAbsent);
+    progress().downloadStatus = KTSProductState::FileAbsent;
   } else {
     endDownload();
   }
@@ -234,7 +238,7 @@ void KTSProductDownload::fileProcessed(bool givenUp) {
 void KTSProductDownload::endDownload() {
   log_.info("Finished downloading product: {}", productId());
   auto expected = static_cast<std::int64_t>(product_.mirrorFiles().size());
-  std::int64_t downloaded = product_.state().totalDownloadCount();
+  std::int64_t downloaded = progress().totalDownloadCount;
   log_.debug("PROD: {}: files downloaded = {}, expected {}", productId(), downloaded, expected);
   bool enabling = downloaded == expected && product_.state().enableWhenMirrored();
   product_.state().finishFetching(downloaded == expected);

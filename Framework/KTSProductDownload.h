@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "KTSLogger.h"
+#include "KTSProductState.h"
 #include "Url.h"
 
 namespace ondrel {
@@ -60,6 +61,7 @@ class KTSProductDownload : public std::enable_shared_from_this<KTSProductDownloa
   bool prepareDownloadFolder(const std::optional<Url>& url, const std::string& localPath,
                              std::string* refusal) const;
   const std::string& productId() const;
+  KTSProductState::Progress& progress() const;
 
   KTSProduct& product_;
   KTSFetchScheduler& scheduler_;

@@ -61,7 +61,7 @@ bool KTSProductState::isEqual(const KTSProductState& other, std::string* changed
 }
 
 void KTSProductState::finishFetching(bool allInPlace) {
-  product_->downloadStatus = DownloadFinished;
+  product_->progress.downloadStatus = DownloadFinished;
   setFiles(allInPlace ? Mirrored : PleaseMirror);
   if (allInPlace && product_->enableWhenMirrored) product_->enabled = true;
 }
@@ -92,14 +92,14 @@ void KTSProductState::restoreKeepingStanding(std::int32_t mirror, bool enabled) 
   product_->enabled = enabled;
 }
 
-void KTSProductState::restartProgress() {
-  product_->downloadedSize = Plist::integer(0);
-  product_->totalDownloadCount = 0;
-  product_->downloadStatus = DownloadBegun;
+void KTSProductState::Progress::restart() {
+  downloadStatus = DownloadBegun;
+  totalDownloadCount = 0;
+  downloadedSize = Plist::integer(0);
 }
 
-void KTSProductState::addToDownloadedSize(std::int64_t bytes) {
-  product_->downloadedSize = Plist::integer(product_->downloadedSize.integerValue() + bytes);
+void KTSProductState::Progress::addDownloaded(std::int64_t bytes) {
+  downloadedSize = Plist::integer(downloadedSize.integerValue() + bytes);
 }
 
 }  // namespace ondrel

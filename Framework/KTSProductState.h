@@ -131,18 +131,20 @@ class KTSProductState {
   void restoreKeepingStanding(std::int32_t mirror, bool enabled);
   void restorePendingEnable(bool pending) { product_->enableWhenMirrored = pending; }
 
-  // The download progress of the product's files.
-  std::int64_t downloadStatus() const { return product_->downloadStatus; }
-  void setDownloadStatus(std::int64_t status) { product_->downloadStatus = status; }
-  std::int64_t totalDownloadCount() const { return product_->totalDownloadCount; }
-  void setTotalDownloadCount(std::int64_t count) { product_->totalDownloadCount = count; }
-  const Plist& totalDownloadSize() const { return product_->totalDownloadSize; }
-  void setTotalDownloadSize(Plist size) { product_->totalDownloadSize = std::move(size); }
-  const Plist& downloadedSize() const { return product_->downloadedSize; }
-  void setDownloadedSize(Plist size) { product_->downloadedSize = std::move(size); }
-  // A new download: nothing fetched yet.
-  void restartProgress();
-  void addToDownloadedSize(std::int64_t bytes);
+  // Where the download of the product's files got to.
+  struct Progress {
+    std::int64_t downloadStatus = DownloadBegun;
+    // Files verified in place so far, and the bytes placed for them.
+    std::int64_t totalDownloadCount = 0;
+    Plist downloadedSize;
+    // The bytes the catalog gives for every file.
+    Plist totalDownloadSize;
+    // A new download: nothing fetched yet.
+    void restart();
+    void addDownloaded(std::int64_t bytes);
+  };
+  Progress& progress() { return product_->progress; }
+  const Progress& progress() const { return product_->progress; }
 
  private:
   struct ProductPart {
@@ -150,10 +152,7 @@ class KTSProductState {
     std::optional<std::int32_t> files;
     bool enabled = false;
     bool enableWhenMirrored = false;
-    std::int64_t downloadStatus = DownloadBegun;
-    std::int64_t totalDownloadCount = 0;
-    Plist totalDownloadSize;
-    Plist downloadedSize;
+    Progress progress;
   };
   static bool isStanding(std::int64_t state) {
     return state >= LocalOnly && state <= LocalNotMirrored;

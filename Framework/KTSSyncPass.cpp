@@ -93,7 +93,8 @@ class UpstreamProbe : public TransferReceiver {
 auto recordedState(const KTSProduct& product) {
   const KTSProductState& state = product.state();
   return std::make_tuple(state.mirror(), state.enabled(), state.enableWhenMirrored(),
-                         state.downloadStatus(), state.downloadedSize(), state.totalDownloadSize());
+                         state.progress().downloadStatus, state.progress().downloadedSize,
+                         state.progress().totalDownloadSize);
 }
 
 // A deprecations list is a dictionary of product ids; this is far more than any holds.
@@ -608,9 +609,9 @@ void KTSSyncPass::productMirrored(const KTSProduct& product, bool complete, bool
   if (stateChanged) changedProducts_.insert(productId);
   if (complete) {
     const KTSProductState& state = product.state();
-    observer_.productMirrored(productId, static_cast<std::size_t>(state.totalDownloadCount()),
-                              static_cast<std::uint64_t>(state.downloadedSize().integerValue()),
-                              took);
+    observer_.productMirrored(
+        productId, static_cast<std::size_t>(state.progress().totalDownloadCount),
+        static_cast<std::uint64_t>(state.progress().downloadedSize.integerValue()), took);
   } else if (!interrupted()) {
     // One product's failure never fails the pass: it is told and tried again next time.
     log_.warning("Product {} could not be mirrored completely; the next pass tries again.",

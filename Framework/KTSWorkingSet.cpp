@@ -196,7 +196,7 @@ bool KTSWorkingSet::applyProductStatus(const KTSProduct& product) {
                KTSProductState::mirrorStringForState(oldMirror), state.mirrorDescription());
   }
   std::int64_t oldSize = record["DownloadedSize"].integerValue();
-  std::int64_t newSize = state.downloadedSize().integerValue();
+  std::int64_t newSize = state.progress().downloadedSize.integerValue();
   if (oldSize != newSize) {
     changed = true;
     log_.debug("WSET: {} downloaded size changed: old={}, new={}.", productId, oldSize, newSize);
@@ -271,10 +271,11 @@ Plist KTSWorkingSet::representationForProduct(const KTSProduct* product) const {
   record.set("localization", product->localization());
   record.set(KTCatalogProductPostDateKey, formatDescriptionDate(*product->postDate()));
   record.set("IFPkgFlagRestartAction", product->getEffectiveRestartAction());
-  if (!state.totalDownloadSize().isNull()) {
-    record.set("TotalDownloadSize", state.totalDownloadSize());
+  if (!state.progress().totalDownloadSize.isNull()) {
+    record.set("TotalDownloadSize", state.progress().totalDownloadSize);
   }
-  if (!state.downloadedSize().isNull()) record.set("DownloadedSize", state.downloadedSize());
+  if (!state.progress().downloadedSize.isNull())
+    record.set("DownloadedSize", state.progress().downloadedSize);
   const Plist& master = product->masterRepresentation();
   record.set("CompositeProductState",
              KTSCatalog::compositeProductStringForState(master["CompositeProductState"]));

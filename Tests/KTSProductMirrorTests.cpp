@@ -74,8 +74,8 @@ TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
   EXPECT_TRUE(first->downloadMirroredFiles());
   EXPECT_EQ(first->state().mirror(), KTSProductState::Mirrored);
   EXPECT_TRUE(first->state().enabled());
-  EXPECT_EQ(first->state().totalDownloadCount(), 5);
-  EXPECT_EQ(first->state().downloadedSize().integerValue(), 8000);
+  EXPECT_EQ(first->state().progress().totalDownloadCount, 5);
+  EXPECT_EQ(first->state().progress().downloadedSize.integerValue(), 8000);
   EXPECT_EQ(readFile(local("/content/downloads/d/P1/b.pkg")), std::string(5000, 'b'));
   EXPECT_TRUE(first->verifyMirroredFiles());
   EXPECT_TRUE(logged("ondrd_test[DBG]: PROD: P1: (Tool 1) verified - all files downloaded"));
@@ -110,7 +110,7 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
   auto longer = product();
   EXPECT_FALSE(longer->downloadMirroredFiles());
   EXPECT_EQ(longer->state().mirror(), KTSProductState::Downloading);
-  EXPECT_EQ(longer->state().downloadStatus(), KTSProductState::FileAbsent);
+  EXPECT_EQ(longer->state().progress().downloadStatus, KTSProductState::FileAbsent);
   EXPECT_TRUE(
       logged("ondrd_test[DBG]: PROD: P1 (b.pkg) download retries exhausted, skipping file."));
 

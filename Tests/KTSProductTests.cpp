@@ -85,7 +85,7 @@ TEST_F(KTSProductTest, ActiveProductDownloadsItsMetadataAndKeepsThePreviousCopy)
   EXPECT_FALSE(files[2].contains(KTSProduct::kFileSizeKey));
   EXPECT_EQ(files[3][KTSProduct::kFileSizeKey].integerValue(), 100);
   EXPECT_FALSE(files[0].contains(KTSProduct::kFileReplaceKey));
-  EXPECT_EQ(first->state().totalDownloadSize().integerValue(), 350);
+  EXPECT_EQ(first->state().progress().totalDownloadSize.integerValue(), 350);
 
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.9").toXml());
   auto second = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(

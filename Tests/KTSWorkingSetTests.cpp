@@ -112,13 +112,13 @@ TEST_F(KTSWorkingSetTest, StatusUpdatesAreThrottledToOneWriteASecond) {
       workingSet->updateWithProductsAndRevocationsArchivingPrevious({{"P1", p1}}, Plist(), false));
   clock_->advance(std::chrono::seconds(2));
   p1->state().restore(KTSProductState::Downloading, false);
-  p1->state().setDownloadedSize(Plist::integer(100));
+  p1->state().progress().downloadedSize = Plist::integer(100);
   workingSet->updateProductStatus(*p1);
   EXPECT_EQ(onDisk()["P1"]["mirror"].stringValue(), "Downloading");
   EXPECT_TRUE(
       logged("ondrd_test[DBG]: WSET: Updated product P1; mirror=Downloading, "
              "d.l.size=100, eanbled=NO."));
-  p1->state().setDownloadedSize(Plist::integer(200));
+  p1->state().progress().downloadedSize = Plist::integer(200);
   workingSet->updateProductStatus(*p1);
   EXPECT_EQ(onDisk()["P1"]["DownloadedSize"].integerValue(), 100) << "second write held back";
   EXPECT_TRUE(workingSet->cacheDirty());
@@ -198,7 +198,7 @@ TEST_F(KTSWorkingSetTest, TwoProcessesShareTheFileWithoutLosingSettings) {
     auto& current = catalog[fmt::format("P{}", round % 50)];
     current->state().restore(daemon->mirrorSettingForProductID(*current->productId()),
                              daemon->enableSettingForProductID(*current->productId()));
-    current->state().setDownloadedSize(Plist::integer(round));
+    current->state().progress().downloadedSize = Plist::integer(round);
     daemon->updateProductStatus(*current);
     if (!Plist::readFile(file(), nullptr)) ++torn;
     if (adminDone > 0 || waitpid(admin, &status, WNOHANG) == admin) ++adminDone;
