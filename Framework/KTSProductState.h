@@ -52,11 +52,10 @@ class KTSProductState {
 
   // Not mirrored, not enabled, nothing pending, no standing.
   KTSProductState();
-  // The copy owns a product part of its own with the same values.
+  // The copy owns a product part of its own with the same values (a move copies too, so that no
+  // state is ever left without its part).
   KTSProductState(const KTSProductState& other);
   KTSProductState& operator=(const KTSProductState& other);
-  KTSProductState(KTSProductState&&) noexcept = default;
-  KTSProductState& operator=(KTSProductState&&) noexcept = default;
 
   // Makes this state share other's product part; this keeps its own standing. The values of
   // other's part stand, except that a files state only this one knows (other had only a
