@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 #include <tuple>
 
 #include "CompressedForms.h"

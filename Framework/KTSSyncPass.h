@@ -13,14 +13,12 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "KTSCatalog.h"
 #include "KTSFetchScheduler.h"
 #include "KTSLogger.h"
 #include "KTSPassContext.h"
-#include "KTSPassMemo.h"
 #include "KTSPassRecord.h"
 #include "KTSProductChange.h"
 #include "KTSProductTable.h"
