@@ -18,6 +18,7 @@
 #include "KTSPassContext.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
+#include "KTSProductDownload.h"
 #include "KTSUtilities.h"
 #include "KTSWorkingSet.h"
 
@@ -51,7 +52,7 @@ int construct(KTSPassContext& context, const Url& catalogURL, std::size_t count)
       if (products.size() == count) break;
       std::optional<Url> metadata = Url::parse(entry["ServerMetadataURL"].stringValue());
       products.push_back(KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-          productId, entry, metadata, context));
+          productId, entry, metadata, context.services()));
     }
   });
   row("construct products", built, "s");
@@ -138,7 +139,7 @@ int mirror(KTSPassContext& context, const Url& catalogURL, std::size_t count,
   }
   list.close();
   double seconds = timed([&] {
-    for (const auto& product : chosen) product->downloadMirroredFiles();
+    for (const auto& product : chosen) KTSProductDownload::downloadMirroredFiles(*product);
   });
   for (const auto& product : chosen) {
     for (const Plist& record : product->mirrorFiles().elements()) {

@@ -19,30 +19,20 @@
 
 namespace ondrel {
 
-namespace {
-
-constexpr const char* kStateNames[] = {"UNKNOWN", "NEW", "RECURRING", "DEPRECATED", "ORPHANED"};
-
-}  // namespace
-
 std::shared_ptr<KTSCatalog> KTSCatalog::catalogWithUrl(const Url& url, KTSPassContext& context) {
   return std::make_shared<KTSCatalog>(url, context);
 }
 
 std::string KTSCatalog::compositeProductStringForStateValue(std::int64_t state) {
-  if (state < New || state > Orphaned) return kStateNames[Unknown];
-  return kStateNames[state];
+  return KTSProductState::compositeStateName(state);
 }
 
 std::string KTSCatalog::compositeProductStringForState(const Plist& state) {
-  return compositeProductStringForStateValue(state.isNumber() ? state.integerValue() : Unknown);
+  return KTSProductState::compositeStateName(state);
 }
 
 std::int64_t KTSCatalog::compositeProductStateForString(const std::string& name) {
-  for (std::int64_t state = New; state <= Orphaned; ++state) {
-    if (name == kStateNames[state]) return state;
-  }
-  return Unknown;
+  return KTSProductState::compositeStateForName(name);
 }
 
 KTSCatalog::KTSCatalog(const Url& catalogURL, KTSPassContext& context)
@@ -184,10 +174,7 @@ Plist KTSCatalog::downloadCatalogToPathForcingUpdate(const std::string& path, bo
 bool KTSCatalog::loadProductIndexForcingUpdate(bool force) {
   if (!force && loadProductIndexCache()) return false;
   log_.debug("CTLG: rebuilding product list from available data.");
-  if (!throttleDownloads_) {
-    KTSServerMetadata::prefetchServerMetadataForEntries(compositeCatalog_[KTCatalogProductsDictKey],
-                                                        context_);
-  }
+  if (!throttleDownloads_) prefetchServerMetadata();
   ProductIndex rebuilt;
   for (const auto& [productId, entry] : compositeCatalog_[KTCatalogProductsDictKey].items()) {
     // Each product is made and released in its own scope; one that fails never ends the rebuild.
@@ -213,6 +200,20 @@ bool KTSCatalog::loadProductIndexForcingUpdate(bool force) {
   return true;
 }
 
+// Only within a pass: what is fetched ahead is kept in the pass's memo.
+void KTSCatalog::prefetchServerMetadata() {
+  KTSPassMemo* memo = context_.memo();
+  if (memo == nullptr) return;
+  std::optional<KTSFetchScheduler> own;
+  KTSFetchScheduler* scheduler = context_.scheduler();
+  if (scheduler == nullptr) {
+    scheduler =
+        &own.emplace(KTSFetchScheduler::preferredConcurrency(context_.preferences()), nullptr);
+  }
+  KTSServerMetadata::prefetchServerMetadataForEntries(compositeCatalog_[KTCatalogProductsDictKey],
+                                                      *memo, *scheduler);
+}
+
 void KTSCatalog::shareEntriesOfProducts(const ProductIndex& products) {
   Plist& entries = compositeCatalog_.mutableValue(KTCatalogProductsDictKey);
   for (const auto& [productId, product] : products) {
@@ -234,7 +235,7 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
   std::shared_ptr<KTSProduct> product = madeEarlierInPass(productId, entry);
   if (!product) {
     product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-        productId, entry, metadataURL, context_);
+        productId, entry, metadataURL, context_.services());
     if (KTSPassMemo* memo = context_.memo()) {
       memo->recordProductMadeFirst(productId, std::make_shared<const KTSProduct>(*product));
     }
@@ -277,7 +278,9 @@ std::shared_ptr<KTSProduct> KTSCatalog::madeEarlierInPass(const std::string& pro
       memo != nullptr ? memo->productMadeFirst(productId) : nullptr;
   if (!earlier) return nullptr;
   const Plist& earlierEntry = earlier->masterRepresentation();
-  if (KTSProduct::isActiveEntry(earlierEntry) != KTSProduct::isActiveEntry(entry)) return nullptr;
+  if (KTSServerMetadata::isActiveEntry(earlierEntry) != KTSServerMetadata::isActiveEntry(entry)) {
+    return nullptr;
+  }
   const Plist::Dictionary& mine = entry.items();
   const Plist::Dictionary& theirs = earlierEntry.items();
   auto skipState = [](const Plist::Dictionary& items, Plist::Dictionary::const_iterator at) {

@@ -148,6 +148,8 @@ class KTSCatalog {
                            std::vector<Plist::Dictionary::Entry>& merged);
   void mergeUnlistedProducts(const Plist& incoming, const Plist& old, bool purge,
                              std::vector<Plist::Dictionary::Entry>& merged);
+  // Fetches ahead the server metadata of the composite catalog's products (see KTSServerMetadata).
+  void prefetchServerMetadata();
   // Makes the composite catalog hold the very entries the products hold.
   void shareEntriesOfProducts(const ProductIndex& products);
   // The digest of what the product index cache is made from besides the composite catalog: the

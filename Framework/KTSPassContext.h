@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "KTSLogger.h"
+#include "KTSPassServices.h"
 
 namespace ondrel {
 
@@ -63,6 +64,8 @@ class KTSPassContext {
   KTSPassMemo* memo() const { return memo_; }
   KTSPassRecord* record() const { return record_; }
   KTSFetchScheduler* scheduler() const { return scheduler_; }
+  // The memo and the scheduler, for making products.
+  KTSPassServices services() const { return {memo_, scheduler_}; }
   [[nodiscard]] Lent<KTSPassMemo> lend(KTSPassMemo& memo) { return {memo_, &memo}; }
   [[nodiscard]] Lent<KTSPassRecord> lend(KTSPassRecord& record) { return {record_, &record}; }
   [[nodiscard]] Lent<KTSFetchScheduler> lend(KTSFetchScheduler& scheduler) {

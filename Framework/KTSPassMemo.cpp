@@ -1,7 +1,5 @@
 #include "KTSPassMemo.h"
 
-#include "KTSProduct.h"
-
 namespace ondrel {
 
 const KTSPassMemo::ServerMetadata* KTSPassMemo::serverMetadataFetchedFrom(

@@ -4,11 +4,7 @@
 #include <climits>
 
 #include "KTCatalogKeys.h"
-#include "KTSFetchScheduler.h"
-#include "KTSFileOwnership.h"
-#include "KTSPreferences.h"
 #include "KTSProduct.h"
-#include "KTSProductDownload.h"
 #include "KTSProductFileRules.h"
 #include "KTSServerMetadata.h"
 #include "KTSUtilities.h"
@@ -75,22 +71,6 @@ Plist KTSProduct::getTotalMirrorSize() const {
     if (size > 0 && total <= INT64_MAX - size) total += size;
   }
   return total > 0 ? Plist::integer(total) : Plist();
-}
-
-bool KTSProduct::downloadMirroredFiles() {
-  KTSFetchScheduler scheduler(
-      KTSFetchScheduler::preferredConcurrency(*KTSPreferences::defaultPreferences()), nullptr);
-  bool complete = false;
-  mirrorFilesWithScheduler(scheduler, [&complete](bool done) { complete = done; });
-  scheduler.run();
-  return complete;
-}
-
-void KTSProduct::mirrorFilesWithScheduler(KTSFetchScheduler& scheduler,
-                                          std::function<void(bool complete)> finished,
-                                          const KTSFileOwnership* ownership,
-                                          KTSProductTable* files) {
-  KTSProductDownload::start(*this, scheduler, std::move(finished), ownership, files);
 }
 
 bool KTSProduct::verifyDownloadFileURLDestPathFailureReason(const std::optional<Url>& url,
@@ -166,14 +146,15 @@ void KTSProduct::removeAllFiles() {
   state_.filesRemoved();
 }
 
-void KTSProduct::removeAllMirroredFiles(const KTSFileOwnership* ownership) {
+void KTSProduct::removeAllMirroredFiles(
+    const std::function<bool(const std::string& path)>& ownedByAnother) {
   for (const Plist& record : facts_->mirrorFiles.elements()) {
     const std::string& localPath = record[kFileLocalPathKey].stringValue();
     std::string extension = pathExtension(localPath);
     // Only its own files, where product files belong: never another product's or a served one.
     if (extension == "dist" || extension == "smd" || !KTSPath::isInsideHtmlFolder(localPath) ||
         KTSProductFileRules::refusalOutsideDownloads(localPath) ||
-        (ownership != nullptr && ownership->otherOwnerOfPath(localPath, id()))) {
+        (ownedByAnother && ownedByAnother(localPath))) {
       continue;
     }
     // A download cut short keeps its part to be continued; the product gone, it goes too.

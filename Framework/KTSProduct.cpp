@@ -4,7 +4,6 @@
 
 #include "Clock.h"
 #include "KTCatalogKeys.h"
-#include "KTSPassContext.h"
 #include "KTSPassMemo.h"
 #include "KTSServerMetadata.h"
 #include "KTSUtilities.h"
@@ -26,8 +25,8 @@ std::optional<std::string> optionalString(const Plist& value) {
 std::shared_ptr<KTSProduct>
 KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
     const std::string& productId, const Plist& dictionary,
-    const std::optional<Url>& serverMetadataURL, KTSPassContext& context) {
-  return std::make_shared<KTSProduct>(productId, dictionary, serverMetadataURL, context);
+    const std::optional<Url>& serverMetadataURL, KTSPassServices pass) {
+  return std::make_shared<KTSProduct>(productId, dictionary, serverMetadataURL, pass);
 }
 
 std::shared_ptr<KTSProduct> KTSProduct::productWithArchiveRepresentation(const Plist& archive) {
@@ -35,7 +34,7 @@ std::shared_ptr<KTSProduct> KTSProduct::productWithArchiveRepresentation(const P
 }
 
 KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
-                       const std::optional<Url>& serverMetadataURL, KTSPassContext& context)
+                       const std::optional<Url>& serverMetadataURL, KTSPassServices pass)
     : initStatus_(1), masterRepresentation_(dictionary), log_(LogHandle::shared()) {
   facts_->productId = productId;
   // The id becomes part of file names: one that could name another folder is never used.
@@ -48,7 +47,7 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
     log_.debug("PROD: {}: * * * WARNING! Missing smdURL for product init.", productId);
   }
   KTSServerMetadata found(productId, masterRepresentation_, log_);
-  Plist metadata = found.getServerMetadataForURL(serverMetadataURL, context);
+  Plist metadata = found.getServerMetadataForURL(serverMetadataURL, pass);
   // Nothing shares the facts of a product being made.
   facts_->smdPath = found.smdPath();
   if (found.productIsDead()) initStatus_ = -1;
@@ -66,7 +65,7 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
     log_.error("*** Product missing essential data (SMD).");
   }
   // Within a pass, equal values of one product share their storage.
-  KTSPassMemo* memo = context.memo();
+  KTSPassMemo* memo = pass.memo;
   auto shared = [&](KTSPassMemo::ProductValue kind, Plist value) {
     return memo != nullptr ? memo->shareEqualValue(productId, kind, std::move(value)) : value;
   };

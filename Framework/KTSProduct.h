@@ -15,18 +15,13 @@
 
 #include "KTSLogger.h"
 #include "KTSPassMemo.h"
+#include "KTSPassServices.h"
 #include "KTSPath.h"
 #include "KTSProductState.h"
 #include "Plist.h"
 #include "Url.h"
 
 namespace ondrel {
-
-class KTSFetchScheduler;
-class KTSFileDownloader;
-class KTSFileOwnership;
-class KTSPassContext;
-class KTSProductTable;
 
 class KTSProduct {
  public:
@@ -37,26 +32,21 @@ class KTSProduct {
   static constexpr const char* kFileReplaceKey = "KTSProductFileReplace";
 
   // Builds the product from its catalog entry (fetching or generating its server metadata
-  // through the context's scheduler, sharing what its memo holds); never fails outright:
-  // callers test initStatus().
+  // through the pass's scheduler, sharing what its memo holds); never fails outright: callers
+  // test initStatus().
   static std::shared_ptr<KTSProduct> productWithProductIdDictionaryRepresentationServerMetadataURL(
       const std::string& productId, const Plist& dictionary,
-      const std::optional<Url>& serverMetadataURL, KTSPassContext& context);
+      const std::optional<Url>& serverMetadataURL, KTSPassServices pass);
   // Restores the product the product index cache recorded; initStatus() is 0 (it is not made
   // from an entry), and missing keys are told and left empty.
   static std::shared_ptr<KTSProduct> productWithArchiveRepresentation(const Plist& archive);
 
   KTSProduct(const std::string& productId, const Plist& dictionary,
-             const std::optional<Url>& serverMetadataURL, KTSPassContext& context);
+             const std::optional<Url>& serverMetadataURL, KTSPassServices pass);
   explicit KTSProduct(const Plist& archive);
 
   // The composite state its entry records (NEW 1 to ORPHANED 4; 0 when none).
   std::int64_t getCompositeProductState() const;
-  // Whether a product of this catalog entry is active: its composite state is below DEPRECATED
-  // (3). Only an active product fetches its server metadata.
-  static bool isActiveEntry(const Plist& entry) {
-    return entry["CompositeProductState"].integerValue() < 3;
-  }
   // "IncompleteDownload" while its files are to be fetched, else the metadata's restart action
   // ("NoRestart" without one).
   std::string getEffectiveRestartAction() const;
@@ -66,19 +56,6 @@ class KTSProduct {
   // The sum of the records' sizes; null when it is not above 0.
   Plist getTotalMirrorSize() const;
 
-  // Mirrors the files through a scheduler of its own (the preferences' concurrency): true when
-  // every file was processed, false when one was given up.
-  bool downloadMirroredFiles();
-  // Mirrors the files through scheduler, among those of other products, with a
-  // KTSProductDownload: every file at once, each with its retries; the mirror state changes only
-  // once every file has been processed. finished(complete) is called once, from inside the
-  // scheduler's run (or at once when there is nothing to fetch), with false when a file was
-  // given up. The product must outlive it. With an ownership, a file that belongs to another
-  // product is given up untouched; with a table of files, it is told what becomes of each file.
-  void mirrorFilesWithScheduler(KTSFetchScheduler& scheduler,
-                                std::function<void(bool complete)> finished,
-                                const KTSFileOwnership* ownership = nullptr,
-                                KTSProductTable* files = nullptr);
   // True when a transfer from url to destPath is allowed; otherwise the reason says why.
   bool verifyDownloadFileURLDestPathFailureReason(const std::optional<Url>& url,
                                                   const std::string& destPath,
@@ -92,9 +69,10 @@ class KTSProduct {
   // still inside the html folder); the state then says the files are gone.
   void removeAllFiles();
   // Deletes the records' files and their partial downloads: only under the downloads folder, never
-  // a distribution or metadata file, and with an ownership only the product's own. The state
-  // then says the files are gone.
-  void removeAllMirroredFiles(const KTSFileOwnership* ownership = nullptr);
+  // a distribution or metadata file, and none for which ownedByAnother (when given) is true. The
+  // state then says the files are gone.
+  void removeAllMirroredFiles(
+      const std::function<bool(const std::string& path)>& ownedByAnother = nullptr);
 
   // The product's mirror and enable state in this catalog, with its transitions; mirroring
   // moves it through Downloading to Mirrored, removing its files back to DoNotMirror.

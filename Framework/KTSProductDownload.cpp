@@ -7,6 +7,7 @@
 #include "KTSFileDownloader.h"
 #include "KTSFileOwnership.h"
 #include "KTSPath.h"
+#include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSProductFileRules.h"
 #include "KTSProductTable.h"
@@ -38,6 +39,15 @@ void KTSProductDownload::start(KTSProduct& product, KTSFetchScheduler& scheduler
   auto download = std::make_shared<KTSProductDownload>(product, scheduler, std::move(finished),
                                                        ownership, files);
   download->beginDownload();
+}
+
+bool KTSProductDownload::downloadMirroredFiles(KTSProduct& product) {
+  KTSFetchScheduler scheduler(
+      KTSFetchScheduler::preferredConcurrency(*KTSPreferences::defaultPreferences()), nullptr);
+  bool complete = false;
+  start(product, scheduler, [&complete](bool done) { complete = done; });
+  scheduler.run();
+  return complete;
 }
 
 KTSProductDownload::KTSProductDownload(KTSProduct& product, KTSFetchScheduler& scheduler,

@@ -33,8 +33,11 @@ class KTSProductDownload : public std::enable_shared_from_this<KTSProductDownloa
   // false when a file was given up (the product then keeps its state until the next attempt).
   // With a table of files, tells it each file it fetches, places, removes or may have changed.
   static void start(KTSProduct& product, KTSFetchScheduler& scheduler,
-                    std::function<void(bool complete)> finished, const KTSFileOwnership* ownership,
-                    KTSProductTable* files);
+                    std::function<void(bool complete)> finished,
+                    const KTSFileOwnership* ownership = nullptr, KTSProductTable* files = nullptr);
+  // Mirrors the product's files through a scheduler of its own (the preferences' concurrency):
+  // true when every file was processed, false when one was given up.
+  static bool downloadMirroredFiles(KTSProduct& product);
 
   KTSProductDownload(KTSProduct& product, KTSFetchScheduler& scheduler,
                      std::function<void(bool complete)> finished, const KTSFileOwnership* ownership,

@@ -8,7 +8,23 @@ constexpr const char* kMirrorStateNames[] = {"DoNotMirror",   "PleaseMirror",   
                                              "Mirrored",      "LocalOnly",       "LocalDeprecated",
                                              "LocalOrphaned", "LocalNotMirrored"};
 
+constexpr const char* kCompositeStateNames[] = {"UNKNOWN", "NEW", "RECURRING", "DEPRECATED",
+                                                "ORPHANED"};
+constexpr std::int64_t kLastCompositeState = 4;
+
 }  // namespace
+
+std::string KTSProductState::compositeStateName(std::int64_t state) {
+  if (state < 1 || state > kLastCompositeState) return kCompositeStateNames[0];
+  return kCompositeStateNames[state];
+}
+
+std::int64_t KTSProductState::compositeStateForName(const std::string& name) {
+  for (std::int64_t state = 1; state <= kLastCompositeState; ++state) {
+    if (name == kCompositeStateNames[state]) return state;
+  }
+  return 0;
+}
 
 std::int32_t KTSProductState::mirrorStateForString(const std::optional<std::string>& name) {
   if (!name) return DoNotMirror;

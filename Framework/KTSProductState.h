@@ -49,6 +49,14 @@ class KTSProductState {
   static std::int32_t mirrorStateForString(const std::optional<std::string>& name);
   // The name of a recorded state; "DoNotMirror" for a value that is none.
   static std::string mirrorStringForState(std::int64_t state);
+  // The names of the composite state a catalog gives a product ("NEW" 1 to "ORPHANED" 4), and
+  // back; "UNKNOWN" and 0 for anything else. KTSCatalog's names for them are these.
+  static std::string compositeStateName(std::int64_t state);
+  // The same for a recorded value: anything but a number is "UNKNOWN".
+  static std::string compositeStateName(const Plist& state) {
+    return compositeStateName(state.isNumber() ? state.integerValue() : 0);
+  }
+  static std::int64_t compositeStateForName(const std::string& name);
 
   // Not mirrored, not enabled, nothing pending, no standing.
   KTSProductState();

@@ -9,10 +9,8 @@
 #include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
 #include "KTSMetadataGenerator.h"
-#include "KTSPassContext.h"
 #include "KTSPassMemo.h"
 #include "KTSPreferences.h"
-#include "KTSProduct.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
 #include "ProductId.h"
@@ -76,15 +74,15 @@ std::optional<std::string> KTSServerMetadata::makeGenericServerMetadataLocalPath
 }
 
 Plist KTSServerMetadata::getServerMetadataForURL(const std::optional<Url>& url,
-                                                 KTSPassContext& context) {
+                                                 KTSPassServices pass) {
   Plist metadata;
-  bool active = KTSProduct::isActiveEntry(entry_);
+  bool active = isActiveEntry(entry_);
   if (active) {
     log_.debug("PROD: {}: (active) reading SMD data for product", productId_);
     if (url) {
-      metadata = loadActiveServerMetadataAtURL(*url, context);
+      metadata = loadActiveServerMetadataAtURL(*url, pass);
     } else if (std::optional<std::string> generic = makeGenericServerMetadataLocalPath()) {
-      metadata = generateServerMetadataDictionaryAtPath(*generic, context.memo());
+      metadata = generateServerMetadataDictionaryAtPath(*generic, pass.memo);
     }
   } else {
     metadata = readLegacyServerMetadata(url);
@@ -96,7 +94,7 @@ Plist KTSServerMetadata::getServerMetadataForURL(const std::optional<Url>& url,
   if (!active) {
     std::optional<std::string> generic = makeGenericServerMetadataLocalPath();
     if (generic && KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*generic))) {
-      fileWillChange(context.memo());
+      fileWillChange(pass.memo);
       KTSUtilities::writeDictionaryToPath(repaired, *generic);
     }
   }
@@ -126,7 +124,7 @@ Plist KTSServerMetadata::readLegacyServerMetadata(const std::optional<Url>& url)
   return KTSUtilities::readPropertyListAtPath(*file);
 }
 
-Plist KTSServerMetadata::loadActiveServerMetadataAtURL(const Url& url, KTSPassContext& context) {
+Plist KTSServerMetadata::loadActiveServerMetadataAtURL(const Url& url, KTSPassServices pass) {
   std::optional<std::string> localPath = localPathInsideDocumentRoot(url);
   if (!localPath) {
     log_.error("*** Server metadata URL of product {} lies outside the updates folder: {}",
@@ -134,14 +132,14 @@ Plist KTSServerMetadata::loadActiveServerMetadataAtURL(const Url& url, KTSPassCo
     return Plist();
   }
   // This pass fetched it already: ahead of the catalog's products, or for another catalog.
-  KTSPassMemo* memo = context.memo();
+  KTSPassMemo* memo = pass.memo;
   if (const KTSPassMemo::ServerMetadata* fetched =
           memo != nullptr ? memo->serverMetadataFetchedFrom(url.text()) : nullptr) {
     smdPath_ = fetched->smdPath;
     return fetched->contents;
   }
   KTSPassMemo::ServerMetadata fetched;
-  if (downloadServerMetadata(url, *localPath, context.scheduler())) {
+  if (downloadServerMetadata(url, *localPath, pass.scheduler)) {
     fetched = placeServerMetadata(url, *localPath, memo);
   }
   smdPath_ = fetched.smdPath;
@@ -209,16 +207,8 @@ std::optional<KTSPassMemo::ServerMetadata> KTSServerMetadata::placeFetchedServer
                                      std::make_shared<const KTSPath>(url)};
 }
 
-void KTSServerMetadata::prefetchServerMetadataForEntries(const Plist& entries,
-                                                         KTSPassContext& context) {
-  if (context.memo() == nullptr) return;
-  KTSPassMemo& memo = *context.memo();
-  std::optional<KTSFetchScheduler> own;
-  KTSFetchScheduler* scheduler = context.scheduler();
-  if (scheduler == nullptr) {
-    scheduler =
-        &own.emplace(KTSFetchScheduler::preferredConcurrency(context.preferences()), nullptr);
-  }
+void KTSServerMetadata::prefetchServerMetadataForEntries(const Plist& entries, KTSPassMemo& memo,
+                                                         KTSFetchScheduler& scheduler) {
   auto placeFetched = [&memo](KTSFileDownloader& fetched) {
     if (fetched.downloadError()) return;
     std::string bytes;
@@ -249,20 +239,20 @@ void KTSServerMetadata::prefetchServerMetadataForEntries(const Plist& entries,
       auto downloader =
           KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, *localPath, false);
       downloader->receiveIntoMemory(kPrefetchedMetadataLimit);
-      scheduler->enqueue(std::move(downloader), placeFetched);
+      scheduler.enqueue(std::move(downloader), placeFetched);
       ++next;
       return true;
     }
     return false;
   };
-  scheduler->run(queueNext);
+  scheduler.run(queueNext);
 }
 
 // The metadata URL a product made from the entry would fetch, unless this pass fetched it.
 std::optional<Url> KTSServerMetadata::prefetchableServerMetadataURL(const std::string& productId,
                                                                     const Plist& entry,
                                                                     const KTSPassMemo& memo) {
-  if (!isValidProductId(productId) || !KTSProduct::isActiveEntry(entry) ||
+  if (!isValidProductId(productId) || !isActiveEntry(entry) ||
       !entry["ServerMetadataURL"].isString()) {
     return std::nullopt;
   }

@@ -12,6 +12,7 @@
 
 #include "KTSLogger.h"
 #include "KTSPassMemo.h"
+#include "KTSPassServices.h"
 #include "KTSPath.h"
 #include "Plist.h"
 #include "Url.h"
@@ -19,20 +20,24 @@
 namespace ondrel {
 
 class KTSFetchScheduler;
-class KTSPassContext;
 
 class KTSServerMetadata {
  public:
-  // Fetches, through the context's fetch scheduler (all at once, up to its limit), the server
-  // metadata that products made from these catalog entries (product id to entry) would fetch one
-  // after the other, and records each file that arrived in the context's memo, so that making
-  // those products costs no transfer. A failed fetch is not recorded: its product tries again,
-  // with its retries. Does nothing without a memo.
-  static void prefetchServerMetadataForEntries(const Plist& entries, KTSPassContext& context);
+  // Fetches, through scheduler (all at once, up to its limit), the server metadata that products
+  // made from these catalog entries (product id to entry) would fetch one after the other, and
+  // records each file that arrived in memo, so that making those products in the pass costs no
+  // transfer. A failed fetch is not recorded: its product tries again, with its retries.
+  static void prefetchServerMetadataForEntries(const Plist& entries, KTSPassMemo& memo,
+                                               KTSFetchScheduler& scheduler);
   // The titles and the descriptions (valid UTF-8 only) by language; empty dictionaries when the
   // metadata has none.
   static Plist getServerMetadataBundleTitles(const Plist& metadata);
   static Plist getServerMetadataDescriptions(const Plist& metadata);
+  // Whether a product of this catalog entry is active: its composite state is below DEPRECATED
+  // (3). Only an active product fetches its server metadata.
+  static bool isActiveEntry(const Plist& entry) {
+    return entry["CompositeProductState"].integerValue() < 3;
+  }
   // The standardised local path of an upstream URL when it lies inside the document root's
   // html folder; none otherwise (a hostile URL never names a file elsewhere).
   static std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url);
@@ -43,8 +48,8 @@ class KTSServerMetadata {
   // The product's metadata: for an active product fetched from url (or generated beside its
   // first distribution without one), for a legacy one read from disk; repaired when keys are
   // missing (and, for a legacy product, written back). Null when there is none.
-  Plist getServerMetadataForURL(const std::optional<Url>& url, KTSPassContext& context);
-  Plist loadActiveServerMetadataAtURL(const Url& url, KTSPassContext& context);
+  Plist getServerMetadataForURL(const std::optional<Url>& url, KTSPassServices pass);
+  Plist loadActiveServerMetadataAtURL(const Url& url, KTSPassServices pass);
   // Reads the file at path, or generates the metadata from the distribution and writes it there;
   // with a memo, tells it when the file is written.
   Plist generateServerMetadataDictionaryAtPath(const std::string& path, KTSPassMemo* memo);

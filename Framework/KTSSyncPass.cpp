@@ -23,6 +23,7 @@
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSProductChange.h"
+#include "KTSProductDownload.h"
 #include "KTSProductTable.h"
 #include "KTSRequestManager.h"
 #include "KTSServerLayout.h"
@@ -241,7 +242,10 @@ void KTSSyncPass::removeAndMirrorProducts(const std::vector<std::shared_ptr<KTSP
   // Who owns each file matters only while files are removed and placed.
   KTSFileOwnership ownership(products);
   for (const auto& product : removed_) {
-    product->removeAllMirroredFiles(&ownership);
+    const std::string& productId = *product->productId();
+    product->removeAllMirroredFiles([&ownership, &productId](const std::string& path) {
+      return ownership.otherOwnerOfPath(path, productId) != nullptr;
+    });
     for (const Plist& record : product->mirrorFiles().elements()) {
       productTable_.fileChanged(record[KTSProduct::kFileLocalPathKey].stringValue());
     }
@@ -579,8 +583,8 @@ void KTSSyncPass::mirrorProducts(KTSFetchScheduler& scheduler, const KTSFileOwne
       auto start = std::chrono::steady_clock::now();
       // waiting holds the product until the scheduler is done.
       KTSProduct* mirrored = product.get();
-      product->mirrorFilesWithScheduler(
-          scheduler,
+      KTSProductDownload::start(
+          *product, scheduler,
           [&, mirrored, needed, stateBefore, start,
            others = std::vector(variants.begin() + 1, variants.end())](bool complete) {
             promised -= needed;

@@ -5,7 +5,6 @@
 #include "FileIO.h"
 #include "HostPaths.h"
 #include "KTCatalogKeys.h"
-#include "KTSCatalog.h"
 #include "KTSPassRecord.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
@@ -274,11 +273,12 @@ Plist KTSWorkingSet::representationForProduct(const KTSProduct* product) const {
   if (!state.progress().totalDownloadSize.isNull()) {
     record.set("TotalDownloadSize", state.progress().totalDownloadSize);
   }
-  if (!state.progress().downloadedSize.isNull())
+  if (!state.progress().downloadedSize.isNull()) {
     record.set("DownloadedSize", state.progress().downloadedSize);
+  }
   const Plist& master = product->masterRepresentation();
   record.set("CompositeProductState",
-             KTSCatalog::compositeProductStringForState(master["CompositeProductState"]));
+             KTSProductState::compositeStateName(master["CompositeProductState"]));
   for (const char* key : {"Internal-BuildVersion", "Internal-StagedPrefix"}) {
     if (master.contains(key)) record.set(key, master[key]);
   }

@@ -8,6 +8,7 @@
 #include "KTSError.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
+#include "KTSProductDownload.h"
 #include "KTSWorkingSet.h"
 #include "OndrelTest.h"
 #include "UpstreamFiles.h"
@@ -303,7 +304,7 @@ TEST_F(KTSCatalogTest, DeprecationChainsWithdrawAndGiveBack) {
   auto workingSet = (&context().workingSet());
   auto first = sync();
   for (const char* id : {"X", "Y", "Z"}) {
-    ASSERT_TRUE(first->productForProductId(id)->downloadMirroredFiles());
+    ASSERT_TRUE(KTSProductDownload::downloadMirroredFiles(*first->productForProductId(id)));
     workingSet->setProductDictForID(Plist::dictionary(), id);
     workingSet->setMirrorSettingForProductID(KTSProductState::Mirrored, id);
   }

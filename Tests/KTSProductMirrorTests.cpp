@@ -13,6 +13,7 @@
 #include "KTSFileOwnership.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
+#include "KTSProductDownload.h"
 #include "UpstreamFiles.h"
 
 namespace ondrel {
@@ -49,7 +50,7 @@ class KTSProductMirrorTest : public test::UpstreamProductTest {
 
   std::shared_ptr<KTSProduct> productFor(const Plist& entry) {
     auto made = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-        "P1", entry, {}, context());
+        "P1", entry, {}, context().services());
     made->state().scheduleMirroring();
     return made;
   }
@@ -71,7 +72,7 @@ class KTSProductMirrorTest : public test::UpstreamProductTest {
 TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
   auto first = product();
   first->state().enableOnceMirrored();
-  EXPECT_TRUE(first->downloadMirroredFiles());
+  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*first));
   EXPECT_EQ(first->state().mirror(), KTSProductState::Mirrored);
   EXPECT_TRUE(first->state().enabled());
   EXPECT_EQ(first->state().progress().totalDownloadCount, 5);
@@ -82,14 +83,14 @@ TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
 
   int requests = upstream_.requestCount();
   auto second = product();
-  EXPECT_TRUE(second->downloadMirroredFiles());
+  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*second));
   EXPECT_EQ(upstream_.requestCount(), requests) << "files already present are not fetched again";
 
   // A file of the wrong size is kept by the fetch, found suspect, deleted and fetched again.
   writeFile(local("/content/downloads/d/P1/a.pkg"), "short");
   clearLog();
   auto third = product();
-  EXPECT_TRUE(third->downloadMirroredFiles());
+  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*third));
   EXPECT_EQ(readFile(local("/content/downloads/d/P1/a.pkg")), std::string(3000, 'a'));
   EXPECT_TRUE(
       logged("ondrd_test[DBG]: PROD: P1: verification failed; incorrect size: a.pkg "
@@ -100,7 +101,7 @@ TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
   const std::string longName = "/content/downloads/d/P1/" + std::string(250, 'n') + ".pkg";
   upstream_.put(longName, std::string(700, 'n'));
   auto longer = productFor(upstream_.entry({}, {{longName, 700, ""}}));
-  EXPECT_TRUE(longer->downloadMirroredFiles());
+  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*longer));
   EXPECT_EQ(sizeOf(local(longName)), 700u);
 }
 
@@ -108,7 +109,7 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
   upstream_.put("/content/downloads/d/P1/b.pkg",
                 std::string(6000, 'b'));  // longer than the catalog says
   auto longer = product();
-  EXPECT_FALSE(longer->downloadMirroredFiles());
+  EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*longer));
   EXPECT_EQ(longer->state().mirror(), KTSProductState::Downloading);
   EXPECT_EQ(longer->state().progress().downloadStatus, KTSProductState::FileAbsent);
   EXPECT_TRUE(
@@ -121,7 +122,7 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
     auto failing = product();
     int requests = upstream_.requestCount();
     clearLog();
-    EXPECT_FALSE(failing->downloadMirroredFiles()) << status;
+    EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*failing)) << status;
     // a.pkg once, b.pkg three times, and each attempt reports its failure.
     EXPECT_EQ(upstream_.requestCount(), requests + 4) << status;
     std::vector<std::string> lines = logLines();
@@ -142,7 +143,7 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
       .set(KTCatalogPackageURLStringKey, "ftp://127.0.0.1/d/P9/a.pkg");
   clearLog();
   auto ftp = productFor(entry);
-  EXPECT_FALSE(ftp->downloadMirroredFiles());
+  EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*ftp));
   EXPECT_EQ(ftp->state().mirror(), KTSProductState::Downloading);
   std::vector<std::string> lines = logLines();
   EXPECT_EQ(std::count(lines.begin(), lines.end(),
@@ -186,14 +187,14 @@ TEST_F(KTSProductMirrorTest, ProductsMirrorSideBySideAndOneFailureStopsNoOther) 
                     : fmt::format("http://127.0.0.1:{}/content/downloads/gate/{}.pkg", port,
                                   productId));
     products.push_back(KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-        productId, entry, {}, context()));
+        productId, entry, {}, context().services()));
     products.back()->state().scheduleMirroring();
   }
   KTSFetchScheduler scheduler(16, nullptr);
   std::map<std::string, bool> finished;
   for (const auto& product : products) {
-    product->mirrorFilesWithScheduler(
-        scheduler, [&finished, id = *product->productId()](bool complete) {
+    KTSProductDownload::start(
+        *product, scheduler, [&finished, id = *product->productId()](bool complete) {
           EXPECT_TRUE(finished.emplace(id, complete).second) << id << " told twice";
         });
   }
@@ -228,7 +229,7 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
         .mutableElements()[0]
         .set(KTCatalogPackageURLStringKey, hostile);
     auto product = productFor(entry);
-    EXPECT_FALSE(product->downloadMirroredFiles()) << hostile;
+    EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*product)) << hostile;
     EXPECT_NE(product->state().mirror(), KTSProductState::Mirrored);
   }
   EXPECT_TRUE(std::filesystem::is_empty(root_ + "/outside"));
@@ -249,7 +250,7 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
         std::string("/content/downloads/d/P1/.hidden")}) {
     upstream_.put(target, std::string(3000, 'x'));
     auto misplaced = productFor(upstream_.entry({}, {{target, 3000, ""}}));
-    EXPECT_FALSE(misplaced->downloadMirroredFiles()) << target;
+    EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*misplaced)) << target;
   }
   EXPECT_EQ(readFile(local("/content/catalogs/others/index-alder-birch.merged-1.ktcatalog")),
             "served");
@@ -260,33 +261,35 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
   // would make the owner's file look suspect, and removing that other product leaves it.
   auto made = [&](const std::string& productId, const std::vector<test::PackageFiles>& files) {
     auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-        productId, upstream_.entry({}, files), {}, context());
+        productId, upstream_.entry({}, files), {}, context().services());
     product->state().scheduleMirroring();
     return product;
   };
   const std::string shared = "/content/downloads/d/shared.pkg";
   upstream_.put(shared, std::string(3000, 's'));
   auto owner = made("OWNER", {{shared, 3000, ""}});
-  ASSERT_TRUE(owner->downloadMirroredFiles());
+  ASSERT_TRUE(KTSProductDownload::downloadMirroredFiles(*owner));
   auto intruder = made("AAA", {{shared, 10, ""}});
   KTSFileOwnership ownership({intruder, owner});
   KTSFetchScheduler scheduler(4, nullptr);
   bool intruderDone = true;
-  intruder->mirrorFilesWithScheduler(
-      scheduler, [&](bool complete) { intruderDone = complete; }, &ownership);
+  KTSProductDownload::start(
+      *intruder, scheduler, [&](bool complete) { intruderDone = complete; }, &ownership);
   scheduler.run();
   EXPECT_FALSE(intruderDone);
   EXPECT_TRUE(logged(fmt::format(
       "ondrd_test[ERR]: *** File {} of product AAA belongs to product OWNER; it is neither "
       "fetched nor touched.",
       local(shared))));
-  intruder->removeAllMirroredFiles(&ownership);
+  intruder->removeAllMirroredFiles([&ownership](const std::string& path) {
+    return ownership.otherOwnerOfPath(path, "AAA") != nullptr;
+  });
   EXPECT_EQ(sizeOf(local(shared)), 3000u);
   // Two URLs of one product that name one file with different sizes: the first one wins.
   upstream_.put("/content/downloads/d/variant.pkg", std::string(3000, 'v'));
   auto variants = made("VARIANTS", {{"/content/downloads/d/variant.pkg?v=1", 3000, ""},
                                     {"/content/downloads/d/variant.pkg?v=2", 10, ""}});
-  EXPECT_FALSE(variants->downloadMirroredFiles());
+  EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*variants));
   EXPECT_EQ(sizeOf(local("/content/downloads/d/variant.pkg")), 3000u);
 
   // A product restored from a planted cache names files outside; nothing there is touched.
@@ -331,7 +334,7 @@ TEST_F(KTSProductMirrorTest, AKilledDownloadIsCompletedByTheNextRun) {
   pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
-    productFor(entry)->downloadMirroredFiles();
+    KTSProductDownload::downloadMirroredFiles(*productFor(entry));
     _exit(0);
   }
   const std::string partial = local("/content/downloads/d/P1/big.pkg.downloading");
@@ -343,7 +346,7 @@ TEST_F(KTSProductMirrorTest, AKilledDownloadIsCompletedByTheNextRun) {
   EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/big.pkg")));
 
   auto again = productFor(entry);
-  EXPECT_TRUE(again->downloadMirroredFiles());
+  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*again));
   EXPECT_EQ(std::filesystem::file_size(local("/content/downloads/d/P1/big.pkg")), 8u << 20);
   EXPECT_FALSE(std::filesystem::exists(partial));
   slow.stop();
@@ -356,8 +359,9 @@ TEST_F(KTSProductMirrorTest, RemovalKeepsDescriptionsOrTakesTheWholeFolder) {
       upstream_.entry({{"English", "/content/downloads/d/P1/English.dist"}},
                       {{"/content/downloads/d/P1/a.pkg", 3000, "/content/downloads/d/P1/a.pkm"}});
   auto mirrored = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", entry, Url::parse(upstream_.url("/content/downloads/d/P1/P1.smd")), context());
-  ASSERT_TRUE(mirrored->downloadMirroredFiles());
+      "P1", entry, Url::parse(upstream_.url("/content/downloads/d/P1/P1.smd")),
+      context().services());
+  ASSERT_TRUE(KTSProductDownload::downloadMirroredFiles(*mirrored));
   mirrored->state().enable();
   // A part kept from a download cut short goes with the product, file or not.
   std::filesystem::remove(local("/content/downloads/d/P1/a.pkm"));

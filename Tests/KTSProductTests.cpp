@@ -4,6 +4,7 @@
 
 #include "KTCatalogKeys.h"
 #include "KTProductForKTS.h"
+#include "KTSFetchScheduler.h"
 #include "KTSMetadataGenerator.h"
 #include "KTSPassMemo.h"
 #include "KTSPreferences.h"
@@ -62,7 +63,7 @@ TEST_F(KTSProductTest, ActiveProductDownloadsItsMetadataAndKeepsThePreviousCopy)
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.8").toXml());
   auto smdUrl = Url::parse(upstream_.url("/d/P1/P1.smd"));
   auto first = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", entry, smdUrl, context());
+      "P1", entry, smdUrl, context().services());
   EXPECT_EQ(first->initStatus(), 1);
   EXPECT_EQ(first->version(), "10.6.8");
   EXPECT_EQ(first->productFamily(), "Vantor OS Update (10.6)");
@@ -89,7 +90,7 @@ TEST_F(KTSProductTest, ActiveProductDownloadsItsMetadataAndKeepsThePreviousCopy)
 
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.6.9").toXml());
   auto second = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", entry, smdUrl, context());
+      "P1", entry, smdUrl, context().services());
   EXPECT_EQ(second->version(), "10.6.9");
   EXPECT_EQ(
       (*Plist::readFile(local("/d/P1/P1.smd.previous"), nullptr))["CFBundleShortVersionString"]
@@ -102,7 +103,7 @@ TEST_F(KTSProductTest, ActiveProductDownloadsItsMetadataAndKeepsThePreviousCopy)
 TEST_F(KTSProductTest, MetadataThatCannotBeDownloadedIsReplacedAfterThreeAttempts) {
   upstream_.putStatus("/d/P1/P1.smd", 500);
   auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")), context());
+      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")), context().services());
   EXPECT_EQ(product->initStatus(), 1);
   EXPECT_EQ(clock_->sleeps(), (std::vector<double>{3.0, 3.0}));
   for (int remaining : {2, 1, 0}) {
@@ -120,7 +121,7 @@ TEST_F(KTSProductTest, MetadataThatCannotBeDownloadedIsReplacedAfterThreeAttempt
   misspelt.remove("platforms");
   upstream_.put("/d/P1/P1.smd", misspelt.toXml());
   product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")), context());
+      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")), context().services());
   EXPECT_EQ(product->productFamily(), "Vantor Tool");
   EXPECT_TRUE(logged("ondrd_test[DBG]: PROD: P1: repaired incomplete SMD data"));
   EXPECT_FALSE(Plist::readFile(local("/d/P1/P1.smd"), nullptr)->contains("platforms"));
@@ -133,13 +134,14 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
   auto missingUrl = Url::parse(upstream_.url("/d/P2/P2.smd"));
   auto make = [&](const std::optional<Url>& url) {
     return KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-        "P1", fullEntry(), url, context());
+        "P1", fullEntry(), url, context().services());
   };
   std::shared_ptr<KTSProduct> outside = make(smdUrl);
   int requests = upstream_.requestCount();
   std::string smdFile = local("/d/P1/P1.smd");
   std::optional<std::uint64_t> unchangedFile = fileIdentity(smdFile);
   Plist entries = Plist::dictionary();
+  KTSFetchScheduler scheduler(4, nullptr);
   {
     KTSPassMemo pass;
     auto sharing = context().lend(pass);
@@ -155,7 +157,7 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
       if (productId == std::string("P3")) entry.set("CompositeProductState", Plist::integer(3));
       entries.set(productId, entry);
     }
-    KTSServerMetadata::prefetchServerMetadataForEntries(entries, context());
+    KTSServerMetadata::prefetchServerMetadataForEntries(entries, pass, scheduler);
     EXPECT_EQ(upstream_.requestCount(), requests + 2);
     // Fetched unchanged, the file stays in place and is its own previous version.
     EXPECT_EQ(fileIdentity(smdFile), unchangedFile);
@@ -179,7 +181,7 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
   {
     KTSPassMemo pass;
     auto sharing = context().lend(pass);
-    KTSServerMetadata::prefetchServerMetadataForEntries(entries, context());
+    KTSServerMetadata::prefetchServerMetadataForEntries(entries, pass, scheduler);
     EXPECT_EQ(make(smdUrl)->version(), "10.6.9") << "the next pass fetches anew";
   }
   EXPECT_EQ((*Plist::readFile(smdFile + ".previous", nullptr))["CFBundleShortVersionString"]
@@ -190,7 +192,7 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
 
 TEST_F(KTSProductTest, WithoutAMetadataUrlASubstituteIsGeneratedFromTheDistribution) {
   auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", fullEntry(), std::nullopt, context());
+      "P1", fullEntry(), std::nullopt, context().services());
   EXPECT_EQ(product->initStatus(), 1);
   std::optional<Plist> written = Plist::readFile(local("/d/P1/P1.smd"), nullptr);
   ASSERT_TRUE(written);
@@ -205,17 +207,17 @@ TEST_F(KTSProductTest, WithoutAMetadataUrlASubstituteIsGeneratedFromTheDistribut
   // A missing distribution makes the generator refuse with -2, and the product unusable.
   Plist orphan = upstream_.entry({{"English", "/d/P2/English.dist"}}, {{"/d/P2/x.pkg", 1, ""}});
   auto refused = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P2", orphan, {}, context());
+      "P2", orphan, {}, context().services());
   EXPECT_EQ(refused->initStatus(), -1);
   EXPECT_FALSE(refused->smdPath());
   // Any other failure (here status 500) is -1 and leaves the product usable.
   upstream_.putStatus("/d/P2/English.dist", 500);
   auto other = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P2", orphan, {}, context());
+      "P2", orphan, {}, context().services());
   EXPECT_EQ(other->initStatus(), 1);
 
   auto hostile = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "../P3", fullEntry(), std::nullopt, context());
+      "../P3", fullEntry(), std::nullopt, context().services());
   EXPECT_EQ(hostile->initStatus(), 0);
   EXPECT_TRUE(logged("ondrd_test[ERR]: Refusing product with an invalid product id: \"../P3\""));
 }
@@ -228,7 +230,7 @@ TEST_F(KTSProductTest, LegacyProductsReadWhatIsOnDiskAndNeverDownload) {
   upstream_.put("/d/P1/mapped.smd", metadata("never fetched", "1").toXml());
 
   auto bare = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", entry, smdUrl, context());
+      "P1", entry, smdUrl, context().services());
   std::optional<Plist> minimal = Plist::readFile(local("/d/P1/P1.smd"), nullptr);
   ASSERT_TRUE(minimal) << "the minimal dictionary is written for a legacy product";
   EXPECT_EQ(bare->bundleNames()["English"].stringValue(), "_productId Update");
@@ -237,13 +239,13 @@ TEST_F(KTSProductTest, LegacyProductsReadWhatIsOnDiskAndNeverDownload) {
   Plist generic = metadata("Vantor OS Update", "10.4.11");
   ASSERT_TRUE(generic.writeXmlFile(local("/d/P1/P1.smd"), nullptr));
   auto fromGeneric = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", entry, smdUrl, context());
+      "P1", entry, smdUrl, context().services());
   EXPECT_EQ(fromGeneric->productFamily(), "Vantor OS Update");
 
   generic.set("CFBundleShortVersionString", "10");
   ASSERT_TRUE(generic.writeXmlFile(local("/d/P1/mapped.smd"), nullptr));
   auto fromMapped = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", entry, smdUrl, context());
+      "P1", entry, smdUrl, context().services());
   EXPECT_EQ(fromMapped->productFamily(), "Vantor OS Update") << "one version part: unchanged";
   EXPECT_EQ(fromMapped->smdPath()->parentServerURL(), smdUrl);
 
@@ -251,7 +253,7 @@ TEST_F(KTSProductTest, LegacyProductsReadWhatIsOnDiskAndNeverDownload) {
   otherLanguages.mutableValue("localization").remove("English");
   ASSERT_TRUE(otherLanguages.writeXmlFile(local("/d/P1/mapped.smd"), nullptr));
   EXPECT_FALSE(KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-                   "P1", entry, smdUrl, context())
+                   "P1", entry, smdUrl, context().services())
                    ->productFamily());
   EXPECT_EQ(upstream_.requestCount(), 0);
 }
@@ -259,7 +261,7 @@ TEST_F(KTSProductTest, LegacyProductsReadWhatIsOnDiskAndNeverDownload) {
 TEST_F(KTSProductTest, ArchiveRoundTripsAndRestoreToleratesMissingKeys) {
   upstream_.put("/d/P1/P1.smd", metadata("Vantor OS Update", "10.7.2").toXml());
   auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")), context());
+      "P1", fullEntry(), Url::parse(upstream_.url("/d/P1/P1.smd")), context().services());
   product->state().restore(KTSProductState::Mirrored, false);
   product->state().enableOnceMirrored();
   Plist archive = product->archiveRepresentation();

@@ -9,6 +9,7 @@
 #include "KTCatalogKeys.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
+#include "KTSProductDownload.h"
 #include "KTSUtilities.h"
 #include "OndrelTest.h"
 #include "SampleTree.h"
@@ -161,18 +162,20 @@ TEST_F(SampleUpstreamTest, ServedTreesReadByTheProductClasses) {
       metadata = Url::parse(entry["ServerMetadataURL"].stringValue());
     }
     auto product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-        productId, entry, metadata, context());
+        productId, entry, metadata, context().services());
     if (product->initStatus() == 1) ++built;
   }
   EXPECT_EQ(built, 120u);
   const std::string withoutMetadata = manifest["cases"]["noServerMetadataURL"][0].stringValue();
   auto generated = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      withoutMetadata, catalog[KTCatalogProductsDictKey][withoutMetadata], std::nullopt, context());
+      withoutMetadata, catalog[KTCatalogProductsDictKey][withoutMetadata], std::nullopt,
+      context().services());
   EXPECT_NE(generated->bundleNames()["English"].stringValue().find("Vantor"), std::string::npos);
 
   auto package = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
-      "VT-000020", catalog[KTCatalogProductsDictKey]["VT-000020"], std::nullopt, context());
-  EXPECT_TRUE(package->downloadMirroredFiles());
+      "VT-000020", catalog[KTCatalogProductsDictKey]["VT-000020"], std::nullopt,
+      context().services());
+  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*package));
   EXPECT_TRUE(sample::stopServingTree(folder));
   EXPECT_FALSE(sample::stopServingTree(folder));
 }
