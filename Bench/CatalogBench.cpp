@@ -14,6 +14,7 @@
 #include "Clock.h"
 #include "KTCatalogKeys.h"
 #include "KTSCatalog.h"
+#include "KTSFetchScheduler.h"
 #include "KTSLogger.h"
 #include "KTSPassContext.h"
 #include "KTSPreferences.h"
@@ -43,8 +44,8 @@ void row(const char* figure, double value, const char* unit) {
 
 int construct(KTSPassContext& context, const Url& catalogURL, std::size_t count) {
   std::string local = context.preferences().updatesDocRoot() + "bench.ktcatalog";
-  KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(catalogURL, local, true,
-                                                                        false);
+  KTSFetchScheduler::downloadFileWithURLToPathReplaceExistingArchivePrevious(catalogURL, local,
+                                                                             true, false);
   Plist catalog = KTSUtilities::readPropertyListAtPath(local);
   std::vector<std::shared_ptr<KTSProduct>> products;
   double built = timed([&] {
@@ -65,7 +66,10 @@ int construct(KTSPassContext& context, const Url& catalogURL, std::size_t count)
   std::size_t restored = 0;
   row("restore all", timed([&] {
         for (const Plist& archive : archives) {
-          restored += KTSProduct::productWithArchiveRepresentation(archive)->productId() ? 1 : 0;
+          restored +=
+              KTSProduct::productWithArchiveRepresentation(archive, context.layout())->productId()
+                  ? 1
+                  : 0;
         }
       }),
       "s");
@@ -139,7 +143,9 @@ int mirror(KTSPassContext& context, const Url& catalogURL, std::size_t count,
   }
   list.close();
   double seconds = timed([&] {
-    for (const auto& product : chosen) KTSProductDownload::downloadMirroredFiles(*product);
+    for (const auto& product : chosen)
+      KTSProductDownload::downloadMirroredFiles(
+          *product, KTSFetchScheduler::preferredConcurrency(context.preferences()));
   });
   for (const auto& product : chosen) {
     for (const Plist& record : product->mirrorFiles().elements()) {

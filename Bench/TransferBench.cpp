@@ -13,7 +13,6 @@
 
 #include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
-#include "KTSPreferences.h"
 #include "PathString.h"
 
 using namespace ondrel;
@@ -23,8 +22,6 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "usage: transfer_bench URL_LIST OUTPUT_FOLDER [SYNC_LIMIT_KIB]\n");
     return 2;
   }
-  auto preferences = KTSPreferences::defaultPreferences();
-  preferences->setSyncBandwidth(Plist::integer(argc > 3 ? std::stoll(argv[3]) : 0));
   std::vector<std::string> urls;
   std::ifstream list(argv[1]);
   for (std::string line; std::getline(list, line);) {
@@ -34,7 +31,8 @@ int main(int argc, char** argv) {
   auto start = std::chrono::steady_clock::now();
   std::uint64_t bytes = 0;
   int failures = 0;
-  KTSFetchScheduler scheduler(concurrent, nullptr);
+  KTSFetchScheduler scheduler(concurrent, nullptr,
+                              {argc > 3 ? std::stoll(argv[3]) * 1024 : 0, 1024});
   for (const std::string& text : urls) {
     std::optional<Url> url = Url::parse(text);
     if (!url) return 2;

@@ -180,8 +180,9 @@ bool KTSCatalog::loadProductIndexCache() {
       std::optional<ProductIndex> restored;
       for (const Plist& element : cache.elements()) {
         std::shared_ptr<KTSProduct> product =
-            element.isDictionary() ? KTSProduct::productWithArchiveRepresentation(element)
-                                   : nullptr;
+            element.isDictionary()
+                ? KTSProduct::productWithArchiveRepresentation(element, context_.layout())
+                : nullptr;
         if (!product || !product->productId()) {
           log_.debug("CTLG: *** product init from cache item failed! ID = {}",
                      element["productId"]);
@@ -302,8 +303,10 @@ void KTSCatalog::verifyAllProductDownloadStates() {
 Plist KTSCatalog::mirrorRepresentationForProduct(KTSProduct& product) const {
   const Plist& master = product.masterRepresentation();
   Plist result = master.isDictionary() ? master : Plist::dictionary();
-  auto childURL = [](const Plist& upstream) {
-    return Plist(KTSPath::pathWithString(upstream.stringValue()).asChildServerURL().value_or(""));
+  const KTSServerLayout& layout = product.layout();
+  auto childURL = [&layout](const Plist& upstream) {
+    return Plist(
+        KTSPath::pathWithString(upstream.stringValue()).asChildServerURL(layout).value_or(""));
   };
   Plist distributions = Plist::dictionary();
   for (const auto& [language, url] : master[KTCatalogProductDistributionsDictKey].items()) {
@@ -341,9 +344,9 @@ Plist KTSCatalog::mirrorRepresentationForProduct(KTSProduct& product) const {
   }
   // Like every file a served entry names, the metadata must be on disk here: one that was
   // refused or never fetched is not named.
-  std::optional<std::string> local = product.smdPath()->asLocalPath();
-  std::optional<std::string> served = product.smdPath()->asChildServerURL();
-  if (served && local && KTSPath::isInsideHtmlFolder(*local) &&
+  std::optional<std::string> local = product.smdPath()->asLocalPath(layout);
+  std::optional<std::string> served = product.smdPath()->asChildServerURL(layout);
+  if (served && local && layout.isInsideHtmlFolder(*local) &&
       KTSUtilities::sizeOfExistingItemAtPath(*local)) {
     result.set("ServerMetadataURL", *served);
   } else {

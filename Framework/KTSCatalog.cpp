@@ -207,11 +207,10 @@ void KTSCatalog::prefetchServerMetadata() {
   std::optional<KTSFetchScheduler> own;
   KTSFetchScheduler* scheduler = context_.scheduler();
   if (scheduler == nullptr) {
-    scheduler =
-        &own.emplace(KTSFetchScheduler::preferredConcurrency(context_.preferences()), nullptr);
+    scheduler = &own.emplace(context_.preferences(), nullptr);
   }
   KTSServerMetadata::prefetchServerMetadataForEntries(compositeCatalog_[KTCatalogProductsDictKey],
-                                                      *memo, *scheduler);
+                                                      context_.layout(), *memo, *scheduler);
 }
 
 void KTSCatalog::shareEntriesOfProducts(const ProductIndex& products) {

@@ -62,7 +62,7 @@ void KTSCatalogDownloader::recordOutcome(const std::string& scheme) {
 
 void KTSCatalogDownloader::downloadWithScheme(const std::string& scheme) {
   beginAttemptWithScheme(scheme);
-  startSynchronousDownload();
+  KTSFetchScheduler::fetchToEnd(*this, nullptr);
   endAttemptWithScheme(scheme);
 }
 

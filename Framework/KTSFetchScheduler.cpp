@@ -5,6 +5,8 @@
 
 #include "KTSPreferences.h"
 #include "KTSSettings.h"
+#include "KTSUtilities.h"
+#include "PathString.h"
 #include "Transfer.h"
 
 namespace ondrel {
@@ -29,13 +31,20 @@ void (*schedulerHeartbeat)() = nullptr;
 }  // namespace
 
 KTSFetchScheduler::KTSFetchScheduler(std::size_t maxConcurrent,
-                                     std::shared_ptr<KTSFileValidators> validators)
+                                     std::shared_ptr<KTSFileValidators> validators,
+                                     KTSTransferLimits limits)
     : maxConcurrent_(
           std::clamp<std::size_t>(maxConcurrent, 1, KTSSettings::kMostConcurrentDownloads)),
       maxConditional_(std::min(maxConcurrent_ * kConditionalShare, kMostConditional)),
       validators_(std::move(validators)),
       pace_(std::make_shared<KTSSyncPace>(
-          KTSSyncPace{std::nullopt, 0, maxConcurrent_ + maxConditional_})) {}
+          KTSSyncPace{std::nullopt, 0, maxConcurrent_ + maxConditional_, limits})) {}
+
+KTSFetchScheduler::KTSFetchScheduler(KTSPreferences& preferences,
+                                     std::shared_ptr<KTSFileValidators> validators)
+    : KTSFetchScheduler(preferredConcurrency(preferences), std::move(validators),
+                        {preferences.syncBandwidth().integerValue() * 1024,
+                         preferences.minimumDownloadSpeed().integerValue() * 1024}) {}
 
 KTSFetchScheduler::~KTSFetchScheduler() = default;
 
@@ -109,6 +118,36 @@ void KTSFetchScheduler::runToEnd(KTSFileDownloader& downloader) {
   runUntil([&ended] { return ended; });
 }
 
+void KTSFetchScheduler::fetchToEnd(KTSFileDownloader& downloader, KTSFetchScheduler* scheduler) {
+  if (scheduler != nullptr) return scheduler->runToEnd(downloader);
+  KTSFetchScheduler own(1, nullptr);
+  own.runToEnd(downloader);
+}
+
+bool KTSFetchScheduler::downloadFileWithURLToPathReplaceExistingArchivePrevious(
+    const Url& url, const std::string& path, bool replaceExisting, bool archivePrevious,
+    KTSFetchScheduler* scheduler) {
+  std::string localPath = standardizingPath(path);
+  if (!replaceExisting && KTSUtilities::fileExistsAtPath(localPath)) {
+    LogHandle::shared().info("Skipping download; REPLACE = NO, file exists: {})",
+                             lastPathComponent(url.path()));
+    return true;
+  }
+  auto downloader =
+      KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(url, localPath, archivePrevious);
+  fetchToEnd(*downloader, scheduler);
+  if (const std::optional<KTSError>& error = downloader->downloadError()) {
+    logFailedDownload(localPath, error->description());
+    return false;
+  }
+  return true;
+}
+
+void KTSFetchScheduler::logFailedDownload(const std::string& localPath, const std::string& reason) {
+  LogHandle::shared().error("Download for \"{}\" failed (reason: {})", lastPathComponent(localPath),
+                            reason);
+}
+
 void KTSFetchScheduler::startQueued() {
   auto now = std::chrono::steady_clock::now();
   for (auto due = deferred_.begin(); due != deferred_.end();) {
@@ -134,7 +173,9 @@ void KTSFetchScheduler::startQueued() {
 
 void KTSFetchScheduler::startNext(std::deque<Job>& queue) {
   // The limit paces what arrives while transfers run, not the time between busy spells.
-  if (running_.empty()) *pace_ = KTSSyncPace{std::nullopt, 0, maxConcurrent_ + maxConditional_};
+  if (running_.empty()) {
+    *pace_ = KTSSyncPace{std::nullopt, 0, maxConcurrent_ + maxConditional_, pace_->limits};
+  }
   Job job = std::move(queue.front());
   queue.pop_front();
   job.downloader->setPace(pace_);

@@ -5,13 +5,13 @@
 // with the sync bandwidth limit paced across them together and the validators of kept files sent
 // along. A pass makes one and puts it in its context; every download of the pass (a catalog, a
 // server metadata file, a product's files) joins it, and one started without a context's
-// scheduler runs under a scheduler of its own. Used by the sync pass, KTSProduct and
-// KTSFileDownloader. A server that answers 429 or 503 with Retry-After is asked again after that
-// wait (up to five minutes, five times a file), one that gives no wait after a second while more
-// than one transfer may run, and the scheduler then runs half as many transfers of each kind at
-// once: a busy upstream slows the pass, it does not fail it. One
-// thread; never two running on one thread except nested, a download of one scheduler's callback
-// run to its end by the same scheduler.
+// scheduler runs under a scheduler of its own. Used by the sync pass, KTSProduct, the catalogs
+// and the server metadata. A server that answers 429 or 503 with Retry-After is asked again after
+// that wait (up to five minutes, five times a file), one that gives no wait after a second while
+// more than one transfer may run, and the scheduler then runs half as many transfers of each kind
+// at once: a busy upstream slows the pass, it does not fail it. One thread; never two running on
+// one thread except nested, a download of one scheduler's callback run to its end by the same
+// scheduler.
 #pragma once
 
 #include <chrono>
@@ -53,7 +53,11 @@ class KTSFetchScheduler {
 
   // validators: where the kept files' validators are recorded and read; none sends no
   // conditional request.
-  KTSFetchScheduler(std::size_t maxConcurrent, std::shared_ptr<KTSFileValidators> validators);
+  KTSFetchScheduler(std::size_t maxConcurrent, std::shared_ptr<KTSFileValidators> validators,
+                    KTSTransferLimits limits = {});
+  // With the preferences' "maxConcurrentDownloads", "syncBandwidth" (KiB/s) and
+  // "minimumDownloadSpeed" (KB/s).
+  KTSFetchScheduler(KTSPreferences& preferences, std::shared_ptr<KTSFileValidators> validators);
   ~KTSFetchScheduler();
   KTSFetchScheduler(const KTSFetchScheduler&) = delete;
   KTSFetchScheduler& operator=(const KTSFetchScheduler&) = delete;
@@ -80,6 +84,16 @@ class KTSFetchScheduler {
   void runUntil(const std::function<bool()>& done);
   // Runs one download to its end, ahead of those queued, while the others go on beside it.
   void runToEnd(KTSFileDownloader& downloader);
+  // Runs the download to its end on scheduler beside its other downloads, or without one on a
+  // scheduler of its own; afterwards downloadError tells the outcome (none on success).
+  static void fetchToEnd(KTSFileDownloader& downloader, KTSFetchScheduler* scheduler);
+  // Downloads url to path unless replaceExisting is false and the file exists (then true without
+  // a transfer). False, with one error line, when the download failed.
+  static bool downloadFileWithURLToPathReplaceExistingArchivePrevious(
+      const Url& url, const std::string& path, bool replaceExisting, bool archivePrevious,
+      KTSFetchScheduler* scheduler = nullptr);
+  // The error line of a download to localPath that failed for reason.
+  static void logFailedDownload(const std::string& localPath, const std::string& reason);
 
   std::size_t maxConcurrent() const { return maxConcurrent_; }
   std::size_t maxConditional() const { return maxConditional_; }

@@ -5,9 +5,7 @@
 
 #include "Clock.h"
 #include "FileIO.h"
-#include "KTSFetchScheduler.h"
 #include "KTSFileValidators.h"
-#include "KTSPreferences.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
 
@@ -51,21 +49,15 @@ KTSFileDownloader::KTSFileDownloader(const Url& url, const std::string& localPat
 
 KTSFileDownloader::~KTSFileDownloader() = default;
 
-void KTSFileDownloader::startSynchronousDownload(KTSFetchScheduler* scheduler) {
-  if (scheduler != nullptr) return scheduler->runToEnd(*this);
-  KTSFetchScheduler own(1, nullptr);
-  own.runToEnd(*this);
-}
-
 bool KTSFileDownloader::expectsConditionalRequest(const KTSFileValidators* validators) const {
   return usesValidators_ && validators != nullptr && validators->recordsFile(downloadPath_);
 }
 
 bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& validators) {
   log_.debug("FILE: {} - downloading", downloadName_);
-  maxSyncBW_ = KTSPreferences::defaultPreferences()->syncBandwidth().integerValue() * 1024;
-  downloadStart_ = Clock::now();
   if (!pace_) pace_ = std::make_shared<KTSSyncPace>();
+  maxSyncBW_ = pace_->limits.syncBandwidth;
+  downloadStart_ = Clock::now();
   if (!pace_->start) pace_->start = downloadStart_;
   downloadError_.reset();
   notModified_ = false;
@@ -129,9 +121,8 @@ void KTSFileDownloader::continuePartialDownload(Transfer& transfer) {
 }
 
 void KTSFileDownloader::applyTimeLimits(Transfer& transfer) const {
-  std::int64_t kilobytes = std::clamp<std::int64_t>(
-      KTSPreferences::defaultPreferences()->minimumDownloadSpeed().integerValue(), 0, 1 << 20);
-  std::uint64_t floor = static_cast<std::uint64_t>(kilobytes) * 1024;
+  std::uint64_t floor = static_cast<std::uint64_t>(
+      std::clamp<std::int64_t>(pace_->limits.minimumSpeed, 0, std::int64_t{1} << 30));
   // Under a sync limit, a transfer's fair share may be below the floor: it must not fail for it.
   if (maxSyncBW_ > 0 && pace_) {
     floor = std::min<std::uint64_t>(floor, static_cast<std::uint64_t>(maxSyncBW_) /

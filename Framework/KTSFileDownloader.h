@@ -1,13 +1,13 @@
-// KTSFileDownloader fetches one file over HTTP or HTTPS into a local path, through the fetch
-// scheduler in effect (KTSFetchScheduler), which runs many at once on the calling thread's event
-// loop. The body goes to NAME.downloading and replaces the final file only when complete,
-// optionally keeping the replaced file as NAME.previous; a body cut short stays there and the
-// next try asks only for the rest, if the file upstream is still the same version; the sync
-// bandwidth limit of the preferences paces it together with the others of its scheduler. With the
+// KTSFileDownloader fetches one file over HTTP or HTTPS into a local path; a fetch scheduler
+// (KTSFetchScheduler) runs it, many at once on the calling thread's event loop. The body goes to
+// NAME.downloading and replaces the final file only when complete, optionally keeping the
+// replaced file as NAME.previous; a body cut short stays there and the next try asks only for the
+// rest, if the file upstream is still the same version; the limits of its scheduler (a sync
+// bandwidth shared with the scheduler's other downloads, a slowest speed) pace it. With the
 // scheduler's record of validators, a kept file is asked for only if it changed: a 304 leaves it in
 // place (and its previous version the same file). A small file can be received into memory instead,
-// for a caller that places it itself. Used by the download wrapper of KTSUtilities, by KTSProduct
-// and, as its base class, by KTSCatalogDownloader. One thread for all downloaders.
+// for a caller that places it itself. Used by the fetch scheduler's download of one file, by
+// KTSProduct and, as its base class, by KTSCatalogDownloader. One thread for all downloaders.
 #pragma once
 
 #include <chrono>
@@ -28,12 +28,21 @@ namespace ondrel {
 class KTSFetchScheduler;
 class KTSFileValidators;
 
+// What the downloads of one scheduler may use: the sync bandwidth they share, in bytes per second
+// (0: no limit), and the slowest each may be, in bytes per second over two minutes, before it
+// fails and waits for the next pass (0: any speed above nothing).
+struct KTSTransferLimits {
+  std::int64_t syncBandwidth = 0;
+  std::int64_t minimumSpeed = 1024;
+};
+
 // The bytes that the downloads sharing one sync bandwidth limit received since the first began,
-// and how many of them may run at once.
+// how many of them may run at once, and their limits.
 struct KTSSyncPace {
   std::optional<Date> start;
   std::uint64_t bytes = 0;
   std::size_t sharers = 1;
+  KTSTransferLimits limits;
 };
 
 class KTSFileDownloader : public TransferReceiver {
@@ -45,9 +54,6 @@ class KTSFileDownloader : public TransferReceiver {
   KTSFileDownloader(const Url& url, const std::string& localPath, bool archivePrevious);
   ~KTSFileDownloader() override;
 
-  // Runs the whole transfer, through scheduler beside its other transfers or else alone;
-  // afterwards downloadError tells the outcome (none on success).
-  void startSynchronousDownload(KTSFetchScheduler* scheduler = nullptr);
   void endDownload();
   // From the next start on, the body goes into memory (at most limit bytes; a longer one fails
   // the download) and nothing is written or placed: takeReceivedBody hands it over.

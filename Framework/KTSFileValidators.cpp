@@ -9,7 +9,6 @@
 
 #include "FileIO.h"
 #include "KTSLogger.h"
-#include "KTSPreferences.h"
 #include "PathString.h"
 
 namespace ondrel {
@@ -69,9 +68,8 @@ KTSFileValidators::KTSFileValidators(std::string storePath) : storePath_(std::mo
   load();
 }
 
-std::string KTSFileValidators::defaultStorePath() {
-  return appendingPathComponent(KTSPreferences::defaultPreferences()->updatesDocRoot(),
-                                ".validators");
+std::string KTSFileValidators::storePathForDocumentRoot(const std::string& documentRoot) {
+  return appendingPathComponent(documentRoot, ".validators");
 }
 
 void KTSFileValidators::load() {

@@ -24,8 +24,8 @@ class KTSFileValidators {
   // Reads the record at storePath; a missing, unreadable or damaged record is an empty one.
   explicit KTSFileValidators(std::string storePath);
 
-  // The record of the server's default document root.
-  static std::string defaultStorePath();
+  // The record kept for a document root.
+  static std::string storePathForDocumentRoot(const std::string& documentRoot);
 
   // What to send when fetching the file at path again; none when nothing is recorded for it or
   // the file is not the one recorded.

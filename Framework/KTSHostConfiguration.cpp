@@ -5,8 +5,7 @@
 #include "Clock.h"
 #include "FileIO.h"
 #include "HostPaths.h"
-#include "KTSMetaIndex.h"
-#include "KTSPreferences.h"
+#include "KTSCatalogSets.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
 #include "Utf8.h"
@@ -55,7 +54,7 @@ void KTSHostConfiguration::unload() {
   configHasChanged_ = false;
 }
 
-bool KTSHostConfiguration::loadWithPreferences(const KTSPreferences* preferences) {
+bool KTSHostConfiguration::loadWithPreferences(const Plist* preferences) {
   if (!checkFile()) {
     unload();
     return false;
@@ -119,7 +118,7 @@ bool KTSHostConfiguration::checkFile() {
   return true;
 }
 
-void KTSHostConfiguration::applyUpgradesWithPreferences(const KTSPreferences* preferences) {
+void KTSHostConfiguration::applyUpgradesWithPreferences(const Plist* preferences) {
   if (preferences == nullptr || !configLines_) return;
   ConfigLines& lines = *configLines_;
   if (!KTSConfigLines::containsSectionTypeWithIdentifier(lines, "<IfModule", "mod_rewrite.c")) {
@@ -129,11 +128,11 @@ void KTSHostConfiguration::applyUpgradesWithPreferences(const KTSPreferences* pr
     log_.info("Configuration feature added: mod_rewrite.");
   }
   ConfigLines block = {"    RewriteEngine On"};
-  Plist configured = preferences->otherCatalogs();
-  for (const std::string& name : KTSMetaIndex::supportedCatalogNames()) {
+  const Plist& configured = (*preferences)["otherCatalogs"];
+  for (const std::string& name : KTSCatalogSets::supportedCatalogNames()) {
     if (!configured.containsElement(Plist(name))) continue;
     block.push_back("    RewriteCond %{HTTP_USER_AGENT} Taltos/" +
-                    KTSMetaIndex::taltosNameForCatalogName(name).value_or(""));
+                    KTSCatalogSets::taltosNameForCatalogName(name).value_or(""));
     block.push_back(
         "    RewriteRule ^/index\\.ktcatalog$ "
         "http://%{HTTP_HOST}/cgi-bin/OndrelServerGetCatalog?/" +

@@ -16,8 +16,6 @@
 
 namespace ondrel {
 
-class KTSPreferences;
-
 using ConfigLines = std::vector<std::string>;
 
 // Operations on lists of configuration lines. Only the space character counts as a blank.
@@ -57,13 +55,14 @@ class KTSHostConfiguration {
   explicit KTSHostConfiguration(std::string path);
 
   // Loads the file (restoring or setting it aside first when needed) and upgrades its rewrite
-  // block for the preferences' catalogs. False leaves the object unloaded.
-  bool loadWithPreferences(const KTSPreferences* preferences);
+  // block for the catalogs of the settings (the preferences' dictionary; none leaves the block
+  // as it is). False leaves the object unloaded.
+  bool loadWithPreferences(const Plist* preferences);
   // Writes the lines when a directive was set since the last load or save, keeping the replaced
   // file as ".previous". The file on disk is always whole: old or new, never missing.
   bool save();
   bool checkFile();
-  void applyUpgradesWithPreferences(const KTSPreferences* preferences);
+  void applyUpgradesWithPreferences(const Plist* preferences);
 
   // The rest of the first line that begins with prefix, exactly as written; none if no line does.
   std::optional<std::string> valueForPrefix(const std::string& prefix) const;

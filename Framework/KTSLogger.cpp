@@ -70,8 +70,6 @@ std::shared_ptr<KTSLogger> KTSLogger::loggerWithSourceLogType(const std::string&
   return std::make_shared<KTSLogger>(sourceName, logType);
 }
 
-void KTSLogger::resetDefaultLogger() { SharedInstance<KTSLogger>::reset(); }
-
 std::string KTSLogger::userDefaultsPath() {
   return fixedPath("/Library/Preferences/com.vantor.KTServer.plist");
 }
@@ -125,10 +123,10 @@ void KTSLogger::refreshUserDefaults() {
   std::string path = userDefaultsPath();
   if (!userDefaultsWatch_.mayHaveChanged(path)) return;
   struct stat status {};
-  std::string stamp = "missing";
+  std::string stamp = path + ": missing";
   if (::stat(path.c_str(), &status) == 0) {
-    stamp = fmt::format("{}.{}:{}:{}", status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_ino,
-                        status.st_size);
+    stamp = fmt::format("{}: {}.{}:{}:{}", path, status.st_mtim.tv_sec, status.st_mtim.tv_nsec,
+                        status.st_ino, status.st_size);
   }
   if (stamp == userDefaultsStamp_) return;
   userDefaultsStamp_ = stamp;

@@ -29,8 +29,6 @@ class KTSLogger {
   static std::shared_ptr<KTSLogger> defaultLogger();
   static std::shared_ptr<KTSLogger> loggerWithSourceLogType(const std::string& sourceName,
                                                             std::int64_t logType);
-  // Forgets the shared logger (test support).
-  static void resetDefaultLogger();
   // The user-defaults file that holds "enableDebugLogging" and "showLogSource".
   static std::string userDefaultsPath();
 

@@ -54,17 +54,6 @@ class KTSMetaIndex {
   const KTSURL& deprecationsSURL() const { return deprecationsSURL_; }
   const LogHandle& logger() const { return log_; }
 
-  static const std::string& currentCatalogVersion();
-  // Newest first.
-  static const std::vector<std::string>& previousCatalogVersions();
-  // Newest catalog first; none for a version not in the table.
-  static std::optional<std::vector<std::string>> defaultCatalogsForVersion(
-      const std::string& version);
-  // The kernel major version ("9" to "16") that clients of that catalog report; none if unknown.
-  static std::optional<std::string> taltosNameForCatalogName(const std::string& catalogName);
-  // Oldest first.
-  static const std::vector<std::string>& supportedCatalogNames();
-
  private:
   bool failRefresh();
 

@@ -5,7 +5,8 @@
 
 namespace ondrel {
 
-KTSMetadataGenerator::KTSMetadataGenerator() : log_(LogHandle::shared()) {}
+KTSMetadataGenerator::KTSMetadataGenerator(const KTSServerLayout& layout)
+    : layout_(layout), log_(LogHandle::shared()) {}
 
 Plist KTSMetadataGenerator::createMetadataWithDictionaryIdentifier(const Plist& dictionary,
                                                                    const std::string& identifier) {
@@ -33,7 +34,7 @@ void KTSMetadataGenerator::initReferenceProduct() {
   KTProductForKTS::Error error;
   referenceProduct_ = KTProductForKTS::initWithProductKeyCatalogProductDictionaryLocalization(
       productIdentifier_.value_or(""), productDictionary_, std::nullopt,
-      [](const Url& url) { return KTSPath(url).asLocalPath(); }, &error);
+      [this](const Url& url) { return KTSPath(url).asLocalPath(layout_); }, &error);
   if (referenceProduct_) return;
   log_.debug("MGEN: {} KTProductForKTS init failed; reason: ({}) \"{}\"",
              productIdentifier_.value_or(""), error.code, error.description);

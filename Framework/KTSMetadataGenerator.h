@@ -1,7 +1,8 @@
 // KTSMetadataGenerator writes substitute server metadata for a product whose catalog entry names
 // none: it asks the update-client product class to interpret the entry (display version, name,
 // description, restart action) and builds the metadata dictionary from that. KTSProduct makes
-// one for each generation; its fields hold one generation at a time. One thread.
+// one for each generation; its fields hold one generation at a time. It reads the distribution
+// files where the server's layout puts them. One thread.
 #pragma once
 
 #include <cstdint>
@@ -11,13 +12,15 @@
 
 #include "KTProductForKTS.h"
 #include "KTSLogger.h"
+#include "KTSServerLayout.h"
 #include "Plist.h"
 
 namespace ondrel {
 
 class KTSMetadataGenerator {
  public:
-  KTSMetadataGenerator();
+  // Requires: layout outlives the generator.
+  explicit KTSMetadataGenerator(const KTSServerLayout& layout);
 
   // The generated dictionary, or null; smdResult() then says why (-1 the entry could not be
   // interpreted, -2 it has no distribution file).
@@ -44,6 +47,7 @@ class KTSMetadataGenerator {
   std::optional<std::string> productIdentifier_;
   Plist productDictionary_;
   std::unique_ptr<KTProductForKTS> referenceProduct_;
+  const KTSServerLayout& layout_;
   LogHandle log_;
 };
 

@@ -8,13 +8,12 @@
 
 namespace ondrel {
 
-KTSMirrorSpace KTSMirrorSpace::now() {
-  auto preferences = KTSPreferences::defaultPreferences();
+KTSMirrorSpace KTSMirrorSpace::now(KTSPreferences& preferences) {
   KTSMirrorSpace space;
   space.reservePercent =
-      std::clamp<std::int64_t>(preferences->volumeReserve().integerValue(), 0, 100);
+      std::clamp<std::int64_t>(preferences.volumeReserve().integerValue(), 0, 100);
   struct statvfs volume {};
-  if (::statvfs(preferences->updatesDocRoot().c_str(), &volume) != 0) return space;
+  if (::statvfs(preferences.updatesDocRoot().c_str(), &volume) != 0) return space;
   space.known = true;
   space.total = static_cast<std::uint64_t>(volume.f_blocks) * volume.f_frsize;
   space.free = static_cast<std::uint64_t>(volume.f_bavail) * volume.f_frsize;

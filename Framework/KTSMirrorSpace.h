@@ -8,6 +8,8 @@
 
 namespace ondrel {
 
+class KTSPreferences;
+
 struct KTSMirrorSpace {
   std::uint64_t total = 0;
   std::uint64_t free = 0;
@@ -15,7 +17,8 @@ struct KTSMirrorSpace {
   std::int64_t reservePercent = 0;  // "volumeReserve", within 0 to 100
   bool known = false;               // false when the volume could not be read
 
-  static KTSMirrorSpace now();
+  // The room as it is now on the volume of the preferences' document root.
+  static KTSMirrorSpace now(KTSPreferences& preferences);
   // Whether needed bytes fit beside the reserve once the promised bytes (products still being
   // fetched) are taken. A volume that could not be read is not in the way.
   bool fits(std::uint64_t needed, std::uint64_t promised = 0) const;

@@ -4,6 +4,7 @@
 #include "KTSMetaIndex.h"
 #include "KTSPreferences.h"
 #include "KTSRequestManager.h"
+#include "KTSServerLayout.h"
 #include "KTSSyncStatus.h"
 #include "KTSWorkingSet.h"
 
@@ -12,9 +13,15 @@ namespace ondrel {
 KTSPassContext::KTSPassContext(std::shared_ptr<KTSPreferences> preferences)
     : preferences_(std::move(preferences)), log_(LogHandle::shared()) {}
 
-KTSPassContext::KTSPassContext() : KTSPassContext(KTSPreferences::defaultPreferences()) {}
+KTSPassContext::KTSPassContext()
+    : KTSPassContext(KTSPreferences::preferencesWithPath(std::nullopt)) {}
 
 KTSPassContext::~KTSPassContext() = default;
+
+const KTSServerLayout& KTSPassContext::layout() {
+  if (!layout_) layout_ = std::make_unique<KTSServerLayout>(*preferences_);
+  return *layout_;
+}
 
 KTSWorkingSet& KTSPassContext::workingSet() {
   if (!workingSet_) {

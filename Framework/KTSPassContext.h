@@ -1,10 +1,10 @@
 // KTSPassContext is what a pass, or one command of the administration side, works in: the
-// preferences, the files both sides share (working set, status, request spool, job tickets,
-// meta-index), the logger, and while a pass runs its memo, its record and its fetch scheduler.
-// Whoever starts the work makes one and hands it to everything it builds; nothing finds these
-// through a shared instance or a "current" pointer. ondrd_syncd makes one per pass, so every pass
-// reads the files the administration side wrote as they are then; tests make one per test. The
-// shared files are read when first asked for. One thread uses a context.
+// preferences and the server layout they make, the files both sides share (working set, status,
+// request spool, job tickets, meta-index), the logger, and while a pass runs its memo, its record
+// and its fetch scheduler. Whoever starts the work makes one and hands it to everything it builds;
+// nothing finds these through a shared instance or a "current" pointer. ondrd_syncd makes one per
+// pass, so every pass reads the files the administration side wrote as they are then; tests make
+// one per test. The shared files are read when first asked for. One thread uses a context.
 #pragma once
 
 #include <memory>
@@ -21,6 +21,7 @@ class KTSPassMemo;
 class KTSPassRecord;
 class KTSPreferences;
 class KTSRequestManager;
+class KTSServerLayout;
 class KTSSyncStatus;
 class KTSWorkingSet;
 
@@ -43,7 +44,7 @@ class KTSPassContext {
 
   // Requires: preferences not null.
   explicit KTSPassContext(std::shared_ptr<KTSPreferences> preferences);
-  // With the preferences at their default place (following ONDREL_ROOT).
+  // With preferences read anew from their default place (following ONDREL_ROOT).
   KTSPassContext();
   ~KTSPassContext();
   KTSPassContext(const KTSPassContext&) = delete;
@@ -51,7 +52,9 @@ class KTSPassContext {
 
   KTSPreferences& preferences() const { return *preferences_; }
   const std::shared_ptr<KTSPreferences>& sharedPreferences() const { return preferences_; }
-  // Each is read from its files on first use and kept for the context's life.
+  // Each is read from its files on first use and kept for the context's life; the layout follows
+  // the preferences as they are then.
+  const KTSServerLayout& layout();
   KTSWorkingSet& workingSet();
   KTSSyncStatus& status();
   KTSMetaIndex& metaIndex();
@@ -64,8 +67,8 @@ class KTSPassContext {
   KTSPassMemo* memo() const { return memo_; }
   KTSPassRecord* record() const { return record_; }
   KTSFetchScheduler* scheduler() const { return scheduler_; }
-  // The memo and the scheduler, for making products.
-  KTSPassServices services() const { return {memo_, scheduler_}; }
+  // The layout, the memo and the scheduler, for making products.
+  KTSPassServices services() { return {&layout(), memo_, scheduler_}; }
   [[nodiscard]] Lent<KTSPassMemo> lend(KTSPassMemo& memo) { return {memo_, &memo}; }
   [[nodiscard]] Lent<KTSPassRecord> lend(KTSPassRecord& record) { return {record_, &record}; }
   [[nodiscard]] Lent<KTSFetchScheduler> lend(KTSFetchScheduler& scheduler) {
@@ -74,6 +77,7 @@ class KTSPassContext {
 
  private:
   std::shared_ptr<KTSPreferences> preferences_;
+  std::unique_ptr<KTSServerLayout> layout_;
   std::unique_ptr<KTSWorkingSet> workingSet_;
   std::unique_ptr<KTSSyncStatus> status_;
   std::unique_ptr<KTSMetaIndex> metaIndex_;

@@ -6,7 +6,6 @@
 
 #include "DateFormats.h"
 #include "Json.h"
-#include "KTSPreferences.h"
 #include "KTSServerLayout.h"
 
 namespace ondrel {
@@ -88,7 +87,9 @@ double KTSPassHistory::Pass::seconds() const {
   return std::chrono::duration<double>(ended - started).count();
 }
 
-std::string KTSPassHistory::defaultPath() { return KTSServerLayout::statusPath(".pass_history"); }
+std::string KTSPassHistory::defaultPath(const KTSServerLayout& layout) {
+  return layout.statusPath(".pass_history");
+}
 
 std::string KTSPassHistory::outcomeName(Outcome outcome) {
   switch (outcome) {

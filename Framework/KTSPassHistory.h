@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "KTSServerLayout.h"
 #include "Plist.h"
 
 namespace ondrel {
@@ -38,7 +39,7 @@ class KTSPassHistory {
   };
 
   // The status folder's ".pass_history".
-  static std::string defaultPath();
+  static std::string defaultPath(const KTSServerLayout& layout);
   // "succeeded", "failed" or "interrupted".
   static std::string outcomeName(Outcome outcome);
 

@@ -82,7 +82,9 @@ Plist KTSPassProgress::State::asPlist(Date now) const {
   return out;
 }
 
-std::string KTSPassProgress::defaultPath() { return KTSServerLayout::statusPath(".pass_progress"); }
+std::string KTSPassProgress::defaultPath(const KTSServerLayout& layout) {
+  return layout.statusPath(".pass_progress");
+}
 
 std::optional<KTSPassProgress::State> KTSPassProgress::read(const std::string& path) {
   std::optional<Plist> file = Plist::readFile(path, nullptr);

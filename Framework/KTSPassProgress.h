@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "KTSServerLayout.h"
 #include "Plist.h"
 
 namespace ondrel {
@@ -40,7 +41,7 @@ class KTSPassProgress {
     Plist asPlist(Date now) const;
   };
 
-  static std::string defaultPath();
+  static std::string defaultPath(const KTSServerLayout& layout);
   // The progress the file holds; none when there is none or it is not one.
   static std::optional<State> read(const std::string& path);
 

@@ -3,7 +3,6 @@
 #include <filesystem>
 
 #include "FileIO.h"
-#include "KTSPreferences.h"
 #include "KTSServerLayout.h"
 #include "KTSUtilities.h"
 
@@ -44,26 +43,30 @@ std::string KTSPassRecord::Inputs::text() const {
   return fmt::format("{:016x}{:016x}", high_, low_);
 }
 
-KTSPassRecord::KTSPassRecord(Reuse reuse) : reuse_(reuse), settings_(settingsStamp()) {
+KTSPassRecord::KTSPassRecord(Reuse reuse, const KTSServerLayout& layout)
+    : reuse_(reuse),
+      path_(defaultPath(layout)),
+      settings_(settingsStamp(layout.preferencesPath())) {
   if (reuse_ == Reuse::Allowed) load();
 }
 
-std::string KTSPassRecord::defaultPath() { return KTSServerLayout::statusPath(".pass_record"); }
+std::string KTSPassRecord::defaultPath(const KTSServerLayout& layout) {
+  return layout.statusPath(".pass_record");
+}
 
 // The running program's own file (a new build or an upgrade is another file) and the bytes of
 // the preferences, which decide paths, policies and modes.
-std::string KTSPassRecord::settingsStamp() {
+std::string KTSPassRecord::settingsStamp(const std::string& preferencesPath) {
   std::error_code error;
   std::string program = std::filesystem::read_symlink("/proc/self/exe", error).string();
   std::string preferences;
-  readWholeFile(KTSPreferences::defaultPreferences()->prefsPath(), &preferences, nullptr,
-                kSmallFileReadLimit);
+  readWholeFile(preferencesPath, &preferences, nullptr, kSmallFileReadLimit);
   return fileStamp(program).value_or("") + "/" + Inputs().add(preferences).text();
 }
 
 void KTSPassRecord::load() {
   std::string bytes;
-  if (!readWholeFile(defaultPath(), &bytes, nullptr, kSmallFileReadLimit)) return;
+  if (!readWholeFile(path_, &bytes, nullptr, kSmallFileReadLimit)) return;
   Plist record = KTSUtilities::propertyListWithData(bytes);
   if (!record[kSettingsKey].isString() || record[kSettingsKey].stringValue() != settings_) return;
   for (const auto& [path, entry] : record[kFilesKey].items()) {
@@ -123,7 +126,7 @@ bool KTSPassRecord::save() const {
   Plist record = Plist::dictionary();
   record.set(kSettingsKey, settings_);
   record.set(kFilesKey, std::move(files));
-  return KTSUtilities::writeDictionaryToPath(record, defaultPath());
+  return KTSUtilities::writeDictionaryToPath(record, path_);
 }
 
 }  // namespace ondrel

@@ -3,11 +3,11 @@
 // it keeps the file's stamp (inode, size, modification time) as the pass left it and a digest of
 // what the file was made from. A later pass that would make the same file from inputs with the
 // same digest, and finds the file with the same stamp (nobody wrote it since), leaves it as it
-// is: writing it would put the very same bytes there. The record lives in Status/.pass_record
-// and is read as untrusted; a missing or damaged record, or one left by another build of the
-// programs or under other preferences, reuses nothing. KTSSyncPass puts one in its context for
-// each full pass (one that reuses nothing for ondrd_syncd --full); KTSCatalog and KTSWorkingSet
-// consult it there. One thread.
+// is: writing it would put the very same bytes there. The record lives in the status folder
+// (".pass_record") and is read as untrusted; a missing or damaged record, or one left by another
+// build of the programs or under other preferences, reuses nothing. KTSSyncPass puts one in its
+// context for each full pass (one that reuses nothing for ondrd_syncd --full); KTSCatalog and
+// KTSWorkingSet consult it there. One thread.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +17,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "KTSServerLayout.h"
 #include "Plist.h"
 
 namespace ondrel {
@@ -38,7 +39,8 @@ class KTSPassRecord {
     std::uint64_t high_ = 0x6c62272e07bb0142ull;
   };
 
-  explicit KTSPassRecord(Reuse reuse);
+  // The record of the server laid out so; with Reuse::Allowed, reads what the last pass left.
+  KTSPassRecord(Reuse reuse, const KTSServerLayout& layout);
   KTSPassRecord(const KTSPassRecord&) = delete;
   KTSPassRecord& operator=(const KTSPassRecord&) = delete;
 
@@ -56,7 +58,7 @@ class KTSPassRecord {
   // Keeps what this pass recorded for the next one; a file it did not record is not reused.
   bool save() const;
 
-  static std::string defaultPath();
+  static std::string defaultPath(const KTSServerLayout& layout);
 
  private:
   struct Entry {
@@ -64,10 +66,11 @@ class KTSPassRecord {
     std::string inputs;
   };
   // What ties a record to the programs and the settings it was made under.
-  static std::string settingsStamp();
+  static std::string settingsStamp(const std::string& preferencesPath);
   void load();
 
   Reuse reuse_;
+  std::string path_;
   std::string settings_;
   std::map<std::string, Entry, std::less<>> previous_;
   std::map<std::string, Entry, std::less<>> recorded_;

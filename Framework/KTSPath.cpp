@@ -2,38 +2,28 @@
 
 #include <fmt/format.h>
 
-#include "KTSPreferences.h"
 #include "PathString.h"
 
 namespace ondrel {
 
 KTSPath KTSPath::pathWithLocalFilePathParentHost(const std::string& localPath,
-                                                 const std::string& parentHost) {
-  std::string htmlRoot =
-      appendingPathComponent(KTSPreferences::defaultPreferences()->updatesDocRoot(), "html/");
+                                                 const std::string& parentHost,
+                                                 const KTSServerLayout& layout) {
+  std::string htmlRoot = appendingPathComponent(layout.documentRoot(), "html/");
   std::size_t found = localPath.find(htmlRoot);
   if (found == std::string::npos) return KTSPath(std::nullopt);
   std::string rest = localPath.substr(found + htmlRoot.size());
   return KTSPath(Url::parse(fmt::format("http://{}/{}", parentHost, rest)));
 }
 
-bool KTSPath::isInsideHtmlFolder(const std::string& path) {
-  std::string html =
-      standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath()) + "/";
-  return standardizingPath(path).compare(0, html.size(), html) == 0;
+std::optional<std::string> KTSPath::asLocalPath(const KTSServerLayout& layout) const {
+  if (!parentServerURL_) return std::nullopt;
+  return layout.localPathForURLPath(parentServerURL_->path());
 }
 
-std::optional<std::string> KTSPath::asLocalPath() const {
+std::optional<std::string> KTSPath::asChildServerURL(const KTSServerLayout& layout) const {
   if (!parentServerURL_) return std::nullopt;
-  return appendingPathComponent(KTSPreferences::defaultPreferences()->updatesHtmlPath(),
-                                parentServerURL_->path());
-}
-
-std::optional<std::string> KTSPath::asChildServerURL() const {
-  if (!parentServerURL_) return std::nullopt;
-  auto preferences = KTSPreferences::defaultPreferences();
-  return fmt::format("http://{}:{}{}", preferences->hostName(), preferences->portToUse(),
-                     parentServerURL_->encodedPath());
+  return layout.publicOrigin() + parentServerURL_->encodedPath();
 }
 
 }  // namespace ondrel

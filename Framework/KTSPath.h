@@ -1,12 +1,13 @@
 // KTSPath maps one update file between its three places: its URL on the upstream (parent)
 // server, its local file under the document root, and the URL under which this server serves
-// it (the child server URL). Derived forms are computed from the shared preferences when asked.
+// it (the child server URL). Derived forms are computed from the server's layout when asked.
 // A value type; one thread uses a value.
 #pragma once
 
 #include <optional>
 #include <string>
 
+#include "KTSServerLayout.h"
 #include "Url.h"
 
 namespace ondrel {
@@ -19,19 +20,16 @@ class KTSPath {
   // The parent URL "http://<parentHost>/<rest>" for a file below the document root's html
   // folder; a null parent URL for any other path.
   static KTSPath pathWithLocalFilePathParentHost(const std::string& localPath,
-                                                 const std::string& parentHost);
+                                                 const std::string& parentHost,
+                                                 const KTSServerLayout& layout);
   explicit KTSPath(std::optional<Url> parentServerURL)
       : parentServerURL_(std::move(parentServerURL)) {}
 
-  // True when path, standardised as text, names something below the document root's html
-  // folder. Every file the server writes, reads or removes for a URL from outside passes this.
-  static bool isInsideHtmlFolder(const std::string& path);
-
   // The local file: the document root's html folder joined with the parent URL's path.
   // None for a null parent URL.
-  std::optional<std::string> asLocalPath() const;
+  std::optional<std::string> asLocalPath(const KTSServerLayout& layout) const;
   // "http://<host name>:<port><path>" of this server. None for a null parent URL.
-  std::optional<std::string> asChildServerURL() const;
+  std::optional<std::string> asChildServerURL(const KTSServerLayout& layout) const;
 
   const std::optional<Url>& parentServerURL() const { return parentServerURL_; }
   void setParentServerURL(std::optional<Url> url) { parentServerURL_ = std::move(url); }

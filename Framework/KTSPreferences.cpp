@@ -4,7 +4,7 @@
 
 #include "FileIO.h"
 #include "HostPaths.h"
-#include "KTSMetaIndex.h"
+#include "KTSCatalogSets.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
 #include "SharedInstance.h"
@@ -120,13 +120,14 @@ bool KTSPreferences::upgradeOtherCatalogsForPreferences(const Plist& dictionary)
     log_.warning("Unknown service preferences, skipping catalog configuration update.");
     return false;
   }
-  const std::string& current = KTSMetaIndex::currentCatalogVersion();
+  const std::string& current = KTSCatalogSets::currentCatalogVersion();
   Plist configured = dictionary["otherCatalogs"];
-  Plist defaults = Plist::stringArray(*KTSMetaIndex::defaultCatalogsForVersion(current));
+  Plist defaults = Plist::stringArray(*KTSCatalogSets::defaultCatalogsForVersion(current));
   if (KTSArrays::containsAllObjects(configured, defaults)) return false;
   std::string message = fmt::format("...upgrading custom preferences for {} catalog set", current);
-  for (const std::string& previous : KTSMetaIndex::previousCatalogVersions()) {
-    Plist previousDefaults = Plist::stringArray(*KTSMetaIndex::defaultCatalogsForVersion(previous));
+  for (const std::string& previous : KTSCatalogSets::previousCatalogVersions()) {
+    Plist previousDefaults =
+        Plist::stringArray(*KTSCatalogSets::defaultCatalogsForVersion(previous));
     if (KTSArrays::containsSameObjects(configured, previousDefaults)) {
       message = fmt::format("...upgrading supported catalogs for {} (was {})", current, previous);
       break;
@@ -161,7 +162,7 @@ bool KTSPreferences::commitChangesUpdatingHostConfig(bool updateHostConfig) {
       hostConfig_ = KTSHostConfiguration::configurationWithPath(
           appendingPathComponent(deletingLastPathComponent(prefsPath_), "ondrd.conf"));
     }
-    if (hostConfig_->loadWithPreferences(this)) {
+    if (hostConfig_->loadWithPreferences(&prefs_)) {
       Plist bandwidth = limitBandwidth() ? maxBandwidth() : Plist::integer(0);
       std::string documentRoot = updatesDocRoot();
       hostConfig_->setDocumentRoot(documentRoot);

@@ -1,8 +1,9 @@
 // KTSPreferences owns the service's configuration file ("Config/ondrd.plist" under the service
 // root): every setting with its default, the four service folders, the restore of a missing file
 // from the shipped defaults, the upgrade of an old catalog list, and on commit the web server
-// configuration. Programs use the shared default instance; tools may make their own for another
-// file. Not thread-safe: one thread uses an instance. Changes live in memory until committed.
+// configuration. Each KTSPassContext reads its own; the shared default instance is there for a
+// caller that wants one for the whole process. Not thread-safe: one thread uses an instance.
+// Changes live in memory until committed.
 #pragma once
 
 #include <memory>

@@ -38,7 +38,7 @@ Plist KTSProduct::mirrorFileInfoForDistribution(const std::string& language) con
   Plist record = Plist::dictionary();
   record.set(kFileURLKey, url.isString() ? url : Plist(""));
   record.set(kFileLocalPathKey,
-             KTSPath::pathWithString(url.stringValue()).asLocalPath().value_or(""));
+             KTSPath::pathWithString(url.stringValue()).asLocalPath(*layout_).value_or(""));
   return record;
 }
 
@@ -58,7 +58,7 @@ Plist KTSProduct::mirrorFileInfoForPathExpectedSize(const Plist& url, const Plis
   Plist record = Plist::dictionary();
   record.set(kFileURLKey, url.isString() ? url : Plist(""));
   record.set(kFileLocalPathKey,
-             KTSPath::pathWithString(url.stringValue()).asLocalPath().value_or(""));
+             KTSPath::pathWithString(url.stringValue()).asLocalPath(*layout_).value_or(""));
   if (size.isNumber()) record.set(kFileSizeKey, size);
   record.set(kFileReplaceKey, Plist::boolean(false));
   return record;
@@ -76,7 +76,8 @@ Plist KTSProduct::getTotalMirrorSize() const {
 bool KTSProduct::verifyDownloadFileURLDestPathFailureReason(const std::optional<Url>& url,
                                                             const std::string& destPath,
                                                             std::string* failureReason) const {
-  std::optional<std::string> reason = KTSProductFileRules::refusalOfTransfer(url, destPath);
+  std::optional<std::string> reason =
+      KTSProductFileRules::refusalOfTransfer(*layout_, url, destPath);
   if (reason && failureReason) *failureReason = *reason;
   return !reason;
 }
@@ -87,7 +88,7 @@ bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo) const {
   const Plist& size = fileInfo[kFileSizeKey];
   log_.debug("PROD: {}: verifying: {}; size: {}", id(), fileName, sizeText(size, "(N/A)"));
   std::optional<std::int64_t> found;
-  if (KTSPath::isInsideHtmlFolder(localPath)) {
+  if (layout_->isInsideHtmlFolder(localPath)) {
     found = KTSUtilities::sizeOfExistingItemAtPath(localPath);
   }
   if (!found) {
@@ -131,14 +132,14 @@ bool KTSProduct::verifyMirroredFiles(KTSPassMemo* memo) const {
 }
 
 void KTSProduct::removeAllFiles() {
-  std::optional<std::string> metadataPath =
-      facts_->smdPath
-          ? KTSServerMetadata::localPathInsideDocumentRoot(facts_->smdPath->parentServerURL())
-          : std::nullopt;
+  std::optional<std::string> metadataPath = facts_->smdPath
+                                                ? KTSServerMetadata::localPathInsideDocumentRoot(
+                                                      *layout_, facts_->smdPath->parentServerURL())
+                                                : std::nullopt;
   if (metadataPath) {
     std::string folder = deletingLastPathComponent(deletingLastPathComponent(*metadataPath));
     // The folder two levels up must still be a product's folder below the html folder.
-    if (KTSPath::isInsideHtmlFolder(folder) && KTSUtilities::directoryExistsAtPath(folder)) {
+    if (layout_->isInsideHtmlFolder(folder) && KTSUtilities::directoryExistsAtPath(folder)) {
       log_.debug("PROD: {}: removing product update downloads folder", id());
       KTSUtilities::removePath(folder);
     }
@@ -152,8 +153,8 @@ void KTSProduct::removeAllMirroredFiles(
     const std::string& localPath = record[kFileLocalPathKey].stringValue();
     std::string extension = pathExtension(localPath);
     // Only its own files, where product files belong: never another product's or a served one.
-    if (extension == "dist" || extension == "smd" || !KTSPath::isInsideHtmlFolder(localPath) ||
-        KTSProductFileRules::refusalOutsideDownloads(localPath) ||
+    if (extension == "dist" || extension == "smd" || !layout_->isInsideHtmlFolder(localPath) ||
+        KTSProductFileRules::refusalOutsideDownloads(*layout_, localPath) ||
         (ownedByAnother && ownedByAnother(localPath))) {
       continue;
     }

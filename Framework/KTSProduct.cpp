@@ -29,13 +29,17 @@ KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
   return std::make_shared<KTSProduct>(productId, dictionary, serverMetadataURL, pass);
 }
 
-std::shared_ptr<KTSProduct> KTSProduct::productWithArchiveRepresentation(const Plist& archive) {
-  return std::make_shared<KTSProduct>(archive);
+std::shared_ptr<KTSProduct> KTSProduct::productWithArchiveRepresentation(
+    const Plist& archive, const KTSServerLayout& layout) {
+  return std::make_shared<KTSProduct>(archive, layout);
 }
 
 KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
                        const std::optional<Url>& serverMetadataURL, KTSPassServices pass)
-    : initStatus_(1), masterRepresentation_(dictionary), log_(LogHandle::shared()) {
+    : initStatus_(1),
+      masterRepresentation_(dictionary),
+      layout_(pass.layout),
+      log_(LogHandle::shared()) {
   facts_->productId = productId;
   // The id becomes part of file names: one that could name another folder is never used.
   if (!isValidProductId(productId)) {
@@ -46,7 +50,7 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
   if (!serverMetadataURL) {
     log_.debug("PROD: {}: * * * WARNING! Missing smdURL for product init.", productId);
   }
-  KTSServerMetadata found(productId, masterRepresentation_, log_);
+  KTSServerMetadata found(productId, masterRepresentation_, *layout_, log_);
   Plist metadata = found.getServerMetadataForURL(serverMetadataURL, pass);
   // Nothing shares the facts of a product being made.
   facts_->smdPath = found.smdPath();
@@ -123,7 +127,8 @@ void KTSProduct::deriveProductFamily() {
   log_.debug("PROD: disambiguated family \"{}\"", *facts.productFamily);
 }
 
-KTSProduct::KTSProduct(const Plist& archive) : log_(LogHandle::shared()) {
+KTSProduct::KTSProduct(const Plist& archive, const KTSServerLayout& layout)
+    : layout_(&layout), log_(LogHandle::shared()) {
   restoreFromArchiveRepresentation(archive);
 }
 

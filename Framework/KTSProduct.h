@@ -39,11 +39,13 @@ class KTSProduct {
       const std::optional<Url>& serverMetadataURL, KTSPassServices pass);
   // Restores the product the product index cache recorded; initStatus() is 0 (it is not made
   // from an entry), and missing keys are told and left empty.
-  static std::shared_ptr<KTSProduct> productWithArchiveRepresentation(const Plist& archive);
+  static std::shared_ptr<KTSProduct> productWithArchiveRepresentation(
+      const Plist& archive, const KTSServerLayout& layout);
 
+  // Requires: pass.layout not null; it, like layout below, must outlive the product.
   KTSProduct(const std::string& productId, const Plist& dictionary,
              const std::optional<Url>& serverMetadataURL, KTSPassServices pass);
-  explicit KTSProduct(const Plist& archive);
+  KTSProduct(const Plist& archive, const KTSServerLayout& layout);
 
   // The composite state its entry records (NEW 1 to ORPHANED 4; 0 when none).
   std::int64_t getCompositeProductState() const;
@@ -106,12 +108,14 @@ class KTSProduct {
   const KTSPath* smdPath() const { return facts_->smdPath.get(); }
   // Where the server metadata file is kept on this server; none without one.
   std::optional<std::string> serverMetadataLocalPath() const {
-    return facts_->smdPath ? facts_->smdPath->asLocalPath() : std::nullopt;
+    return facts_->smdPath ? facts_->smdPath->asLocalPath(*layout_) : std::nullopt;
   }
   // Names where the server metadata is served from; none forgets it.
   void setSmdPath(std::optional<KTSPath> path) {
     mutableFacts().smdPath = path ? std::make_shared<const KTSPath>(std::move(*path)) : nullptr;
   }
+  // Where its files go on this server.
+  const KTSServerLayout& layout() const { return *layout_; }
   // The catalog entry it was made from, as the composite catalog holds it.
   const Plist& masterRepresentation() const { return masterRepresentation_; }
   void setMasterRepresentation(Plist entry) { masterRepresentation_ = std::move(entry); }
@@ -170,6 +174,7 @@ class KTSProduct {
 
   std::shared_ptr<Facts> facts_ = std::make_shared<Facts>();
   Plist masterRepresentation_;
+  const KTSServerLayout* layout_;
   LogHandle log_;
 };
 

@@ -6,8 +6,6 @@
 #include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
 #include "KTSFileOwnership.h"
-#include "KTSPath.h"
-#include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSProductFileRules.h"
 #include "KTSProductTable.h"
@@ -41,9 +39,8 @@ void KTSProductDownload::start(KTSProduct& product, KTSFetchScheduler& scheduler
   download->beginDownload();
 }
 
-bool KTSProductDownload::downloadMirroredFiles(KTSProduct& product) {
-  KTSFetchScheduler scheduler(
-      KTSFetchScheduler::preferredConcurrency(*KTSPreferences::defaultPreferences()), nullptr);
+bool KTSProductDownload::downloadMirroredFiles(KTSProduct& product, std::size_t concurrency) {
+  KTSFetchScheduler scheduler(concurrency, nullptr);
   bool complete = false;
   start(product, scheduler, [&complete](bool done) { complete = done; });
   scheduler.run();
@@ -117,8 +114,8 @@ void KTSProductDownload::attemptFile(std::size_t index, int attempt, std::int64_
   product_.state().beginFetching();
   if (fileStatus == KTSProductState::FileSuspect) {
     // A file where no product file may be (a served catalog, say) is never deleted as suspect.
-    if (!KTSPath::isInsideHtmlFolder(localPath) ||
-        KTSProductFileRules::refusalOutsideDownloads(localPath)) {
+    if (!product_.layout().isInsideHtmlFolder(localPath) ||
+        KTSProductFileRules::refusalOutsideDownloads(product_.layout(), localPath)) {
       progress().downloadStatus = KTSProductState::FileAbsent;
       return fileProcessed(true);
     }
@@ -147,7 +144,7 @@ void KTSProductDownload::downloadFile(std::size_t index, int attempt) {
   const std::string fileName = lastPathComponent(localPath);
 
   std::optional<std::int64_t> expectedSize = expectedSizeOf(fileInfo);
-  if (!replace && KTSPath::isInsideHtmlFolder(localPath) &&
+  if (!replace && product_.layout().isInsideHtmlFolder(localPath) &&
       KTSUtilities::fileExistsAtPathWithSize(localPath, expectedSize)) {
     log_.debug("PROD: {}:   ...download skipped, file exists with expected size: {}", productId(),
                fileName);
@@ -179,7 +176,7 @@ void KTSProductDownload::downloadFile(std::size_t index, int attempt) {
   scheduler_.enqueue(std::move(downloader), [self = shared_from_this(), this, index, attempt,
                                              expectedSize, fileName](KTSFileDownloader& fetched) {
     if (const std::optional<KTSError>& error = fetched.downloadError()) {
-      KTSUtilities::logFailedDownload(fetched.downloadPath(), error->description());
+      KTSFetchScheduler::logFailedDownload(fetched.downloadPath(), error->description());
     }
     log_.debug("PROD: {}:   ...download completed: {}", productId(), fileName);
     // A server too slow for the floor would be as slow again at once: the next pass tries.
@@ -263,7 +260,7 @@ bool KTSProductDownload::prepareDownloadFolder(const std::optional<Url>& url,
                                                const std::string& localPath,
                                                std::string* refusal) const {
   if (std::optional<std::string> reason =
-          KTSProductFileRules::refusalBeforeCreatingFolder(url, localPath)) {
+          KTSProductFileRules::refusalBeforeCreatingFolder(product_.layout(), url, localPath)) {
     *refusal = *reason;
     return false;
   }
@@ -272,7 +269,8 @@ bool KTSProductDownload::prepareDownloadFolder(const std::optional<Url>& url,
     KTSUtilities::createDirectoryAtPath(folder);
     log_.debug("PROD: {}:   ...created download folder: {}", productId(), folder);
   }
-  std::optional<std::string> reason = KTSProductFileRules::refusalOfTransfer(url, localPath);
+  std::optional<std::string> reason =
+      KTSProductFileRules::refusalOfTransfer(product_.layout(), url, localPath);
   if (reason) *refusal = *reason;
   return !reason;
 }

@@ -35,9 +35,9 @@ class KTSProductDownload : public std::enable_shared_from_this<KTSProductDownloa
   static void start(KTSProduct& product, KTSFetchScheduler& scheduler,
                     std::function<void(bool complete)> finished,
                     const KTSFileOwnership* ownership = nullptr, KTSProductTable* files = nullptr);
-  // Mirrors the product's files through a scheduler of its own (the preferences' concurrency):
-  // true when every file was processed, false when one was given up.
-  static bool downloadMirroredFiles(KTSProduct& product);
+  // Mirrors the product's files through a scheduler of its own, with at most concurrency
+  // transfers at once: true when every file was processed, false when one was given up.
+  static bool downloadMirroredFiles(KTSProduct& product, std::size_t concurrency);
 
   KTSProductDownload(KTSProduct& product, KTSFetchScheduler& scheduler,
                      std::function<void(bool complete)> finished, const KTSFileOwnership* ownership,

@@ -4,8 +4,6 @@
 
 #include <cstdlib>
 
-#include "KTSPath.h"
-#include "KTSPreferences.h"
 #include "PathString.h"
 
 namespace ondrel {
@@ -55,7 +53,8 @@ std::string notInUpdatesFolder(const std::string& documentRoot) {
 // Why folder is refused once symbolic links are resolved: it cannot be reached, or it lies
 // outside the document root. With orNearestAncestor, a folder not made yet is judged by its
 // nearest existing ancestor, so that making it cannot create anything through a link.
-bool resolvedFolderRefusal(std::string folder, bool orNearestAncestor, std::string* reason) {
+bool resolvedFolderRefusal(const std::string& documentRoot, std::string folder,
+                           bool orNearestAncestor, std::string* reason) {
   while (orNearestAncestor && !folder.empty() && folder != "/" &&
          ::access(folder.c_str(), F_OK) != 0) {
     folder = deletingLastPathComponent(folder);
@@ -67,17 +66,17 @@ bool resolvedFolderRefusal(std::string folder, bool orNearestAncestor, std::stri
   }
   std::string resolvedFolder = resolved;
   std::free(resolved);
-  std::string documentRoot = KTSPreferences::defaultPreferences()->updatesDocRoot();
-  if (resolvedFolder.rfind("/private", 0) == 0 && documentRoot.rfind("/private", 0) != 0) {
-    documentRoot = "/private" + documentRoot;
+  std::string root = documentRoot;
+  if (resolvedFolder.rfind("/private", 0) == 0 && root.rfind("/private", 0) != 0) {
+    root = "/private" + root;
   }
-  if (resolvedFolder.rfind(documentRoot, 0) == 0) return false;
+  if (resolvedFolder.rfind(root, 0) == 0) return false;
   // An ancestor of the document root itself: the folders made below it lead to the root.
   std::string ancestor = resolvedFolder == "/" ? "/" : resolvedFolder + "/";
-  if (orNearestAncestor && (standardizingPath(documentRoot) + "/").rfind(ancestor, 0) == 0) {
+  if (orNearestAncestor && (standardizingPath(root) + "/").rfind(ancestor, 0) == 0) {
     return false;
   }
-  if (reason) *reason = notInUpdatesFolder(documentRoot);
+  if (reason) *reason = notInUpdatesFolder(root);
   return true;
 }
 
@@ -101,8 +100,8 @@ bool isInternalName(const std::string& name) {
 // Product files belong under the downloads folder only, never on a served catalog, a name the
 // server publishes at the top of the tree, or one of its own files.
 std::optional<std::string> KTSProductFileRules::refusalOutsideDownloads(
-    const std::string& destPath) {
-  std::string downloads = KTSPreferences::defaultPreferences()->updatesDownloadsPath() + "/";
+    const KTSServerLayout& layout, const std::string& destPath) {
+  std::string downloads = layout.downloadsFolder() + "/";
   if (standardizingPath(destPath).rfind(downloads, 0) != 0) {
     return fmt::format(
         "file download path is not part of the downloads folder (should be in \"{}\")", downloads);
@@ -118,29 +117,34 @@ std::optional<std::string> KTSProductFileRules::refusalOutsideDownloads(
 // or ".." segment hidden by percent-encoding, an internal name), or an existing folder on the
 // way that resolves outside the document root.
 std::optional<std::string> KTSProductFileRules::refusalBeforeCreatingFolder(
-    const std::optional<Url>& url, const std::string& destPath) {
+    const KTSServerLayout& layout, const std::optional<Url>& url, const std::string& destPath) {
   if (!url || url->scheme().rfind("http", 0) != 0) {
     return "file URL contains invalid scheme (should be \"http\")";
   }
-  if (!KTSPath::isInsideHtmlFolder(destPath) || hasEncodedDotSegment(*url)) {
-    return notInUpdatesFolder(KTSPreferences::defaultPreferences()->updatesDocRoot());
+  if (!layout.isInsideHtmlFolder(destPath) || hasEncodedDotSegment(*url)) {
+    return notInUpdatesFolder(layout.documentRoot());
   }
-  if (std::optional<std::string> outside = refusalOutsideDownloads(destPath)) return outside;
+  if (std::optional<std::string> outside = refusalOutsideDownloads(layout, destPath)) {
+    return outside;
+  }
   std::string reason;
-  if (resolvedFolderRefusal(deletingLastPathComponent(standardizingPath(destPath)), true,
+  if (resolvedFolderRefusal(layout.documentRoot(),
+                            deletingLastPathComponent(standardizingPath(destPath)), true,
                             &reason)) {
     return reason;
   }
   return std::nullopt;
 }
 
-std::optional<std::string> KTSProductFileRules::refusalOfTransfer(const std::optional<Url>& url,
+std::optional<std::string> KTSProductFileRules::refusalOfTransfer(const KTSServerLayout& layout,
+                                                                  const std::optional<Url>& url,
                                                                   const std::string& destPath) {
-  if (std::optional<std::string> reason = refusalBeforeCreatingFolder(url, destPath)) {
+  if (std::optional<std::string> reason = refusalBeforeCreatingFolder(layout, url, destPath)) {
     return reason;
   }
   std::string reason;
-  if (resolvedFolderRefusal(deletingLastPathComponent(standardizingPath(destPath)), false,
+  if (resolvedFolderRefusal(layout.documentRoot(),
+                            deletingLastPathComponent(standardizingPath(destPath)), false,
                             &reason)) {
     return reason;
   }

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 
+#include "KTSServerLayout.h"
 #include "Url.h"
 
 namespace ondrel {
@@ -17,15 +18,18 @@ class KTSProductFileRules {
  public:
   // Why a product file may not be at destPath (outside the downloads folder, or a name the
   // server keeps for itself); none when it may.
-  static std::optional<std::string> refusalOutsideDownloads(const std::string& destPath);
+  static std::optional<std::string> refusalOutsideDownloads(const KTSServerLayout& layout,
+                                                            const std::string& destPath);
   // Why a transfer from url to destPath is refused before its folder is made: judged on the text
   // of both, and on the existing folders on the way as they resolve on disk. None when the
   // folder may be made.
-  static std::optional<std::string> refusalBeforeCreatingFolder(const std::optional<Url>& url,
+  static std::optional<std::string> refusalBeforeCreatingFolder(const KTSServerLayout& layout,
+                                                                const std::optional<Url>& url,
                                                                 const std::string& destPath);
   // The same once the folder exists: it must itself resolve inside the document root. None when
   // the transfer may be made.
-  static std::optional<std::string> refusalOfTransfer(const std::optional<Url>& url,
+  static std::optional<std::string> refusalOfTransfer(const KTSServerLayout& layout,
+                                                      const std::optional<Url>& url,
                                                       const std::string& destPath);
 };
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "KTSPath.h"
 #include "KTSProduct.h"
 #include "KTSProductChange.h"
 #include "KTSUtilities.h"
@@ -84,7 +83,7 @@ const KTSProductTable::FileState& KTSProductTable::knownFile(const std::string& 
   // Found in place for a record without a size, its size is looked at once a record names one.
   if (!known.current || (sizeWanted && file.presence == FileState::InPlace && !file.size)) {
     std::optional<std::int64_t> size;
-    if (KTSPath::isInsideHtmlFolder(path)) size = KTSUtilities::sizeOfExistingItemAtPath(path);
+    if (layout_.isInsideHtmlFolder(path)) size = KTSUtilities::sizeOfExistingItemAtPath(path);
     known = {{size ? FileState::InPlace : FileState::Absent, size}, true};
   }
   return file;

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "KTSPassMemo.h"
+#include "KTSServerLayout.h"
 #include "Plist.h"
 
 namespace ondrel {
@@ -39,6 +40,10 @@ class KTSProductTable {
   // Whether two copies' file records name the same files at the same sizes (copies made from
   // alike entries share their records).
   static bool namesSameFiles(const Plist& some, const Plist& others);
+
+  // Files are looked for only inside the layout's served tree. Requires: layout outlives the
+  // table.
+  explicit KTSProductTable(const KTSServerLayout& layout) : layout_(layout) {}
 
   // Requires: product has a product id. Makes its state share the product part of the first
   // copy joined before that names the same files; the product keeps its standing. The first copy
@@ -93,6 +98,7 @@ class KTSProductTable {
   const FileState& knownFile(const std::string& path, bool sizeWanted);
   bool recordsInPlace(const Plist& mirrorFiles, bool foundAtLoad);
 
+  const KTSServerLayout& layout_;
   std::unordered_map<std::string, std::vector<std::weak_ptr<KTSProduct>>> copies_;
   // The files the pass looked at or touched, by standardised local path.
   std::unordered_map<std::string, KnownFile> files_;

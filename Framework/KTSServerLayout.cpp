@@ -1,34 +1,12 @@
 #include "KTSServerLayout.h"
 
+#include <fmt/format.h>
+
 #include "HostPaths.h"
 #include "KTSPreferences.h"
 #include "PathString.h"
 
-namespace ondrel::KTSServerLayout {
-
-std::string serviceFolder() { return fixedPath("/Library/Server/Ondrel"); }
-
-std::string configFolder() {
-  return deletingLastPathComponent(KTSPreferences::defaultPreferences()->prefsPath());
-}
-
-std::string webConfigurationPath() { return configFolder() + "/ondrd.conf"; }
-
-std::string webServerPidPath() { return serviceFolder() + "/Status/httpd.pid"; }
-
-std::string statusPath(const std::string& name) {
-  return KTSPreferences::defaultPreferences()->statusWorkingPathForPath(
-      fixedPath("/Library/Server/Ondrel/Status/" + name));
-}
-
-// The folder of any of its files: the preferences map files, not folders.
-std::string statusFolder() { return deletingLastPathComponent(statusPath("status")); }
-
-std::string cgiPath(const std::string& name) { return serviceFolder() + "/cgi-bin/" + name; }
-
-std::string hooksFolder() { return serviceFolder() + "/Config/hooks.d"; }
-
-std::string spoolFolder() { return fixedPath("/var/spool/ondrd"); }
+namespace ondrel {
 
 namespace {
 
@@ -36,32 +14,65 @@ constexpr std::string_view kRequestPrefix = "ondr_req.";
 
 }  // namespace
 
-std::string requestFileName(std::int64_t second) {
+std::string KTSServerLayout::serviceFolder() { return fixedPath("/Library/Server/Ondrel"); }
+
+std::string KTSServerLayout::webServerPidPath() { return serviceFolder() + "/Status/httpd.pid"; }
+
+std::string KTSServerLayout::cgiPath(const std::string& name) {
+  return serviceFolder() + "/cgi-bin/" + name;
+}
+
+std::string KTSServerLayout::hooksFolder() { return serviceFolder() + "/Config/hooks.d"; }
+
+std::string KTSServerLayout::spoolFolder() { return fixedPath("/var/spool/ondrd"); }
+
+std::string KTSServerLayout::requestFileName(std::int64_t second) {
   return std::string(kRequestPrefix) + std::to_string(second);
 }
 
-std::string requestPath(std::int64_t second) {
+std::string KTSServerLayout::requestPath(std::int64_t second) {
   return spoolFolder() + "/" + requestFileName(second);
 }
 
-bool isRequestFileName(std::string_view name) { return name.starts_with(kRequestPrefix); }
-
-std::string servedCatalogPath(const Url& catalogURL) {
-  return standardizingPath(KTSPreferences::defaultPreferences()->updatesHtmlPath() +
-                           catalogURL.path());
+bool KTSServerLayout::isRequestFileName(std::string_view name) {
+  return name.starts_with(kRequestPrefix);
 }
 
-std::string catalogsFolderPath(const std::string& name) {
-  return KTSPreferences::defaultPreferences()->updatesOtherCatalogsPath() + "/" + name;
-}
-
-std::string adminSiteConfigPath() { return configFolder() + "/ondrd-admin.conf"; }
-std::string adminPasswordPath() { return configFolder() + "/admin.passwd"; }
-std::string adminSecretPath() { return configFolder() + "/admin.secret"; }
-std::string adminSessionsFolder() { return statusPath("admin-sessions"); }
-
-std::string adminStaticFolder() {
+std::string KTSServerLayout::adminStaticFolder() {
   return deletingLastPathComponent(resourcePath("ondrd", "plist")) + "/admin";
 }
 
-}  // namespace ondrel::KTSServerLayout
+std::string KTSServerLayout::defaultWebConfigurationPath() {
+  return deletingLastPathComponent(KTSPreferences::defaultConfigurationPath()) + "/ondrd.conf";
+}
+
+// The preferences map files, not folders: the status folder is that of any file in it.
+KTSServerLayout::KTSServerLayout(KTSPreferences& preferences)
+    : preferencesPath_(preferences.prefsPath()),
+      configFolder_(deletingLastPathComponent(preferencesPath_)),
+      statusFolder_(deletingLastPathComponent(
+          preferences.statusWorkingPathForPath(fixedPath("/Library/Server/Ondrel/Status/status")))),
+      documentRoot_(preferences.updatesDocRoot()),
+      htmlFolder_(preferences.updatesHtmlPath()),
+      standardHtmlFolder_(standardizingPath(htmlFolder_) + "/"),
+      downloadsFolder_(preferences.updatesDownloadsPath()),
+      otherCatalogsFolder_(preferences.updatesOtherCatalogsPath()),
+      publicOrigin_(fmt::format("http://{}:{}", preferences.hostName(), preferences.portToUse())) {}
+
+bool KTSServerLayout::isInsideHtmlFolder(const std::string& path) const {
+  return standardizingPath(path).starts_with(standardHtmlFolder_);
+}
+
+std::string KTSServerLayout::localPathForURLPath(const std::string& urlPath) const {
+  return appendingPathComponent(htmlFolder_, urlPath);
+}
+
+std::string KTSServerLayout::servedCatalogPath(const Url& catalogURL) const {
+  return standardizingPath(htmlFolder_ + catalogURL.path());
+}
+
+std::string KTSServerLayout::catalogsFolderPath(const std::string& name) const {
+  return otherCatalogsFolder_ + "/" + name;
+}
+
+}  // namespace ondrel

@@ -10,7 +10,6 @@
 #include "KTSFileDownloader.h"
 #include "KTSMetadataGenerator.h"
 #include "KTSPassMemo.h"
-#include "KTSPreferences.h"
 #include "KTSUtilities.h"
 #include "PathString.h"
 #include "ProductId.h"
@@ -51,13 +50,14 @@ void fileWillChange(KTSPassMemo* memo) {
 
 }  // namespace
 
-KTSServerMetadata::KTSServerMetadata(std::string productId, const Plist& entry, LogHandle log)
-    : productId_(std::move(productId)), entry_(entry), log_(std::move(log)) {}
+KTSServerMetadata::KTSServerMetadata(std::string productId, const Plist& entry,
+                                     const KTSServerLayout& layout, LogHandle log)
+    : productId_(std::move(productId)), entry_(entry), layout_(layout), log_(std::move(log)) {}
 
 std::optional<std::string> KTSServerMetadata::localPathInsideDocumentRoot(
-    const std::optional<Url>& url) {
-  std::optional<std::string> localPath = KTSPath(url).asLocalPath();
-  if (!localPath || !KTSPath::isInsideHtmlFolder(*localPath)) return std::nullopt;
+    const KTSServerLayout& layout, const std::optional<Url>& url) {
+  std::optional<std::string> localPath = KTSPath(url).asLocalPath(layout);
+  if (!localPath || !layout.isInsideHtmlFolder(*localPath)) return std::nullopt;
   return standardizingPath(*localPath);
 }
 
@@ -114,7 +114,7 @@ Plist KTSServerMetadata::readLegacyServerMetadata(const std::optional<Url>& url)
     log_.debug("PROD: {}: (legacy) generating URL for local SMD file", productId_);
     if (generic) {
       smdPath_ = std::make_shared<const KTSPath>(
-          KTSPath::pathWithLocalFilePathParentHost(*generic, kContentDeliveryHost));
+          KTSPath::pathWithLocalFilePathParentHost(*generic, kContentDeliveryHost, layout_));
       if (KTSUtilities::fileExistsAtPath(*generic)) file = generic;
     }
   }
@@ -152,8 +152,8 @@ bool KTSServerMetadata::downloadServerMetadata(const Url& url, const std::string
   std::string target = sideFilePath(localPath, "downloading");
   std::string fileName = lastPathComponent(localPath);
   for (int attempt = 1;; ++attempt) {
-    if (KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(url, target, false,
-                                                                              true, scheduler)) {
+    if (KTSFetchScheduler::downloadFileWithURLToPathReplaceExistingArchivePrevious(
+            url, target, false, true, scheduler)) {
       break;
     }
     log_.error("*** Error downloading file {} for product {}. Retrying...", fileName, productId_);
@@ -207,7 +207,9 @@ std::optional<KTSPassMemo::ServerMetadata> KTSServerMetadata::placeFetchedServer
                                      std::make_shared<const KTSPath>(url)};
 }
 
-void KTSServerMetadata::prefetchServerMetadataForEntries(const Plist& entries, KTSPassMemo& memo,
+void KTSServerMetadata::prefetchServerMetadataForEntries(const Plist& entries,
+                                                         const KTSServerLayout& layout,
+                                                         KTSPassMemo& memo,
                                                          KTSFetchScheduler& scheduler) {
   auto placeFetched = [&memo](KTSFileDownloader& fetched) {
     if (fetched.downloadError()) return;
@@ -229,7 +231,7 @@ void KTSServerMetadata::prefetchServerMetadataForEntries(const Plist& entries, K
     for (; next != entries.items().end(); ++next) {
       const auto& [productId, entry] = *next;
       std::optional<Url> url = prefetchableServerMetadataURL(productId, entry, memo);
-      std::optional<std::string> localPath = localPathInsideDocumentRoot(url);
+      std::optional<std::string> localPath = localPathInsideDocumentRoot(layout, url);
       // Of two URLs that name one local file only the first is fetched here, the other by its
       // product in turn; a side file left by an interrupted pass is the product's to take.
       if (!localPath || !localPaths.insert(*localPath).second ||
@@ -266,7 +268,7 @@ Plist KTSServerMetadata::generateServerMetadataDictionaryAtPath(const std::strin
   Plist metadata = KTSUtilities::readPropertyListAtPath(path);
   if (metadata.isNull()) {
     log_.debug("PROD: {}: generating substitute SMD", productId_);
-    KTSMetadataGenerator generator;
+    KTSMetadataGenerator generator(layout_);
     metadata = generator.createMetadataWithDictionaryIdentifier(entry_, productId_);
     if (metadata.isDictionary() &&
         KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(path))) {

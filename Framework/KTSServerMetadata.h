@@ -27,8 +27,8 @@ class KTSServerMetadata {
   // made from these catalog entries (product id to entry) would fetch one after the other, and
   // records each file that arrived in memo, so that making those products in the pass costs no
   // transfer. A failed fetch is not recorded: its product tries again, with its retries.
-  static void prefetchServerMetadataForEntries(const Plist& entries, KTSPassMemo& memo,
-                                               KTSFetchScheduler& scheduler);
+  static void prefetchServerMetadataForEntries(const Plist& entries, const KTSServerLayout& layout,
+                                               KTSPassMemo& memo, KTSFetchScheduler& scheduler);
   // The titles and the descriptions (valid UTF-8 only) by language; empty dictionaries when the
   // metadata has none.
   static Plist getServerMetadataBundleTitles(const Plist& metadata);
@@ -40,10 +40,12 @@ class KTSServerMetadata {
   }
   // The standardised local path of an upstream URL when it lies inside the document root's
   // html folder; none otherwise (a hostile URL never names a file elsewhere).
-  static std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url);
+  static std::optional<std::string> localPathInsideDocumentRoot(const KTSServerLayout& layout,
+                                                                const std::optional<Url>& url);
 
-  // For the product productId made from its catalog entry.
-  KTSServerMetadata(std::string productId, const Plist& entry, LogHandle log);
+  // For the product productId made from its catalog entry, on the server laid out so.
+  KTSServerMetadata(std::string productId, const Plist& entry, const KTSServerLayout& layout,
+                    LogHandle log);
 
   // The product's metadata: for an active product fetched from url (or generated beside its
   // first distribution without one), for a legacy one read from disk; repaired when keys are
@@ -82,12 +84,16 @@ class KTSServerMetadata {
   static std::optional<KTSPassMemo::ServerMetadata> placeFetchedServerMetadata(
       const Url& url, const std::string& localPath, const std::string& bytes, bool bytesAreTheFile,
       KTSPassMemo& memo);
+  std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url) const {
+    return localPathInsideDocumentRoot(layout_, url);
+  }
   static std::optional<Url> prefetchableServerMetadataURL(const std::string& productId,
                                                           const Plist& entry,
                                                           const KTSPassMemo& memo);
 
   std::string productId_;
   const Plist& entry_;
+  const KTSServerLayout& layout_;
   LogHandle log_;
   std::shared_ptr<const KTSPath> smdPath_;
   bool productIsDead_ = false;

@@ -6,7 +6,7 @@
 
 #include <algorithm>
 
-#include "KTSMetaIndex.h"
+#include "KTSCatalogSets.h"
 #include "KTSServerLayout.h"
 #include "Url.h"
 
@@ -26,7 +26,7 @@ bool parseInteger(const std::string& text, std::int64_t* value) {
 }
 
 bool isSupportedCatalog(const std::string& name) {
-  const std::vector<std::string>& supported = KTSMetaIndex::supportedCatalogNames();
+  const std::vector<std::string>& supported = KTSCatalogSets::supportedCatalogNames();
   return std::find(supported.begin(), supported.end(), name) != supported.end();
 }
 
@@ -195,10 +195,10 @@ std::string adminAddress(const Plist& preferences) {
   return isListenAddress(address) ? address : "127.0.0.1";
 }
 
-std::string metricsFile(const Plist& preferences) {
+std::string metricsFile(const Plist& preferences, const KTSServerLayout& layout) {
   const std::string& path = preferences["metricsFile"].stringValue();
   if (path.size() > 1 && path.front() == '/' && path.back() != '/') return path;
-  return KTSServerLayout::statusPath("ondrel.prom");
+  return layout.statusPath("ondrel.prom");
 }
 
 }  // namespace ondrel::KTSSettings

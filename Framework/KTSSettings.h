@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "KTSServerLayout.h"
 #include "Plist.h"
 
 namespace ondrel::KTSSettings {
@@ -61,6 +62,6 @@ std::int64_t hookTimeoutSeconds(const Plist& preferences);      // 60
 int adminPort(const Plist& preferences);                        // 8089
 std::string adminAddress(const Plist& preferences);             // 127.0.0.1
 // "metricsFile", or Status/ondrel.prom under the service root.
-std::string metricsFile(const Plist& preferences);
+std::string metricsFile(const Plist& preferences, const KTSServerLayout& layout);
 
 }  // namespace ondrel::KTSSettings

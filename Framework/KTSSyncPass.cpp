@@ -19,7 +19,6 @@
 #include "KTSMetaIndex.h"
 #include "KTSMirrorSpace.h"
 #include "KTSPassMemo.h"
-#include "KTSPath.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSProductChange.h"
@@ -116,13 +115,16 @@ std::string KTSPassOutcome::note() const {
 }
 
 KTSSyncPass::KTSSyncPass(KTSPassContext& context, KTSPassObserver& observer)
-    : context_(context), observer_(observer), log_(context.log()) {}
+    : context_(context),
+      observer_(observer),
+      log_(context.log()),
+      productTable_(context.layout()) {}
 
 bool KTSSyncPass::interrupted() const { return Transfer::isCancelled(); }
 
 KTSPassOutcome KTSSyncPass::runFullPass(KTSPassRecord::Reuse reuse) {
   // What the last full pass left that this one would write alike stays as it is.
-  KTSPassRecord record(reuse);
+  KTSPassRecord record(reuse, context_.layout());
   auto recording = context_.lend(record);
   KTSPassOutcome outcome = run(true, reuse);
   if (!outcome.interrupted && !record.save()) {
@@ -144,10 +146,10 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
   // Every file of the pass is fetched through this scheduler, with the validators of what the
   // server keeps, so that a file unchanged upstream costs a 304; a rebuild fetches every file
   // whole, whatever was kept.
-  auto validators = std::make_shared<KTSFileValidators>(KTSFileValidators::defaultStorePath());
+  auto validators = std::make_shared<KTSFileValidators>(
+      KTSFileValidators::storePathForDocumentRoot(context_.layout().documentRoot()));
   if (reuse == KTSPassRecord::Reuse::Nothing) validators->forgetAll();
-  KTSFetchScheduler scheduler(KTSFetchScheduler::preferredConcurrency(context_.preferences()),
-                              validators);
+  KTSFetchScheduler scheduler(context_.preferences(), validators);
   scheduler.sizeConnectionPool();
   auto fetching = context_.lend(scheduler);
   loadMetaIndex(fullSync, outcome);
@@ -350,18 +352,18 @@ std::string catalogSettings(KTSPreferences& preferences) {
                      preferences.otherCatalogs());
 }
 
-std::string catalogSettingsPath() { return KTSServerLayout::statusPath(".catalog_settings"); }
-
 }  // namespace
 
 bool KTSSyncPass::catalogSettingsChanged() const {
   std::string recorded;
-  return !readWholeFile(catalogSettingsPath(), &recorded, nullptr, kSmallFileReadLimit) ||
+  return !readWholeFile(context_.layout().statusPath(".catalog_settings"), &recorded, nullptr,
+                        kSmallFileReadLimit) ||
          recorded != catalogSettings(context_.preferences());
 }
 
 void KTSSyncPass::rememberCatalogSettings() const {
-  KTSUtilities::writeStringToPath(catalogSettings(context_.preferences()), catalogSettingsPath());
+  KTSUtilities::writeStringToPath(catalogSettings(context_.preferences()),
+                                  context_.layout().statusPath(".catalog_settings"));
 }
 
 // The list is checked before it takes the served place: a page that is no property list (an
@@ -370,17 +372,17 @@ Plist KTSSyncPass::fetchDeprecations() {
   KTSMetaIndex& metaIndex = context_.metaIndex();
   std::optional<Url> url = metaIndex.deprecationsURL();
   std::optional<std::string> path = metaIndex.deprecationsLocalPath();
-  if (!url || !path || !KTSPath::isInsideHtmlFolder(*path)) return Plist();
+  if (!url || !path || !context_.layout().isInsideHtmlFolder(*path)) return Plist();
   auto download = KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url, *path, true);
   download->receiveIntoMemory(kDeprecationsReadLimit);
   std::string bytes;
   if (KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(*path))) {
-    download->startSynchronousDownload(context_.scheduler());
+    KTSFetchScheduler::fetchToEnd(*download, context_.scheduler());
   } else {
     download->setDownloadErrorWithReason(-1, "Enclosing directory creation failed.");
   }
   if (const std::optional<KTSError>& error = download->downloadError()) {
-    KTSUtilities::logFailedDownload(*path, error->description());
+    KTSFetchScheduler::logFailedDownload(*path, error->description());
     log_.warning("The deprecations list could not be fetched; this pass goes on without it.");
     return Plist::dictionary();
   }
@@ -461,7 +463,7 @@ void KTSSyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& c
 
 bool KTSSyncPass::fitsOnVolume(const KTSProduct& product, std::uint64_t needed,
                                std::uint64_t promised) {
-  KTSMirrorSpace space = KTSMirrorSpace::now();
+  KTSMirrorSpace space = KTSMirrorSpace::now(context_.preferences());
   if (space.fits(needed, promised)) return true;
   log_.warning(
       "Skipping product {}: it needs {} and {} are free, of which {} are kept in reserve "
@@ -673,8 +675,9 @@ bool KTSSyncPass::listsChangedProduct(const KTSCatalog& catalog) const {
 void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {
   KTSPassRecord* record = context_.record();
   for (const auto& catalog : catalogs_) {
-    std::string path = KTSServerLayout::servedCatalogPath(catalog->catalogURL());
-    if (!KTSPath::isInsideHtmlFolder(path)) continue;
+    const KTSServerLayout& layout = context_.layout();
+    std::string path = layout.servedCatalogPath(catalog->catalogURL());
+    if (!layout.isInsideHtmlFolder(path)) continue;
     std::vector<KTSProduct*> serving = servedProducts(*catalog);
     std::string inputs = record ? servedCatalogInputs(serving, *record) : "";
     bool current = record && catalog->compositeUnchanged() && record->isCurrent(path, inputs);

@@ -10,7 +10,6 @@
 #include "DateFormats.h"
 #include "FileIO.h"
 #include "HostPaths.h"
-#include "KTSFileDownloader.h"
 #include "KTSLogger.h"
 #include "PathString.h"
 #include "TaskRunner.h"
@@ -324,30 +323,6 @@ Plist KTSUtilities::getMountedVolumeListForFormat(const std::optional<std::strin
     list.append(std::move(description));
   }
   return list.size() == 0 ? Plist() : list;
-}
-
-bool KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(
-    const Url& url, const std::string& path, bool replaceExisting, bool archivePrevious,
-    KTSFetchScheduler* scheduler) {
-  std::string localPath = standardizingPath(path);
-  if (!replaceExisting && fileExistsAtPath(localPath)) {
-    LogHandle::shared().info("Skipping download; REPLACE = NO, file exists: {})",
-                             lastPathComponent(url.path()));
-    return true;
-  }
-  auto downloader =
-      KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(url, localPath, archivePrevious);
-  downloader->startSynchronousDownload(scheduler);
-  if (const std::optional<KTSError>& error = downloader->downloadError()) {
-    logFailedDownload(localPath, error->description());
-    return false;
-  }
-  return true;
-}
-
-void KTSUtilities::logFailedDownload(const std::string& localPath, const std::string& reason) {
-  LogHandle::shared().error("Download for \"{}\" failed (reason: {})", lastPathComponent(localPath),
-                            reason);
 }
 
 std::optional<Date> KTSUtilities::validDateForValue(const Plist& value) {

@@ -17,8 +17,6 @@
 
 namespace ondrel {
 
-class KTSFetchScheduler;
-
 class KTSUtilities {
  public:
   // Owner and group "_ondrel".
@@ -72,14 +70,6 @@ class KTSUtilities {
   static Plist getMountedVolumeInfoForPath(const std::string& path);
   // The visible volumes of that format (all with none), or null when none qualifies.
   static Plist getMountedVolumeListForFormat(const std::optional<std::string>& format);
-
-  // Downloads url to path unless replaceExisting is false and the file exists (then true without
-  // a transfer). False, with one error line, when the download failed.
-  static bool downloadFileWithURLToPathReplaceExistingArchivePrevious(
-      const Url& url, const std::string& path, bool replaceExisting, bool archivePrevious,
-      KTSFetchScheduler* scheduler = nullptr);
-  // The wrapper's error line for a download to localPath that failed for reason.
-  static void logFailedDownload(const std::string& localPath, const std::string& reason);
 
   // A date from a date, an RFC 3339 string or an archive-format string; none otherwise.
   static std::optional<Date> validDateForValue(const Plist& value);

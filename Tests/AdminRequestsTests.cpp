@@ -59,11 +59,12 @@ TEST(AdminRequestsTest, TokensBelongToOneUserAndOneSession) {
 class AdminSiteTest : public OndrelTest {};
 
 TEST_F(AdminSiteTest, PasswordsAreHashedReplacedAndCheckedBeforeWriting) {
+  const KTSServerLayout& layout = context().layout();
   std::string error;
-  ASSERT_TRUE(setAdminPassword("admin", "first-password", &error)) << error;
-  ASSERT_TRUE(setAdminPassword("second", "another-password", &error)) << error;
-  ASSERT_TRUE(setAdminPassword("admin", "changed-password", &error)) << error;
-  std::string file = readFile(KTSServerLayout::adminPasswordPath());
+  ASSERT_TRUE(setAdminPassword(layout, "admin", "first-password", &error)) << error;
+  ASSERT_TRUE(setAdminPassword(layout, "second", "another-password", &error)) << error;
+  ASSERT_TRUE(setAdminPassword(layout, "admin", "changed-password", &error)) << error;
+  std::string file = readFile(layout.adminPasswordPath());
   EXPECT_EQ(file.find("password"), std::string::npos) << "never stored in clear";
   ASSERT_EQ(file.find("second:"), 0u) << file;
   std::string line = file.substr(file.find("admin:"));
@@ -77,26 +78,26 @@ TEST_F(AdminSiteTest, PasswordsAreHashedReplacedAndCheckedBeforeWriting) {
                                                         {"", "long-enough"},
                                                         {"admin", "short"},
                                                         {"admin", "two\nlines-here"}}) {
-    EXPECT_FALSE(setAdminPassword(user, password, &error)) << user;
+    EXPECT_FALSE(setAdminPassword(layout, user, password, &error)) << user;
   }
-  EXPECT_EQ(readFile(KTSServerLayout::adminPasswordPath()), file);
+  EXPECT_EQ(readFile(layout.adminPasswordPath()), file);
 
   // Logins: only the user's own password, and a hand-edited line with no usable hash lets no one
   // in; deleting the last user removes the file.
-  EXPECT_EQ(checkAdminPassword("admin", "changed-password"), LoginCheck::Accepted);
-  EXPECT_EQ(checkAdminPassword("admin", "first-password"), LoginCheck::WrongPassword);
-  EXPECT_EQ(checkAdminPassword("nobody", "changed-password"), LoginCheck::NoSuchUser);
-  EXPECT_EQ(checkAdminPassword("../admin", "changed-password"), LoginCheck::NoSuchUser);
-  writeFile(KTSServerLayout::adminPasswordPath(), file + "broken:*\nempty:\n");
-  EXPECT_EQ(checkAdminPassword("broken", "*"), LoginCheck::WrongPassword);
-  EXPECT_EQ(checkAdminPassword("empty", ""), LoginCheck::NoSuchUser);
+  EXPECT_EQ(checkAdminPassword(layout, "admin", "changed-password"), LoginCheck::Accepted);
+  EXPECT_EQ(checkAdminPassword(layout, "admin", "first-password"), LoginCheck::WrongPassword);
+  EXPECT_EQ(checkAdminPassword(layout, "nobody", "changed-password"), LoginCheck::NoSuchUser);
+  EXPECT_EQ(checkAdminPassword(layout, "../admin", "changed-password"), LoginCheck::NoSuchUser);
+  writeFile(layout.adminPasswordPath(), file + "broken:*\nempty:\n");
+  EXPECT_EQ(checkAdminPassword(layout, "broken", "*"), LoginCheck::WrongPassword);
+  EXPECT_EQ(checkAdminPassword(layout, "empty", ""), LoginCheck::NoSuchUser);
   for (const char* user : {"broken", "empty", "second"}) {
-    EXPECT_TRUE(deleteAdminUser(user, &error)) << user << ": " << error;
+    EXPECT_TRUE(deleteAdminUser(layout, user, &error)) << user << ": " << error;
   }
-  EXPECT_FALSE(deleteAdminUser("second", &error)) << "deleted already";
-  EXPECT_TRUE(isAdminUser("admin"));
-  EXPECT_TRUE(deleteAdminUser("admin", &error));
-  EXPECT_FALSE(std::filesystem::exists(KTSServerLayout::adminPasswordPath()));
+  EXPECT_FALSE(deleteAdminUser(layout, "second", &error)) << "deleted already";
+  EXPECT_TRUE(isAdminUser(layout, "admin"));
+  EXPECT_TRUE(deleteAdminUser(layout, "admin", &error));
+  EXPECT_FALSE(std::filesystem::exists(layout.adminPasswordPath()));
 }
 
 }  // namespace

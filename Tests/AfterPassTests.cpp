@@ -45,7 +45,7 @@ class AfterPassTest : public OndrelTest {
 };
 
 TEST_F(AfterPassTest, HistoryKeepsTheLastGoodPassAndRefusesDamage) {
-  const std::string file = KTSPassHistory::defaultPath();
+  const std::string file = KTSPassHistory::defaultPath(context().layout());
   KTSPassHistory empty(file);
   EXPECT_FALSE(empty.healthy(clock_->now()));
   EXPECT_NE(empty.healthJson(clock_->now()).find("\"lastGoodPass\": null"), std::string::npos);
@@ -130,7 +130,9 @@ TEST_F(AfterPassTest, HooksRunInOrderWithThePassAndNeverHoldThePass) {
 
   auto started = std::chrono::steady_clock::now();
   std::vector<programs::HookRun> runs = programs::runHooks(
-      folder_, programs::hookEnvironment(pass(KTSPassHistory::Outcome::Failed, clock_->now()), ""),
+      folder_,
+      programs::hookEnvironment(pass(KTSPassHistory::Outcome::Failed, clock_->now()),
+                                context().layout()),
       300ms, LogHandle::shared());
   EXPECT_LT(std::chrono::steady_clock::now() - started, 10s);
 
@@ -160,7 +162,7 @@ TEST_F(AfterPassTest, MetricsFileIsReplacedWholeAfterEveryPass) {
   std::filesystem::create_directories(path("/textfile"));
   writeFile(metrics, "old\n");
   std::ifstream reader(metrics);
-  auto preferences = KTSPreferences::defaultPreferences();
+  auto preferences = context().sharedPreferences();
   Plist settings = preferences->prefs();
   settings.set("metricsFile", metrics);
   preferences->setPrefs(settings);
@@ -186,7 +188,7 @@ TEST_F(AfterPassTest, MetricsFileIsReplacedWholeAfterEveryPass) {
   settings.set("metricsFile", path("/no/such/folder/ondrel.prom"));
   preferences->setPrefs(settings);
   programs::afterPass(context(), pass(KTSPassHistory::Outcome::Succeeded, clock_->now()));
-  EXPECT_EQ(KTSPassHistory(KTSPassHistory::defaultPath()).passes(), 2u)
+  EXPECT_EQ(KTSPassHistory(KTSPassHistory::defaultPath(context().layout())).passes(), 2u)
       << "a metrics file that cannot be written loses nothing else";
 }
 

@@ -27,7 +27,7 @@ class KTSCatalogTest : public OndrelTest {
     OndrelTest::SetUp();
     setUserDefaults(true);
     ASSERT_TRUE(upstream_.start());
-    preferences_ = KTSPreferences::defaultPreferences();
+    preferences_ = context().sharedPreferences();
     setMode(false);
     html_ = preferences_->updatesHtmlPath();
   }
@@ -304,7 +304,7 @@ TEST_F(KTSCatalogTest, DeprecationChainsWithdrawAndGiveBack) {
   auto workingSet = (&context().workingSet());
   auto first = sync();
   for (const char* id : {"X", "Y", "Z"}) {
-    ASSERT_TRUE(KTSProductDownload::downloadMirroredFiles(*first->productForProductId(id)));
+    ASSERT_TRUE(KTSProductDownload::downloadMirroredFiles(*first->productForProductId(id), 4));
     workingSet->setProductDictForID(Plist::dictionary(), id);
     workingSet->setMirrorSettingForProductID(KTSProductState::Mirrored, id);
   }
@@ -354,10 +354,13 @@ TEST_F(KTSCatalogTest, CacheVerificationAndServedEntries) {
   rebuilt->loadCatalog();
   EXPECT_EQ(rebuilt->products()->size(), 2u);
 
-  // The served entry names this server only.
+  // The served entry names this server only, by the name its context's layout gives.
   preferences_->setHostName("mirror.example");
-  auto product = loaded->productForProductId("A");
-  Plist served = loaded->mirrorRepresentationForProduct(*product);
+  KTSPassContext renamed(preferences_);
+  auto serving = KTSCatalog::catalogWithUrl(catalog->catalogURL(), renamed);
+  serving->loadCatalog();
+  auto product = serving->productForProductId("A");
+  Plist served = serving->mirrorRepresentationForProduct(*product);
   std::function<void(const Plist&)> walk = [&](const Plist& value) {
     if (value.isString()) {
       EXPECT_EQ(value.stringValue().find("127.0.0.1"), std::string::npos) << value.stringValue();
@@ -371,10 +374,9 @@ TEST_F(KTSCatalogTest, CacheVerificationAndServedEntries) {
   EXPECT_EQ(served[KTCatalogProductPackagesKey][0][KTCatalogPackageURLStringKey].stringValue(),
             "http://mirror.example:8088/content/downloads/A/A.pkg");
   // Metadata that is not on this server is not named, neither here nor upstream.
-  std::filesystem::remove(*product->smdPath()->asLocalPath());
-  EXPECT_FALSE(loaded->mirrorRepresentationForProduct(*product).contains("ServerMetadataURL"));
+  std::filesystem::remove(*product->smdPath()->asLocalPath(renamed.layout()));
+  EXPECT_FALSE(serving->mirrorRepresentationForProduct(*product).contains("ServerMetadataURL"));
 
-  preferences_->setHostName("127.0.0.1");
   loaded->setProducts(KTSCatalog::ProductIndex{});
   loaded->saveProductIndexCache();
   EXPECT_FALSE(std::filesystem::exists(catalog->productsCachePath()));

@@ -12,7 +12,6 @@
 #include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
 #include "KTSFileValidators.h"
-#include "KTSPreferences.h"
 #include "KTSUtilities.h"
 #include "LoopbackServer.h"
 #include "OndrelTest.h"
@@ -207,7 +206,7 @@ class KTSFileDownloaderTest : public OndrelTest {
   std::shared_ptr<KTSFileDownloader> download(const std::string& urlPath, bool archive = true) {
     auto downloader = KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(
         *url(urlPath), target(), archive);
-    downloader->startSynchronousDownload(scheduler_);
+    KTSFetchScheduler::fetchToEnd(*downloader, scheduler_);
     return downloader;
   }
 
@@ -281,7 +280,7 @@ TEST_F(KTSFileDownloaderTest, FailuresLeaveTheFilesExactlyAsTheyWere) {
     auto longer =
         KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url(route), target(), true);
     longer->setExpectedSize(10000);
-    longer->startSynchronousDownload();
+    KTSFetchScheduler::fetchToEnd(*longer, nullptr);
     ASSERT_TRUE(longer->downloadError()) << route;
     EXPECT_EQ(longer->downloadError()->description(), "Response body larger than 10000 bytes");
     EXPECT_LE(longer->downloadBytes(), 10000u) << route;
@@ -294,7 +293,7 @@ TEST_F(KTSFileDownloaderTest, FailuresLeaveTheFilesExactlyAsTheyWere) {
     auto inMemory =
         KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url("/file"), target(), true);
     inMemory->receiveIntoMemory(limit);
-    inMemory->startSynchronousDownload();
+    KTSFetchScheduler::fetchToEnd(*inMemory, nullptr);
     EXPECT_EQ(bool(inMemory->downloadError()), limit < 9) << limit;
     EXPECT_EQ(inMemory->takeReceivedBody(), limit < 9 ? "" : fmt::format("version {}", served_));
     EXPECT_EQ(readFile(target()), "old final");
@@ -490,19 +489,19 @@ TEST_F(KTSFileDownloaderTest, PathsAndRequestsThatCannotBeMade) {
   EXPECT_EQ(dotted.downloadingPath(), path("/a/./b.pkg.downloading"));
   EXPECT_EQ(dotted.archivePath(), path("/a/./b.pkg.previous"));
   EXPECT_EQ(dotted.downloadName(), "b.pkg");
-  dotted.startSynchronousDownload();
+  KTSFetchScheduler::fetchToEnd(dotted, nullptr);
   EXPECT_EQ(readFile(path("/a/b.pkg")), "version 1");
 
   writeFile(path("/plain"), "x");
   KTSFileDownloader blocked(*url("/file"), path("/plain/sub/b.pkg"), false);
-  blocked.startSynchronousDownload();
+  KTSFetchScheduler::fetchToEnd(blocked, nullptr);
   ASSERT_TRUE(blocked.downloadError());
   EXPECT_EQ(blocked.downloadError()->description(), "Enclosing directory creation failed.");
   EXPECT_EQ(blocked.downloadError()->domain(), "com.vantor.KTServer");
   EXPECT_EQ(blocked.downloadError()->code(), -1);
 
   KTSFileDownloader unsupported(*Url::parse("ftp://127.0.0.1/x.pkg"), target(), false);
-  unsupported.startSynchronousDownload();
+  KTSFetchScheduler::fetchToEnd(unsupported, nullptr);
   ASSERT_TRUE(unsupported.downloadError());
   EXPECT_EQ(unsupported.downloadError()->description(),
             "Remote file request could not be created.");
@@ -528,8 +527,8 @@ TEST_F(KTSFileDownloaderTest, BandwidthLimitAsksForTheRightPauses) {
   EXPECT_EQ(clock_->sleeps().size(), 1u);
 
   // Through a real transfer: 30,000 bytes at 1 KiB/s ask for about 29 s of pauses in all.
-  auto preferences = KTSPreferences::defaultPreferences();
-  preferences->setSyncBandwidth(Plist::integer(1));
+  KTSFetchScheduler alone(1, nullptr, {1024, 1024});
+  scheduler_ = &alone;
   auto limited = download("/unsized");
   EXPECT_FALSE(limited->downloadError());
   double paused = std::accumulate(clock_->sleeps().begin() + 1, clock_->sleeps().end(), 0.0);
@@ -537,7 +536,7 @@ TEST_F(KTSFileDownloaderTest, BandwidthLimitAsksForTheRightPauses) {
 
   // Transfers that run at once share the limit: three of them ask for three times the pauses.
   std::size_t before = clock_->sleeps().size();
-  KTSFetchScheduler scheduler(3, nullptr);
+  KTSFetchScheduler scheduler(3, nullptr, {1024, 1024});
   for (int i = 0; i < 3; ++i) {
     scheduler.enqueue(KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(
                           *url("/unsized"), path(fmt::format("/limited/{}", i)), false),
@@ -560,13 +559,13 @@ TEST_F(KTSFileDownloaderTest, HttpsNeedsATrustedCertificate) {
   auto secureUrl = *Url::parse(secure.url("/secure.pkg"));
 
   KTSFileDownloader untrusted(secureUrl, target(), false);
-  untrusted.startSynchronousDownload();
+  KTSFetchScheduler::fetchToEnd(untrusted, nullptr);
   ASSERT_TRUE(untrusted.downloadError());
   EXPECT_FALSE(std::filesystem::exists(target()));
 
   ::setenv("ONDREL_CA_BUNDLE", certificate.certificatePath.c_str(), 1);
   KTSFileDownloader trusted(secureUrl, target(), false);
-  trusted.startSynchronousDownload();
+  KTSFetchScheduler::fetchToEnd(trusted, nullptr);
   ::unsetenv("ONDREL_CA_BUNDLE");
   EXPECT_FALSE(trusted.downloadError());
   EXPECT_EQ(readFile(target()), "secret");
@@ -574,16 +573,16 @@ TEST_F(KTSFileDownloaderTest, HttpsNeedsATrustedCertificate) {
 
 TEST_F(KTSFileDownloaderTest, WrapperSkipsExistingFilesAndReportsFailures) {
   writeFile(target(), "kept");
-  EXPECT_TRUE(KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(
+  EXPECT_TRUE(KTSFetchScheduler::downloadFileWithURLToPathReplaceExistingArchivePrevious(
       *url("/content/x/item.pkg"), target(), false, false));
   EXPECT_EQ(server_.requestCount(), 0);
   EXPECT_TRUE(logged("ondrd_test[INF]: Skipping download; REPLACE = NO, file exists: item.pkg)"));
 
-  EXPECT_FALSE(KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(
+  EXPECT_FALSE(KTSFetchScheduler::downloadFileWithURLToPathReplaceExistingArchivePrevious(
       *url("/missing"), target(), true, false));
   EXPECT_TRUE(
       logged("ondrd_test[ERR]: Download for \"item.pkg\" failed (reason: HTTP status 404)"));
-  EXPECT_TRUE(KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(
+  EXPECT_TRUE(KTSFetchScheduler::downloadFileWithURLToPathReplaceExistingArchivePrevious(
       *url("/file"), path("/downloads/./item.pkg"), true, true));
   EXPECT_EQ(readFile(target()), "version 1");
   EXPECT_EQ(readFile(target() + ".previous"), "kept");
@@ -623,7 +622,8 @@ TEST(KTSFileDownloaderCrashTest, KilledMidwayLeavesTheOldFile) {
   if (downloader == 0) {
     ::setenv("ONDREL_ROOT", folder.c_str(), 1);
     for (int attempt = 0; attempt < 100; ++attempt) {
-      KTSFileDownloader(*Url::parse(source), finalPath, true).startSynchronousDownload();
+      KTSFileDownloader attempted(*Url::parse(source), finalPath, true);
+      KTSFetchScheduler::fetchToEnd(attempted, nullptr);
       usleep(20000);
     }
     _exit(0);
@@ -644,7 +644,7 @@ TEST(KTSFileDownloaderCrashTest, KilledMidwayLeavesTheOldFile) {
   ::setenv("ONDREL_ROOT", folder.c_str(), 1);
   KTSFileDownloader again(*Url::parse(fmt::format("http://127.0.0.1:{}/small", port)), finalPath,
                           true);
-  again.startSynchronousDownload();
+  KTSFetchScheduler::fetchToEnd(again, nullptr);
   ::unsetenv("ONDREL_ROOT");
   EXPECT_FALSE(again.downloadError());
   EXPECT_EQ(OndrelTest::readFile(finalPath), "new complete file");

@@ -9,6 +9,7 @@
 
 #include "ApacheServer.h"
 #include "CompressedForms.h"
+#include "KTSCatalogSets.h"
 #include "KTSMetaIndex.h"
 #include "KTSPreferences.h"
 #include "OndrelTest.h"
@@ -24,7 +25,7 @@ class ApacheTest : public OndrelTest {
   void SetUp() override {
     OndrelTest::SetUp();
     port_ = test::freeLoopbackPort();
-    preferences_ = KTSPreferences::defaultPreferences();
+    preferences_ = context().sharedPreferences();
     preferences_->setPortToUse(Plist::integer(port_));
   }
 
@@ -124,7 +125,7 @@ TEST_F(ApacheTest, ServesTheDocumentRootAndSendsCatalogRequestsToTheCgi) {
   ASSERT_TRUE(listing);
   EXPECT_NE(listing->status, 200) << "directory listings are off";
 
-  const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
+  const std::string newest = KTSCatalogSets::supportedCatalogNames().back();
   httplib::Headers taltos16 = {{"User-Agent", "Vantor-Update/1.0 Taltos/16.0.0"}};
   auto routed = client().Get("/index.ktcatalog", taltos16);
   ASSERT_TRUE(routed);
@@ -139,7 +140,7 @@ TEST_F(ApacheTest, ServesTheDocumentRootAndSendsCatalogRequestsToTheCgi) {
 
 TEST_F(ApacheTest, PublishedCatalogsAreServedAndInternalFilesAreNot) {
   ASSERT_TRUE(preferences_->commitChanges());
-  const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
+  const std::string newest = KTSCatalogSets::supportedCatalogNames().back();
   const std::string others = htmlPath() + "/content/catalogs/others/";
   writeFile(others + newest, "served catalog");
   ASSERT_TRUE((&context().metaIndex())->downloadForcingUpdate(true));
@@ -184,10 +185,10 @@ TEST_F(ApacheTest, CatalogsAreServedAsFilesAndCompressedForClientsThatAcceptIt) 
   ASSERT_TRUE(preferences_->commitChanges());
   installCatalogScript();
   const std::string others = htmlPath() + "/content/catalogs/others/";
-  for (const std::string& name : KTSMetaIndex::supportedCatalogNames()) {
+  for (const std::string& name : KTSCatalogSets::supportedCatalogNames()) {
     writeFile(others + name, "<plist>" + std::string(4000, 'c') + name + "</plist>");
   }
-  const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
+  const std::string newest = KTSCatalogSets::supportedCatalogNames().back();
   for (Encoding encoding : kCompressedEncodings) {
     bool written = false;
     std::string error;
@@ -206,7 +207,7 @@ TEST_F(ApacheTest, CatalogsAreServedAsFilesAndCompressedForClientsThatAcceptIt) 
     return response ? *response : httplib::Response();
   };
 
-  for (const std::string& name : KTSMetaIndex::supportedCatalogNames()) {
+  for (const std::string& name : KTSCatalogSets::supportedCatalogNames()) {
     httplib::Response plain = get(name);
     EXPECT_EQ(plain.status, 200) << name;
     EXPECT_EQ(plain.body, readFile(others + name)) << "the file itself, not the CGI";

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 
+#include "KTSCatalogSets.h"
 #include "KTSHostConfiguration.h"
 #include "KTSMetaIndex.h"
 #include "KTSPreferences.h"
@@ -27,7 +28,7 @@ class KTSHostConfigurationTest : public OndrelTest {
 
   // A configuration loaded from text, with preferences whose catalogs are given.
   std::shared_ptr<KTSHostConfiguration> loaded(const std::string& text,
-                                               const KTSPreferences* preferences = nullptr) {
+                                               const Plist* preferences = nullptr) {
     writeFile(confPath(), text);
     auto config = KTSHostConfiguration::configurationWithPath(confPath());
     EXPECT_TRUE(config->loadWithPreferences(preferences));
@@ -167,13 +168,13 @@ TEST_F(KTSHostConfigurationTest, RateLimitLinesFollowTheInsertionRule) {
 
 TEST_F(KTSHostConfigurationTest, RewriteBlockFollowsTheConfiguredCatalogs) {
   KTSPreferences preferences;
-  const auto& supported = KTSMetaIndex::supportedCatalogNames();
+  const auto& supported = KTSCatalogSets::supportedCatalogNames();
   preferences.setOtherCatalogs(
       Plist::stringArray({supported[7], "unknown.ktcatalog", supported[1]}));
   auto config = loaded(
       "Listen 1\n<IfModule mod_rewrite.c>\n    RewriteEngine Off\n"
       "    old rule\n</IfModule>\n\n\n",
-      &preferences);
+      &preferences.prefs());
   EXPECT_EQ(*config->configLines(),
             (ConfigLines{"Listen 1", "<IfModule mod_rewrite.c>", "    RewriteEngine On",
                          "    RewriteCond %{HTTP_USER_AGENT} Taltos/10",
@@ -191,13 +192,13 @@ TEST_F(KTSHostConfigurationTest, RewriteBlockFollowsTheConfiguredCatalogs) {
   preferences.setOtherCatalogs(Plist::array());
   writeFile(confPath(), "<IfModule mod_rewrite.c>\n    RewriteEngine On\n    x\n</IfModule>\n");
   config = KTSHostConfiguration::configurationWithPath(confPath());
-  ASSERT_TRUE(config->loadWithPreferences(&preferences));
+  ASSERT_TRUE(config->loadWithPreferences(&preferences.prefs()));
   EXPECT_EQ(lines::contentForSectionTypeWithIdentifier(*config->configLines(), "<IfModule",
                                                        "mod_rewrite.c"),
             ConfigLines{"    RewriteEngine On"});
 
   clearLog();
-  auto added = loaded("Listen 1\n", &preferences);
+  auto added = loaded("Listen 1\n", &preferences.prefs());
   EXPECT_EQ(*added->configLines(),
             (ConfigLines{"Listen 1", "", "### mod_rewrite section auto-generated",
                          "<IfModule mod_rewrite.c>", "</IfModule>"}))

@@ -201,8 +201,9 @@ TEST_F(KTSJobTicketTest, AnotherProcessWriteInProgressIsLeftAlone) {
 
 TEST_F(KTSJobTicketTest, PendingFolderFollowsANonDefaultConfiguration) {
   std::filesystem::create_directories(path("/alt/Ondrel/Config"));
-  KTSPreferences::defaultPreferencesWithPath(path("/alt/Ondrel/Config/ondrd.plist"));
-  KTSJobTicketManager manager(context().preferences());
+  KTSPassContext alternative(
+      KTSPreferences::preferencesWithPath(path("/alt/Ondrel/Config/ondrd.plist")));
+  KTSJobTicketManager manager(alternative.preferences());
   EXPECT_EQ(manager.jobsPath(), path("/alt/Ondrel/Status/.pending"));
   EXPECT_FALSE(manager.prefs());
 }

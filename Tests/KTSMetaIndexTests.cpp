@@ -2,6 +2,7 @@
 
 #include <filesystem>
 
+#include "KTSCatalogSets.h"
 #include "KTSMetaIndex.h"
 #include "KTSPreferences.h"
 #include "OndrelTest.h"
@@ -17,7 +18,7 @@ class KTSMetaIndexTest : public OndrelTest {
   void SetUp() override {
     OndrelTest::SetUp();
     setUserDefaults(true);
-    preferences_ = KTSPreferences::defaultPreferences();
+    preferences_ = context().sharedPreferences();
     preferences_->setMetaIndexURL(Url::parse("http://127.0.0.1:8181/content/meta/config.plist"));
     preferences_->setOtherCatalogs(Plist::array());
     html_ = preferences_->updatesHtmlPath();
@@ -36,26 +37,26 @@ class KTSMetaIndexTest : public OndrelTest {
 };
 
 TEST_F(KTSMetaIndexTest, CatalogVersionTables) {
-  const auto& supported = KTSMetaIndex::supportedCatalogNames();
+  const auto& supported = KTSCatalogSets::supportedCatalogNames();
   ASSERT_EQ(supported.size(), 8u);
   EXPECT_EQ(supported.front(), "index-alder.merged-1.ktcatalog");
   for (std::size_t i = 0; i < supported.size(); ++i) {
-    EXPECT_EQ(KTSMetaIndex::taltosNameForCatalogName(supported[i]), std::to_string(9 + i));
+    EXPECT_EQ(KTSCatalogSets::taltosNameForCatalogName(supported[i]), std::to_string(9 + i));
   }
-  EXPECT_FALSE(KTSMetaIndex::taltosNameForCatalogName("index.ktcatalog"));
-  EXPECT_FALSE(KTSMetaIndex::taltosNameForCatalogName(""));
+  EXPECT_FALSE(KTSCatalogSets::taltosNameForCatalogName("index.ktcatalog"));
+  EXPECT_FALSE(KTSCatalogSets::taltosNameForCatalogName(""));
 
-  EXPECT_EQ(KTSMetaIndex::currentCatalogVersion(), "10.12");
-  EXPECT_EQ(KTSMetaIndex::previousCatalogVersions().front(), "10.11");
-  auto current = KTSMetaIndex::defaultCatalogsForVersion("10.12");
+  EXPECT_EQ(KTSCatalogSets::currentCatalogVersion(), "10.12");
+  EXPECT_EQ(KTSCatalogSets::previousCatalogVersions().front(), "10.11");
+  auto current = KTSCatalogSets::defaultCatalogsForVersion("10.12");
   ASSERT_TRUE(current);
   EXPECT_EQ(current->front(), supported.back()) << "newest first";
   EXPECT_EQ(current->back(), "index-alder-birch.merged-1.ktcatalog");
   EXPECT_EQ(current->size(), 7u);
-  EXPECT_FALSE(KTSMetaIndex::defaultCatalogsForVersion("10.5"));
-  EXPECT_FALSE(KTSMetaIndex::defaultCatalogsForVersion("10.12.1"));
+  EXPECT_FALSE(KTSCatalogSets::defaultCatalogsForVersion("10.5"));
+  EXPECT_FALSE(KTSCatalogSets::defaultCatalogsForVersion("10.12.1"));
 
-  EXPECT_EQ(*KTSMetaIndex::defaultCatalogsForVersion("10.6"),
+  EXPECT_EQ(*KTSCatalogSets::defaultCatalogsForVersion("10.6"),
             (std::vector<std::string>{supported[1], supported[0], "index.ktcatalog"}));
 }
 
@@ -67,7 +68,7 @@ TEST_F(KTSMetaIndexTest, DefaultListIsSavedExportedAndLinked) {
   EXPECT_TRUE(
       logged("ondrd_test[ERR]: Catalog meta-index load failed!  Unable to initialize list "
              "of catalogs."));
-  const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
+  const std::string newest = KTSCatalogSets::supportedCatalogNames().back();
   EXPECT_EQ(file("catalogs.ktcatalog.alternate")["CatalogsList"],
             Plist::stringArray({vendor(newest)}));
   EXPECT_EQ(file("catalogs.ktcatalog.alternate")["PrimaryCatalog"].stringValue(), vendor(newest));
@@ -84,7 +85,7 @@ TEST_F(KTSMetaIndexTest, DefaultListIsSavedExportedAndLinked) {
       Plist::stringArray({newest, "index-10.9-dogwood-cedar-birch-alder.merged-1.ktcatalog",
                           "index.ktcatalog", "../../escape"}));
   clearLog();
-  auto forced = std::make_shared<KTSMetaIndex>(KTSPreferences::defaultPreferences());
+  auto forced = std::make_shared<KTSMetaIndex>(context().sharedPreferences());
   ASSERT_TRUE(forced->downloadForcingUpdate(true));
   EXPECT_EQ(forced->catalogs().size(), 2u);
   EXPECT_TRUE(
@@ -101,17 +102,17 @@ TEST_F(KTSMetaIndexTest, DefaultListIsSavedExportedAndLinked) {
   EXPECT_FALSE(std::filesystem::exists(html_ + "/escape"));
 
   // A reload republishes without rebuilding; the links are replaced, never missing.
-  auto reloaded = std::make_shared<KTSMetaIndex>(KTSPreferences::defaultPreferences());
+  auto reloaded = std::make_shared<KTSMetaIndex>(context().sharedPreferences());
   ASSERT_TRUE(reloaded->downloadForcingUpdate(false));
   EXPECT_TRUE(logged("ondrd_test[DBG]: METX: initialized from existing local file"));
   EXPECT_EQ(reloaded->catalogs().size(), 2u);
 }
 
 TEST_F(KTSMetaIndexTest, BadAlternateFilesFallBackToTheDefaults) {
-  auto metaIndex = std::make_shared<KTSMetaIndex>(KTSPreferences::defaultPreferences());
+  auto metaIndex = std::make_shared<KTSMetaIndex>(context().sharedPreferences());
   metaIndex->updateLocalPaths();
   const std::string alternate = *metaIndex->localPathAlternate();
-  const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
+  const std::string newest = KTSCatalogSets::supportedCatalogNames().back();
   for (const std::string& bad :
        {std::string("not a plist"),
         std::string("<plist><dict><key>CatalogsList</key><string>x</string></dict></plist>"),
@@ -122,7 +123,7 @@ TEST_F(KTSMetaIndexTest, BadAlternateFilesFallBackToTheDefaults) {
         std::string("<plist><dict><key>CatalogsList</key><array><string>http://h/a/..</string>"
                     "</array></dict></plist>")}) {
     writeFile(alternate, bad);
-    auto loaded = std::make_shared<KTSMetaIndex>(KTSPreferences::defaultPreferences());
+    auto loaded = std::make_shared<KTSMetaIndex>(context().sharedPreferences());
     ASSERT_TRUE(loaded->downloadForcingUpdate(false)) << bad;
     ASSERT_EQ(loaded->catalogs().size(), 1u) << bad;
     EXPECT_EQ(loaded->primaryCatalog()->description(), vendor(newest)) << bad;

@@ -30,10 +30,10 @@ TEST(KTSMirrorSpaceTest, NeedsFitBesideTheReserveAndWhatIsPromised) {
 class KTSMirrorSpaceVolumeTest : public OndrelTest {};
 
 TEST_F(KTSMirrorSpaceVolumeTest, TheDocumentRootsVolumeWithTheReserveWithinItsLimits) {
-  auto preferences = KTSPreferences::defaultPreferences();
+  auto preferences = context().sharedPreferences();
   std::filesystem::create_directories(preferences->updatesDocRoot());
   preferences->setVolumeReserve(Plist::integer(150));
-  KTSMirrorSpace space = KTSMirrorSpace::now();
+  KTSMirrorSpace space = KTSMirrorSpace::now(context().preferences());
   ASSERT_TRUE(space.known);
   EXPECT_EQ(space.reservePercent, 100);
   EXPECT_GE(space.reserve + space.total / 100, space.total) << "all of it";

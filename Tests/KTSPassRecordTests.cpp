@@ -17,15 +17,15 @@ class KTSPassRecordTest : public OndrelTest {
     OndrelTest::SetUp();
     file_ = path("/made.plist");
     std::filesystem::create_directories(
-        std::filesystem::path(KTSPassRecord::defaultPath()).parent_path());
+        std::filesystem::path(KTSPassRecord::defaultPath(context().layout())).parent_path());
     writeFile(file_, "made once");
-    KTSPassRecord record(KTSPassRecord::Reuse::Allowed);
+    KTSPassRecord record(KTSPassRecord::Reuse::Allowed, context().layout());
     record.recordFile(file_, "inputs");
     record.recordFile(path("/missing"), "inputs");
     ASSERT_TRUE(record.save());
   }
-  static bool reusable(const std::string& file, const std::string& inputs) {
-    return KTSPassRecord(KTSPassRecord::Reuse::Allowed).isCurrent(file, inputs);
+  bool reusable(const std::string& file, const std::string& inputs) {
+    return KTSPassRecord(KTSPassRecord::Reuse::Allowed, context().layout()).isCurrent(file, inputs);
   }
 
   std::string file_;
@@ -35,9 +35,10 @@ TEST_F(KTSPassRecordTest, AFileIsReusedOnlyAsTheLastPassLeftIt) {
   EXPECT_TRUE(reusable(file_, "inputs"));
   EXPECT_FALSE(reusable(file_, "other inputs"));
   EXPECT_FALSE(reusable(path("/missing"), "inputs")) << "a file that was not there";
-  EXPECT_FALSE(KTSPassRecord(KTSPassRecord::Reuse::Nothing).isCurrent(file_, "inputs"));
+  EXPECT_FALSE(
+      KTSPassRecord(KTSPassRecord::Reuse::Nothing, context().layout()).isCurrent(file_, "inputs"));
   // A pass that saves its record keeps only what it recorded itself.
-  ASSERT_TRUE(KTSPassRecord(KTSPassRecord::Reuse::Allowed).save());
+  ASSERT_TRUE(KTSPassRecord(KTSPassRecord::Reuse::Allowed, context().layout()).save());
   EXPECT_FALSE(reusable(file_, "inputs"));
 }
 
@@ -45,7 +46,7 @@ TEST_F(KTSPassRecordTest, AFileWrittenSinceOrOtherSettingsReuseNothing) {
   writeFile(file_, "made again");
   EXPECT_FALSE(reusable(file_, "inputs"));
   SetUp();
-  auto preferences = KTSPreferences::defaultPreferences();
+  auto preferences = context().sharedPreferences();
   preferences->setPortToUse(Plist::integer(preferences->portToUse().integerValue() + 1));
   ASSERT_TRUE(preferences->commitChanges());
   EXPECT_FALSE(reusable(file_, "inputs")) << "the preferences decide paths and policies";
@@ -57,7 +58,7 @@ TEST_F(KTSPassRecordTest, ADamagedRecordReusesNothingAndHarmsNothing) {
         std::string("<plist><dict><key>settings</key><integer>1</integer><key>files</key>"
                     "<array/></dict></plist>"),
         std::string(5 << 20, '<')}) {
-    writeFile(KTSPassRecord::defaultPath(), damaged);
+    writeFile(KTSPassRecord::defaultPath(context().layout()), damaged);
     EXPECT_FALSE(reusable(file_, "inputs")) << damaged.substr(0, 40);
   }
 }

@@ -11,25 +11,28 @@ using test::OndrelTest;
 class KTSPathTest : public OndrelTest {};
 
 TEST_F(KTSPathTest, OneFileInItsThreePlaces) {
-  auto preferences = KTSPreferences::defaultPreferences();
-  preferences->setHostName("mirror");
-  preferences->setPortToUse(Plist::integer(8088));
+  KTSPreferences& preferences = context().preferences();
+  preferences.setHostName("mirror");
+  preferences.setPortToUse(Plist::integer(8088));
   KTSPath file = KTSPath::pathWithString(
       "https://download.vantor.example/content/downloads/a/b%20c.pkg?token=1");
-  EXPECT_EQ(file.asChildServerURL(), "http://mirror:8088/content/downloads/a/b%20c.pkg");
-  EXPECT_EQ(file.asLocalPath(),
+  EXPECT_EQ(file.asChildServerURL(context().layout()),
+            "http://mirror:8088/content/downloads/a/b%20c.pkg");
+  EXPECT_EQ(file.asLocalPath(context().layout()),
             path("/Library/Server/Ondrel/Data/html/content/downloads/a/b c.pkg"));
 
   KTSPath back = KTSPath::pathWithLocalFilePathParentHost(
-      path("/Library/Server/Ondrel/Data/html/content/downloads/x.pkg"), "upstream:8080");
+      path("/Library/Server/Ondrel/Data/html/content/downloads/x.pkg"), "upstream:8080",
+      context().layout());
   ASSERT_TRUE(back.parentServerURL());
   EXPECT_EQ(back.parentServerURL()->text(), "http://upstream:8080/content/downloads/x.pkg");
-  EXPECT_FALSE(KTSPath::pathWithLocalFilePathParentHost("/elsewhere/x.pkg", "h").parentServerURL());
+  EXPECT_FALSE(KTSPath::pathWithLocalFilePathParentHost("/elsewhere/x.pkg", "h", context().layout())
+                   .parentServerURL());
 
   KTSPath nothing = KTSPath::pathWithString("not a url");
   EXPECT_FALSE(nothing.parentServerURL());
-  EXPECT_FALSE(nothing.asLocalPath());
-  EXPECT_FALSE(nothing.asChildServerURL());
+  EXPECT_FALSE(nothing.asLocalPath(context().layout()));
+  EXPECT_FALSE(nothing.asChildServerURL(context().layout()));
 }
 
 TEST_F(KTSPathTest, UrlSettersRebuildFromSchemeHostAndPath) {

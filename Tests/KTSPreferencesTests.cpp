@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "KTSCatalogSets.h"
 #include "KTSMetaIndex.h"
 #include "KTSPreferences.h"
 #include "KTSUtilities.h"
@@ -23,7 +24,7 @@ class KTSPreferencesTest : public OndrelTest {
     ASSERT_TRUE(dictionary.writeXmlFile(configPath(), nullptr));
   }
   static Plist catalogsOf(const std::string& version) {
-    return Plist::stringArray(*KTSMetaIndex::defaultCatalogsForVersion(version));
+    return Plist::stringArray(*KTSCatalogSets::defaultCatalogsForVersion(version));
   }
   static uid_t ownerOf(const std::string& file) {
     struct stat status {};
@@ -40,7 +41,10 @@ class KTSPreferencesTest : public OndrelTest {
   }
 };
 
+// Through the shared instance, which lives as long as the process: made anew under this test's
+// root.
 TEST_F(KTSPreferencesTest, FirstStartBuildsTheServiceTreeAndRestoresDefaults) {
+  KTSPreferences::resetDefaultPreferences();
   auto preferences = KTSPreferences::defaultPreferences();
   for (const char* folder : {"Config", "Data", "Cache", "Status"}) {
     std::string full = path("/Library/Server/Ondrel/") + folder;
@@ -209,7 +213,7 @@ TEST_F(KTSPreferencesTest, WorkingPathsFollowANonDefaultConfiguration) {
 
 TEST_F(KTSPreferencesTest, OldCatalogListsAreUpgradedOnceFromEveryPreviousVersion) {
   const Plist current = catalogsOf("10.12");
-  for (const std::string& version : KTSMetaIndex::previousCatalogVersions()) {
+  for (const std::string& version : KTSCatalogSets::previousCatalogVersions()) {
     Plist stored = Plist::dictionary();
     stored.set("portToUse", Plist::integer(8088));
     stored.set("otherCatalogs", catalogsOf(version));
@@ -276,7 +280,7 @@ TEST_F(KTSPreferencesTest, ArrayHelpers) {
 }
 
 TEST_F(KTSPreferencesTest, AFailedCommitKeepsTheSettingsInMemory) {
-  auto preferences = KTSPreferences::defaultPreferences();
+  auto preferences = context().sharedPreferences();
   preferences->setPortToUse(Plist::integer(9000));
   std::filesystem::remove_all(path("/Library/Server/Ondrel/Config"));
   EXPECT_FALSE(preferences->commitChangesUpdatingHostConfig(false));

@@ -11,7 +11,6 @@
 #include "KTCatalogKeys.h"
 #include "KTSFetchScheduler.h"
 #include "KTSFileOwnership.h"
-#include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSProductDownload.h"
 #include "UpstreamFiles.h"
@@ -72,7 +71,7 @@ class KTSProductMirrorTest : public test::UpstreamProductTest {
 TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
   auto first = product();
   first->state().enableOnceMirrored();
-  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*first));
+  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*first, 4));
   EXPECT_EQ(first->state().mirror(), KTSProductState::Mirrored);
   EXPECT_TRUE(first->state().enabled());
   EXPECT_EQ(first->state().progress().totalDownloadCount, 5);
@@ -83,14 +82,14 @@ TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
 
   int requests = upstream_.requestCount();
   auto second = product();
-  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*second));
+  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*second, 4));
   EXPECT_EQ(upstream_.requestCount(), requests) << "files already present are not fetched again";
 
   // A file of the wrong size is kept by the fetch, found suspect, deleted and fetched again.
   writeFile(local("/content/downloads/d/P1/a.pkg"), "short");
   clearLog();
   auto third = product();
-  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*third));
+  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*third, 4));
   EXPECT_EQ(readFile(local("/content/downloads/d/P1/a.pkg")), std::string(3000, 'a'));
   EXPECT_TRUE(
       logged("ondrd_test[DBG]: PROD: P1: verification failed; incorrect size: a.pkg "
@@ -101,7 +100,7 @@ TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
   const std::string longName = "/content/downloads/d/P1/" + std::string(250, 'n') + ".pkg";
   upstream_.put(longName, std::string(700, 'n'));
   auto longer = productFor(upstream_.entry({}, {{longName, 700, ""}}));
-  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*longer));
+  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*longer, 4));
   EXPECT_EQ(sizeOf(local(longName)), 700u);
 }
 
@@ -109,7 +108,7 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
   upstream_.put("/content/downloads/d/P1/b.pkg",
                 std::string(6000, 'b'));  // longer than the catalog says
   auto longer = product();
-  EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*longer));
+  EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*longer, 4));
   EXPECT_EQ(longer->state().mirror(), KTSProductState::Downloading);
   EXPECT_EQ(longer->state().progress().downloadStatus, KTSProductState::FileAbsent);
   EXPECT_TRUE(
@@ -122,7 +121,7 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
     auto failing = product();
     int requests = upstream_.requestCount();
     clearLog();
-    EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*failing)) << status;
+    EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*failing, 4)) << status;
     // a.pkg once, b.pkg three times, and each attempt reports its failure.
     EXPECT_EQ(upstream_.requestCount(), requests + 4) << status;
     std::vector<std::string> lines = logLines();
@@ -143,7 +142,7 @@ TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
       .set(KTCatalogPackageURLStringKey, "ftp://127.0.0.1/d/P9/a.pkg");
   clearLog();
   auto ftp = productFor(entry);
-  EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*ftp));
+  EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*ftp, 4));
   EXPECT_EQ(ftp->state().mirror(), KTSProductState::Downloading);
   std::vector<std::string> lines = logLines();
   EXPECT_EQ(std::count(lines.begin(), lines.end(),
@@ -229,7 +228,7 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
         .mutableElements()[0]
         .set(KTCatalogPackageURLStringKey, hostile);
     auto product = productFor(entry);
-    EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*product)) << hostile;
+    EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*product, 4)) << hostile;
     EXPECT_NE(product->state().mirror(), KTSProductState::Mirrored);
   }
   EXPECT_TRUE(std::filesystem::is_empty(root_ + "/outside"));
@@ -238,7 +237,7 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
   EXPECT_TRUE(logged(fmt::format(
       "ondrd_test[ERR]: *** Reason: file download path is not part of updates folder (should be "
       "\"{}\")",
-      KTSPreferences::defaultPreferences()->updatesDocRoot())));
+      context().layout().documentRoot())));
 
   // Product files belong under the downloads folder: never on a served catalog, a published
   // name or one of the server's own files.
@@ -250,7 +249,7 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
         std::string("/content/downloads/d/P1/.hidden")}) {
     upstream_.put(target, std::string(3000, 'x'));
     auto misplaced = productFor(upstream_.entry({}, {{target, 3000, ""}}));
-    EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*misplaced)) << target;
+    EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*misplaced, 4)) << target;
   }
   EXPECT_EQ(readFile(local("/content/catalogs/others/index-alder-birch.merged-1.ktcatalog")),
             "served");
@@ -268,7 +267,7 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
   const std::string shared = "/content/downloads/d/shared.pkg";
   upstream_.put(shared, std::string(3000, 's'));
   auto owner = made("OWNER", {{shared, 3000, ""}});
-  ASSERT_TRUE(KTSProductDownload::downloadMirroredFiles(*owner));
+  ASSERT_TRUE(KTSProductDownload::downloadMirroredFiles(*owner, 4));
   auto intruder = made("AAA", {{shared, 10, ""}});
   KTSFileOwnership ownership({intruder, owner});
   KTSFetchScheduler scheduler(4, nullptr);
@@ -289,7 +288,7 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
   upstream_.put("/content/downloads/d/variant.pkg", std::string(3000, 'v'));
   auto variants = made("VARIANTS", {{"/content/downloads/d/variant.pkg?v=1", 3000, ""},
                                     {"/content/downloads/d/variant.pkg?v=2", 10, ""}});
-  EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*variants));
+  EXPECT_FALSE(KTSProductDownload::downloadMirroredFiles(*variants, 4));
   EXPECT_EQ(sizeOf(local("/content/downloads/d/variant.pkg")), 3000u);
 
   // A product restored from a planted cache names files outside; nothing there is touched.
@@ -298,7 +297,7 @@ TEST_F(KTSProductMirrorTest, HostileUrlsCannotWriteOutsideTheDocumentRoot) {
   archive.mutableValue("mirrorFiles")
       .mutableElements()[3]
       .set(KTSProduct::kFileLocalPathKey, root_ + "/outside/keep.pkg");
-  auto restored = KTSProduct::productWithArchiveRepresentation(archive);
+  auto restored = KTSProduct::productWithArchiveRepresentation(archive, context().layout());
   restored->removeAllMirroredFiles();
   EXPECT_FALSE(restored->verifyMirroredFiles());
   EXPECT_EQ(readFile(root_ + "/outside/keep.pkg"), "precious");
@@ -334,7 +333,7 @@ TEST_F(KTSProductMirrorTest, AKilledDownloadIsCompletedByTheNextRun) {
   pid_t child = fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
-    KTSProductDownload::downloadMirroredFiles(*productFor(entry));
+    KTSProductDownload::downloadMirroredFiles(*productFor(entry), 4);
     _exit(0);
   }
   const std::string partial = local("/content/downloads/d/P1/big.pkg.downloading");
@@ -346,7 +345,7 @@ TEST_F(KTSProductMirrorTest, AKilledDownloadIsCompletedByTheNextRun) {
   EXPECT_FALSE(std::filesystem::exists(local("/content/downloads/d/P1/big.pkg")));
 
   auto again = productFor(entry);
-  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*again));
+  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*again, 4));
   EXPECT_EQ(std::filesystem::file_size(local("/content/downloads/d/P1/big.pkg")), 8u << 20);
   EXPECT_FALSE(std::filesystem::exists(partial));
   slow.stop();
@@ -361,7 +360,7 @@ TEST_F(KTSProductMirrorTest, RemovalKeepsDescriptionsOrTakesTheWholeFolder) {
   auto mirrored = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
       "P1", entry, Url::parse(upstream_.url("/content/downloads/d/P1/P1.smd")),
       context().services());
-  ASSERT_TRUE(KTSProductDownload::downloadMirroredFiles(*mirrored));
+  ASSERT_TRUE(KTSProductDownload::downloadMirroredFiles(*mirrored, 4));
   mirrored->state().enable();
   // A part kept from a download cut short goes with the product, file or not.
   std::filesystem::remove(local("/content/downloads/d/P1/a.pkm"));

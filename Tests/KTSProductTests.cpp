@@ -7,7 +7,6 @@
 #include "KTSFetchScheduler.h"
 #include "KTSMetadataGenerator.h"
 #include "KTSPassMemo.h"
-#include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSProductChange.h"
 #include "KTSProductTable.h"
@@ -157,7 +156,8 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
       if (productId == std::string("P3")) entry.set("CompositeProductState", Plist::integer(3));
       entries.set(productId, entry);
     }
-    KTSServerMetadata::prefetchServerMetadataForEntries(entries, pass, scheduler);
+    KTSServerMetadata::prefetchServerMetadataForEntries(entries, context().layout(), pass,
+                                                        scheduler);
     EXPECT_EQ(upstream_.requestCount(), requests + 2);
     // Fetched unchanged, the file stays in place and is its own previous version.
     EXPECT_EQ(fileIdentity(smdFile), unchangedFile);
@@ -181,7 +181,8 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
   {
     KTSPassMemo pass;
     auto sharing = context().lend(pass);
-    KTSServerMetadata::prefetchServerMetadataForEntries(entries, pass, scheduler);
+    KTSServerMetadata::prefetchServerMetadataForEntries(entries, context().layout(), pass,
+                                                        scheduler);
     EXPECT_EQ(make(smdUrl)->version(), "10.6.9") << "the next pass fetches anew";
   }
   EXPECT_EQ((*Plist::readFile(smdFile + ".previous", nullptr))["CFBundleShortVersionString"]
@@ -268,7 +269,7 @@ TEST_F(KTSProductTest, ArchiveRoundTripsAndRestoreToleratesMissingKeys) {
   ASSERT_TRUE(archive.isDictionary());
   EXPECT_EQ(archive["mirror"].stringValue(), "Mirrored");
   EXPECT_EQ(archive["mirrorFiles"].size(), 5u);
-  auto restored = KTSProduct::productWithArchiveRepresentation(archive);
+  auto restored = KTSProduct::productWithArchiveRepresentation(archive, context().layout());
   EXPECT_EQ(restored->archiveRepresentation(), archive);
   EXPECT_EQ(restored->initStatus(), 0);
   EXPECT_TRUE(restored->state().isEqual(product->state()));
@@ -277,22 +278,26 @@ TEST_F(KTSProductTest, ArchiveRoundTripsAndRestoreToleratesMissingKeys) {
   Plist withoutFiles = archive;
   withoutFiles.remove("mirrorFiles");
   withoutFiles.remove("smdPath");
-  Plist bare = KTSProduct::productWithArchiveRepresentation(withoutFiles)->archiveRepresentation();
+  Plist bare = KTSProduct::productWithArchiveRepresentation(withoutFiles, context().layout())
+                   ->archiveRepresentation();
   EXPECT_FALSE(bare.contains("mirrorFiles"));
   EXPECT_FALSE(bare.contains("smdPath"));
-  EXPECT_EQ(KTSProduct::productWithArchiveRepresentation(bare)->archiveRepresentation(), bare);
+  EXPECT_EQ(KTSProduct::productWithArchiveRepresentation(bare, context().layout())
+                ->archiveRepresentation(),
+            bare);
 
   Plist broken = archive;
   broken.mutableValue("mirrorFiles").mutableElements()[1].remove(KTSProduct::kFileURLKey);
-  EXPECT_TRUE(
-      KTSProduct::productWithArchiveRepresentation(broken)->archiveRepresentation().isNull());
+  EXPECT_TRUE(KTSProduct::productWithArchiveRepresentation(broken, context().layout())
+                  ->archiveRepresentation()
+                  .isNull());
   EXPECT_TRUE(logged("ondrd_test[ERR]: *** Internal error creating cache data for product P1."));
 
   clearLog();
   Plist partial = Plist::dictionary();
   partial.set("productId", "P9");
   partial.set("mirror", "mirrored");
-  auto sparse = KTSProduct::productWithArchiveRepresentation(partial);
+  auto sparse = KTSProduct::productWithArchiveRepresentation(partial, context().layout());
   EXPECT_EQ(logLines(),
             (std::vector<std::string>{
                 "ondrd_test[DBG]: PROD: P9: * * * WARNING! Missing archive value: enabled.",
@@ -308,7 +313,7 @@ TEST_F(KTSProductTest, StatesAndTheirNames) {
   EXPECT_EQ(KTSProductState::mirrorStateForString("LocalOrphaned"), 6);
   for (int state : {0, 8, -1})
     EXPECT_EQ(KTSProductState::mirrorStringForState(state), "DoNotMirror");
-  KTSProduct product{Plist::dictionary()};
+  KTSProduct product{Plist::dictionary(), context().layout()};
   product.state().enableOnceMirrored();
   product.state().restore(KTSProductState::Downloading, false);
   EXPECT_FALSE(product.state().applyPendingEnable());
@@ -316,7 +321,7 @@ TEST_F(KTSProductTest, StatesAndTheirNames) {
   product.state().markOrphaned();
   EXPECT_TRUE(product.state().applyPendingEnable());
   EXPECT_EQ(product.getEffectiveRestartAction(), "NoRestart");
-  KTSProduct other{Plist::dictionary()};
+  KTSProduct other{Plist::dictionary(), context().layout()};
   std::string changed;
   EXPECT_FALSE(other.state().isEqual(product.state(), &changed));
   EXPECT_EQ(changed, "mirror");
@@ -339,15 +344,15 @@ TEST_F(KTSProductTest, TheTableJoinsCopiesThatNameTheSameFilesAndKeepsEachCatalo
   Plist files = Plist::array();
   files.append(record);
   archive.set("mirrorFiles", files);
-  auto replaced = KTSProduct::productWithArchiveRepresentation(archive);
+  auto replaced = KTSProduct::productWithArchiveRepresentation(archive, context().layout());
   archive.set("mirror", "PleaseMirror");
-  auto current = KTSProduct::productWithArchiveRepresentation(archive);
+  auto current = KTSProduct::productWithArchiveRepresentation(archive, context().layout());
   record.set(KTSProduct::kFileSizeKey, Plist::integer(200));
   files = Plist::array();
   files.append(record);
   archive.set("mirrorFiles", files);
-  auto resized = KTSProduct::productWithArchiveRepresentation(archive);
-  KTSProductTable table;
+  auto resized = KTSProduct::productWithArchiveRepresentation(archive, context().layout());
+  KTSProductTable table(context().layout());
   for (const auto& copy : {replaced, current, resized}) table.join(copy);
   EXPECT_EQ(table.copiesOf("P1").size(), 3u);
   EXPECT_TRUE(table.copiesOf("P2").empty());
@@ -386,7 +391,7 @@ TEST_F(KTSProductTest, TheTableJoinsCopiesThatNameTheSameFilesAndKeepsEachCatalo
 // A file is known once, from what the catalogs found, from what the pass did, or from the disk;
 // each catalog's copy is in place only at the size the file has.
 TEST_F(KTSProductTest, TheTableKnowsEachFileOnceAndRecordsMatchItsSize) {
-  auto copy = [](const std::string& path, std::optional<std::int64_t> size) {
+  auto copy = [this](const std::string& path, std::optional<std::int64_t> size) {
     Plist record = Plist::dictionary();
     record.set(KTSProduct::kFileURLKey, "http://127.0.0.1/d/P1/a.pkg");
     record.set(KTSProduct::kFileLocalPathKey, path);
@@ -396,12 +401,12 @@ TEST_F(KTSProductTest, TheTableKnowsEachFileOnceAndRecordsMatchItsSize) {
     Plist archive = Plist::dictionary();
     archive.set("productId", "P1");
     archive.set("mirrorFiles", files);
-    return KTSProduct::productWithArchiveRepresentation(archive);
+    return KTSProduct::productWithArchiveRepresentation(archive, context().layout());
   };
   const std::string package = local("/d/P1/a.pkg");
   std::filesystem::create_directories(local("/d/P1"));
   writeFile(package, std::string(100, 'a'));
-  KTSProductTable table;
+  KTSProductTable table(context().layout());
   EXPECT_TRUE(table.filesInPlace(*copy(package, 100)));
   EXPECT_FALSE(table.filesInPlace(*copy(package, 200))) << "another catalog's size";
   EXPECT_TRUE(table.filesInPlace(*copy(package, std::nullopt)));

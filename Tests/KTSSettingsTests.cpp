@@ -41,7 +41,7 @@ class KTSSettingsDefaultsTest : public OndrelTest {};
 TEST_F(KTSSettingsDefaultsTest, ValuesOutsideTheirLimitsGiveWayToTheDefaults) {
   Plist preferences = Plist::dictionary();
   EXPECT_EQ(KTSSettings::maxConcurrentDownloads(preferences), 16);
-  EXPECT_EQ(KTSSettings::metricsFile(preferences),
+  EXPECT_EQ(KTSSettings::metricsFile(preferences, context().layout()),
             path("/Library/Server/Ondrel/Status/ondrel.prom"));
   preferences.set("maxConcurrentDownloads", Plist::integer(1000));
   preferences.set("hookTimeout", Plist::integer(0));
@@ -52,7 +52,7 @@ TEST_F(KTSSettingsDefaultsTest, ValuesOutsideTheirLimitsGiveWayToTheDefaults) {
   EXPECT_EQ(KTSSettings::hookTimeoutSeconds(preferences), 60);
   EXPECT_EQ(KTSSettings::adminPort(preferences), 8089);
   EXPECT_EQ(KTSSettings::adminAddress(preferences), "127.0.0.1");
-  EXPECT_EQ(KTSSettings::metricsFile(preferences),
+  EXPECT_EQ(KTSSettings::metricsFile(preferences, context().layout()),
             path("/Library/Server/Ondrel/Status/ondrel.prom"));
   preferences.set("maxConcurrentDownloads", Plist::integer(64));
   EXPECT_EQ(KTSSettings::maxConcurrentDownloads(preferences), 64);

@@ -74,7 +74,7 @@ class KTSSyncPassTest : public OndrelTest {
   }
 
   void configure(bool automatic, std::int64_t syncBandwidth = 0) {
-    auto preferences = KTSPreferences::defaultPreferences();
+    auto preferences = context().sharedPreferences();
     preferences->setMetaIndexURL(Url::parse(vendor_->metaIndexURL()));
     preferences->setPublicHostName("127.0.0.1");
     preferences->setPortToUse(Plist::integer(18080));

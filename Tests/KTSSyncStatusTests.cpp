@@ -30,7 +30,7 @@ class KTSSyncStatusTest : public OndrelTest {
 
 TEST_F(KTSSyncStatusTest, StateMachineSeenByASecondInstance) {
   auto daemon = (&context().status());
-  KTSSyncStatus admin(KTSPreferences::defaultPreferences());
+  KTSSyncStatus admin(context().sharedPreferences());
   EXPECT_EQ(admin.getSyncStatus(), 0);
   EXPECT_FALSE(admin.getUpdateError());
   EXPECT_FALSE(admin.getLastRunTime());
@@ -72,7 +72,7 @@ TEST_F(KTSSyncStatusTest, StateMachineSeenByASecondInstance) {
 }
 
 TEST_F(KTSSyncStatusTest, NotesDatesAndFlagsReadBackStrictly) {
-  KTSSyncStatus statusFiles(KTSPreferences::defaultPreferences());
+  KTSSyncStatus statusFiles(context().sharedPreferences());
   statusFiles.setStartTime();
   EXPECT_EQ(readFile(status(".start_time")), formatArchiveDate(clock_->now()));
   EXPECT_EQ(statusFiles.getStartTime(), clock_->now());
@@ -90,7 +90,7 @@ TEST_F(KTSSyncStatusTest, NotesDatesAndFlagsReadBackStrictly) {
 }
 
 TEST_F(KTSSyncStatusTest, HostAccessRecordsExpireAndClear) {
-  KTSSyncStatus statusFiles(KTSPreferences::defaultPreferences());
+  KTSSyncStatus statusFiles(context().sharedPreferences());
   statusFiles.setAccessForHostName(std::nullopt, "upstream");
   EXPECT_FALSE(exists(".host_access")) << "clearing nothing writes nothing";
 
@@ -114,8 +114,8 @@ TEST_F(KTSSyncStatusTest, HostAccessRecordsExpireAndClear) {
 
 TEST_F(KTSSyncStatusTest, PathsFollowANonDefaultConfiguration) {
   std::filesystem::create_directories(path("/alt/Ondrel/Config"));
-  KTSPreferences::defaultPreferencesWithPath(path("/alt/Ondrel/Config/ondrd.plist"));
-  KTSSyncStatus statusFiles(KTSPreferences::defaultPreferences());
+  KTSSyncStatus statusFiles(
+      KTSPreferences::preferencesWithPath(path("/alt/Ondrel/Config/ondrd.plist")));
   EXPECT_EQ(statusFiles.hostAccessPath(), path("/alt/Ondrel/Status/.host_access"));
   statusFiles.setSyncStatus(1);
   EXPECT_TRUE(std::filesystem::exists(path("/alt/Ondrel/Status/.sync_in_progress")));

@@ -17,11 +17,6 @@ namespace {
 
 using test::OndrelTest;
 
-std::shared_ptr<KTSProduct> product(const std::string& id, const char* mirror = "DoNotMirror",
-                                    bool enabled = false) {
-  return test::archivedProduct(id, mirror, enabled);
-}
-
 class KTSWorkingSetTest : public OndrelTest {
  protected:
   void SetUp() override {
@@ -32,6 +27,11 @@ class KTSWorkingSetTest : public OndrelTest {
     return path("/Library/Server/Ondrel/Status/com.vantor.server.ondrel.plist");
   }
   Plist onDisk() const { return (*Plist::readFile(file(), nullptr))["workingSetProducts"]; }
+  std::shared_ptr<KTSProduct> product(const std::string& id, const char* mirror = "DoNotMirror",
+                                      bool enabled = false) {
+    return KTSProduct::productWithArchiveRepresentation(test::productArchive(id, mirror, enabled),
+                                                        context().layout());
+  }
 };
 
 TEST_F(KTSWorkingSetTest, LoadingCreatesReportsCorruptionAndKeepsMemory) {

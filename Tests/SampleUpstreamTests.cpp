@@ -7,7 +7,7 @@
 
 #include "ApacheServer.h"
 #include "KTCatalogKeys.h"
-#include "KTSPreferences.h"
+#include "KTSFetchScheduler.h"
 #include "KTSProduct.h"
 #include "KTSProductDownload.h"
 #include "KTSUtilities.h"
@@ -147,7 +147,7 @@ TEST_F(SampleUpstreamTest, ServedTreesReadByTheProductClasses) {
 
   const std::string catalogPath = "/content/catalogs/others/" + kNewest;
   const std::string fetched = root_ + "/fetched.ktcatalog";
-  EXPECT_TRUE(KTSUtilities::downloadFileWithURLToPathReplaceExistingArchivePrevious(
+  EXPECT_TRUE(KTSFetchScheduler::downloadFileWithURLToPathReplaceExistingArchivePrevious(
       *Url::parse(base_ + catalogPath), fetched, true, false));
   EXPECT_EQ(contents(fetched), contents(folder + catalogPath));
 
@@ -175,7 +175,7 @@ TEST_F(SampleUpstreamTest, ServedTreesReadByTheProductClasses) {
   auto package = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
       "VT-000020", catalog[KTCatalogProductsDictKey]["VT-000020"], std::nullopt,
       context().services());
-  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*package));
+  EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*package, 4));
   EXPECT_TRUE(sample::stopServingTree(folder));
   EXPECT_FALSE(sample::stopServingTree(folder));
 }

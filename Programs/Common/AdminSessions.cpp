@@ -27,12 +27,12 @@ struct Session {
 };
 
 // The session recorded under name, or none (ends 0) when the file is not one.
-Session readSession(const std::string& name) {
+Session readSession(const KTSServerLayout& layout, const std::string& name) {
   Session session;
   std::string text;
   std::string ignored;
-  if (!isSessionId(name) || !readWholeFile(KTSServerLayout::adminSessionsFolder() + "/" + name,
-                                           &text, &ignored, kMostSessionBytes)) {
+  if (!isSessionId(name) || !readWholeFile(layout.adminSessionsFolder() + "/" + name, &text,
+                                           &ignored, kMostSessionBytes)) {
     return session;
   }
   std::istringstream lines(text);
@@ -45,45 +45,46 @@ Session readSession(const std::string& name) {
   return session;
 }
 
-void clearEndedSessions() {
+void clearEndedSessions(const KTSServerLayout& layout) {
   namespace fs = std::filesystem;
   std::error_code error;
   int lookedAt = 0;
   std::int64_t now = Clock::secondsNow();
-  for (auto entry = fs::directory_iterator(KTSServerLayout::adminSessionsFolder(), error);
+  for (auto entry = fs::directory_iterator(layout.adminSessionsFolder(), error);
        !error && entry != fs::directory_iterator() && ++lookedAt <= kMostSessionsLookedAt;
        entry.increment(error)) {
-    if (readSession(entry->path().filename()).ends <= now) fs::remove(entry->path(), error);
+    if (readSession(layout, entry->path().filename()).ends <= now) fs::remove(entry->path(), error);
   }
 }
 
 }  // namespace
 
-std::string startAdminSession(const std::string& user, std::string* error) {
+std::string startAdminSession(const KTSServerLayout& layout, const std::string& user,
+                              std::string* error) {
   std::error_code ignored;
-  std::filesystem::create_directory(KTSServerLayout::adminSessionsFolder(), ignored);
-  ::chmod(KTSServerLayout::adminSessionsFolder().c_str(), 0770);
-  clearEndedSessions();
+  std::filesystem::create_directory(layout.adminSessionsFolder(), ignored);
+  ::chmod(layout.adminSessionsFolder().c_str(), 0770);
+  clearEndedSessions(layout);
   std::string session = newSessionId();
   std::int64_t ends = Clock::secondsNow() +
                       std::chrono::duration_cast<std::chrono::seconds>(kSessionLength).count();
-  if (!writeStringAtomically(KTSServerLayout::adminSessionsFolder() + "/" + session,
+  if (!writeStringAtomically(layout.adminSessionsFolder() + "/" + session,
                              user + "\n" + std::to_string(ends) + "\n", error)) {
     return "";
   }
   return session;
 }
 
-std::string adminSessionUser(const std::string& session) {
-  Session found = readSession(session);
-  if (found.ends <= Clock::secondsNow() || !isAdminUser(found.user)) return "";
+std::string adminSessionUser(const KTSServerLayout& layout, const std::string& session) {
+  Session found = readSession(layout, session);
+  if (found.ends <= Clock::secondsNow() || !isAdminUser(layout, found.user)) return "";
   return found.user;
 }
 
-void endAdminSession(const std::string& session) {
+void endAdminSession(const KTSServerLayout& layout, const std::string& session) {
   if (!isSessionId(session)) return;
   std::error_code ignored;
-  std::filesystem::remove(KTSServerLayout::adminSessionsFolder() + "/" + session, ignored);
+  std::filesystem::remove(layout.adminSessionsFolder() + "/" + session, ignored);
 }
 
 }  // namespace ondrel::programs

@@ -16,6 +16,7 @@
 #include "Administration.h"
 #include "FileIO.h"
 #include "HostPaths.h"
+#include "KTSPassContext.h"
 #include "KTSPreferences.h"
 #include "KTSServerLayout.h"
 #include "KTSSettings.h"
@@ -48,10 +49,10 @@ bool isUserName(const std::string& user) {
 }
 
 // The password file's lines ("user:hash"), from at most a megabyte of it.
-std::vector<std::string> passwordLines() {
+std::vector<std::string> passwordLines(const KTSServerLayout& layout) {
   std::string contents;
   std::string ignored;
-  readWholeFile(KTSServerLayout::adminPasswordPath(), &contents, &ignored, kMostPasswordFileBytes);
+  readWholeFile(layout.adminPasswordPath(), &contents, &ignored, kMostPasswordFileBytes);
   std::vector<std::string> lines;
   std::istringstream stream(contents);
   for (std::string line; std::getline(stream, line);) {
@@ -66,18 +67,19 @@ bool isLineOf(const std::string& line, const std::string& user) {
 }
 
 // The user's password hash, or empty.
-std::string passwordHashOf(const std::string& user) {
+std::string passwordHashOf(const KTSServerLayout& layout, const std::string& user) {
   if (!isUserName(user)) return "";
-  for (const std::string& line : passwordLines()) {
+  for (const std::string& line : passwordLines(layout)) {
     if (isLineOf(line, user)) return line.substr(user.size() + 1);
   }
   return "";
 }
 
-bool writePasswordLines(const std::vector<std::string>& lines, std::string* error) {
+bool writePasswordLines(const KTSServerLayout& layout, const std::vector<std::string>& lines,
+                        std::string* error) {
   std::string text;
   for (const std::string& line : lines) text += line + "\n";
-  return writePrivateFile(KTSServerLayout::adminPasswordPath(), text, error);
+  return writePrivateFile(layout.adminPasswordPath(), text, error);
 }
 
 // A path Apache may be given in quotes: absolute, without quotes, backslashes or control
@@ -99,8 +101,8 @@ std::string tlsDirectives(const AdminTls& tls) {
                      tls.certificate, tls.key);
 }
 
-std::string siteConfiguration(const std::optional<AdminTls>& tls) {
-  std::string listen = fmt::format("{}:{}", adminAddress(), adminPort());
+std::string siteConfiguration(KTSPassContext& context, const std::optional<AdminTls>& tls) {
+  std::string listen = fmt::format("{}:{}", adminAddress(context), adminPort(context));
   std::string folder = KTSServerLayout::adminStaticFolder();
   std::string cgi = KTSServerLayout::cgiPath("OndrelServerAdmin");
   std::string text =
@@ -141,18 +143,20 @@ std::string siteConfiguration(const std::optional<AdminTls>& tls) {
 
 }  // namespace
 
-std::string adminAddress() {
-  return KTSSettings::adminAddress(KTSPreferences::defaultPreferences()->prefs());
+std::string adminAddress(KTSPassContext& context) {
+  return KTSSettings::adminAddress(context.preferences().prefs());
 }
 
-int adminPort() { return KTSSettings::adminPort(KTSPreferences::defaultPreferences()->prefs()); }
+int adminPort(KTSPassContext& context) {
+  return KTSSettings::adminPort(context.preferences().prefs());
+}
 
-std::optional<AdminTls> adminTls(std::string* problem) {
-  const Plist& settings = KTSPreferences::defaultPreferences()->prefs();
+std::optional<AdminTls> adminTls(KTSPassContext& context, std::string* problem) {
+  const Plist& settings = context.preferences().prefs();
   AdminTls named{settings["adminCertificate"].stringValue(),
                  settings["adminCertificateKey"].stringValue()};
   if (isQuotablePath(named.certificate) && isQuotablePath(named.key)) return named;
-  if (KTSSettings::isLoopbackAddress(adminAddress())) return std::nullopt;
+  if (KTSSettings::isLoopbackAddress(adminAddress(context))) return std::nullopt;
   AdminTls machine{kSnakeoilCertificate, kSnakeoilKey};
   if (::access(machine.certificate.c_str(), R_OK) == 0 &&
       ::access(machine.key.c_str(), R_OK) == 0) {
@@ -163,41 +167,43 @@ std::optional<AdminTls> adminTls(std::string* problem) {
       "over TLS: name a certificate and its key, both readable by {1} (ondrelctl config set "
       "adminCertificate PATH, then adminCertificateKey PATH), or install the package ssl-cert and "
       "add {1} to its group (adduser {1} ssl-cert) for this machine's self-signed one",
-      adminAddress(), kServiceAccount);
+      adminAddress(context), kServiceAccount);
   return std::nullopt;
 }
 
-bool writeAdminSite(std::string* error) {
+bool writeAdminSite(KTSPassContext& context, std::string* error) {
+  const KTSServerLayout& layout = context.layout();
   std::error_code missing;
-  if (!std::filesystem::exists(KTSServerLayout::adminPasswordPath(), missing)) {
-    return writePrivateFile(KTSServerLayout::adminSiteConfigPath(),
+  if (!std::filesystem::exists(layout.adminPasswordPath(), missing)) {
+    return writePrivateFile(layout.adminSiteConfigPath(),
                             "# The administration page is off until an administrator has a "
                             "password:\n#     ondrelctl web passwd USER\n",
                             error);
   }
-  if (adminPort() == KTSPreferences::defaultPreferences()->portToUse().integerValue()) {
+  if (adminPort(context) == context.preferences().portToUse().integerValue()) {
     *error = fmt::format(
         "the administration page cannot share the clients' port {}; set adminPort to another",
-        adminPort());
+        adminPort(context));
     return false;
   }
   std::string tlsProblem;
-  std::optional<AdminTls> tls = adminTls(&tlsProblem);
+  std::optional<AdminTls> tls = adminTls(context, &tlsProblem);
   if (!tlsProblem.empty()) {
     std::string ignored;
-    writePrivateFile(KTSServerLayout::adminSiteConfigPath(),
+    writePrivateFile(layout.adminSiteConfigPath(),
                      "# The administration page is off: " + tlsProblem + "\n", &ignored);
     *error = tlsProblem + "; the page is off until then";
     return false;
   }
-  if (readAdminSecret().empty() &&
-      !writePrivateFile(KTSServerLayout::adminSecretPath(), newAdminSecret() + "\n", error)) {
+  if (readAdminSecret(layout).empty() &&
+      !writePrivateFile(layout.adminSecretPath(), newAdminSecret() + "\n", error)) {
     return false;
   }
-  return writePrivateFile(KTSServerLayout::adminSiteConfigPath(), siteConfiguration(tls), error);
+  return writePrivateFile(layout.adminSiteConfigPath(), siteConfiguration(context, tls), error);
 }
 
-bool setAdminPassword(const std::string& user, const std::string& password, std::string* error) {
+bool setAdminPassword(const KTSServerLayout& layout, const std::string& user,
+                      const std::string& password, std::string* error) {
   if (!isUserName(user)) {
     *error = "a user name is 1 to 64 letters, digits, dots, hyphens and underscores";
     return false;
@@ -213,31 +219,34 @@ bool setAdminPassword(const std::string& user, const std::string& password, std:
     *error = "the password could not be hashed";
     return false;
   }
-  std::vector<std::string> lines = passwordLines();
+  std::vector<std::string> lines = passwordLines(layout);
   std::erase_if(lines, [&user](const std::string& line) { return isLineOf(line, user); });
   lines.push_back(user + ":" + work.output);
-  return writePasswordLines(lines, error);
+  return writePasswordLines(layout, lines, error);
 }
 
-bool deleteAdminUser(const std::string& user, std::string* error) {
-  std::vector<std::string> lines = passwordLines();
+bool deleteAdminUser(const KTSServerLayout& layout, const std::string& user, std::string* error) {
+  std::vector<std::string> lines = passwordLines(layout);
   std::size_t before = lines.size();
   std::erase_if(lines, [&user](const std::string& line) { return isLineOf(line, user); });
   if (lines.size() == before) {
     *error = "no user " + quotedForMessage(user) + " may log in to the page";
     return false;
   }
-  if (!lines.empty()) return writePasswordLines(lines, error);
+  if (!lines.empty()) return writePasswordLines(layout, lines, error);
   std::error_code removed;
-  std::filesystem::remove(KTSServerLayout::adminPasswordPath(), removed);
+  std::filesystem::remove(layout.adminPasswordPath(), removed);
   if (removed) *error = "the password file could not be removed: " + removed.message();
   return !removed;
 }
 
-bool isAdminUser(const std::string& user) { return !passwordHashOf(user).empty(); }
+bool isAdminUser(const KTSServerLayout& layout, const std::string& user) {
+  return !passwordHashOf(layout, user).empty();
+}
 
-LoginCheck checkAdminPassword(const std::string& user, const std::string& password) {
-  std::string hash = passwordHashOf(user);
+LoginCheck checkAdminPassword(const KTSServerLayout& layout, const std::string& user,
+                              const std::string& password) {
+  std::string hash = passwordHashOf(layout, user);
   // A user who is not there costs the same hashing as one who is.
   char standIn[CRYPT_GENSALT_OUTPUT_SIZE] = "";
   if (hash.empty())
@@ -250,10 +259,10 @@ LoginCheck checkAdminPassword(const std::string& user, const std::string& passwo
   return same ? LoginCheck::Accepted : LoginCheck::WrongPassword;
 }
 
-std::string readAdminSecret() {
+std::string readAdminSecret(const KTSServerLayout& layout) {
   std::string secret;
   std::string ignored;
-  if (!readWholeFile(KTSServerLayout::adminSecretPath(), &secret, &ignored, 4096)) return "";
+  if (!readWholeFile(layout.adminSecretPath(), &secret, &ignored, 4096)) return "";
   while (!secret.empty() && (secret.back() == '\n' || secret.back() == '\r')) secret.pop_back();
   return secret.size() >= 32 ? secret : "";
 }

@@ -62,9 +62,9 @@ std::size_t pendingRequestCount() {
 
 // The PID the pass lock names, when that process is an ondrd_syncd: the lock's holder writes it
 // there, and a holder that died leaves it behind.
-std::optional<int> runningDaemon() {
+std::optional<int> runningDaemon(const KTSServerLayout& layout) {
   std::string text;
-  if (!readWholeFile(KTSServerLayout::statusPath("ondrd_syncd.lock"), &text, nullptr, 64)) {
+  if (!readWholeFile(layout.statusPath("ondrd_syncd.lock"), &text, nullptr, 64)) {
     return std::nullopt;
   }
   int pid = 0;
@@ -75,7 +75,7 @@ std::optional<int> runningDaemon() {
   return pid;
 }
 
-std::string auditLogPath() { return KTSServerLayout::statusPath("audit.log"); }
+std::string auditLogPath(const KTSServerLayout& layout) { return layout.statusPath("audit.log"); }
 // A line of the log is at most this long (a change of many products names the first few).
 constexpr std::size_t kMostAuditLine = 2048;
 // How much of the log's end is read to show its newest entries.
@@ -90,8 +90,8 @@ std::string auditField(std::string text) {
 
 // Appends one line ("time, requester, action, products" separated by tabs) in one write, which
 // the kernel keeps whole beside other writers' lines.
-void recordInAuditLog(const std::string& requester, const std::string& action,
-                      const std::vector<std::string>& productIds) {
+void recordInAuditLog(const KTSServerLayout& layout, const std::string& requester,
+                      const std::string& action, const std::vector<std::string>& productIds) {
   std::string line = formatRfc3339Date(Clock::now()) + "\t" + auditField(requester) + "\t" +
                      auditField(action) + "\t";
   for (std::size_t i = 0; i < productIds.size(); ++i) {
@@ -104,8 +104,8 @@ void recordInAuditLog(const std::string& requester, const std::string& action,
     line += next;
   }
   line += "\n";
-  int fd =
-      ::open(auditLogPath().c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640);
+  int fd = ::open(auditLogPath(layout).c_str(),
+                  O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640);
   if (fd < 0) return;
   if (::write(fd, line.data(), line.size()) < 0) {
     LogHandle::shared().warning("The audit log could not be written: {}", std::strerror(errno));
@@ -129,9 +129,9 @@ Plist optionalDate(const std::optional<Date>& date) {
   return date ? Plist(formatRfc3339Date(*date)) : Plist();
 }
 
-std::set<std::string> productsOfCatalog(const std::string& name) {
+std::set<std::string> productsOfCatalog(const KTSServerLayout& layout, const std::string& name) {
   std::set<std::string> ids;
-  std::string composite = KTSServerLayout::catalogsFolderPath(name + ".composite");
+  std::string composite = layout.catalogsFolderPath(name + ".composite");
   for (const auto& [productId, entry] :
        KTSUtilities::readPropertyListAtPath(composite)[KTCatalogProductsDictKey].items()) {
     ids.insert(productId);
@@ -219,15 +219,17 @@ ServerSummary summarizeServer(KTSPassContext& context) {
     }
   }
   // Counted by the pass from the files on disk, as the plan counts them.
-  KTSPassHistory history(KTSPassHistory::defaultPath());
+  KTSPassHistory history(KTSPassHistory::defaultPath(context.layout()));
   if (history.lastPass()) summary.bytesToMirror = history.lastPass()->bytesStillToFetch;
   summary.pendingRequests = pendingRequestCount();
   KTSJobTicketManager& tickets = context.tickets();
   tickets.refresh();
   summary.pendingTickets = tickets.openJobs().size();
-  summary.daemonPid = runningDaemon();
-  if (summary.daemonPid) summary.progress = KTSPassProgress::read(KTSPassProgress::defaultPath());
-  summary.volume = KTSMirrorSpace::now();
+  summary.daemonPid = runningDaemon(context.layout());
+  if (summary.daemonPid) {
+    summary.progress = KTSPassProgress::read(KTSPassProgress::defaultPath(context.layout()));
+  }
+  summary.volume = KTSMirrorSpace::now(context.preferences());
   return summary;
 }
 
@@ -260,7 +262,8 @@ Plist summaryAsPlist(const ServerSummary& summary) {
   return out;
 }
 
-std::string prometheusText(const ServerSummary& summary, const KTSPassHistory& history) {
+std::string prometheusText(const ServerSummary& summary, const KTSPassHistory& history,
+                           const KTSServerLayout& layout) {
   std::string text;
   auto gauge = [&text](const char* name, const char* help, double value) {
     text += fmt::format("# HELP {0} {1}\n# TYPE {0} gauge\n{0} {2}\n", name, help, value);
@@ -297,10 +300,12 @@ std::string prometheusText(const ServerSummary& summary, const KTSPassHistory& h
   gauge("ondrel_volume_size_bytes", "Size of the document root's volume",
         static_cast<double>(summary.volume.total));
   return text + history.prometheusText() +
-         catalogClientsPrometheus(catalogClients(accessLogPath(), 1));
+         catalogClientsPrometheus(catalogClients(accessLogPath(layout), 1));
 }
 
-std::string accessLogPath() { return KTSServerLayout::statusPath("httpd_access.log"); }
+std::string accessLogPath(const KTSServerLayout& layout) {
+  return layout.statusPath("httpd_access.log");
+}
 
 std::string productTitle(const Plist& record) {
   for (const char* language : {"English", "en"}) {
@@ -315,7 +320,7 @@ std::string productTitle(const Plist& record) {
 
 Plist listProducts(KTSPassContext& context, const ProductFilter& filter) {
   std::optional<std::set<std::string>> inCatalog;
-  if (!filter.catalog.empty()) inCatalog = productsOfCatalog(filter.catalog);
+  if (!filter.catalog.empty()) inCatalog = productsOfCatalog(context.layout(), filter.catalog);
   std::string wantedState = lowercased(filter.state);
   std::string wantedText = lowercased(filter.search);
   Plist listed = Plist::array();
@@ -391,7 +396,7 @@ Plist nextPassPlan(KTSPassContext& context) {
       bytes += still.bytes;
     }
   });
-  KTSMirrorSpace space = KTSMirrorSpace::now();
+  KTSMirrorSpace space = KTSMirrorSpace::now(context.preferences());
   Plist out = Plist::dictionary();
   out.set("products", planned);
   out.set("files", Plist::integer(static_cast<std::int64_t>(files)));
@@ -452,14 +457,14 @@ bool postProductChanges(KTSPassContext& context, const std::string& action,
   for (const std::string& productId : productIds) {
     tickets.addTicketOfTypeForProduct(ticketType, productId);
   }
-  recordInAuditLog(requester, action, productIds);
+  recordInAuditLog(context.layout(), requester, action, productIds);
   return true;
 }
 
 bool postSyncRequest(KTSPassContext& context, const std::string& requester, std::string* error) {
   std::int64_t posted = waitForAFreshSecond();
   if (context.requests().postSyncRequest() && requestWrittenSince(posted)) {
-    recordInAuditLog(requester, "sync", {});
+    recordInAuditLog(context.layout(), requester, "sync", {});
     return true;
   }
   *error = "the sync request could not be written to the spool " + KTSServerLayout::spoolFolder();
@@ -485,7 +490,7 @@ bool changeSetting(KTSPassContext& context, const std::string& key, const std::s
   }
   KTSPreferences& preferences = context.preferences();
   if ((key == "adminPort" && value.integerValue() == preferences.portToUse().integerValue()) ||
-      (key == "portToUse" && value.integerValue() == adminPort())) {
+      (key == "portToUse" && value.integerValue() == adminPort(context))) {
     *error = "the clients and the administration page cannot share port " + text +
              "; nothing was changed";
     return false;
@@ -495,7 +500,7 @@ bool changeSetting(KTSPassContext& context, const std::string& key, const std::s
   settings.set(key, value);
   preferences.setPrefs(settings);
   std::string tlsProblem;
-  if (key == "adminAddress" && (adminTls(&tlsProblem), !tlsProblem.empty())) {
+  if (key == "adminAddress" && (adminTls(context, &tlsProblem), !tlsProblem.empty())) {
     preferences.setPrefs(before);
     *error = tlsProblem + "; nothing was changed";
     return false;
@@ -504,7 +509,7 @@ bool changeSetting(KTSPassContext& context, const std::string& key, const std::s
     *error = "the preferences could not be saved";
     return false;
   }
-  recordInAuditLog(requester, "set", {key + "=" + text});
+  recordInAuditLog(context.layout(), requester, "set", {key + "=" + text});
   return true;
 }
 
@@ -523,9 +528,9 @@ Plist settingsWithValues(KTSPassContext& context) {
   return out;
 }
 
-Plist auditEntries(std::size_t limit) {
+Plist auditEntries(const KTSServerLayout& layout, std::size_t limit) {
   Plist entries = Plist::array();
-  std::string tail = readFileTail(auditLogPath(), kAuditTail);
+  std::string tail = readFileTail(auditLogPath(layout), kAuditTail);
   std::vector<std::string> lines;
   for (std::size_t at = 0, end; at < tail.size(); at = end + 1) {
     end = tail.find('\n', at);

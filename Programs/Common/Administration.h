@@ -55,12 +55,12 @@ ServerSummary summarizeServer(KTSPassContext& context);
 Plist summaryAsPlist(const ServerSummary& summary);
 // "syncing", "done" or "never run".
 std::string syncStateName(std::int64_t state);
-// The Prometheus text exposition of the summary and of the passes' history.
 // The Prometheus text of the summary, of the passes' history and of the clients' catalog
 // requests on the newest day of the web server's access log.
-std::string prometheusText(const ServerSummary& summary, const KTSPassHistory& history);
+std::string prometheusText(const ServerSummary& summary, const KTSPassHistory& history,
+                           const KTSServerLayout& layout);
 // The web server's access log, where the clients' catalog requests are counted.
-std::string accessLogPath();
+std::string accessLogPath(const KTSServerLayout& layout);
 
 struct ProductFilter {
   std::string state;  // a mirror or catalog state, any case; empty for all
@@ -106,7 +106,7 @@ Plist settingsWithValues(KTSPassContext& context);
 // The newest entries of the audit log, newest first, at most limit: each "time", "requester",
 // "action" and "products" (an array). The log is read as untrusted; a line that is not one of
 // its entries is left out.
-Plist auditEntries(std::size_t limit);
+Plist auditEntries(const KTSServerLayout& layout, std::size_t limit);
 // The user ondrelctl acts for: its real user's name, and under sudo the user who ran sudo.
 std::string invokingUser();
 

@@ -103,8 +103,9 @@ HookRun runHook(const std::filesystem::path& path, const std::vector<std::string
   return run;
 }
 
-void writeMetricsFile(const std::string& text, const LogHandle& log) {
-  std::string path = KTSSettings::metricsFile(KTSPreferences::defaultPreferences()->prefs());
+void writeMetricsFile(KTSPassContext& context, const std::string& text) {
+  const LogHandle& log = context.log();
+  std::string path = KTSSettings::metricsFile(context.preferences().prefs(), context.layout());
   std::string error;
   if (!writeStringAtomically(path, text, &error)) {
     log.warning("The metrics file {} could not be written: {}", path, error);
@@ -117,7 +118,7 @@ void writeMetricsFile(const std::string& text, const LogHandle& log) {
 }  // namespace
 
 std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass,
-                                         const std::string& htmlFolder) {
+                                         const KTSServerLayout& layout) {
   // The note is one line, as a hook would pass it on to a chat or a mail subject.
   std::string note = pass.note;
   std::replace_if(
@@ -133,8 +134,8 @@ std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass,
       fmt::format("ONDREL_PASS_PRODUCTS_NEW={}", pass.productsNew),
       fmt::format("ONDREL_PASS_PRODUCTS_REMOVED={}", pass.productsRemoved),
       fmt::format("ONDREL_PASS_BYTES_FETCHED={}", pass.bytesFetched),
-      "ONDREL_HTML_FOLDER=" + htmlFolder,
-      "ONDREL_STATUS_FOLDER=" + KTSServerLayout::statusFolder(),
+      "ONDREL_HTML_FOLDER=" + layout.htmlFolder(),
+      "ONDREL_STATUS_FOLDER=" + layout.statusFolder(),
   };
 }
 
@@ -171,12 +172,12 @@ std::vector<HookRun> runHooks(const std::string& folder,
 void afterPass(KTSPassContext& context, const KTSPassHistory::Pass& pass,
                const Heartbeat& heartbeat) {
   const LogHandle& log = context.log();
-  KTSPassHistory history(KTSPassHistory::defaultPath());
+  const KTSServerLayout& layout = context.layout();
+  KTSPassHistory history(KTSPassHistory::defaultPath(layout));
   if (!history.record(pass)) log.warning("The pass could not be recorded in the pass history.");
-  writeMetricsFile(prometheusText(summarizeServer(context), history), log);
+  writeMetricsFile(context, prometheusText(summarizeServer(context), history, layout));
   std::chrono::seconds timeout(KTSSettings::hookTimeoutSeconds(context.preferences().prefs()));
-  runHooks(KTSServerLayout::hooksFolder(),
-           hookEnvironment(pass, context.preferences().updatesHtmlPath()), timeout, log, heartbeat);
+  runHooks(KTSServerLayout::hooksFolder(), hookEnvironment(pass, layout), timeout, log, heartbeat);
 }
 
 }  // namespace ondrel::programs

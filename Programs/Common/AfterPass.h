@@ -29,7 +29,7 @@ struct HookRun {
 // ONDREL_PASS_BYTES_FETCHED, ONDREL_HTML_FOLDER (the served tree) and ONDREL_STATUS_FOLDER (where
 // the daemon keeps its state, writable by hooks), as NAME=value.
 std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass,
-                                         const std::string& htmlFolder);
+                                         const KTSServerLayout& layout);
 
 // Called again and again while a hook runs, so that a service manager's watchdog hears from the
 // daemon however long the hooks take.

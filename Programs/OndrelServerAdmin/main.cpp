@@ -65,7 +65,7 @@ Plist integer(std::uint64_t value) { return Plist::integer(static_cast<std::int6
 
 Plist status(KTSPassContext& context) {
   Plist out = programs::summaryAsPlist(programs::summarizeServer(context));
-  KTSPassHistory history(KTSPassHistory::defaultPath());
+  KTSPassHistory history(KTSPassHistory::defaultPath(context.layout()));
   Plist pass = Plist::dictionary();
   if (const auto& last = history.lastPass()) {
     pass.set("outcome", KTSPassHistory::outcomeName(last->outcome));
@@ -155,7 +155,8 @@ std::optional<std::string> requestBody() {
   return body;
 }
 
-int change(const std::string& route, const std::string& user, const std::string& secret) {
+int change(KTSPassContext& context, const std::string& route, const std::string& user,
+           const std::string& secret) {
   if (!programs::csrfTokenMatches(secret, user, sessionOfRequest(),
                                   programs::cgiVariable("HTTP_X_ONDREL_TOKEN"))) {
     return refuse(403, "Forbidden",
@@ -167,7 +168,6 @@ int change(const std::string& route, const std::string& user, const std::string&
   if (!fields) return refuse(400, "Bad Request", "the request's body is not a form");
   std::string error;
   Plist done = Plist::dictionary();
-  KTSPassContext context;
   if (route == "/sync") {
     if (!programs::postSyncRequest(context, user + " (page)", &error)) {
       return refuse(500, "Internal Server Error", error);
@@ -213,7 +213,8 @@ bool fromThisSite() {
 
 // A refused login, in Apache's error log and in the form of Apache's own, which fail2ban's stock
 // apache-auth filter reads.
-void logRefusedLogin(const std::string& user, programs::LoginCheck check) {
+void logRefusedLogin(const KTSServerLayout& layout, const std::string& user,
+                     programs::LoginCheck check) {
   bool isName = !user.empty() && user.size() <= 64 &&
                 user.find_first_not_of(
                     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
@@ -239,14 +240,14 @@ void logRefusedLogin(const std::string& user, programs::LoginCheck check) {
       fmt::format("[{}.{:06d} {}] [ondrel_admin:error] [pid {}] [client {}:{}] {}\n", time,
                   micros.count(), year, ::getpid(), programs::cgiVariable("REMOTE_ADDR"),
                   programs::cgiVariable("REMOTE_PORT"), what);
-  int log = ::open(KTSServerLayout::statusPath("httpd_error.log").c_str(),
+  int log = ::open(layout.statusPath("httpd_error.log").c_str(),
                    O_WRONLY | O_APPEND | O_NOFOLLOW | O_CLOEXEC);
   if (log < 0) return;
   if (::write(log, line.data(), line.size()) < 0) std::fprintf(stderr, "%s", line.c_str());
   ::close(log);
 }
 
-int login(const std::string& secret) {
+int login(KTSPassContext& context, const std::string& secret) {
   if (!fromThisSite()) return refuse(403, "Forbidden", "a login from another site is refused");
   std::optional<std::string> body = requestBody();
   auto fields = body ? programs::parseFormBody(*body) : std::nullopt;
@@ -254,42 +255,43 @@ int login(const std::string& secret) {
     return refuse(400, "Bad Request", "a login is a form with one user and one password");
   }
   const std::string& user = (*fields)["user"].front();
-  programs::LoginCheck check = programs::checkAdminPassword(user, (*fields)["password"].front());
+  programs::LoginCheck check =
+      programs::checkAdminPassword(context.layout(), user, (*fields)["password"].front());
   if (check != programs::LoginCheck::Accepted) {
-    logRefusedLogin(user, check);
+    logRefusedLogin(context.layout(), user, check);
     return refuse(401, "Unauthorized", "the user name or the password is wrong");
   }
   std::string error;
-  std::string session = programs::startAdminSession(user, &error);
+  std::string session = programs::startAdminSession(context.layout(), user, &error);
   if (session.empty()) return refuse(500, "Internal Server Error", "no session: " + error);
   return answerSession(user, session, secret, sessionCookie(session, false));
 }
 
-int logout(const std::string& user, const std::string& secret) {
+int logout(KTSPassContext& context, const std::string& user, const std::string& secret) {
   std::string session = sessionOfRequest();
   if (!programs::csrfTokenMatches(secret, user, session,
                                   programs::cgiVariable("HTTP_X_ONDREL_TOKEN"))) {
     return refuse(403, "Forbidden",
                   "the request does not carry this session's token; reload the page");
   }
-  programs::endAdminSession(session);
+  programs::endAdminSession(context.layout(), session);
   Plist done = Plist::dictionary();
   done.set("loggedOut", user);
   answer(200, "OK", done, sessionCookie("", true));
   return 0;
 }
 
-int read(const std::string& route) {
-  KTSPassContext context;
+int read(KTSPassContext& context, const std::string& route) {
   if (route == "/status") return answer(200, "OK", status(context)), 0;
   if (route == "/products") return answer(200, "OK", productRows(context)), 0;
   if (route == "/plan") return answer(200, "OK", programs::nextPassPlan(context)), 0;
-  if (route == "/log") return answer(200, "OK", programs::auditEntries(kShownAuditEntries)), 0;
+  if (route == "/log")
+    return answer(200, "OK", programs::auditEntries(context.layout(), kShownAuditEntries)), 0;
   if (route == "/settings") return answer(200, "OK", programs::settingsWithValues(context)), 0;
   if (route == "/clients") {
     return answer(200, "OK",
-                  programs::catalogClientsAsPlist(
-                      programs::catalogClients(programs::accessLogPath(), kShownClientDays))),
+                  programs::catalogClientsAsPlist(programs::catalogClients(
+                      programs::accessLogPath(context.layout()), kShownClientDays))),
            0;
   }
   if (route == "/product") {
@@ -306,7 +308,8 @@ int read(const std::string& route) {
 }
 
 int respond() {
-  std::string secret = programs::readAdminSecret();
+  KTSPassContext context;
+  std::string secret = programs::readAdminSecret(context.layout());
   if (secret.empty()) {
     return refuse(500, "Internal Server Error",
                   "the page has no secret yet; run \"ondrelctl web prepare\"");
@@ -314,15 +317,15 @@ int respond() {
   std::string method = programs::cgiVariable("REQUEST_METHOD");
   std::string route = programs::cgiVariable("PATH_INFO");
   try {
-    if (method == "POST" && route == "/login") return login(secret);
+    if (method == "POST" && route == "/login") return login(context, secret);
     std::string session = sessionOfRequest();
-    std::string user = session.empty() ? "" : programs::adminSessionUser(session);
+    std::string user = session.empty() ? "" : programs::adminSessionUser(context.layout(), session);
     if (user.empty()) return refuse(401, "Unauthorized", "log in first");
     if (method == "GET" && route == "/session") return answerSession(user, session, secret);
-    if (method == "GET") return read(route);
-    if (method == "POST" && route == "/logout") return logout(user, secret);
+    if (method == "GET") return read(context, route);
+    if (method == "POST" && route == "/logout") return logout(context, user, secret);
     if (method == "POST" && (route == "/changes" || route == "/sync" || route == "/settings")) {
-      return change(route, user, secret);
+      return change(context, route, user, secret);
     }
     return refuse(405, "Method Not Allowed", "no such request");
   } catch (const std::exception&) {

@@ -16,7 +16,7 @@
 
 #include "CgiPrograms.h"
 #include "HttpConditions.h"
-#include "KTSMetaIndex.h"
+#include "KTSCatalogSets.h"
 #include "KTSPassContext.h"
 #include "KTSServerLayout.h"
 #include "KTSSyncStatus.h"
@@ -37,7 +37,7 @@ std::string httpDate(std::time_t moment) {
 }
 
 bool isSupportedCatalogName(const std::string& name) {
-  for (const std::string& supported : ondrel::KTSMetaIndex::supportedCatalogNames()) {
+  for (const std::string& supported : ondrel::KTSCatalogSets::supportedCatalogNames()) {
     if (name == supported) return true;
   }
   return false;
@@ -101,7 +101,8 @@ int respond(char** argv) {
     return 0;
   }
   ondrel::programs::locateServiceRootOfCgi(argv[0]);
-  return serve(ondrel::KTSServerLayout::catalogsFolderPath(name),
+  ondrel::KTSPassContext context;
+  return serve(context.layout().catalogsFolderPath(name),
                ondrel::programs::cgiVariable("REQUEST_METHOD") == "HEAD");
 }
 

@@ -7,11 +7,14 @@
 
 #include "CgiPrograms.h"
 #include "Clock.h"
+#include "KTSPassContext.h"
 #include "KTSPassHistory.h"
+#include "KTSServerLayout.h"
 
 int main(int, char** argv) {
   ondrel::programs::locateServiceRootOfCgi(argv[0]);
-  ondrel::KTSPassHistory history(ondrel::KTSPassHistory::defaultPath());
+  ondrel::KTSPassContext context;
+  ondrel::KTSPassHistory history(ondrel::KTSPassHistory::defaultPath(context.layout()));
   bool headOnly = ondrel::programs::cgiVariable("REQUEST_METHOD") == "HEAD";
   ondrel::Date now = ondrel::Clock::now();
   std::string body = history.healthJson(now);

@@ -25,7 +25,6 @@
 #include "KTSLogger.h"
 #include "KTSPassContext.h"
 #include "KTSPassHistory.h"
-#include "KTSPreferences.h"
 #include "KTSRequestManager.h"
 #include "KTSServerLayout.h"
 #include "KTSSyncPass.h"
@@ -55,15 +54,6 @@ void installSignalHandlers() {
   sigaction(SIGTERM, &action, nullptr);
   sigaction(SIGINT, &action, nullptr);
 }
-
-// Every pass starts from the files as they are now: the administration side may have changed
-// the preferences, the working set or the requests since the last one.
-void readPreferencesAnew() {
-  ondrel::KTSPreferences::resetDefaultPreferences();
-  ondrel::KTSPreferences::defaultPreferences();
-}
-
-std::string lockPath() { return ondrel::KTSServerLayout::statusPath("ondrd_syncd.lock"); }
 
 // Runs one pass (a full one, or only the product changes) and what follows every pass: its
 // record in the history, the metrics file and the administrator's hooks.
@@ -118,7 +108,8 @@ int runService(std::chrono::seconds interval, ondrel::syncd::Progress& progress)
   sd_notify(0, "READY=1\nSTATUS=waiting for the next pass");
   progress.note(fmt::format("ondrd_syncd running; a pass every {} s.", interval.count()));
   while (!stopRequested.load()) {
-    readPreferencesAnew();
+    // Every pass starts from the files as they are now: the administration side may have
+    // changed the preferences, the working set or the requests since the last one.
     KTSPassContext context;
     std::optional<Date> lastRun = context.status().getLastRunTime();
     bool due = !lastRun || Clock::now() - *lastRun >= interval;
@@ -177,20 +168,19 @@ int main(int argc, char** argv) {
   }
   ondrel::KTSLogger::defaultLoggerForSourceLogType("ondrd_syncd", 1);
   installSignalHandlers();
-  readPreferencesAnew();
-  ondrel::syncd::PassLock lock(lockPath());
+  ondrel::KTSPassContext context;
+  ondrel::syncd::PassLock lock(context.layout().statusPath("ondrd_syncd.lock"));
   if (!lock.held()) {
     std::fprintf(stderr, "ondrd_syncd: another ondrd_syncd is running (PID %d); try again later\n",
                  static_cast<int>(lock.holder().value_or(0)));
     return kExitBusy;
   }
   ondrel::programs::installCgiPrograms();
-  ondrel::syncd::Progress progress(ondrel::KTSPassProgress::defaultPath());
+  ondrel::syncd::Progress progress(ondrel::KTSPassProgress::defaultPath(context.layout()));
   ondrel::KTSFetchScheduler::setHeartbeat(&ondrel::syncd::Progress::heartbeat);
   if (once) {
     auto reuse =
         full ? ondrel::KTSPassRecord::Reuse::Nothing : ondrel::KTSPassRecord::Reuse::Allowed;
-    ondrel::KTSPassContext context;
     return report(runPass(context, true, progress, std::nullopt, reuse), progress);
   }
   return runService(std::chrono::seconds(intervalSeconds), progress);

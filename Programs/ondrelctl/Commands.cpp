@@ -38,7 +38,7 @@ namespace ondrel::ctl {
 namespace {
 
 std::string serviceRoot() { return KTSServerLayout::serviceFolder(); }
-std::string configPath() { return KTSServerLayout::webConfigurationPath(); }
+std::string configPath() { return KTSPassContext().layout().webConfigurationPath(); }
 std::string pidPath() { return KTSServerLayout::webServerPidPath(); }
 
 // The web server runs as the service account: a member of its group may not signal it, but
@@ -104,10 +104,11 @@ bool drivenBySystemd() {
 // What Apache needs before it starts: ondrd.conf and the document root it names (a commit of
 // the preferences writes both) and the CGIs; then Apache's own check of the configuration.
 int prepareWebServer() {
-  KTSPreferences::defaultPreferences()->commitChanges();
+  KTSPassContext context;
+  context.preferences().commitChanges();
   programs::installCgiPrograms();
   std::string reason;
-  if (!programs::writeAdminSite(&reason)) return fail(reason);
+  if (!programs::writeAdminSite(context, &reason)) return fail(reason);
   if (apache({"-t"}, &reason) != 0) return fail("Apache refuses ondrd.conf (" + reason + ")");
   return 0;
 }
@@ -176,7 +177,7 @@ int sync(bool wait, const std::string& requester) {
 }
 
 int configShow(bool json) {
-  Plist settings = KTSPreferences::defaultPreferences()->prefs();
+  Plist settings = KTSPassContext().preferences().prefs();
   if (json) {
     printJson(settings);
     return 0;
@@ -188,7 +189,7 @@ int configShow(bool json) {
 }
 
 int configGet(const std::string& key, bool json) {
-  Plist settings = KTSPreferences::defaultPreferences()->prefs();
+  Plist settings = KTSPassContext().preferences().prefs();
   if (!settings.contains(key)) return fail("no setting " + key);
   if (json) {
     printJson(settings[key]);
@@ -211,7 +212,7 @@ int configSet(const std::string& key, const std::string& text, const std::string
       std::printf("The page uses it once %s is set too.\n", other);
     }
   }
-  if (!programs::writeAdminSite(&why)) return fail(why);
+  if (!programs::writeAdminSite(context, &why)) return fail(why);
   if (webServerPid() == 0) return 0;
   if (int status = reloadWebServer("the new ondrd.conf", "the running server keeps the old one")) {
     return status;
@@ -221,9 +222,12 @@ int configSet(const std::string& key, const std::string& text, const std::string
 }
 
 int webPasswordDelete(const std::string& user) {
+  KTSPassContext context;
   std::string error;
-  if (!programs::deleteAdminUser(user, &error)) return fail(error + "; nothing was changed");
-  if (!programs::writeAdminSite(&error)) return fail(error);
+  if (!programs::deleteAdminUser(context.layout(), user, &error)) {
+    return fail(error + "; nothing was changed");
+  }
+  if (!programs::writeAdminSite(context, &error)) return fail(error);
   std::printf("%s may no longer log in to the administration page.\n", user.c_str());
   if (webServerPid() == 0) return 0;
   return reloadWebServer("ondrd.conf", "the change comes with the next start of the web server");
@@ -240,15 +244,16 @@ int webPassword(const std::string& user) {
   } else {
     std::getline(std::cin, password);
   }
+  KTSPassContext context;
   std::string error;
-  if (!programs::setAdminPassword(user, password, &error)) {
+  if (!programs::setAdminPassword(context.layout(), user, password, &error)) {
     return fail(error + "; nothing was changed");
   }
-  if (!programs::writeAdminSite(&error)) return fail(error);
+  if (!programs::writeAdminSite(context, &error)) return fail(error);
   std::string ignored;
   std::printf("Password of %s set; the page is at %s://%s:%d/\n", user.c_str(),
-              programs::adminTls(&ignored) ? "https" : "http", programs::adminAddress().c_str(),
-              programs::adminPort());
+              programs::adminTls(context, &ignored) ? "https" : "http",
+              programs::adminAddress(context).c_str(), programs::adminPort(context));
   if (webServerPid() == 0) return 0;
   return reloadWebServer("ondrd.conf", "the page comes with the next start of the web server");
 }

@@ -45,7 +45,7 @@ std::vector<std::string> commandFor(WebAction action) {
               "-d",
               KTSServerLayout::serviceFolder(),
               "-f",
-              KTSServerLayout::webConfigurationPath(),
+              KTSServerLayout::defaultWebConfigurationPath(),
               "-k",
               "start"};
   }

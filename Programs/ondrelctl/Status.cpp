@@ -52,7 +52,7 @@ int status(bool json) {
               when(summary.lastRunTime).c_str());
   // The last pass, whatever its kind; a failure stays until a full pass succeeds, even when
   // passes that only carry out product changes succeed meanwhile.
-  KTSPassHistory history(KTSPassHistory::defaultPath());
+  KTSPassHistory history(KTSPassHistory::defaultPath(context.layout()));
   const std::optional<KTSPassHistory::Pass>& last = history.lastPass();
   std::printf("Last pass:       %s\n",
               last ? fmt::format("{} ({}), {}", KTSPassHistory::outcomeName(last->outcome),
@@ -164,7 +164,7 @@ int product(const std::string& productId, bool json) {
 }
 
 int auditLog(std::size_t limit, bool json) {
-  Plist entries = programs::auditEntries(limit);
+  Plist entries = programs::auditEntries(KTSPassContext().layout(), limit);
   if (json) {
     printJson(entries);
     return 0;
@@ -184,8 +184,9 @@ int auditLog(std::size_t limit, bool json) {
 
 int metrics() {
   KTSPassContext context;
+  const KTSServerLayout& layout = context.layout();
   std::fputs(programs::prometheusText(programs::summarizeServer(context),
-                                      KTSPassHistory(KTSPassHistory::defaultPath()))
+                                      KTSPassHistory(KTSPassHistory::defaultPath(layout)), layout)
                  .c_str(),
              stdout);
   return 0;

@@ -58,7 +58,7 @@ class AdministrationTest : public OndrelTest {
       english.set("title", id == "VT-000002" ? "Vantor Zarrow Update" : "Vantor Quendel Update");
       archive.mutableValue("localization").set("English", english);
       archive.set("totalDownloadSize", Plist::integer(4096));
-      products[id] = KTSProduct::productWithArchiveRepresentation(archive);
+      products[id] = KTSProduct::productWithArchiveRepresentation(archive, context().layout());
     }
     auto workingSet = (&context().workingSet());
     ASSERT_TRUE(
@@ -79,7 +79,7 @@ TEST_F(AdministrationTest, StatusProductsAndMetricsReadTheSharedFiles) {
   KTSPassOutcome failed;
   failed.failures.push_back("the upstream example does not answer; catalogs served as they were");
   context().status().setUpdateErrorWithNote(true, failed.note());
-  KTSPassHistory history(KTSPassHistory::defaultPath());
+  KTSPassHistory history(KTSPassHistory::defaultPath(context().layout()));
   KTSPassHistory::Pass changes;
   changes.started = Clock::now();
   changes.ended = changes.started;
@@ -93,7 +93,7 @@ TEST_F(AdministrationTest, StatusProductsAndMetricsReadTheSharedFiles) {
       << status.output;
   EXPECT_NE(status.output.find("(12.5 MB still to mirror)"), std::string::npos) << status.output;
   EXPECT_NE(status.output.find("Daemon:          not running"), std::string::npos);
-  KTSPassProgress(KTSPassProgress::defaultPath()).passStarted();
+  KTSPassProgress(KTSPassProgress::defaultPath(context().layout())).passStarted();
   EXPECT_EQ(ctl({"status"}).output.find("Pass under way"), std::string::npos)
       << "the progress a daemon that is gone left behind";
   // Mirroring and enabling on its own, yet MANUAL: the status names the missing setting.
@@ -201,7 +201,7 @@ TEST_F(AdministrationTest, ChangesArePostedMergedWithTicketsAndNeverLost) {
   EXPECT_TRUE(tickets->hasTicketOfTypeForProduct(KTSJobTicket::Mirror, "VT-000002"));
   EXPECT_TRUE(tickets->hasTicketOfTypeForProduct(KTSJobTicket::Enable, "VT-000003"));
   // Who asked for what is kept, newest first; a line that is not an entry is left out.
-  std::ofstream(KTSServerLayout::statusPath("audit.log"), std::ios::app)
+  std::ofstream(context().layout().statusPath("audit.log"), std::ios::app)
       << "garbage\nnot a date\tx\ty\tz\n";
   std::string log = ctl({"log"}).output;
   std::regex entry(R"(^\S+Z  root.*enable +VT-000003\n\S+Z  root.*mirror +VT-000002 VT-000003\n$)");
@@ -347,7 +347,7 @@ TEST_F(AdministrationTest, ClientsFetchServedCatalogsThroughApacheAndTheCgi) {
   sample::generateTree(tree);
   sample::serveTree(upstream, "127.0.0.1", upstreamPort);
   int port = test::freeLoopbackPort();
-  auto preferences = KTSPreferences::defaultPreferences();
+  auto preferences = context().sharedPreferences();
   preferences->setMetaIndexURL(Url::parse(tree.baseURL + "/content/meta/config.plist"));
   preferences->setPublicHostName("127.0.0.1");
   preferences->setPortToUse(Plist::integer(port));
@@ -452,8 +452,7 @@ TEST_F(AdministrationTest, ClientsFetchServedCatalogsThroughApacheAndTheCgi) {
     EXPECT_EQ(unchanged->status, 304) << encoding;
   }
   // A link put in the catalog's place is not followed.
-  const std::string place = KTSPreferences::defaultPreferences()->updatesHtmlPath() +
-                            "/content/catalogs/others/" + kNewest;
+  const std::string place = context().layout().catalogsFolderPath(kNewest);
   std::filesystem::rename(place, place + ".kept");
   std::filesystem::create_symlink("/etc/passwd", place);
   auto linked = cgi.Get(direct.c_str());

@@ -13,6 +13,7 @@
 #include "ApacheServer.h"
 #include "CompressedForms.h"
 #include "FileIO.h"
+#include "KTSCatalogSets.h"
 #include "KTSMetaIndex.h"
 #include "KTSPreferences.h"
 #include "OndrelTest.h"
@@ -94,7 +95,7 @@ class BranchCacheTest : public OndrelTest {
 
 TEST_F(BranchCacheTest, PackagesAreFetchedOnceAndCatalogChangesReachTheNextClient) {
   int mirrorPort = test::freeLoopbackPort();
-  auto preferences = KTSPreferences::defaultPreferences();
+  auto preferences = context().sharedPreferences();
   preferences->setPortToUse(Plist::integer(mirrorPort));
   ASSERT_TRUE(preferences->commitChanges());
   // Three slices of 16 MB, the last one short.
@@ -103,7 +104,7 @@ TEST_F(BranchCacheTest, PackagesAreFetchedOnceAndCatalogChangesReachTheNextClien
     package += fmt::format("{:015d}\n", i * 7919);
   }
   writeFile(html() + "/content/downloads/00/big.pkg", package);
-  const std::string newest = KTSMetaIndex::supportedCatalogNames().back();
+  const std::string newest = KTSCatalogSets::supportedCatalogNames().back();
   const std::string catalog = html() + "/content/catalogs/others/" + newest;
   std::filesystem::create_directories(std::filesystem::path(catalog).parent_path());
   publishCatalog(catalog, "<plist>first " + std::string(5000, 'a') + "</plist>");

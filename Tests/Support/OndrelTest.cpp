@@ -8,7 +8,6 @@
 #include <sstream>
 
 #include "KTSLogger.h"
-#include "KTSPreferences.h"
 
 namespace ondrel::test {
 
@@ -37,15 +36,12 @@ void OndrelTest::SetUp() {
   clock_ = std::make_shared<ManualClock>(
       std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now()));
   Clock::install(clock_);
-  KTSPreferences::resetDefaultPreferences();
-  KTSLogger::resetDefaultLogger();
+  // The process's one logger, made by the first test; it follows each test's user defaults.
   KTSLogger::defaultLoggerForSourceLogType("ondrd_test", 0);
 }
 
 void OndrelTest::TearDown() {
   context_.reset();
-  KTSPreferences::resetDefaultPreferences();
-  KTSLogger::resetDefaultLogger();
   Clock::install(nullptr);
   SystemLog::installCapture(nullptr);
   std::error_code ignored;

@@ -14,10 +14,4 @@ namespace ondrel::test {
 // action RequireRestart, composite state RECURRING and build version 16A1; no localizations.
 Plist productArchive(const std::string& productId, const char* mirror, bool enabled);
 
-inline std::shared_ptr<KTSProduct> archivedProduct(const std::string& productId,
-                                                   const char* mirror = "DoNotMirror",
-                                                   bool enabled = false) {
-  return KTSProduct::productWithArchiveRepresentation(productArchive(productId, mirror, enabled));
-}
-
 }  // namespace ondrel::test

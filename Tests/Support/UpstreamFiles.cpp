@@ -3,7 +3,7 @@
 #include <fmt/format.h>
 
 #include "KTCatalogKeys.h"
-#include "KTSPreferences.h"
+#include "KTSServerLayout.h"
 
 namespace ondrel::test {
 
@@ -11,7 +11,7 @@ void UpstreamProductTest::SetUp() {
   OndrelTest::SetUp();
   setUserDefaults(true);
   ASSERT_TRUE(upstream_.start());
-  html_ = KTSPreferences::defaultPreferences()->updatesHtmlPath();
+  html_ = context().layout().htmlFolder();
 }
 
 UpstreamFiles::UpstreamFiles() {

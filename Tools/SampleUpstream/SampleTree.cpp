@@ -11,7 +11,7 @@
 #include "BinaryPlistWriter.h"
 #include "DateFormats.h"
 #include "KTCatalogKeys.h"
-#include "KTSMetaIndex.h"
+#include "KTSCatalogSets.h"
 #include "Plist.h"
 
 namespace ondrel::sample {
@@ -123,7 +123,7 @@ class TreeWriter {
 
   TreeSummary write() {
     Universe universe = simulate(options_);
-    std::vector<std::string> catalogNames = *KTSMetaIndex::defaultCatalogsForVersion("10.12");
+    std::vector<std::string> catalogNames = *KTSCatalogSets::defaultCatalogsForVersion("10.12");
     std::vector<Plist> catalogProducts(catalogNames.size(), Plist::dictionary());
     Plist cases = Plist::dictionary();
     for (std::uint64_t product : universe.listed) {
