@@ -125,8 +125,8 @@ int workingSet(KTSPassContext& context, const Url& catalogURL, std::size_t count
 int mirror(KTSPassContext& context, const Url& catalogURL, std::size_t count,
            const std::string& urlList) {
   KTSPreferences& preferences = context.preferences();
-  preferences.setAutoMirror(false);
-  preferences.setAutoEnable(false);
+  preferences.setValue("autoMirror", Plist::boolean(false));
+  preferences.setValue("autoEnable", Plist::boolean(false));
   auto catalog = KTSCatalog::catalogWithUrl(catalogURL, context);
   catalog->syncCatalogWithDeprecationsForcingUpdate(Plist(), true);
   std::ofstream list(urlList);
@@ -175,7 +175,7 @@ int main(int argc, char** argv) {
   // Logging as the daemon logs: syslog lines, debug lines off.
   KTSLogger::defaultLoggerForSourceLogType("catalog_bench", 0);
   KTSPassContext context;
-  context.preferences().setPublicHostName("127.0.0.1");
+  context.preferences().setValue("publicHostName", "127.0.0.1");
   if (phase == "construct") return construct(context, *catalogURL, count);
   if (phase == "sync") return sync(context, *catalogURL);
   if (phase == "workingset") return workingSet(context, *catalogURL, count);

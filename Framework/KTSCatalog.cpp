@@ -27,10 +27,6 @@ std::string KTSCatalog::compositeProductStringForStateValue(std::int64_t state) 
   return KTSProductState::compositeStateName(state);
 }
 
-std::string KTSCatalog::compositeProductStringForState(const Plist& state) {
-  return KTSProductState::compositeStateName(state);
-}
-
 std::int64_t KTSCatalog::compositeProductStateForString(const std::string& name) {
   return KTSProductState::compositeStateForName(name);
 }
@@ -77,13 +73,11 @@ void KTSCatalog::syncCatalogLeavingCache(const Plist& deprecations, bool force) 
   applyGlobalProductPreferences();
   updateAllDeprecatedProductsStates();
   verifyAllProductDownloadStates();
-  throttleDownloads_ = false;
   setDeprecatedProducts(Plist());
 }
 
 void KTSCatalog::loadCatalog() {
   log_.debug("CTLG: ==== loading composite catalog from cache ====");
-  throttleDownloads_ = false;
   loadCompositeCatalog();
   if (loadProductIndexForcingUpdate(false)) mergeWorkingSetProductsStates();
 }
@@ -174,7 +168,7 @@ Plist KTSCatalog::downloadCatalogToPathForcingUpdate(const std::string& path, bo
 bool KTSCatalog::loadProductIndexForcingUpdate(bool force) {
   if (!force && loadProductIndexCache()) return false;
   log_.debug("CTLG: rebuilding product list from available data.");
-  if (!throttleDownloads_) prefetchServerMetadata();
+  prefetchServerMetadata();
   ProductIndex rebuilt;
   for (const auto& [productId, entry] : compositeCatalog_[KTCatalogProductsDictKey].items()) {
     // Each product is made and released in its own scope; one that fails never ends the rebuild.
@@ -225,7 +219,6 @@ void KTSCatalog::shareEntriesOfProducts(const ProductIndex& products) {
 
 std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
     const std::string& productId, std::optional<KTSError>* error) {
-  Date start = Clock::now();
   const Plist& entry = compositeCatalog_[KTCatalogProductsDictKey][productId];
   std::optional<Url> metadataURL;
   if (entry["ServerMetadataURL"].isString()) {
@@ -263,7 +256,6 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
       }
     }
   }
-  if (throttleDownloads_) Clock::sleepFor(Clock::now() - start);
   return product;
 }
 

@@ -39,7 +39,6 @@ class KTSCatalog {
 
   static std::shared_ptr<KTSCatalog> catalogWithUrl(const Url& url, KTSPassContext& context);
   static std::string compositeProductStringForStateValue(std::int64_t state);
-  static std::string compositeProductStringForState(const Plist& state);
   static std::int64_t compositeProductStateForString(const std::string& name);
 
   KTSCatalog(const Url& catalogURL, KTSPassContext& context);
@@ -53,66 +52,36 @@ class KTSCatalog {
   // The same without saving the product index cache: a pass saves it once its products are
   // mirrored.
   void syncCatalogLeavingCache(const Plist& deprecations, bool force);
+  // Reads the composite catalog from its file (made from the upstream copy's previous version when
+  // there is none yet): empty without a file, null when the file is unusable.
   void loadCompositeCatalog();
-  // Writes the composite catalog, and records it in the context's pass record.
-  void saveCompositeCatalog();
-  // After a merge: writes the composite catalog unless the merge left it exactly as the pass
-  // record shows it on disk.
-  void saveMergedCompositeCatalog();
-  // True, with the composite catalog recorded as unchanged, when the pass record shows that
-  // merging the fetched upstream copy would change nothing.
-  bool mergeChangesNothing(const Plist& deprecations);
   // The catalog read from path after an optional download; null when there is none.
   Plist downloadCatalogToPathForcingUpdate(const std::string& path, bool force);
   // Starts the download of the upstream catalog through scheduler, beside other transfers; the
   // next sync takes its outcome instead of downloading. Run the scheduler before that sync.
   void fetchCatalogAheadWithScheduler(KTSFetchScheduler& scheduler);
-
-  // The merge.
+  // Merges an upstream catalog into the composite catalog (NEW, RECURRING, DEPRECATED, ORPHANED
+  // as the listing and the deprecations say); writes nothing.
   void updateCompositeCatalogWithCatalog(const Plist& catalog);
-  bool shouldIgnoreProductForDictionaryWithIdentifier(const Plist& dictionary,
-                                                      const std::string& identifier);
-  Plist makeCompositeProductForIDAndDictionaryProductState(const std::string& productId,
-                                                           const Plist& dictionary,
-                                                           std::int64_t state) const;
 
-  // The product index. True when it was rebuilt from the composite catalog.
-  bool loadProductIndexForcingUpdate(bool force);
-  std::shared_ptr<KTSProduct> makeProductItemForProductIDError(const std::string& productId,
-                                                               std::optional<KTSError>* error);
-  // A copy of the product made from an entry like this one by another catalog in this pass;
-  // null when there is none (and always without a pass memo).
-  std::shared_ptr<KTSProduct> madeEarlierInPass(const std::string& productId,
-                                                const Plist& entry) const;
-  void mergeWorkingSetProductsStates();
+  // Drops from the composite catalog the products the index no longer holds, and writes it when
+  // any went.
   void commitCatalogProductRemovals();
+  // The product of the index with that id; null when there is none.
   std::shared_ptr<KTSProduct> productForProductId(const std::string& productId) const;
-  void removeProductForProductId(const std::string& productId);
-
-  // Deprecations.
-  bool isDeprecatedProductID(const std::string& productId) const;
-  Plist getDeprecatedProductsForProductID(const std::string& productId) const;
-  Plist getDeprecatorsForProductID(const std::string& productId) const;
-  void updateAllDeprecatedProductsStates();
+  // Walks the deprecation chain below product (deprecator: the one above it, none at the head):
+  // a product whose deprecator or a superior is enabled is marked replaced, one whose deprecator
+  // was disabled is kept again. A product met twice ends the walk.
   void updateDeprecatedProductsStatesWithDeprecatorSuperiorEnabled(KTSProduct& product,
                                                                    const KTSProduct* deprecator,
                                                                    bool superiorEnabled);
 
-  // Automatic policies.
-  void applyGlobalProductPreferences();
-  void applyAutoMirrorsForAllProducts();
-  void applyAutoEnablesForAllProducts();
-  void cancelPendingAutoRequestsForAllProducts();
-
-  // The product index cache and the check of files on disk.
+  // The product index cache: read (false when missing or unusable), written and recorded in the
+  // context's pass record, or left as it is when the record shows it was made from this very
+  // composite catalog and these products.
   bool loadProductIndexCache();
-  // Writes the cache, and records it in the context's pass record.
   void saveProductIndexCache();
-  // Leaves the cache as it is when the pass record shows it was made from this very composite
-  // catalog and these products; writes it otherwise.
   void saveProductIndexCacheUnlessCurrent();
-  std::int64_t compositeStateForProduct(const KTSProduct& product) const;
-  void verifyAllProductDownloadStates();
 
   // The product's catalog entry with every URL pointing at this server.
   Plist mirrorRepresentationForProduct(KTSProduct& product) const;
@@ -129,17 +98,49 @@ class KTSCatalog {
   // True after a sync whose merge left the composite catalog exactly as the pass record shows
   // the last pass left it.
   bool compositeUnchanged() const { return compositeUnchanged_; }
-  void setCompositeCatalog(Plist catalog) { compositeCatalog_ = std::move(catalog); }
   const std::optional<ProductIndex>& products() const { return products_; }
   void setProducts(std::optional<ProductIndex> products) { products_ = std::move(products); }
   // False when the last download of the upstream catalog failed (the sync then merged the copy
   // it had, if any); true before any download.
   bool lastDownloadSucceeded() const { return lastDownloadSucceeded_; }
-  bool throttleDownloads() const { return throttleDownloads_; }
-  void setThrottleDownloads(bool throttle) { throttleDownloads_ = throttle; }
   const LogHandle& logger() const { return log_; }
 
  private:
+  // Writes the composite catalog, and records it in the context's pass record.
+  void saveCompositeCatalog();
+  // After a merge: writes the composite catalog unless the merge left it exactly as the pass
+  // record shows it on disk.
+  void saveMergedCompositeCatalog();
+  // True, with the composite catalog recorded as unchanged, when the pass record shows that
+  // merging the fetched upstream copy would change nothing.
+  bool mergeChangesNothing(const Plist& deprecations);
+  bool shouldIgnoreProductForDictionaryWithIdentifier(const Plist& dictionary,
+                                                      const std::string& identifier);
+  Plist makeCompositeProductForIDAndDictionaryProductState(const std::string& productId,
+                                                           const Plist& dictionary,
+                                                           std::int64_t state) const;
+  // The product index. True when it was rebuilt from the composite catalog.
+  bool loadProductIndexForcingUpdate(bool force);
+  std::shared_ptr<KTSProduct> makeProductItemForProductIDError(const std::string& productId,
+                                                               std::optional<KTSError>* error);
+  // A copy of the product made from an entry like this one by another catalog in this pass;
+  // null when there is none (and always without a pass memo).
+  std::shared_ptr<KTSProduct> madeEarlierInPass(const std::string& productId,
+                                                const Plist& entry) const;
+  void mergeWorkingSetProductsStates();
+  void removeProductForProductId(const std::string& productId);
+  // Deprecations.
+  bool isDeprecatedProductID(const std::string& productId) const;
+  Plist getDeprecatedProductsForProductID(const std::string& productId) const;
+  Plist getDeprecatorsForProductID(const std::string& productId) const;
+  void updateAllDeprecatedProductsStates();
+  // Automatic policies.
+  void applyGlobalProductPreferences();
+  void applyAutoMirrorsForAllProducts();
+  void applyAutoEnablesForAllProducts();
+  void cancelPendingAutoRequestsForAllProducts();
+  std::int64_t compositeStateForProduct(const KTSProduct& product) const;
+  void verifyAllProductDownloadStates();
   // The steps of the merge: the upstream catalog's index date (now, told, when it has none), then
   // the entries of the products it lists (NEW or RECURRING) and of those it no longer lists
   // (DEPRECATED or ORPHANED, or none when purged), each gathered into merged.
@@ -179,7 +180,6 @@ class KTSCatalog {
   // True when this sync's merge left the composite catalog exactly as the last pass recorded it.
   bool compositeUnchanged_ = false;
   std::optional<ProductIndex> products_;
-  bool throttleDownloads_ = false;
   bool lastDownloadSucceeded_ = true;
   // The download of the upstream catalog started ahead of the sync; kept until the sync takes it.
   std::shared_ptr<KTSCatalogDownloader> fetchAhead_;

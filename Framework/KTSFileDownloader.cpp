@@ -44,7 +44,6 @@ KTSFileDownloader::KTSFileDownloader(const Url& url, const std::string& localPat
       downloadingPath_(sideFilePath(localPath, "downloading")),
       archivePath_(sideFilePath(localPath, "previous")),
       archivePrevious_(archivePrevious),
-      trustedHosts_({"catalog.vantor.example", "download.vantor.example", "cdn.vantor.example"}),
       log_(LogHandle::shared()) {}
 
 KTSFileDownloader::~KTSFileDownloader() = default;

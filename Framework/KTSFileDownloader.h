@@ -54,6 +54,7 @@ class KTSFileDownloader : public TransferReceiver {
   KTSFileDownloader(const Url& url, const std::string& localPath, bool archivePrevious);
   ~KTSFileDownloader() override;
 
+  // Marks the download done; the loop that runs the transfer releases it.
   void endDownload();
   // From the next start on, the body goes into memory (at most limit bytes; a longer one fails
   // the download) and nothing is written or placed: takeReceivedBody hands it over.
@@ -87,13 +88,8 @@ class KTSFileDownloader : public TransferReceiver {
   // Pauses the thread when the downloads sharing its pace received more than the limit allows
   // for the time since the first of them began.
   void enforceSyncBandwidthLimit();
+  // Fails the download with code and reason in the downloader's error domain.
   void setDownloadErrorWithReason(std::int64_t code, const std::string& reason);
-
-  void transferDidReceiveResponse(const TransferResponse& response) override;
-  void transferDidReceiveDataOfLength(std::uint64_t length) override;
-  void transferDidFinish() override;
-  void transferDidFailWithError(const TransferError& error) override;
-  void transferWillRedirect(const std::string& newUrl) override;
 
   const Url& sourceUrl() const { return sourceUrl_; }
   void setSourceUrl(Url url) { sourceUrl_ = std::move(url); }
@@ -101,28 +97,27 @@ class KTSFileDownloader : public TransferReceiver {
   const std::string& downloadPath() const { return downloadPath_; }
   const std::string& downloadingPath() const { return downloadingPath_; }
   const std::string& archivePath() const { return archivePath_; }
-  bool replaceExisting() const { return replaceExisting_; }
-  void setReplaceExisting(bool replace) { replaceExisting_ = replace; }
-  bool archivePrevious() const { return archivePrevious_; }
-  void setArchivePrevious(bool archive) { archivePrevious_ = archive; }
-  const std::optional<Date>& downloadStart() const { return downloadStart_; }
+  // None while running and after success; why the last download failed otherwise.
   const std::optional<KTSError>& downloadError() const { return downloadError_; }
-  void setDownloadError(std::optional<KTSError> error) { downloadError_ = std::move(error); }
-  const std::optional<TransferResponse>& downloadResponse() const { return downloadResponse_; }
+  // Bytes of the body received by the last download, and its share of the announced length.
   std::uint64_t downloadBytes() const { return downloadBytes_; }
-  void setDownloadBytes(std::uint64_t bytes) { downloadBytes_ = bytes; }
   float percentComplete() const { return percentComplete_; }
   bool isDone() const { return isDone_; }
-  const std::vector<std::string>& trustedHosts() const { return trustedHosts_; }
-  std::int64_t maxSyncBW() const { return maxSyncBW_; }
+  // The sync bandwidth this download keeps to, in bytes per second (0: none); set from its
+  // pace's limits at every start.
   void setMaxSyncBW(std::int64_t bytesPerSecond) { maxSyncBW_ = bytesPerSecond; }
-  void setDownloadStart(std::optional<Date> start) { downloadStart_ = start; }
-  const std::shared_ptr<KTSSyncPace>& pace() const { return pace_; }
+  // The pace it shares with the downloads of its scheduler.
   void setPace(std::shared_ptr<KTSSyncPace> pace) { pace_ = std::move(pace); }
   const LogHandle& logger() const { return log_; }
 
  private:
   friend class KTSFetchScheduler;
+  // What the transfer reports, on the thread that runs the event loop.
+  void transferDidReceiveResponse(const TransferResponse& response) override;
+  void transferDidReceiveDataOfLength(std::uint64_t length) override;
+  void transferDidFinish() override;
+  void transferDidFailWithError(const TransferError& error) override;
+  void transferWillRedirect(const std::string& newUrl) override;
   // Starts the transfer, sending the validators recorded in validators when the kept file is
   // the one they came with; false, with downloadError set, when it could not start.
   bool startDownload(const std::shared_ptr<KTSFileValidators>& validators);
@@ -132,7 +127,7 @@ class KTSFileDownloader : public TransferReceiver {
   void continuePartialDownload(Transfer& transfer);
   void placeDownloadedFile();
   void keepUnchangedFile();
-  // The floor speed and the deadline of the transfer, from the preferences and the expected
+  // The floor speed and the deadline of the transfer, from the pace's limits and the expected
   // size.
   void applyTimeLimits(Transfer& transfer) const;
 
@@ -141,7 +136,6 @@ class KTSFileDownloader : public TransferReceiver {
   std::string downloadPath_;
   std::string downloadingPath_;
   std::string archivePath_;
-  bool replaceExisting_ = false;
   bool archivePrevious_;
   std::optional<Date> downloadStart_;
   std::optional<KTSError> downloadError_;
@@ -150,7 +144,6 @@ class KTSFileDownloader : public TransferReceiver {
   std::uint64_t downloadBytes_ = 0;
   float percentComplete_ = 0;
   bool isDone_ = false;
-  std::vector<std::string> trustedHosts_;
   std::int64_t maxSyncBW_ = 0;
   std::optional<std::size_t> memoryLimit_;
   std::string receivedBody_;

@@ -108,11 +108,6 @@ bool KTSPreferences::checkServiceDirectoryPaths() {
   return true;
 }
 
-Plist KTSPreferences::defaultPrefs() const {
-  Plist defaults = KTSUtilities::readPropertyListAtPath(defaultPrefsPath(), kSmallFileReadLimit);
-  return defaults.isDictionary() ? defaults : Plist();
-}
-
 std::string KTSPreferences::defaultPrefsPath() const { return resourcePath("ondrd", "plist"); }
 
 bool KTSPreferences::upgradeOtherCatalogsForPreferences(const Plist& dictionary) {
@@ -182,14 +177,6 @@ std::string KTSPreferences::workingPathForItemAtPathInFolder(const std::string& 
                                 lastPathComponent(path));
 }
 
-std::string KTSPreferences::configWorkingPathForPath(const std::string& path) const {
-  return workingPathForItemAtPathInFolder(path, "Config");
-}
-
-std::string KTSPreferences::dataWorkingPathForPath(const std::string& path) const {
-  return workingPathForItemAtPathInFolder(path, "Data");
-}
-
 std::string KTSPreferences::cacheWorkingPathForPath(const std::string& path) const {
   return workingPathForItemAtPathInFolder(path, "Cache");
 }
@@ -212,12 +199,12 @@ bool KTSPreferences::booleanWithDefault(const std::string& key) {
   return prefs_[key].boolValue();
 }
 
-void KTSPreferences::setObjectValue(const std::string& key, const Plist& value) {
+void KTSPreferences::setValue(const std::string& key, const Plist& value) {
   if (value.isNull()) {
-    log_.debug("PREF: error setting {} (reason: {}).", key, "no value given");
-    return;
+    prefs_.remove(key);
+  } else {
+    prefs_.set(key, value);
   }
-  prefs_.set(key, value);
 }
 
 bool KTSPreferences::purgeUnused() {
@@ -225,21 +212,9 @@ bool KTSPreferences::purgeUnused() {
   return prefs_["PurgeUnused"].boolValue();
 }
 
-void KTSPreferences::setPurgeUnused(bool value) {
-  prefs_.set("PurgeUnused", Plist::boolean(value));
-}
-
 bool KTSPreferences::autoMirror() { return booleanWithDefault("autoMirror"); }
-void KTSPreferences::setAutoMirror(bool value) { prefs_.set("autoMirror", Plist::boolean(value)); }
-
 bool KTSPreferences::autoMirrorOnlyNew() { return booleanWithDefault("autoMirrorOnlyNew"); }
-void KTSPreferences::setAutoMirrorOnlyNew(bool value) {
-  prefs_.set("autoMirrorOnlyNew", Plist::boolean(value));
-}
-
 bool KTSPreferences::autoEnable() { return booleanWithDefault("autoEnable"); }
-void KTSPreferences::setAutoEnable(bool value) { prefs_.set("autoEnable", Plist::boolean(value)); }
-
 bool KTSPreferences::limitBandwidth() {
   const Plist& stored = prefs_["limitBandwidth"];
   if (stored.isNumber()) return stored.boolValue();
@@ -247,26 +222,14 @@ bool KTSPreferences::limitBandwidth() {
   return false;
 }
 
-void KTSPreferences::setLimitBandwidth(bool value) {
-  prefs_.set("limitBandwidth", Plist::boolean(value));
-}
-
 Plist KTSPreferences::maxBandwidth() {
   checkPrefDefaultValue("valueBandwidth", Plist::integer(0));
   return prefs_["valueBandwidth"];
 }
 
-void KTSPreferences::setMaxBandwidth(const Plist& value) {
-  setObjectValue("valueBandwidth", value);
-}
-
 Plist KTSPreferences::syncBandwidth() {
   checkPrefDefaultValue("syncBandwidth", Plist::integer(0));
   return prefs_["syncBandwidth"];
-}
-
-void KTSPreferences::setSyncBandwidth(const Plist& value) {
-  setObjectValue("syncBandwidth", value);
 }
 
 Plist KTSPreferences::portToUse() {
@@ -275,34 +238,15 @@ Plist KTSPreferences::portToUse() {
   return prefs_["portToUse"];
 }
 
-void KTSPreferences::setPortToUse(const Plist& value) { setObjectValue("portToUse", value); }
-
 std::optional<Url> KTSPreferences::metaIndexURL() {
   checkPrefDefaultValue("metaIndexURL", kDefaultMetaIndexURL);
   return Url::parse(prefs_["metaIndexURL"].stringValue());
-}
-
-void KTSPreferences::setMetaIndexURL(const std::optional<Url>& value) {
-  setObjectValue("metaIndexURL", value ? Plist(value->text()) : Plist());
-}
-
-Plist KTSPreferences::maxDownloadSpeed() {
-  checkPrefDefaultValue("maxDownloadSpeed", Plist::integer(0));
-  return prefs_["maxDownloadSpeed"];
-}
-
-void KTSPreferences::setMaxDownloadSpeed(const Plist& value) {
-  setObjectValue("maxDownloadSpeed", value);
 }
 
 std::string KTSPreferences::updatesDocRoot() {
   checkPrefDefaultValue("updatesDocRoot", fixedPath("/Library/Server/Ondrel/Data/"));
   const Plist& stored = prefs_["updatesDocRoot"];
   return stored.isString() ? stored.stringValue() : stored.description();
-}
-
-void KTSPreferences::setUpdatesDocRoot(const std::optional<std::string>& value) {
-  setObjectValue("updatesDocRoot", value ? Plist(*value) : Plist());
 }
 
 std::optional<std::string> KTSPreferences::publicHostName() const {
@@ -318,33 +262,12 @@ std::optional<std::string> KTSPreferences::publicHostName() const {
   return name.stringValue();
 }
 
-void KTSPreferences::setPublicHostName(const std::optional<std::string>& name) {
-  if (name && !name->empty()) {
-    prefs_.set("publicHostName", *name);
-  } else {
-    prefs_.remove("publicHostName");
-  }
-}
-
 std::string KTSPreferences::hostName() const { return publicHostName().value_or(hostName_); }
 
 Plist KTSPreferences::otherCatalogs() const { return prefs_["otherCatalogs"]; }
-void KTSPreferences::setOtherCatalogs(const Plist& value) {
-  setObjectValue("otherCatalogs", value);
-}
-
-bool KTSPreferences::serviceState() const { return prefs_["serviceState"].boolValue(); }
-void KTSPreferences::setServiceState(bool value) {
-  prefs_.set("serviceState", Plist::boolean(value));
-}
-
 Plist KTSPreferences::maxConcurrentDownloads() const {
   return prefs_.contains("maxConcurrentDownloads") ? prefs_["maxConcurrentDownloads"]
                                                    : Plist::integer(16);
-}
-
-void KTSPreferences::setMaxConcurrentDownloads(const Plist& value) {
-  setObjectValue("maxConcurrentDownloads", value);
 }
 
 Plist KTSPreferences::minimumDownloadSpeed() const {
@@ -352,33 +275,12 @@ Plist KTSPreferences::minimumDownloadSpeed() const {
                                                  : Plist::integer(1);
 }
 
-void KTSPreferences::setMinimumDownloadSpeed(const Plist& value) {
-  setObjectValue("minimumDownloadSpeed", value);
-}
-
 Plist KTSPreferences::volumeReserve() const {
   return prefs_.contains("volumeReserve") ? prefs_["volumeReserve"] : Plist::integer(5);
 }
 
-void KTSPreferences::setVolumeReserve(const Plist& value) {
-  setObjectValue("volumeReserve", value);
-}
-
-Plist KTSPreferences::systemVolumeReserve() const {
-  return prefs_.contains("systemVolumeReserve") ? prefs_["systemVolumeReserve"]
-                                                : Plist::integer(20);
-}
-
-void KTSPreferences::setSystemVolumeReserve(const Plist& value) {
-  setObjectValue("systemVolumeReserve", value);
-}
-
 std::string KTSPreferences::updatesHtmlPath() {
   return appendingPathComponent(updatesDocRoot(), "html");
-}
-
-std::string KTSPreferences::updatesCatalogsPath() {
-  return appendingPathComponent(updatesDocRoot(), "html/content/catalogs");
 }
 
 std::string KTSPreferences::updatesOtherCatalogsPath() {

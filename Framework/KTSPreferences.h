@@ -25,6 +25,7 @@ class KTSPreferences {
   // On the first call creates the shared instance for path; later calls ignore the argument.
   static std::shared_ptr<KTSPreferences> defaultPreferencesWithPath(
       const std::optional<std::string>& path);
+  // A new instance for the file at path (at the default place with none).
   static std::shared_ptr<KTSPreferences> preferencesWithPath(
       const std::optional<std::string>& path);
   // Forgets the shared instance (test support).
@@ -36,106 +37,82 @@ class KTSPreferences {
   // file leaves the "InvalidPreferenceFile" replacement loaded.
   explicit KTSPreferences(const std::optional<std::string>& path = std::nullopt);
 
+  // Reads the file again, dropping what was not committed (an old catalog list is upgraded and
+  // committed on the way).
   void refresh();
+  // Writes the file, and the web server configuration from it.
   bool commitChanges();
   // Optionally updates the web server configuration, then writes the file; the result is the
   // file write's.
   bool commitChangesUpdatingHostConfig(bool updateHostConfig);
+  // Whether the file is there to be read: the service folders made and a missing file restored
+  // from the shipped defaults.
   bool checkFile();
-  bool checkServiceDirectoryPaths();
-  Plist defaultPrefs() const;
-  std::string defaultPrefsPath() const;
   // True when it changed the catalog list and committed the preferences.
   bool upgradeOtherCatalogsForPreferences(const Plist& dictionary);
-  void checkPrefDefaultValue(const std::string& key, const Plist& defaultValue);
 
   // Paths for tools working on a configuration file other than the default: there, an item is
   // looked for in the given folder of that file's own service root.
-  std::string workingPathForItemAtPathInFolder(const std::string& path,
-                                               const std::string& folder) const;
-  std::string configWorkingPathForPath(const std::string& path) const;
-  std::string dataWorkingPathForPath(const std::string& path) const;
   std::string cacheWorkingPathForPath(const std::string& path) const;
   std::string statusWorkingPathForPath(const std::string& path) const;
 
+  // Whether the settings are the automatic mode's: mirror every product (not only new ones),
+  // enable them, purge what is unused.
   bool automaticPresetsEnabled();
   // The mode as the logs and the status show it: "AUTOMATIC", "MANUAL (auto-download ON)" or
   // "MANUAL (auto-download OFF)".
   std::string modeName();
 
-  // Settings. Getters that take a default may store it (see each key); setters of object values
-  // refuse a null value.
+  // Settings, each under its key in the file (see KTSSettings for what an administrator may set).
+  // Getters that take a default may store it in memory (see each key).
   bool purgeUnused();
-  void setPurgeUnused(bool value);
   bool autoMirror();
-  void setAutoMirror(bool value);
   bool autoMirrorOnlyNew();
-  void setAutoMirrorOnlyNew(bool value);
   bool autoEnable();
-  void setAutoEnable(bool value);
   bool limitBandwidth();
-  void setLimitBandwidth(bool value);
   Plist maxBandwidth();
-  void setMaxBandwidth(const Plist& value);
   Plist syncBandwidth();
-  void setSyncBandwidth(const Plist& value);
   Plist portToUse();
-  void setPortToUse(const Plist& value);
   std::optional<Url> metaIndexURL();
-  void setMetaIndexURL(const std::optional<Url>& value);
-  Plist maxDownloadSpeed();
-  void setMaxDownloadSpeed(const Plist& value);
   std::string updatesDocRoot();
-  void setUpdatesDocRoot(const std::optional<std::string>& value);
   // The configured catalog names, or null when none are configured.
   Plist otherCatalogs() const;
-  void setOtherCatalogs(const Plist& value);
-  // The host name clients use for this server (see hostName()); none when not set.
-  std::optional<std::string> publicHostName() const;
-  void setPublicHostName(const std::optional<std::string>& name);
-  bool serviceState() const;
-  void setServiceState(bool value);
+  // The percent of the volume kept free: "volumeReserve", 5 when not set.
   Plist volumeReserve() const;
-  void setVolumeReserve(const Plist& value);
-  Plist systemVolumeReserve() const;
   // How many transfers a pass runs at once: "maxConcurrentDownloads", 16 when not set.
   Plist maxConcurrentDownloads() const;
-  void setMaxConcurrentDownloads(const Plist& value);
   // The slowest a transfer may be, in KB/s, over two minutes before it fails and waits for the
   // next pass: "minimumDownloadSpeed", 1 when not set (0: any speed above nothing).
   Plist minimumDownloadSpeed() const;
-  void setMinimumDownloadSpeed(const Plist& value);
-  void setSystemVolumeReserve(const Plist& value);
+  // Sets the setting under key in memory (a commit writes it); a null value removes it, so that
+  // the setting takes its default again.
+  void setValue(const std::string& key, const Plist& value);
 
   // Folders under the document root; computed only, nothing is created.
   std::string updatesHtmlPath();
-  std::string updatesCatalogsPath();
   std::string updatesOtherCatalogsPath();
   std::string updatesDownloadsPath();
 
   const std::string& prefsPath() const { return prefsPath_; }
-  void setPrefsPath(std::string path) { prefsPath_ = std::move(path); }
   // The name clients reach this server by: "publicHostName" when the preferences hold a
   // non-empty string there, else the machine's host name.
   std::string hostName() const;
+  // Stands for the machine's host name from now on.
   void setHostName(std::string name) { hostName_ = std::move(name); }
-  // The loaded settings, or null before the first load.
+  // The loaded settings, or null before the first load; setPrefs replaces them in memory.
   const Plist& prefs() const { return prefs_; }
   void setPrefs(Plist prefs) { prefs_ = std::move(prefs); }
-  const std::vector<std::string>& serviceDirectoryNames() const { return serviceDirectoryNames_; }
-  void setServiceDirectoryNames(std::vector<std::string> names) {
-    serviceDirectoryNames_ = std::move(names);
-  }
-  const std::shared_ptr<KTSHostConfiguration>& hostConfig() const { return hostConfig_; }
-  void setHostConfig(std::shared_ptr<KTSHostConfiguration> config) {
-    hostConfig_ = std::move(config);
-  }
-  const LogHandle& logger() const { return log_; }
 
  private:
   std::string serviceRoot() const;
+  bool checkServiceDirectoryPaths();
+  std::string defaultPrefsPath() const;
+  void checkPrefDefaultValue(const std::string& key, const Plist& defaultValue);
+  std::string workingPathForItemAtPathInFolder(const std::string& path,
+                                               const std::string& folder) const;
   bool booleanWithDefault(const std::string& key);
-  void setObjectValue(const std::string& key, const Plist& value);
+  // The "publicHostName" setting when it is a usable host name.
+  std::optional<std::string> publicHostName() const;
 
   std::string prefsPath_;
   std::string hostName_;

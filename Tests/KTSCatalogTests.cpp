@@ -33,10 +33,10 @@ class KTSCatalogTest : public OndrelTest {
   }
 
   void setMode(bool automatic, bool onlyNew = false) {
-    preferences_->setAutoMirror(automatic);
-    preferences_->setAutoEnable(automatic);
-    preferences_->setPurgeUnused(automatic);
-    preferences_->setAutoMirrorOnlyNew(onlyNew);
+    preferences_->setValue("autoMirror", Plist::boolean(automatic));
+    preferences_->setValue("autoEnable", Plist::boolean(automatic));
+    preferences_->setValue("PurgeUnused", Plist::boolean(automatic));
+    preferences_->setValue("autoMirrorOnlyNew", Plist::boolean(onlyNew));
   }
 
   // A product whose files and metadata the upstream serves.
@@ -262,8 +262,8 @@ TEST_F(KTSCatalogTest, PoliciesFollowTheModeAndTheWorkingSet) {
   EXPECT_TRUE(automatic->productForProductId("A")->state().enableWhenMirrored());
 
   // Manual, auto-download on: scheduled products lose their automatic enable.
-  preferences_->setAutoEnable(false);
-  preferences_->setPurgeUnused(false);
+  preferences_->setValue("autoEnable", Plist::boolean(false));
+  preferences_->setValue("PurgeUnused", Plist::boolean(false));
   clearLog();
   auto manual = sync();
   EXPECT_TRUE(
@@ -288,7 +288,7 @@ TEST_F(KTSCatalogTest, PoliciesFollowTheModeAndTheWorkingSet) {
              "This product will be re-download."));
 
   // "Only new": known products are skipped, named by their composite state.
-  preferences_->setAutoMirrorOnlyNew(true);
+  preferences_->setValue("autoMirrorOnlyNew", Plist::boolean(true));
   clearLog();
   sync();
   EXPECT_TRUE(

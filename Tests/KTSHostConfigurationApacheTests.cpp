@@ -26,7 +26,7 @@ class ApacheTest : public OndrelTest {
     OndrelTest::SetUp();
     port_ = test::freeLoopbackPort();
     preferences_ = context().sharedPreferences();
-    preferences_->setPortToUse(Plist::integer(port_));
+    preferences_->setValue("portToUse", Plist::integer(port_));
   }
 
   std::string serviceRoot() const { return path("/Library/Server/Ondrel"); }
@@ -68,8 +68,8 @@ TEST_F(ApacheTest, ConfigurationIsAcceptedBeforeAndAfterEdits) {
   EXPECT_TRUE(server.checkSyntax(&output)) << output;
   EXPECT_EQ(readFile(confPath() + ".previous"), readFile(resources_ + "/ondrd.conf"));
 
-  preferences_->setLimitBandwidth(true);
-  preferences_->setMaxBandwidth(Plist::integer(128));
+  preferences_->setValue("limitBandwidth", Plist::boolean(true));
+  preferences_->setValue("valueBandwidth", Plist::integer(128));
   ASSERT_TRUE(preferences_->commitChanges());
   EXPECT_TRUE(server.checkSyntax(&output)) << output;
   const std::string conf = readFile(confPath());
@@ -83,15 +83,15 @@ TEST_F(ApacheTest, InjectedPreferencesNeverReachTheConfiguration) {
   ASSERT_TRUE(preferences_->commitChanges());
   const std::string accepted = readFile(confPath());
   const std::string injection = "\nInclude /etc/passwd\n";
-  preferences_->setUpdatesDocRoot(serviceRoot() + "/Data\"" + injection);
-  preferences_->setPortToUse(Plist("80" + injection));
-  preferences_->setLimitBandwidth(true);
-  preferences_->setMaxBandwidth(Plist("1" + injection));
+  preferences_->setValue("updatesDocRoot", serviceRoot() + "/Data\"" + injection);
+  preferences_->setValue("portToUse", Plist("80" + injection));
+  preferences_->setValue("limitBandwidth", Plist::boolean(true));
+  preferences_->setValue("valueBandwidth", Plist("1" + injection));
   ASSERT_TRUE(preferences_->commitChanges());
   EXPECT_EQ(readFile(confPath()), accepted);
-  preferences_->setUpdatesDocRoot("relative/Data");
-  preferences_->setPortToUse(Plist::dictionary());
-  preferences_->setMaxBandwidth(Plist::integer(-5));
+  preferences_->setValue("updatesDocRoot", "relative/Data");
+  preferences_->setValue("portToUse", Plist::dictionary());
+  preferences_->setValue("valueBandwidth", Plist::integer(-5));
   ASSERT_TRUE(preferences_->commitChanges());
   EXPECT_EQ(readFile(confPath()), accepted);
   std::string output;
@@ -278,8 +278,8 @@ TEST_F(ApacheTest, BandwidthLimitTakesEffect) {
   std::size_t bytes = 0;
   std::string failure;
 
-  preferences_->setLimitBandwidth(true);
-  preferences_->setMaxBandwidth(Plist::integer(256));
+  preferences_->setValue("limitBandwidth", Plist::boolean(true));
+  preferences_->setValue("valueBandwidth", Plist::integer(256));
   ASSERT_TRUE(preferences_->commitChanges());
   double limited = 0;
   {
@@ -289,7 +289,7 @@ TEST_F(ApacheTest, BandwidthLimitTakesEffect) {
     EXPECT_EQ(bytes, 1u << 20);
   }
 
-  preferences_->setLimitBandwidth(false);
+  preferences_->setValue("limitBandwidth", Plist::boolean(false));
   ASSERT_TRUE(preferences_->commitChanges());
   EXPECT_NE(readFile(confPath()).find("\n#    SetOutputFilter RATE_LIMIT\n"), std::string::npos);
   ApacheServer server(serviceRoot(), confPath());

@@ -169,8 +169,8 @@ TEST_F(KTSHostConfigurationTest, RateLimitLinesFollowTheInsertionRule) {
 TEST_F(KTSHostConfigurationTest, RewriteBlockFollowsTheConfiguredCatalogs) {
   KTSPreferences preferences;
   const auto& supported = KTSCatalogSets::supportedCatalogNames();
-  preferences.setOtherCatalogs(
-      Plist::stringArray({supported[7], "unknown.ktcatalog", supported[1]}));
+  preferences.setValue("otherCatalogs",
+                       Plist::stringArray({supported[7], "unknown.ktcatalog", supported[1]}));
   auto config = loaded(
       "Listen 1\n<IfModule mod_rewrite.c>\n    RewriteEngine Off\n"
       "    old rule\n</IfModule>\n\n\n",
@@ -189,7 +189,7 @@ TEST_F(KTSHostConfigurationTest, RewriteBlockFollowsTheConfiguredCatalogs) {
   EXPECT_FALSE(config->configHasChanged()) << "upgrade edits wait for another change to be saved";
   EXPECT_TRUE(logged("ondrd_test[INF]: Updated mod_rewrite for configured catalogs."));
 
-  preferences.setOtherCatalogs(Plist::array());
+  preferences.setValue("otherCatalogs", Plist::array());
   writeFile(confPath(), "<IfModule mod_rewrite.c>\n    RewriteEngine On\n    x\n</IfModule>\n");
   config = KTSHostConfiguration::configurationWithPath(confPath());
   ASSERT_TRUE(config->loadWithPreferences(&preferences.prefs()));

@@ -19,8 +19,8 @@ class KTSMetaIndexTest : public OndrelTest {
     OndrelTest::SetUp();
     setUserDefaults(true);
     preferences_ = context().sharedPreferences();
-    preferences_->setMetaIndexURL(Url::parse("http://127.0.0.1:8181/content/meta/config.plist"));
-    preferences_->setOtherCatalogs(Plist::array());
+    preferences_->setValue("metaIndexURL", "http://127.0.0.1:8181/content/meta/config.plist");
+    preferences_->setValue("otherCatalogs", Plist::array());
     html_ = preferences_->updatesHtmlPath();
   }
 
@@ -61,8 +61,8 @@ TEST_F(KTSMetaIndexTest, CatalogVersionTables) {
 }
 
 TEST_F(KTSMetaIndexTest, DefaultListIsSavedExportedAndLinked) {
-  preferences_->setPublicHostName("mirror.example");
-  preferences_->setPortToUse(Plist::integer(8088));
+  preferences_->setValue("publicHostName", "mirror.example");
+  preferences_->setValue("portToUse", Plist::integer(8088));
   auto metaIndex = (&context().metaIndex());
   ASSERT_TRUE(metaIndex->downloadForcingUpdate(false));
   EXPECT_TRUE(
@@ -81,7 +81,8 @@ TEST_F(KTSMetaIndexTest, DefaultListIsSavedExportedAndLinked) {
             "http://127.0.0.1:8181/content/catalogs/Deprecations.plist");
 
   // Other catalogs: one already listed adds nothing; a retired one is added, then removed.
-  preferences_->setOtherCatalogs(
+  preferences_->setValue(
+      "otherCatalogs",
       Plist::stringArray({newest, "index-10.9-dogwood-cedar-birch-alder.merged-1.ktcatalog",
                           "index.ktcatalog", "../../escape"}));
   clearLog();
@@ -142,7 +143,7 @@ TEST_F(KTSMetaIndexTest, BadAlternateFilesFallBackToTheDefaults) {
   metaIndex->setCatalogs({KTSURL::URLWithString(vendor("index-alder.merged-1.ktcatalog")),
                           KTSURL::URLWithString(vendor("b.ktcatalog"))});
   metaIndex->setPrimaryCatalog(metaIndex->catalogs().front());
-  preferences_->setOtherCatalogs(Plist::stringArray({"b.ktcatalog"}));
+  preferences_->setValue("otherCatalogs", Plist::stringArray({"b.ktcatalog"}));
   EXPECT_TRUE(metaIndex->mergeOtherCatalogsSetting());
   EXPECT_EQ(metaIndex->primaryCatalog()->description(), vendor("b.ktcatalog"));
 }

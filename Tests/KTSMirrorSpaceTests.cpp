@@ -32,7 +32,7 @@ class KTSMirrorSpaceVolumeTest : public OndrelTest {};
 TEST_F(KTSMirrorSpaceVolumeTest, TheDocumentRootsVolumeWithTheReserveWithinItsLimits) {
   auto preferences = context().sharedPreferences();
   std::filesystem::create_directories(preferences->updatesDocRoot());
-  preferences->setVolumeReserve(Plist::integer(150));
+  preferences->setValue("volumeReserve", Plist::integer(150));
   KTSMirrorSpace space = KTSMirrorSpace::now(context().preferences());
   ASSERT_TRUE(space.known);
   EXPECT_EQ(space.reservePercent, 100);

@@ -47,7 +47,7 @@ TEST_F(KTSPassRecordTest, AFileWrittenSinceOrOtherSettingsReuseNothing) {
   EXPECT_FALSE(reusable(file_, "inputs"));
   SetUp();
   auto preferences = context().sharedPreferences();
-  preferences->setPortToUse(Plist::integer(preferences->portToUse().integerValue() + 1));
+  preferences->setValue("portToUse", Plist::integer(preferences->portToUse().integerValue() + 1));
   ASSERT_TRUE(preferences->commitChanges());
   EXPECT_FALSE(reusable(file_, "inputs")) << "the preferences decide paths and policies";
 }

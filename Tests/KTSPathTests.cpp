@@ -13,7 +13,7 @@ class KTSPathTest : public OndrelTest {};
 TEST_F(KTSPathTest, OneFileInItsThreePlaces) {
   KTSPreferences& preferences = context().preferences();
   preferences.setHostName("mirror");
-  preferences.setPortToUse(Plist::integer(8088));
+  preferences.setValue("portToUse", Plist::integer(8088));
   KTSPath file = KTSPath::pathWithString(
       "https://download.vantor.example/content/downloads/a/b%20c.pkg?token=1");
   EXPECT_EQ(file.asChildServerURL(context().layout()),

@@ -70,17 +70,17 @@ TEST_F(KTSPreferencesTest, FirstStartBuildsTheServiceTreeAndRestoresDefaults) {
   // A public name serves only when a URL can carry it.
   for (const std::string& name : {std::string("mirror.example.org"), std::string("10.1.2.3"),
                                   std::string("[::1]"), std::string(63, 'a') + ".b"}) {
-    preferences->setPublicHostName(name);
+    preferences->setValue("publicHostName", name);
     EXPECT_EQ(preferences->hostName(), name);
   }
   for (const std::string& name :
        {std::string(100000, 'a'), std::string(64, 'a') + ".b", std::string("a b"),
         std::string("-a.b"), std::string("a..b"), std::string("::1"), std::string("a/b"),
         std::string("x:80"), std::string(127, 'a') + "." + std::string(127, 'a')}) {
-    preferences->setPublicHostName(name);
+    preferences->setValue("publicHostName", name);
     EXPECT_EQ(preferences->hostName(), host) << name.substr(0, 80);
   }
-  preferences->setPublicHostName(std::nullopt);
+  preferences->setValue("publicHostName", Plist());
   EXPECT_EQ(KTSPreferences::defaultPreferencesWithPath(path("/elsewhere.plist")), preferences);
 }
 
@@ -129,29 +129,25 @@ TEST_F(KTSPreferencesTest, GettersWriteBackOnlyTheirDocumentedDefaults) {
   EXPECT_FALSE(preferences.autoMirror());
   EXPECT_EQ(preferences.maxBandwidth(), Plist::integer(0));
   EXPECT_EQ(preferences.syncBandwidth(), Plist::integer(0));
-  EXPECT_EQ(preferences.maxDownloadSpeed(), Plist::integer(0));
   EXPECT_EQ(preferences.metaIndexURL()->text(),
             "http://catalog.vantor.example/content/meta/mirror-config-1.plist");
   EXPECT_EQ(preferences.volumeReserve(), Plist::integer(5));
-  EXPECT_EQ(preferences.systemVolumeReserve(), Plist::integer(20));
-  EXPECT_FALSE(preferences.serviceState());
   EXPECT_TRUE(preferences.otherCatalogs().isNull());
   ASSERT_TRUE(preferences.commitChangesUpdatingHostConfig(false));
 
   Plist written = fileContents();
   for (const char* key : {"portToUse", "PurgeUnused", "autoMirror", "valueBandwidth",
-                          "syncBandwidth", "maxDownloadSpeed", "metaIndexURL"}) {
+                          "syncBandwidth", "metaIndexURL"}) {
     EXPECT_TRUE(written.contains(key)) << key;
   }
-  for (const char* key :
-       {"volumeReserve", "systemVolumeReserve", "serviceState", "otherCatalogs"}) {
+  for (const char* key : {"volumeReserve", "otherCatalogs"}) {
     EXPECT_FALSE(written.contains(key)) << key;
   }
   EXPECT_FALSE(std::filesystem::exists(path("/Library/Server/Ondrel/Config/ondrd.conf")))
       << "a commit without the web server update leaves its configuration alone";
 }
 
-TEST_F(KTSPreferencesTest, LimitBandwidthIsValidatedAndSettersRefuseNull) {
+TEST_F(KTSPreferencesTest, LimitBandwidthIsValidatedAndANullSettingTakesItsDefault) {
   Plist stored = Plist::dictionary();
   stored.set("limitBandwidth", "YES");
   stored.set("valueBandwidth", Plist::integer(512));
@@ -160,22 +156,17 @@ TEST_F(KTSPreferencesTest, LimitBandwidthIsValidatedAndSettersRefuseNull) {
   KTSPreferences preferences;
   EXPECT_FALSE(preferences.limitBandwidth()) << "a string is not a valid switch";
   EXPECT_EQ(preferences.prefs()["limitBandwidth"], Plist::boolean(false));
-  preferences.setLimitBandwidth(true);
+  preferences.setValue("limitBandwidth", Plist::boolean(true));
   EXPECT_TRUE(preferences.limitBandwidth());
 
-  preferences.setMaxBandwidth(Plist());
-  preferences.setUpdatesDocRoot(std::nullopt);
-  preferences.setMetaIndexURL(std::nullopt);
-  EXPECT_EQ(preferences.maxBandwidth(), Plist::integer(512));
-  EXPECT_TRUE(
-      logged("ondrd_test[DBG]: PREF: error setting valueBandwidth (reason: no value given)."));
-  EXPECT_TRUE(
-      logged("ondrd_test[DBG]: PREF: error setting updatesDocRoot (reason: no value given)."));
-  EXPECT_TRUE(
-      logged("ondrd_test[DBG]: PREF: error setting metaIndexURL (reason: no value given)."));
+  // A setting set to nothing takes its default again.
+  preferences.setValue("valueBandwidth", Plist());
+  preferences.setValue("updatesDocRoot", Plist());
+  EXPECT_EQ(preferences.maxBandwidth(), Plist::integer(0));
+  EXPECT_EQ(preferences.updatesDocRoot(), path("/Library/Server/Ondrel/Data/"));
 
-  preferences.setPortToUse("8089");
-  preferences.setOtherCatalogs(Plist::array());
+  preferences.setValue("portToUse", "8089");
+  preferences.setValue("otherCatalogs", Plist::array());
   preferences.refresh();
   EXPECT_EQ(preferences.maxBandwidth(), Plist::integer(512)) << "refresh drops uncommitted changes";
   EXPECT_TRUE(preferences.otherCatalogs().isNull());
@@ -187,11 +178,11 @@ TEST_F(KTSPreferencesTest, AutomaticPresetsStopAtTheFirstDecidingSetting) {
   EXPECT_FALSE(preferences.automaticPresetsEnabled());
   EXPECT_TRUE(preferences.prefs().contains("autoMirror"));
   EXPECT_FALSE(preferences.prefs().contains("autoEnable")) << "never asked";
-  preferences.setAutoMirror(true);
-  preferences.setAutoEnable(true);
-  preferences.setPurgeUnused(true);
+  preferences.setValue("autoMirror", Plist::boolean(true));
+  preferences.setValue("autoEnable", Plist::boolean(true));
+  preferences.setValue("PurgeUnused", Plist::boolean(true));
   EXPECT_TRUE(preferences.automaticPresetsEnabled());
-  preferences.setAutoMirrorOnlyNew(true);
+  preferences.setValue("autoMirrorOnlyNew", Plist::boolean(true));
   EXPECT_FALSE(preferences.automaticPresetsEnabled());
 }
 
@@ -205,8 +196,6 @@ TEST_F(KTSPreferencesTest, WorkingPathsFollowANonDefaultConfiguration) {
   EXPECT_TRUE(logged("ondrd_test[NOT]: Restoring missing ondrd.plist from defaults."));
   EXPECT_EQ(other.statusWorkingPathForPath("/Library/Server/Ondrel/Status/status.plist"),
             path("/alt/Ondrel/Status/status.plist"));
-  EXPECT_EQ(other.configWorkingPathForPath("/x/a.plist"), path("/alt/Ondrel/Config/a.plist"));
-  EXPECT_EQ(other.dataWorkingPathForPath("/x/a.plist"), path("/alt/Ondrel/Data/a.plist"));
   EXPECT_EQ(other.cacheWorkingPathForPath("/x/a.plist"), path("/alt/Ondrel/Cache/a.plist"));
   EXPECT_TRUE(KTSUtilities::directoryExistsAtPath(path("/alt/Ondrel/Status")));
 }
@@ -281,7 +270,7 @@ TEST_F(KTSPreferencesTest, ArrayHelpers) {
 
 TEST_F(KTSPreferencesTest, AFailedCommitKeepsTheSettingsInMemory) {
   auto preferences = context().sharedPreferences();
-  preferences->setPortToUse(Plist::integer(9000));
+  preferences->setValue("portToUse", Plist::integer(9000));
   std::filesystem::remove_all(path("/Library/Server/Ondrel/Config"));
   EXPECT_FALSE(preferences->commitChangesUpdatingHostConfig(false));
   EXPECT_EQ(preferences->portToUse(), Plist::integer(9000));

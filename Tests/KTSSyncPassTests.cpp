@@ -75,13 +75,13 @@ class KTSSyncPassTest : public OndrelTest {
 
   void configure(bool automatic, std::int64_t syncBandwidth = 0) {
     auto preferences = context().sharedPreferences();
-    preferences->setMetaIndexURL(Url::parse(vendor_->metaIndexURL()));
-    preferences->setPublicHostName("127.0.0.1");
-    preferences->setPortToUse(Plist::integer(18080));
-    preferences->setAutoMirror(automatic);
-    preferences->setAutoEnable(automatic);
-    preferences->setPurgeUnused(automatic);
-    preferences->setSyncBandwidth(Plist::integer(syncBandwidth));
+    preferences->setValue("metaIndexURL", vendor_->metaIndexURL());
+    preferences->setValue("publicHostName", "127.0.0.1");
+    preferences->setValue("portToUse", Plist::integer(18080));
+    preferences->setValue("autoMirror", Plist::boolean(automatic));
+    preferences->setValue("autoEnable", Plist::boolean(automatic));
+    preferences->setValue("PurgeUnused", Plist::boolean(automatic));
+    preferences->setValue("syncBandwidth", Plist::integer(syncBandwidth));
     ASSERT_TRUE(preferences->commitChanges());
   }
 

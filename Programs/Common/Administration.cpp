@@ -496,9 +496,7 @@ bool changeSetting(KTSPassContext& context, const std::string& key, const std::s
     return false;
   }
   Plist before = preferences.prefs();
-  Plist settings = before;
-  settings.set(key, value);
-  preferences.setPrefs(settings);
+  preferences.setValue(key, value);
   std::string tlsProblem;
   if (key == "adminAddress" && (adminTls(context, &tlsProblem), !tlsProblem.empty())) {
     preferences.setPrefs(before);

@@ -348,12 +348,12 @@ TEST_F(AdministrationTest, ClientsFetchServedCatalogsThroughApacheAndTheCgi) {
   sample::serveTree(upstream, "127.0.0.1", upstreamPort);
   int port = test::freeLoopbackPort();
   auto preferences = context().sharedPreferences();
-  preferences->setMetaIndexURL(Url::parse(tree.baseURL + "/content/meta/config.plist"));
-  preferences->setPublicHostName("127.0.0.1");
-  preferences->setPortToUse(Plist::integer(port));
-  preferences->setAutoMirror(true);
-  preferences->setAutoEnable(true);
-  preferences->setPurgeUnused(true);
+  preferences->setValue("metaIndexURL", tree.baseURL + "/content/meta/config.plist");
+  preferences->setValue("publicHostName", "127.0.0.1");
+  preferences->setValue("portToUse", Plist::integer(port));
+  preferences->setValue("autoMirror", Plist::boolean(true));
+  preferences->setValue("autoEnable", Plist::boolean(true));
+  preferences->setValue("PurgeUnused", Plist::boolean(true));
   ASSERT_TRUE(preferences->commitChanges());
 
   // A spool the service account cannot write (as root's mkdir leaves it) is told at once.

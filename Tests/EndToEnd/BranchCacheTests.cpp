@@ -96,7 +96,7 @@ class BranchCacheTest : public OndrelTest {
 TEST_F(BranchCacheTest, PackagesAreFetchedOnceAndCatalogChangesReachTheNextClient) {
   int mirrorPort = test::freeLoopbackPort();
   auto preferences = context().sharedPreferences();
-  preferences->setPortToUse(Plist::integer(mirrorPort));
+  preferences->setValue("portToUse", Plist::integer(mirrorPort));
   ASSERT_TRUE(preferences->commitChanges());
   // Three slices of 16 MB, the last one short.
   std::string package;
