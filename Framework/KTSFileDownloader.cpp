@@ -60,6 +60,7 @@ bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& 
   if (!pace_->start) pace_->start = downloadStart_;
   downloadError_.reset();
   notModified_ = false;
+  receivedDigest_.reset();
   answered_ = false;
   tooSlow_ = false;
   retryAfterSeconds_.reset();
@@ -229,11 +230,18 @@ void KTSFileDownloader::transferDidFinish() {
   if (memoryLimit_) return;
   if (notModified_) return keepUnchangedFile();
   if (!KTSUtilities::fileExistsAtPath(downloadingPath_)) return;
-  // Bytes that are not what the catalog says never take the place of the file there.
+  // Bytes that are not what the catalog (or the parent's digest) says never take the place of
+  // the file there.
   std::optional<std::int64_t> received = KTSUtilities::sizeOfExistingItemAtPath(downloadingPath_);
   if (expectedSize_ && *expectedSize_ >= 0 && received != expectedSize_) {
     setDownloadErrorWithReason(-1, fmt::format("Received {} bytes, not the {} expected",
                                                received.value_or(0), *expectedSize_));
+    KTSUtilities::removePath(downloadingPath_);
+    return;
+  }
+  std::optional<std::string> digest = fileDownload_->destinationDigest();
+  if (expectedDigest_ && digest != expectedDigest_) {
+    setDownloadErrorWithReason(-1, "Received bytes whose SHA-256 is not the one expected");
     KTSUtilities::removePath(downloadingPath_);
     return;
   }
@@ -246,6 +254,7 @@ void KTSFileDownloader::transferDidFinish() {
   } else {
     placeDownloadedFile();
   }
+  receivedDigest_ = std::move(digest);
   recordValidatorsOfPlacedFile();
 }
 

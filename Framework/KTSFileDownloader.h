@@ -64,6 +64,12 @@ class KTSFileDownloader : public TransferReceiver {
   // shows, a shorter one when it ends, and neither replaces the file; the download's deadline
   // grows with it.
   void setExpectedSize(std::optional<std::int64_t> size) { expectedSize_ = size; }
+  // The SHA-256 the body must have, when known: any other fails the download once it ended, and
+  // the file is not replaced.
+  void setExpectedDigest(std::optional<std::string> digest) { expectedDigest_ = std::move(digest); }
+  // The SHA-256 of the file the last download placed (or found already there with these very
+  // bytes), computed as the body arrived; none when nothing was received into the file.
+  const std::optional<std::string>& receivedDigest() const { return receivedDigest_; }
   // Whether the download sends the validators of the kept file and records the new ones (the
   // default). Off for a file that is fetched only when missing or of the wrong size, where a
   // conditional request could never be answered 304 and recording would only cost memory.
@@ -152,6 +158,8 @@ class KTSFileDownloader : public TransferReceiver {
   std::string responseETag_;
   std::string responseLastModified_;
   std::optional<std::int64_t> expectedSize_;
+  std::optional<std::string> expectedDigest_;
+  std::optional<std::string> receivedDigest_;
   bool usesValidators_ = true;
   bool notModified_ = false;
   bool answered_ = false;

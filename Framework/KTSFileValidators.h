@@ -12,6 +12,8 @@
 #include <string>
 #include <unordered_map>
 
+#include "KTSFileRecordFormat.h"
+
 namespace ondrel {
 
 class KTSFileValidators {
@@ -46,8 +48,7 @@ class KTSFileValidators {
 
  private:
   struct Entry {
-    std::int64_t size = 0;
-    std::int64_t modified = 0;
+    KTSFileRecordFormat::Stamp stamp;
     Validators validators;
   };
   void load();

@@ -186,18 +186,20 @@ void KTSProductDownload::downloadFile(std::size_t index, int attempt) {
       progress().downloadStatus = KTSProductState::FileAbsent;
       return fileProcessed(true);
     }
-    attemptEnded(index, attempt, fetched.downloadError() ? 0 : expectedSize.value_or(0));
+    attemptEnded(index, attempt, fetched.downloadError() ? 0 : expectedSize.value_or(0),
+                 fetched.receivedDigest());
   });
 }
 
-void KTSProductDownload::attemptEnded(std::size_t index, int attempt, std::int64_t bytesPlaced) {
+void KTSProductDownload::attemptEnded(std::size_t index, int attempt, std::int64_t bytesPlaced,
+                                      const std::optional<std::string>& sha256) {
   const Plist& record = product_.mirrorFiles()[index];
   log_.debug("PROD: {}: ...downloaded {} bytes of total {}", productId(),
              progress().downloadedSize.integerValue() + bytesPlaced,
              progress().totalDownloadSize.integerValue());
   const std::string& localPath = record[kFileLocalPathKey].stringValue();
   if (product_.verifyMirroredFileWithInfo(record)) {
-    if (files_ != nullptr) files_->filePlaced(localPath, expectedSizeOf(record));
+    if (files_ != nullptr) files_->filePlaced(localPath, expectedSizeOf(record), sha256);
     progress().downloadStatus = KTSProductState::FileVerified;
     ++progress().totalDownloadCount;
     progress().addDownloaded(bytesPlaced);

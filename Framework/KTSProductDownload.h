@@ -54,7 +54,9 @@ class KTSProductDownload : public std::enable_shared_from_this<KTSProductDownloa
   void attemptFile(std::size_t index, int attempt, std::int64_t fileStatus);
   // Fetches the file unless it is in place or refused; then checks the attempt's outcome.
   void downloadFile(std::size_t index, int attempt);
-  void attemptEnded(std::size_t index, int attempt, std::int64_t bytesPlaced);
+  // Checks what an attempt left; sha256: the digest of the bytes it received, when it did.
+  void attemptEnded(std::size_t index, int attempt, std::int64_t bytesPlaced,
+                    const std::optional<std::string>& sha256 = std::nullopt);
   void fileProcessed(bool givenUp);
   // Every file is in place, or some are still to come: the product's state says which.
   void endDownload();

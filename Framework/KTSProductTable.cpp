@@ -65,10 +65,13 @@ void KTSProductTable::fileFetching(const std::string& path) {
   files_[standardizingPath(path)] = {{FileState::Fetching, std::nullopt}, true};
 }
 
-void KTSProductTable::filePlaced(const std::string& path, std::optional<std::int64_t> size) {
+void KTSProductTable::filePlaced(const std::string& path, std::optional<std::int64_t> size,
+                                 const std::optional<std::string>& sha256) {
+  std::string standard = standardizingPath(path);
+  if (digests_ != nullptr && sha256) digests_->recordFile(standard, *sha256);
   if (!size) return fileChanged(path);
   ++filesGeneration_;
-  files_[standardizingPath(path)] = {{FileState::InPlace, size}, true};
+  files_[standard] = {{FileState::InPlace, size}, true};
 }
 
 void KTSProductTable::fileChanged(const std::string& path) {

@@ -18,6 +18,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "KTSFileDigests.h"
 #include "KTSPassMemo.h"
 #include "KTSServerLayout.h"
 #include "Plist.h"
@@ -41,9 +42,10 @@ class KTSProductTable {
   // alike entries share their records).
   static bool namesSameFiles(const Plist& some, const Plist& others);
 
-  // Files are looked for only inside the layout's served tree. Requires: layout outlives the
-  // table.
-  explicit KTSProductTable(const KTSServerLayout& layout) : layout_(layout) {}
+  // Files are looked for only inside the layout's served tree; the digest of every file placed
+  // with one is recorded in digests, when given. Requires: both outlive the table.
+  explicit KTSProductTable(const KTSServerLayout& layout, KTSFileDigests* digests = nullptr)
+      : layout_(layout), digests_(digests) {}
 
   // Requires: product has a product id. Makes its state share the product part of the first
   // copy joined before that names the same files; the product keeps its standing. The first copy
@@ -68,10 +70,11 @@ class KTSProductTable {
   // and whether every file was in place as the list names it. Requires: no file changed yet.
   void listsFoundAtLoad(const KTSPassMemo::FilesVerified& found);
   // The pass starts to fetch the file at path; it has placed it with this size (without one, as
-  // fileChanged); it removed it or may have changed it (the disk says what it is when next
-  // asked).
+  // fileChanged) and, when it received the bytes itself, their digest; it removed it or may have
+  // changed it (the disk says what it is when next asked).
   void fileFetching(const std::string& path);
-  void filePlaced(const std::string& path, std::optional<std::int64_t> size);
+  void filePlaced(const std::string& path, std::optional<std::int64_t> size,
+                  const std::optional<std::string>& sha256 = std::nullopt);
   void fileChanged(const std::string& path);
   // The state of the file at path. A path outside the document root's html folder is Absent.
   FileState fileState(const std::string& path);
@@ -99,6 +102,7 @@ class KTSProductTable {
   bool recordsInPlace(const Plist& mirrorFiles, bool foundAtLoad);
 
   const KTSServerLayout& layout_;
+  KTSFileDigests* digests_;
   std::unordered_map<std::string, std::vector<std::weak_ptr<KTSProduct>>> copies_;
   // The files the pass looked at or touched, by standardised local path.
   std::unordered_map<std::string, KnownFile> files_;

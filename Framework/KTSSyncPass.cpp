@@ -118,7 +118,8 @@ KTSSyncPass::KTSSyncPass(KTSPassContext& context, KTSPassObserver& observer)
     : context_(context),
       observer_(observer),
       log_(context.log()),
-      productTable_(context.layout()) {}
+      digests_(KTSFileDigests::storePathForDocumentRoot(context.layout().documentRoot())),
+      productTable_(context.layout(), &digests_) {}
 
 bool KTSSyncPass::interrupted() const { return Transfer::isCancelled(); }
 
@@ -163,6 +164,7 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
   countStillToFetch(listed, outcome);
   saveState();
   validators->save();
+  digests_.save();
   logRequests(scheduler.counters(), outcome);
   writeServedCatalogs(outcome);
   outcome.interrupted = interrupted();

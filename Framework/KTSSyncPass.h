@@ -17,6 +17,7 @@
 
 #include "KTSCatalog.h"
 #include "KTSFetchScheduler.h"
+#include "KTSFileDigests.h"
 #include "KTSLogger.h"
 #include "KTSPassContext.h"
 #include "KTSPassRecord.h"
@@ -133,6 +134,8 @@ class KTSSyncPass {
   std::map<std::string, KTSProductChange> changes_;
   std::vector<std::pair<std::int64_t, std::string>> ticketsDone_;
   std::vector<std::shared_ptr<KTSCatalog>> catalogs_;
+  // The digests of the files the server keeps, recorded as the pass places them.
+  KTSFileDigests digests_;
   // Every catalog's copy of every product once the catalogs are loaded, and the files they name.
   KTSProductTable productTable_;
   // Catalogs synced in this pass; their product index caches are saved at its end.

@@ -15,6 +15,7 @@
 
 #include "FileIO.h"
 #include "HttpConditions.h"
+#include "Sha256.h"
 
 namespace ondrel {
 
@@ -226,6 +227,7 @@ class Transfer::Impl {
   }
 
   bool isFinished() const { return finished_; }
+  const std::optional<std::string>& destinationDigest() const { return destinationDigest_; }
 
  private:
   static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* context) {
@@ -258,6 +260,7 @@ class Transfer::Impl {
     if (file_ == nullptr || std::fwrite(data.data(), 1, data.size(), file_) != data.size()) {
       return refuse("Writing " + destination_ + " failed: " + systemErrorText(errno));
     }
+    if (digest_) digest_->add(data);
     return true;
   }
 
@@ -282,6 +285,9 @@ class Transfer::Impl {
       return true;
     }
     closeFile();
+    // The digest covers the whole file: a continued body adds to that of the part kept, read
+    // once now (none when it cannot be read).
+    digest_ = resumedFrom > 0 ? Sha256::ofFilePrefix(destination_, resumedFrom) : Sha256();
     file_ = std::fopen(destination_.c_str(), resumedFrom > 0 ? "ab" : "wb");
     if (file_ == nullptr) {
       return refuse("Cannot create " + destination_ + ": " + systemErrorText(errno));
@@ -393,6 +399,8 @@ class Transfer::Impl {
       refuse("Writing " + destination_ + " failed: " + systemErrorText(errno));
       result = CURLE_WRITE_ERROR;
     }
+    if (digest_ && result == CURLE_OK) destinationDigest_ = digest_->hexDigest();
+    digest_.reset();
     if (result == CURLE_OK) return receiver_->transferDidFinish();
     std::string description = failure_;
     if (description.empty()) {
@@ -413,6 +421,8 @@ class Transfer::Impl {
   std::uint64_t received_ = 0;
   std::FILE* file_ = nullptr;
   std::vector<char> fileBuffer_;
+  std::optional<Sha256> digest_;
+  std::optional<std::string> destinationDigest_;
   bool started_ = false;
   bool finished_ = false;
   long status_ = 0;
@@ -467,6 +477,9 @@ void Transfer::setConnectionsPerHost(std::size_t connections) {
   TransferSession::shared().setConnectionsPerHost(connections);
 }
 void Transfer::start() { impl_->start(); }
+const std::optional<std::string>& Transfer::destinationDigest() const {
+  return impl_->destinationDigest();
+}
 void Transfer::runEventLoopFor(std::chrono::milliseconds slice) { impl_->runEventLoopFor(slice); }
 void Transfer::cancelAll() { transfersCancelled.store(true, std::memory_order_relaxed); }
 bool Transfer::isCancelled() { return transfersCancelled.load(std::memory_order_relaxed); }

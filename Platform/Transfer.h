@@ -98,6 +98,10 @@ class Transfer {
   void setConditions(const std::string& etag, const std::string& lastModified);
   // Starts the request; events follow while runEventLoopFor runs.
   void start();
+  // The SHA-256 of the destination file as the body arrived, once the transfer finished with
+  // a body written there; none otherwise (a body in memory, a failure, a continued file whose
+  // first part could not be read).
+  const std::optional<std::string>& destinationDigest() const;
   // Runs the thread's event loop, which drives every started transfer of the process, for at
   // most the given time or until one of them has received its response or ended.
   void runEventLoopFor(std::chrono::milliseconds slice);

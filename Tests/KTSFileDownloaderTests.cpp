@@ -15,6 +15,7 @@
 #include "KTSUtilities.h"
 #include "LoopbackServer.h"
 #include "OndrelTest.h"
+#include "Sha256.h"
 
 namespace ondrel {
 namespace {
@@ -426,10 +427,13 @@ TEST_F(KTSFileDownloaderTest, ADownloadCutShortIsContinuedWhereItBroke) {
   // 200 MiB cut three times: each try asks only for the rest.
   largeSize_ = 200 << 20;
   cuts_ = {50 << 20, 120 << 20, (200 << 20) - 1};
+  std::shared_ptr<KTSFileDownloader> last;
   for (int attempt = 0; attempt < 4 && !std::filesystem::exists(target()); ++attempt) {
-    download("/large");
+    last = download("/large");
   }
   EXPECT_TRUE(isLargeFile(target()));
+  // The digest taken as the parts arrived is the whole file's.
+  EXPECT_EQ(last->receivedDigest(), Sha256::ofFile(target(), nullptr));
   EXPECT_LE(largeBytesSent_.load(), largeSize_ + 3 * (1 << 16));
   EXPECT_FALSE(std::filesystem::exists(target() + ".downloading"));
 
@@ -444,9 +448,28 @@ TEST_F(KTSFileDownloaderTest, ADownloadCutShortIsContinuedWhereItBroke) {
     if (upset == 0) ++version_;
     ignoreRanges_ = upset == 1;
     answer416_ = upset == 2;
-    if (download("/large")->downloadError()) download("/large");
+    last = download("/large");
+    if (last->downloadError()) last = download("/large");
     EXPECT_TRUE(isLargeFile(target())) << upset;
+    EXPECT_EQ(last->receivedDigest(), Sha256::ofFile(target(), nullptr)) << upset;
   }
+
+  // Bytes that are not those a parent's digest names never take the file's place.
+  auto doubted =
+      KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url("/large"), target(), true);
+  doubted->setExpectedDigest(std::string(64, '0'));
+  std::string before = *Sha256::ofFile(target(), nullptr);
+  std::filesystem::remove(target());
+  KTSFetchScheduler::fetchToEnd(*doubted, nullptr);
+  EXPECT_TRUE(doubted->downloadError());
+  EXPECT_FALSE(doubted->receivedDigest());
+  EXPECT_FALSE(std::filesystem::exists(target()));
+  EXPECT_FALSE(std::filesystem::exists(target() + ".downloading"));
+  auto trusted =
+      KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(*url("/large"), target(), true);
+  trusted->setExpectedDigest(before);
+  KTSFetchScheduler::fetchToEnd(*trusted, nullptr);
+  EXPECT_FALSE(trusted->downloadError());
 }
 
 TEST_F(KTSFileDownloaderTest, ABusyServerIsAskedAgainWhenItSaysAndSlowsThePass) {

@@ -349,6 +349,7 @@ const std::map<std::string, const char*> kNaturallyDifferent = {
     {"Status/ondrd_syncd.lock", "the process id of the last pass"},
     {"Status/audit.log", "the times at which the administrator's changes were posted"},
     {"Data/.validators", "the modification times of the files placed"},
+    {"Data/.digests", "the modification times of the files placed"},
     {"Status/com.vantor.server.ondrel.plist.previous",
      "a pass that leaves the working set as it was does not rotate it, so its previous version "
      "stays the last one that differed"},

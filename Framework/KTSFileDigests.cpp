@@ -1,0 +1,83 @@
+#include "KTSFileDigests.h"
+
+#include "KTSLogger.h"
+#include "PathString.h"
+#include "Sha256.h"
+
+namespace ondrel {
+
+namespace {
+
+// One line per file: path, size, modification time in nanoseconds, SHA-256 in hexadecimal,
+// separated by tabs.
+constexpr std::string_view kHeader = "ondrel-digests 1\n";
+constexpr std::size_t kStoreReadLimit = std::size_t{256} << 20;
+
+}  // namespace
+
+KTSFileDigests::KTSFileDigests(std::string storePath) : storePath_(std::move(storePath)) { load(); }
+
+std::string KTSFileDigests::storePathForDocumentRoot(const std::string& documentRoot) {
+  return appendingPathComponent(documentRoot, ".digests");
+}
+
+void KTSFileDigests::load() {
+  KTSFileRecordFormat::readRecord(
+      storePath_, kHeader, kStoreReadLimit, [this](const std::vector<std::string_view>& fields) {
+        if (fields.size() != 4) return;
+        std::optional<std::int64_t> size = KTSFileRecordFormat::parseNumber(fields[1]);
+        std::optional<std::int64_t> modified = KTSFileRecordFormat::parseNumber(fields[2]);
+        if (!KTSFileRecordFormat::isRecordablePath(fields[0]) || !size || !modified ||
+            !Sha256::isHexDigest(fields[3])) {
+          return;
+        }
+        records_[std::string(fields[0])] = {std::string(fields[3]), {*size, *modified}};
+      });
+}
+
+const KTSFileDigests::Record* KTSFileDigests::recordOf(const std::string& path) const {
+  auto found = records_.find(path);
+  return found == records_.end() ? nullptr : &found->second;
+}
+
+void KTSFileDigests::recordFile(const std::string& path, const std::string& sha256) {
+  std::optional<KTSFileRecordFormat::Stamp> stamp = KTSFileRecordFormat::stampOf(path);
+  if (!stamp || !Sha256::isHexDigest(sha256) || !KTSFileRecordFormat::isRecordablePath(path)) {
+    return forgetFile(path);
+  }
+  Record& record = records_[path];
+  if (record.sha256 == sha256 && record.stamp == *stamp) return;
+  record = {sha256, *stamp};
+  changed_ = true;
+}
+
+void KTSFileDigests::forgetFile(const std::string& path) {
+  changed_ = records_.erase(path) > 0 || changed_;
+}
+
+bool KTSFileDigests::save() {
+  if (!changed_) return true;
+  std::string error;
+  bool written = KTSFileRecordFormat::writeRecord(
+      storePath_, kHeader,
+      [this](std::FILE* file) {
+        for (const auto& [path, record] : records_) {
+          if (std::fprintf(file, "%s\t%lld\t%lld\t%s\n", path.c_str(),
+                           static_cast<long long>(record.stamp.size),
+                           static_cast<long long>(record.stamp.modified),
+                           record.sha256.c_str()) < 0) {
+            return false;
+          }
+        }
+        return true;
+      },
+      &error);
+  if (!written) {
+    LogHandle::shared().warning("The digests of the kept files could not be saved: {}", error);
+    return false;
+  }
+  changed_ = false;
+  return true;
+}
+
+}  // namespace ondrel

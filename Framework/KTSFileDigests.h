@@ -1,0 +1,54 @@
+// KTSFileDigests remembers the SHA-256 of every product file the server keeps, with the size and
+// modification time the file had when its digest was taken: the digest arrives with the file (a
+// download hashes the body as it streams in) or, for a file kept from before, from its first
+// verification. A file whose size or time differs from its record has been touched since; one
+// whose bytes no longer give its digest has rotted or been altered. The record is one internal
+// file beside the served tree (".digests" in the document root), read when the instance is made
+// and replaced atomically by save; it is the server's own, yet read as untrusted. Used by the
+// sync pass (through its product table) and by verification, each holding the pass lock. One
+// thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+#include "KTSFileRecordFormat.h"
+
+namespace ondrel {
+
+class KTSFileDigests {
+ public:
+  struct Record {
+    std::string sha256;
+    KTSFileRecordFormat::Stamp stamp;
+  };
+
+  // Reads the record at storePath; a missing, unreadable or damaged record is an empty one.
+  explicit KTSFileDigests(std::string storePath);
+  // The record kept for a document root.
+  static std::string storePathForDocumentRoot(const std::string& documentRoot);
+
+  // What is recorded for the file at path (standardised as the pass names files); none when
+  // nothing is.
+  const Record* recordOf(const std::string& path) const;
+  // Records sha256 as the digest of the file now at path, with its size and time as they are
+  // now. A file that is not there (or not a regular file), or a digest that is not one, forgets
+  // the path instead.
+  void recordFile(const std::string& path, const std::string& sha256);
+  void forgetFile(const std::string& path);
+  // Writes the record when it changed since it was read. False when it could not be written.
+  bool save();
+
+  std::size_t count() const { return records_.size(); }
+
+ private:
+  void load();
+
+  std::string storePath_;
+  std::unordered_map<std::string, Record> records_;
+  bool changed_ = false;
+};
+
+}  // namespace ondrel
