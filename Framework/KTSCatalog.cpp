@@ -7,6 +7,7 @@
 #include "KTSCatalogDownloader.h"
 #include "KTSError.h"
 #include "KTSFetchScheduler.h"
+#include "KTSMetaIndex.h"
 #include "KTSPassContext.h"
 #include "KTSPassMemo.h"
 #include "KTSPassRecord.h"
@@ -29,6 +30,18 @@ std::string KTSCatalog::compositeProductStringForStateValue(std::int64_t state) 
 
 std::int64_t KTSCatalog::compositeProductStateForString(const std::string& name) {
   return KTSProductState::compositeStateForName(name);
+}
+
+void KTSCatalog::forEachCachedCatalog(KTSPassContext& context,
+                                      const std::function<void(const KTSCatalog&)>& visit) {
+  KTSMetaIndex& metaIndex = context.metaIndex();
+  metaIndex.updateLocalPaths();
+  metaIndex.refresh();
+  for (const KTSURL& url : metaIndex.catalogs()) {
+    KTSCatalog catalog(*url.url(), context);
+    catalog.loadCompositeCatalog();
+    if (catalog.loadProductIndexCache()) visit(catalog);
+  }
 }
 
 KTSCatalog::KTSCatalog(const Url& catalogURL, KTSPassContext& context)

@@ -6,6 +6,7 @@
 // drives it from one thread.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -38,6 +39,10 @@ class KTSCatalog {
   using ProductIndex = std::map<std::string, std::shared_ptr<KTSProduct>>;
 
   static std::shared_ptr<KTSCatalog> catalogWithUrl(const Url& url, KTSPassContext& context);
+  // Loads each catalog of the context's meta-index from its product index cache, without the
+  // network, and hands it to visit; a catalog without a usable cache is left out.
+  static void forEachCachedCatalog(KTSPassContext& context,
+                                   const std::function<void(const KTSCatalog&)>& visit);
   static std::string compositeProductStringForStateValue(std::int64_t state);
   static std::int64_t compositeProductStateForString(const std::string& name);
 

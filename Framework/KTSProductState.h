@@ -82,6 +82,12 @@ class KTSProductState {
   bool enableWhenMirrored() const { return product_->enableWhenMirrored; }
   // Whether its files are to be fetched in this catalog's view.
   bool isDownloading() const { return mirror() == PleaseMirror || mirror() == Downloading; }
+  // Whether the server keeps its files: mirrored, or kept with a standing once mirrored.
+  bool keepsFiles() const {
+    std::int32_t state = mirror();
+    return state == Mirrored || state == LocalOnly || state == LocalDeprecated ||
+           state == LocalOrphaned;
+  }
   // A state in which clients are served the product (when it is enabled and its files verify).
   bool isInServedState() const {
     std::int32_t state = mirror();

@@ -182,6 +182,26 @@ std::int64_t maxConcurrentDownloads(const Plist& preferences) {
   return integerWithin(preferences, "maxConcurrentDownloads", 16);
 }
 
+std::optional<std::int64_t> durationSeconds(std::string_view text) {
+  static constexpr std::pair<char, std::int64_t> kUnits[] = {
+      {'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
+  std::int64_t unit = 1;
+  for (const auto& [letter, seconds] : kUnits) {
+    if (!text.empty() && text.back() == letter) {
+      unit = seconds;
+      text.remove_suffix(1);
+      break;
+    }
+  }
+  if (text.empty() || text.size() > 9 ||
+      text.find_first_not_of("0123456789") != std::string_view::npos) {
+    return std::nullopt;
+  }
+  std::int64_t value = std::stoll(std::string(text)) * unit;
+  if (value > 366 * 86400) return std::nullopt;
+  return value;
+}
+
 std::int64_t hookTimeoutSeconds(const Plist& preferences) {
   return integerWithin(preferences, "hookTimeout", 60);
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,6 +51,9 @@ const Setting* find(std::string_view key);
 // that follows the key: "takes a port from 1 to 65535").
 Plist valueFromText(const Setting& setting, const std::string& text, std::string* why);
 
+// A duration as an administrator writes it: whole seconds, or a whole number followed by s, m, h
+// or d; up to a year. None for anything else.
+std::optional<std::int64_t> durationSeconds(std::string_view text);
 // Whether text is an IPv4 address, or an IPv6 address in brackets.
 bool isListenAddress(const std::string& text);
 // Whether the address is one of this machine's loopback addresses (127.0.0.0/8, [::1]).

@@ -64,7 +64,7 @@ std::size_t pendingRequestCount() {
 // there, and a holder that died leaves it behind.
 std::optional<int> runningDaemon(const KTSServerLayout& layout) {
   std::string text;
-  if (!readWholeFile(layout.statusPath("ondrd_syncd.lock"), &text, nullptr, 64)) {
+  if (!readWholeFile(layout.passLockPath(), &text, nullptr, 64)) {
     return std::nullopt;
   }
   int pid = 0;
@@ -156,20 +156,6 @@ bool requestWrittenSince(std::int64_t since) {
     if (std::filesystem::exists(KTSServerLayout::requestPath(second))) return true;
   }
   return false;
-}
-
-// Calls visit with each catalog of the meta-index whose product index cache could be read, in the
-// meta-index's order: what the last pass left, without the network.
-void forEachCachedCatalog(KTSPassContext& context,
-                          const std::function<void(const KTSCatalog&)>& visit) {
-  KTSMetaIndex& metaIndex = context.metaIndex();
-  metaIndex.updateLocalPaths();
-  metaIndex.refresh();
-  for (const KTSURL& url : metaIndex.catalogs()) {
-    KTSCatalog catalog(*url.url(), context);
-    catalog.loadCompositeCatalog();
-    if (catalog.loadProductIndexCache()) visit(catalog);
-  }
 }
 
 }  // namespace
@@ -349,7 +335,7 @@ Plist productDetail(KTSPassContext& context, const std::string& productId) {
   const std::string html = context.preferences().updatesHtmlPath();
   Plist catalogs = Plist::array();
   Plist files = Plist::array();
-  forEachCachedCatalog(context, [&](const KTSCatalog& catalog) {
+  KTSCatalog::forEachCachedCatalog(context, [&](const KTSCatalog& catalog) {
     auto found = catalog.products()->find(productId);
     if (found == catalog.products()->end()) return;
     catalogs.append(lastPathComponent(catalog.catalogURL().path()));
@@ -377,7 +363,7 @@ Plist nextPassPlan(KTSPassContext& context) {
   Plist planned = Plist::array();
   std::uint64_t files = 0;
   std::uint64_t bytes = 0;
-  forEachCachedCatalog(context, [&](const KTSCatalog& catalog) {
+  KTSCatalog::forEachCachedCatalog(context, [&](const KTSCatalog& catalog) {
     for (const auto& [productId, product] : *catalog.products()) {
       std::int32_t mirror = workingSet.containsProductID(productId)
                                 ? workingSet.mirrorSettingForProductID(productId)

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string>
 
-namespace ondrel::syncd {
+namespace ondrel::programs {
 
 PassLock::PassLock(std::string path) : path_(std::move(path)) {
   int fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
@@ -33,4 +33,4 @@ PassLock::~PassLock() {
   ::close(fd_);
 }
 
-}  // namespace ondrel::syncd
+}  // namespace ondrel::programs

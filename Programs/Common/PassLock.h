@@ -1,6 +1,7 @@
-// PassLock keeps passes of ondrd_syncd one at a time: an exclusive lock on a file in the status
-// folder, held for as long as the object lives, with the holder's PID written in it so that a
-// refused process can name the running one. The kernel drops the lock when the holder dies.
+// PassLock keeps passes of ondrd_syncd one at a time, and keeps ondrelctl verify from checking
+// files a pass is changing: an exclusive lock on a file in the status folder, held for as long
+// as the object lives, with the holder's PID written in it so that a refused process can name
+// the running one. The kernel drops the lock when the holder dies.
 #pragma once
 
 #include <sys/types.h>
@@ -8,7 +9,7 @@
 #include <optional>
 #include <string>
 
-namespace ondrel::syncd {
+namespace ondrel::programs {
 
 class PassLock {
  public:
@@ -28,4 +29,4 @@ class PassLock {
   std::optional<pid_t> holder_;
 };
 
-}  // namespace ondrel::syncd
+}  // namespace ondrel::programs

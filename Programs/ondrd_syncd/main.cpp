@@ -169,7 +169,7 @@ int main(int argc, char** argv) {
   ondrel::KTSLogger::defaultLoggerForSourceLogType("ondrd_syncd", 1);
   installSignalHandlers();
   ondrel::KTSPassContext context;
-  ondrel::syncd::PassLock lock(context.layout().statusPath("ondrd_syncd.lock"));
+  ondrel::programs::PassLock lock(context.layout().passLockPath());
   if (!lock.held()) {
     std::fprintf(stderr, "ondrd_syncd: another ondrd_syncd is running (PID %d); try again later\n",
                  static_cast<int>(lock.holder().value_or(0)));

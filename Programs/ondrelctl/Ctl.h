@@ -1,9 +1,12 @@
 // The pieces of ondrelctl, the administration command: each command reads the files the sync
 // daemon shares (working set, status files, caches, preferences) or posts requests to it, and
 // prints text, or JSON with --json. A command returns the process's exit status: 0 done,
-// 1 the job failed (after one line on standard error), 2 bad usage. One thread.
+// 1 the job failed (after one line on standard error), 2 bad usage; verify adds its own. One
+// thread.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +17,11 @@ namespace ondrel::ctl {
 
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
+// verify: a file is missing or not what was recorded; the time limit ended it before every file
+// was checked (and what was checked is good); a pass holds the files.
+inline constexpr int kExitFilesDiffer = 3;
+inline constexpr int kExitNotAllChecked = 4;
+inline constexpr int kExitBusy = 75;
 
 // Prints "ondrelctl: <message>" on standard error and gives kExitFailed.
 int fail(const std::string& message);
@@ -38,6 +46,15 @@ int configShow(bool json);
 int configGet(const std::string& key, bool json);
 int configSet(const std::string& key, const std::string& value, const std::string& requester);
 int web(const std::string& action);
+// What verify is asked to do: a quick check (size and time) or a full one (every byte), of the
+// given products' files or of all kept files, for at most maxSeconds.
+struct VerifyRequest {
+  bool quick = false;
+  bool json = false;
+  std::optional<std::int64_t> maxSeconds;
+  std::vector<std::string> productIds;
+};
+int verify(const VerifyRequest& request);
 int webPassword(const std::string& user);
 int webPasswordDelete(const std::string& user);
 

@@ -9,6 +9,7 @@
 #include "Ctl.h"
 #include "Json.h"
 #include "KTSLogger.h"
+#include "KTSSettings.h"
 #include "RootHelper.h"
 #include "ServiceRoot.h"
 
@@ -52,6 +53,9 @@ struct CommandLine {
   CLI::App* plan = nullptr;
   CLI::App* metrics = nullptr;
   CLI::App* log = nullptr;
+  CLI::App* verify = nullptr;
+  VerifyRequest verifyRequest;
+  std::string maxDuration;
   std::size_t limit = 50;
   std::string requester;
 };
@@ -104,6 +108,13 @@ void defineCommands(CLI::App& app, CommandLine& line) {
   line.metrics = app.add_subcommand("metrics", "Status as Prometheus text");
   line.log = withJson(app.add_subcommand("log", "Who posted which change, when (newest first)"));
   line.log->add_option("--limit", line.limit, "How many entries")->check(CLI::Range(1, 100000));
+  line.verify = withJson(app.add_subcommand(
+      "verify", "Check the kept product files against their recorded SHA-256 digests"));
+  line.verify->add_flag("--quick", line.verifyRequest.quick,
+                        "Compare size and modification time only; read nothing");
+  line.verify->add_option("--max-duration", line.maxDuration,
+                          "Stop after this long (seconds, or e.g. 30m, 2h)");
+  line.verify->add_option("ID", line.verifyRequest.productIds, "Only these products");
 }
 
 int carryOut(const CommandLine& line) {
@@ -125,6 +136,18 @@ int carryOut(const CommandLine& line) {
   }
   if (*line.plan) return plan(line.json);
   if (*line.metrics) return metrics();
+  if (*line.verify) {
+    VerifyRequest request = line.verifyRequest;
+    request.json = line.json;
+    if (!line.maxDuration.empty()) {
+      request.maxSeconds = ondrel::KTSSettings::durationSeconds(line.maxDuration);
+      if (!request.maxSeconds || *request.maxSeconds == 0) {
+        std::fprintf(stderr, "ondrelctl: --max-duration takes a duration such as 90, 30m or 2h\n");
+        return kExitUsage;
+      }
+    }
+    return verify(request);
+  }
   return kExitUsage;
 }
 

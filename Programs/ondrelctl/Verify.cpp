@@ -1,0 +1,171 @@
+// ondrelctl verify: checks the product files the server keeps against the digests recorded as
+// they arrived, holding the pass lock so that no pass changes them meanwhile.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <set>
+
+#include "Ctl.h"
+#include "KTSFileDigests.h"
+#include "KTSFileVerifier.h"
+#include "KTSPassContext.h"
+#include "KTSServerLayout.h"
+#include "PassLock.h"
+#include "PathString.h"
+
+namespace ondrel::ctl {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A line on the terminal, rewritten at most twice a second: bytes read, speed and time left.
+class ProgressLine {
+ public:
+  explicit ProgressLine(std::uint64_t total) : total_(total), shown_(::isatty(STDERR_FILENO)) {}
+  ~ProgressLine() {
+    if (drawn_) std::fputs("\r\033[K", stderr);
+  }
+  void add(std::uint64_t bytes) {
+    read_ += bytes;
+    Clock::time_point now = Clock::now();
+    if (!shown_ || now - lastDrawn_ < std::chrono::milliseconds(500)) return;
+    lastDrawn_ = now;
+    double seconds = std::chrono::duration<double>(now - started_).count();
+    double speed = seconds > 0 ? static_cast<double>(read_) / seconds : 0;
+    double left = speed > 0 && total_ > read_ ? static_cast<double>(total_ - read_) / speed : 0;
+    std::fprintf(stderr, "\r\033[Kverify: %s of %s, %s/s, %.0f s left",
+                 programs::humanBytes(read_).c_str(), programs::humanBytes(total_).c_str(),
+                 programs::humanBytes(static_cast<std::uint64_t>(speed)).c_str(), left);
+    std::fflush(stderr);
+    drawn_ = true;
+  }
+
+ private:
+  std::uint64_t total_;
+  std::uint64_t read_ = 0;
+  bool shown_;
+  bool drawn_ = false;
+  Clock::time_point started_ = Clock::now();
+  Clock::time_point lastDrawn_;
+};
+
+struct Problem {
+  KTSFileVerifier::KeptFile file;
+  KTSFileVerifier::Result result;
+};
+
+// The path under the served tree, as the product's URL names it.
+std::string servedPath(const std::string& path, const KTSServerLayout& layout) {
+  std::string html = standardizingPath(layout.htmlFolder()) + "/";
+  return path.rfind(html, 0) == 0 ? path.substr(html.size()) : path;
+}
+
+Plist summaryAsPlist(const KTSFileVerifier::Summary& summary, std::size_t unchecked, double seconds,
+                     const std::vector<Problem>& problems, const KTSServerLayout& layout) {
+  auto integer = [](std::uint64_t value) {
+    return Plist::integer(static_cast<std::int64_t>(value));
+  };
+  Plist out = Plist::dictionary();
+  out.set("checked", integer(summary.checked));
+  out.set("good", integer(summary.good));
+  out.set("firstDigests", integer(summary.firstDigests));
+  out.set("notRecorded", integer(summary.notRecorded));
+  out.set("missing", integer(summary.missing));
+  out.set("changed", integer(summary.changed));
+  out.set("unchecked", integer(unchecked));
+  out.set("bytesRead", integer(summary.bytesRead));
+  out.set("seconds", Plist::real(seconds));
+  Plist list = Plist::array();
+  for (const Problem& problem : problems) {
+    Plist item = Plist::dictionary();
+    item.set("productId", problem.file.productId);
+    item.set("path", servedPath(problem.file.path, layout));
+    item.set("finding", KTSFileVerifier::findingName(problem.result.finding));
+    item.set("reason", problem.result.reason);
+    list.append(item);
+  }
+  out.set("problems", list);
+  return out;
+}
+
+void printSummary(const KTSFileVerifier::Summary& summary, std::size_t unchecked, double seconds) {
+  std::string read;
+  if (summary.bytesRead > 0) {
+    read = fmt::format(" ({} in {:.1f} s, {}/s)", programs::humanBytes(summary.bytesRead), seconds,
+                       programs::humanBytes(static_cast<std::uint64_t>(
+                           static_cast<double>(summary.bytesRead) / std::max(seconds, 0.001))));
+  }
+  std::string good = fmt::format("{} good", summary.good);
+  if (summary.firstDigests > 0) {
+    good += fmt::format(" ({} digests taken for the first time)", summary.firstDigests);
+  }
+  std::printf("Checked %llu files%s: %s, %llu missing, %llu changed.\n",
+              static_cast<unsigned long long>(summary.checked), read.c_str(), good.c_str(),
+              static_cast<unsigned long long>(summary.missing),
+              static_cast<unsigned long long>(summary.changed));
+  if (summary.notRecorded > 0) {
+    std::printf("%llu files have no digest yet; a verify without --quick takes them.\n",
+                static_cast<unsigned long long>(summary.notRecorded));
+  }
+  if (unchecked > 0) {
+    std::printf("Stopped at the time limit: %zu files were not checked.\n", unchecked);
+  }
+}
+
+}  // namespace
+
+int verify(const VerifyRequest& request) {
+  KTSPassContext context;
+  const KTSServerLayout& layout = context.layout();
+  programs::PassLock lock(layout.passLockPath());
+  if (!lock.held()) {
+    std::fprintf(stderr, "ondrelctl: a pass is running (PID %d); verify once it has ended\n",
+                 static_cast<int>(lock.holder().value_or(0)));
+    return kExitBusy;
+  }
+  std::set<std::string> ids(request.productIds.begin(), request.productIds.end());
+  std::vector<KTSFileVerifier::KeptFile> files = KTSFileVerifier::keptFiles(context, ids);
+  KTSFileDigests digests(KTSFileDigests::storePathForDocumentRoot(layout.documentRoot()));
+  KTSFileVerifier verifier(
+      digests, layout,
+      request.quick ? KTSFileVerifier::Depth::Quick : KTSFileVerifier::Depth::Full);
+  std::uint64_t total = 0;
+  for (const auto& file : files) total += static_cast<std::uint64_t>(file.size.value_or(0));
+  Clock::time_point started = Clock::now();
+  std::optional<Clock::time_point> deadline;
+  if (request.maxSeconds) deadline = started + std::chrono::seconds(*request.maxSeconds);
+  std::vector<Problem> problems;
+  std::size_t next = 0;
+  {
+    ProgressLine progress(request.quick || request.json ? 0 : total);
+    for (; next < files.size() && (!deadline || Clock::now() < *deadline); ++next) {
+      KTSFileVerifier::Result result =
+          verifier.check(files[next], [&progress](std::uint64_t bytes) { progress.add(bytes); });
+      if (result.finding == KTSFileVerifier::Finding::Missing ||
+          result.finding == KTSFileVerifier::Finding::Changed) {
+        problems.push_back({files[next], result});
+      }
+    }
+  }
+  if (!digests.save()) return fail("the digests taken could not be recorded");
+  double seconds = std::chrono::duration<double>(Clock::now() - started).count();
+  std::size_t unchecked = files.size() - next;
+  if (request.json) {
+    printJson(summaryAsPlist(verifier.summary(), unchecked, seconds, problems, layout));
+  } else {
+    for (const Problem& problem : problems) {
+      std::string reason = problem.result.reason.empty() ? "" : " (" + problem.result.reason + ")";
+      std::printf("%-8s %s %s%s\n", KTSFileVerifier::findingName(problem.result.finding),
+                  problem.file.productId.c_str(), servedPath(problem.file.path, layout).c_str(),
+                  reason.c_str());
+    }
+    printSummary(verifier.summary(), unchecked, seconds);
+  }
+  if (!problems.empty()) return kExitFilesDiffer;
+  return unchecked > 0 ? kExitNotAllChecked : 0;
+}
+
+}  // namespace ondrel::ctl

@@ -1,0 +1,164 @@
+// ondrelctl verify on a mirror filled by a real pass: digests taken as the files arrived, and
+// what rot, truncation, deletion or a link in a file's place look like to a quick and a full
+// check.
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <regex>
+
+#include "ApacheServer.h"
+#include "KTSFileDigests.h"
+#include "KTSPreferences.h"
+#include "KTSServerLayout.h"
+#include "OndrelTest.h"
+#include "PassLock.h"
+#include "ProgramRunner.h"
+#include "SampleTree.h"
+#include "Sha256.h"
+#include "UpstreamServer.h"
+
+namespace ondrel {
+namespace {
+
+test::ProgramResult ctl(const std::vector<std::string>& arguments) {
+  return test::runProgram(ONDREL_CTL, arguments);
+}
+
+// A count of the summary verify --json prints; -1 when it has none.
+std::int64_t count(const test::ProgramResult& result, const std::string& key) {
+  std::smatch found;
+  if (!std::regex_search(result.output, found, std::regex("\"" + key + "\": (\\d+)"))) return -1;
+  return std::stoll(found[1]);
+}
+
+// The summary's counts, as "checked/good/firstDigests/missing/changed".
+std::string counts(const test::ProgramResult& result) {
+  return fmt::format("{}/{}/{}/{}/{}", count(result, "checked"), count(result, "good"),
+                     count(result, "firstDigests"), count(result, "missing"),
+                     count(result, "changed"));
+}
+
+// Rewrites one byte of the file in place, keeping its size and modification time.
+void flipByteKeepingTime(const std::string& path) {
+  struct stat before {};
+  ASSERT_EQ(::stat(path.c_str(), &before), 0);
+  std::string bytes = test::OndrelTest::readFile(path);
+  bytes[bytes.size() / 2] = static_cast<char>(bytes[bytes.size() / 2] ^ 0x20);
+  test::OndrelTest::writeFile(path, bytes);
+  struct timespec times[2] = {before.st_atim, before.st_mtim};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+class VerifyTest : public test::OndrelTest {
+ protected:
+  void SetUp() override {
+    OndrelTest::SetUp();
+    int upstreamPort = test::freeLoopbackPort();
+    upstream_ = root_ + "/upstream";
+    sample::TreeOptions tree;
+    tree.outputFolder = upstream_;
+    tree.baseURL = fmt::format("http://127.0.0.1:{}", upstreamPort);
+    tree.products = 8;
+    sample::generateTree(tree);
+    sample::serveTree(upstream_, "127.0.0.1", upstreamPort);
+    KTSPreferences& preferences = context().preferences();
+    preferences.setValue("metaIndexURL", tree.baseURL + "/content/meta/config.plist");
+    for (const char* key : {"autoMirror", "autoEnable", "PurgeUnused"}) {
+      preferences.setValue(key, Plist::boolean(true));
+    }
+    ASSERT_TRUE(preferences.commitChangesUpdatingHostConfig(false));
+    test::ProgramResult pass = test::runProgram(ONDREL_SYNCD, {"--once"});
+    ASSERT_EQ(pass.exitStatus, 0) << pass.output;
+  }
+
+  // The kept packages, in path order, as the digest record names them.
+  std::vector<std::string> packages() {
+    std::vector<std::string> found;
+    for (const auto& item :
+         std::filesystem::recursive_directory_iterator(context().layout().downloadsFolder())) {
+      if (item.path().extension() == ".pkg") found.push_back(item.path().string());
+    }
+    std::sort(found.begin(), found.end());
+    return found;
+  }
+
+  std::string upstream_;
+};
+
+TEST_F(VerifyTest, EveryFileArrivesWithItsDigestAndEveryDamageIsFound) {
+  test::ProgramResult first = ctl({"verify", "--json"});
+  ASSERT_EQ(first.exitStatus, 0) << first.output;
+  std::int64_t files = count(first, "checked");
+  ASSERT_GT(files, 8);
+  EXPECT_EQ(counts(first), fmt::format("{}/{}/0/0/0", files, files)) << "taken on arrival";
+  // The digest recorded is the upstream file's own, not merely a stable one.
+  std::vector<std::string> kept = packages();
+  ASSERT_GE(kept.size(), 4u);
+  const std::string html = context().layout().htmlFolder();
+  KTSFileDigests recorded(
+      KTSFileDigests::storePathForDocumentRoot(context().layout().documentRoot()));
+  ASSERT_NE(recorded.recordOf(kept[0]), nullptr);
+  EXPECT_EQ(recorded.recordOf(kept[0])->sha256,
+            Sha256::ofFile(upstream_ + kept[0].substr(html.size()), nullptr));
+
+  // Rot keeps size and time: only reading finds it. Truncation padded back to the size, a
+  // deleted file and a link in a file's place are seen at once.
+  flipByteKeepingTime(kept[0]);
+  std::string padded = readFile(kept[1]);
+  writeFile(kept[1],
+            padded.substr(0, padded.size() / 2) + std::string(padded.size() / 2 + 1, '\0'));
+  std::filesystem::remove(kept[2]);
+  std::filesystem::remove(kept[3]);
+  std::filesystem::create_symlink("/etc/passwd", kept[3]);
+  test::ProgramResult quick = ctl({"verify", "--quick", "--json"});
+  EXPECT_EQ(quick.exitStatus, 3) << quick.output;
+  EXPECT_EQ(counts(quick), fmt::format("{}/{}/0/1/2", files, files - 3)) << quick.output;
+  test::ProgramResult full = ctl({"verify"});
+  EXPECT_EQ(full.exitStatus, 3) << full.output;
+  for (const auto& [path, reason] :
+       std::vector<std::pair<std::string, std::string>>{{kept[0], "changed  "},
+                                                        {kept[1], "changed  "},
+                                                        {kept[2], "missing  "},
+                                                        {kept[3], "changed  "}}) {
+    EXPECT_NE(full.output.find(reason), std::string::npos) << full.output;
+    EXPECT_NE(full.output.find(path.substr(html.size() + 1)), std::string::npos) << full.output;
+  }
+  EXPECT_NE(full.output.find("(its bytes are not those recorded)"), std::string::npos);
+  EXPECT_NE(full.output.find("(not a regular file)"), std::string::npos);
+  EXPECT_NE(full.output.find(fmt::format("Checked {} files", files)), std::string::npos);
+  EXPECT_NE(full.output.find("1 missing, 3 changed."), std::string::npos) << full.output;
+  EXPECT_EQ(Sha256::ofFile("/etc/passwd", nullptr).has_value(), true) << "never followed";
+}
+
+TEST_F(VerifyTest, FilesKeptFromBeforeGetTheirDigestOnceAndAPassHoldsThemAway) {
+  const std::string store =
+      KTSFileDigests::storePathForDocumentRoot(context().layout().documentRoot());
+  std::filesystem::remove(store);
+  test::ProgramResult quick = ctl({"verify", "--quick", "--json"});
+  EXPECT_EQ(quick.exitStatus, 0) << "nothing to say against them yet";
+  std::int64_t files = count(quick, "checked");
+  EXPECT_EQ(count(quick, "notRecorded"), files);
+  test::ProgramResult first = ctl({"verify", "--json"});
+  EXPECT_EQ(first.exitStatus, 0) << first.output;
+  EXPECT_EQ(counts(first), fmt::format("{}/{}/{}/0/0", files, files, files));
+  EXPECT_EQ(counts(ctl({"verify", "--json"})), fmt::format("{}/{}/0/0/0", files, files));
+
+  // One product's files only; a bad duration is refused before anything is read.
+  std::vector<std::string> kept = packages();
+  std::string productId = std::filesystem::path(kept[0]).parent_path().filename();
+  test::ProgramResult one = ctl({"verify", "--json", productId});
+  EXPECT_EQ(one.exitStatus, 0) << one.output;
+  EXPECT_LT(count(one, "checked"), files);
+  EXPECT_GT(count(one, "checked"), 0);
+  EXPECT_EQ(ctl({"verify", "--max-duration", "soon"}).exitStatus, 2);
+
+  programs::PassLock pass(context().layout().passLockPath());
+  ASSERT_TRUE(pass.held());
+  test::ProgramResult busy = ctl({"verify"});
+  EXPECT_EQ(busy.exitStatus, 75);
+  EXPECT_NE(busy.output.find("a pass is running"), std::string::npos) << busy.output;
+}
+
+}  // namespace
+}  // namespace ondrel
