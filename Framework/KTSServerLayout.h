@@ -51,8 +51,10 @@ class KTSServerLayout {
   // A file of the status folder (e.g. ".pass_history"), and the folder itself.
   std::string statusPath(const std::string& name) const { return statusFolder_ + "/" + name; }
   const std::string& statusFolder() const { return statusFolder_; }
-  // The lock a pass (or a verification) holds while it changes or checks the files.
+  // The lock ondrd_syncd holds while it runs, and the one a pass or a verification holds while
+  // it changes or checks the kept files.
   std::string passLockPath() const { return statusPath("ondrd_syncd.lock"); }
+  std::string filesLockPath() const { return statusPath(".files.lock"); }
 
   // The document root as the preferences spell it, its served tree ("html"), and the folder below
   // that product files must stay in.

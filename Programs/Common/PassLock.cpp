@@ -6,10 +6,22 @@
 
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 namespace ondrel::programs {
 
-PassLock::PassLock(std::string path) : path_(std::move(path)) {
+PassLock::PassLock(std::string path) : path_(std::move(path)) { take(); }
+
+bool PassLock::waitUntilHeld(const std::function<bool()>& keepWaiting) {
+  while (!held() && keepWaiting()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    take();
+  }
+  return held();
+}
+
+void PassLock::take() {
+  holder_.reset();
   int fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
   if (fd < 0) return;
   if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {

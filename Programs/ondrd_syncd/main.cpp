@@ -113,13 +113,15 @@ int runService(std::chrono::seconds interval, ondrel::syncd::Progress& progress)
     KTSPassContext context;
     std::optional<Date> lastRun = context.status().getLastRunTime();
     bool due = !lastRun || Clock::now() - *lastRun >= interval;
-    bool requested = context.requests().getPendingSyncRequestsDeletingSource(true);
-    if (due || requested) {
-      runPass(context, true, progress, interval);
-      sd_notify(0, "STATUS=waiting for the next pass");
-    } else if (productChangesPending(context)) {
-      runPass(context, false, progress, interval);
-      sd_notify(0, "STATUS=waiting for the next pass");
+    // While ondrelctl verify holds the kept files, what is due or asked for waits (requests
+    // stay in the spool until a pass takes them).
+    if (due || productChangesPending(context)) {
+      programs::PassLock files(context.layout().filesLockPath());
+      if (files.held()) {
+        bool requested = context.requests().getPendingSyncRequestsDeletingSource(true);
+        runPass(context, due || requested, progress, interval);
+        sd_notify(0, "STATUS=waiting for the next pass");
+      }
     }
     for (int slice = 0; slice < 10 && !stopRequested.load(); ++slice) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -181,6 +183,16 @@ int main(int argc, char** argv) {
   if (once) {
     auto reuse =
         full ? ondrel::KTSPassRecord::Reuse::Nothing : ondrel::KTSPassRecord::Reuse::Allowed;
+    ondrel::programs::PassLock files(context.layout().filesLockPath());
+    if (!files.held()) {
+      progress.note(fmt::format("Waiting for the verification of the kept files (PID {}) to end.",
+                                files.holder().value_or(0)));
+      bool taken = files.waitUntilHeld([] {
+        ondrel::syncd::Progress::heartbeat();
+        return !stopRequested.load();
+      });
+      if (!taken) return kExitBusy;
+    }
     return report(runPass(context, true, progress, std::nullopt, reuse), progress);
   }
   return runService(std::chrono::seconds(intervalSeconds), progress);
