@@ -1,10 +1,11 @@
 # Sourced by the whole-pass benches: builds the programs (release preset), makes a work folder
-# that is removed on exit, and defines start_automatic_mirror PRODUCTS, which generates and
-# serves a sample upstream whose URLs name port $upstream_port and sets up a mirror in automatic
-# mode (service root $ONDREL_ROOT) whose Apache serves on $mirror_port. The sourcing script sets
-# both ports and work_prefix first; it may set scheme (https), serve_port for an upstream whose
-# Apache listens elsewhere than its URLs say (behind a proxy) and serve_options for the serve
-# command, and call configure_automatic_mirror again for a fresh mirror.
+# that is removed on exit, and defines start_automatic_mirror PRODUCTS [PACKAGE_BYTES], which
+# generates and serves a sample upstream (packages of 2048 bytes unless given) whose URLs name
+# port $upstream_port and sets up a mirror in automatic mode (service root $ONDREL_ROOT) whose
+# Apache serves on $mirror_port. The sourcing script sets both ports and work_prefix first; it
+# may set scheme (https), serve_port for an upstream whose Apache listens elsewhere than its URLs
+# say (behind a proxy) and serve_options for the serve command, and call
+# configure_automatic_mirror again for a fresh mirror.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 # ONDREL_BUILD names another build folder whose programs are used as they are (an older version,
@@ -51,7 +52,8 @@ median() { printf '%s\n' "$@" | sort -g | sed -n "$((($# + 1) / 2))p"; }
 row() { printf '%-46s %12s %12s %8s\n' "$@"; }
 
 start_automatic_mirror() {
-  "$sample" generate --out "$work/upstream" --base-url "$base" --products "$1" >/dev/null
+  "$sample" generate --out "$work/upstream" --base-url "$base" --products "$1" \
+    --package-size "${2:-2048}" >/dev/null
   "$sample" serve --dir "$work/upstream" --listen "127.0.0.1:${serve_port:-$upstream_port}" \
     ${serve_options[@]+"${serve_options[@]}"} >/dev/null
   configure_automatic_mirror

@@ -150,6 +150,23 @@ int postChanges(const std::string& action, const std::vector<std::string>& produ
   return 0;
 }
 
+std::optional<std::string> waitForPassAfter(KTSSyncStatus& status, std::optional<Date> before,
+                                            const std::function<void(const std::string&)>& tell) {
+  bool started = false;
+  for (int seconds = 0;; ++seconds) {
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    std::optional<Date> lastRun = status.getLastRunTime();
+    started = started || (lastRun && lastRun != before);
+    if (started && status.getSyncStatus() == KTSSyncStatus::Done) break;
+    if (!started && seconds == 120) {
+      return "no pass started within two minutes; is ondrd_syncd running?";
+    }
+    tell(fmt::format("  {} ({} s)", started ? "syncing" : "waiting for ondrd_syncd", seconds + 1));
+  }
+  if (status.getUpdateError()) return "the pass failed: " + status.getErrorNote().value_or("");
+  return std::nullopt;
+}
+
 int sync(bool wait, const std::string& requester) {
   KTSPassContext context;
   KTSSyncStatus& status = context.status();
@@ -158,20 +175,12 @@ int sync(bool wait, const std::string& requester) {
   if (!programs::postSyncRequest(context, requester, &error)) return fail(error);
   std::printf("Sync requested.\n");
   if (!wait) return 0;
-  bool started = false;
-  for (int seconds = 0;; ++seconds) {
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    std::optional<Date> lastRun = status.getLastRunTime();
-    started = started || (lastRun && lastRun != before);
-    if (started && status.getSyncStatus() == KTSSyncStatus::Done) break;
-    if (!started && seconds == 120) {
-      return fail("no pass started within two minutes; is ondrd_syncd running?");
-    }
-    std::printf("  %s (%d s)\n", started ? "syncing" : "waiting for ondrd_syncd", seconds + 1);
-    std::fflush(stdout);
-  }
-  if (status.getUpdateError())
-    return fail("the pass failed: " + status.getErrorNote().value_or(""));
+  std::optional<std::string> problem =
+      waitForPassAfter(status, before, [](const std::string& line) {
+        std::printf("%s\n", line.c_str());
+        std::fflush(stdout);
+      });
+  if (problem) return fail(*problem);
   std::printf("The pass is done.\n");
   return 0;
 }

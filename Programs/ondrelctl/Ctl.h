@@ -6,11 +6,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "Administration.h"
+#include "KTSSyncStatus.h"
 #include "Plist.h"
 
 namespace ondrel::ctl {
@@ -40,6 +42,11 @@ int plan(bool json);
 int postChanges(const std::string& action, const std::vector<std::string>& productIds,
                 const std::string& requester);
 int sync(bool wait, const std::string& requester);
+// Waits until a pass that started after before (the last run time then) has ended, telling every
+// second how it goes; none, or why there is no good outcome: no pass started within two minutes,
+// or the pass failed.
+std::optional<std::string> waitForPassAfter(KTSSyncStatus& status, std::optional<Date> before,
+                                            const std::function<void(const std::string&)>& tell);
 // The newest entries of the audit log: who posted which change, when.
 int auditLog(std::size_t limit, bool json);
 int configShow(bool json);
@@ -48,9 +55,13 @@ int configSet(const std::string& key, const std::string& value, const std::strin
 int web(const std::string& action);
 // What verify is asked to do: a quick check (size and time) or a full one (every byte), of the
 // given products' files or of all kept files, for at most maxSeconds.
+// With repair, the files found missing or changed are removed (so that no damaged file is ever
+// served), a pass is asked for to fetch them again, and once it ended they are checked again.
 struct VerifyRequest {
   bool quick = false;
   bool json = false;
+  bool repair = false;
+  std::string requester;
   std::optional<std::int64_t> maxSeconds;
   std::vector<std::string> productIds;
 };

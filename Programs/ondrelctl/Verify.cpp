@@ -5,12 +5,14 @@
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <set>
 
 #include "Ctl.h"
 #include "KTSFileDigests.h"
 #include "KTSFileVerifier.h"
 #include "KTSPassContext.h"
+#include "KTSProductFileRules.h"
 #include "KTSServerLayout.h"
 #include "PassLock.h"
 #include "PathString.h"
@@ -115,20 +117,16 @@ void printSummary(const KTSFileVerifier::Summary& summary, std::size_t unchecked
   }
 }
 
-}  // namespace
+// What one run of the checks found.
+struct Checked {
+  KTSFileVerifier::Summary summary;
+  std::vector<Problem> problems;
+  std::size_t unchecked = 0;
+  double seconds = 0;
+};
 
-int verify(const VerifyRequest& request) {
-  KTSPassContext context;
-  const KTSServerLayout& layout = context.layout();
-  programs::PassLock lock(layout.passLockPath());
-  if (!lock.held()) {
-    std::fprintf(stderr, "ondrelctl: a pass is running (PID %d); verify once it has ended\n",
-                 static_cast<int>(lock.holder().value_or(0)));
-    return kExitBusy;
-  }
-  std::set<std::string> ids(request.productIds.begin(), request.productIds.end());
-  std::vector<KTSFileVerifier::KeptFile> files = KTSFileVerifier::keptFiles(context, ids);
-  KTSFileDigests digests(KTSFileDigests::storePathForDocumentRoot(layout.documentRoot()));
+Checked checkFiles(const std::vector<KTSFileVerifier::KeptFile>& files, KTSFileDigests& digests,
+                   const KTSServerLayout& layout, const VerifyRequest& request) {
   KTSFileVerifier verifier(
       digests, layout,
       request.quick ? KTSFileVerifier::Depth::Quick : KTSFileVerifier::Depth::Full);
@@ -137,7 +135,7 @@ int verify(const VerifyRequest& request) {
   Clock::time_point started = Clock::now();
   std::optional<Clock::time_point> deadline;
   if (request.maxSeconds) deadline = started + std::chrono::seconds(*request.maxSeconds);
-  std::vector<Problem> problems;
+  Checked checked;
   std::size_t next = 0;
   {
     ProgressLine progress(request.quick || request.json ? 0 : total);
@@ -146,26 +144,150 @@ int verify(const VerifyRequest& request) {
           verifier.check(files[next], [&progress](std::uint64_t bytes) { progress.add(bytes); });
       if (result.finding == KTSFileVerifier::Finding::Missing ||
           result.finding == KTSFileVerifier::Finding::Changed) {
-        problems.push_back({files[next], result});
+        checked.problems.push_back({files[next], result});
       }
     }
   }
-  if (!digests.save()) return fail("the digests taken could not be recorded");
-  double seconds = std::chrono::duration<double>(Clock::now() - started).count();
-  std::size_t unchecked = files.size() - next;
-  if (request.json) {
-    printJson(summaryAsPlist(verifier.summary(), unchecked, seconds, problems, layout));
-  } else {
-    for (const Problem& problem : problems) {
-      std::string reason = problem.result.reason.empty() ? "" : " (" + problem.result.reason + ")";
-      std::printf("%-8s %s %s%s\n", KTSFileVerifier::findingName(problem.result.finding),
-                  problem.file.productId.c_str(), servedPath(problem.file.path, layout).c_str(),
-                  reason.c_str());
-    }
-    printSummary(verifier.summary(), unchecked, seconds);
+  checked.summary = verifier.summary();
+  checked.unchecked = files.size() - next;
+  checked.seconds = std::chrono::duration<double>(Clock::now() - started).count();
+  return checked;
+}
+
+void printProblems(const std::vector<Problem>& problems, const KTSServerLayout& layout) {
+  for (const Problem& problem : problems) {
+    std::string reason = problem.result.reason.empty() ? "" : " (" + problem.result.reason + ")";
+    std::printf("%-8s %s %s%s\n", KTSFileVerifier::findingName(problem.result.finding),
+                problem.file.productId.c_str(), servedPath(problem.file.path, layout).c_str(),
+                reason.c_str());
   }
-  if (!problems.empty()) return kExitFilesDiffer;
-  return unchecked > 0 ? kExitNotAllChecked : 0;
+}
+
+// Takes the damaged files away, so that no client is ever served one: only files where product
+// files belong, never through a link. Their digests go with them.
+void removeDamaged(const std::vector<Problem>& problems, const KTSServerLayout& layout,
+                   KTSFileDigests& digests) {
+  for (const Problem& problem : problems) {
+    const std::string& path = problem.file.path;
+    if (KTSProductFileRules::refusalOutsideDownloads(layout, path)) continue;
+    std::error_code ignored;
+    std::filesystem::remove_all(path, ignored);
+    digests.forgetFile(path);
+  }
+}
+
+// The files checked again once the pass that was to fetch them ended: those still missing or
+// changed could not be repaired.
+std::vector<Problem> stillDamaged(KTSPassContext& context, const std::vector<Problem>& problems) {
+  const KTSServerLayout& layout = context.layout();
+  KTSFileDigests digests(KTSFileDigests::storePathForDocumentRoot(layout.documentRoot()));
+  KTSFileVerifier verifier(digests, layout, KTSFileVerifier::Depth::Full);
+  std::vector<Problem> left;
+  for (const Problem& problem : problems) {
+    KTSFileVerifier::Result result = verifier.check(problem.file);
+    if (result.finding == KTSFileVerifier::Finding::Missing ||
+        result.finding == KTSFileVerifier::Finding::Changed) {
+      left.push_back({problem.file, result});
+    }
+  }
+  digests.save();
+  return left;
+}
+
+// What a repair came to: the files still damaged after the pass that was to fetch them again,
+// and why that pass gave no good outcome, when it did not.
+struct Repair {
+  std::vector<Problem> left;
+  std::optional<std::string> passProblem;
+};
+
+// Asks for a pass to fetch the removed files again, waits for it, and checks them once more.
+// Products whose files are still not back are not served: a served catalog names only products
+// whose files are all in place.
+std::optional<Repair> repair(KTSPassContext& context, const std::vector<Problem>& problems,
+                             const VerifyRequest& request, std::string* error) {
+  KTSSyncStatus& status = context.status();
+  std::optional<Date> before = status.getLastRunTime();
+  if (!programs::postSyncRequest(context, request.requester, error)) {
+    *error = "the damaged files were removed, but no pass could be asked for: " + *error;
+    return std::nullopt;
+  }
+  Repair outcome;
+  outcome.passProblem = waitForPassAfter(status, before, [&request](const std::string& line) {
+    if (request.json) return;
+    std::printf("%s\n", line.c_str());
+    std::fflush(stdout);
+  });
+  if (outcome.passProblem && outcome.passProblem->rfind("no pass started", 0) == 0) {
+    *error = "the damaged files were removed; " + *outcome.passProblem +
+             " (ondrd_syncd --once fetches them again)";
+    return std::nullopt;
+  }
+  outcome.left = stillDamaged(context, problems);
+  return outcome;
+}
+
+std::set<std::string> productsOf(const std::vector<Problem>& problems) {
+  std::set<std::string> ids;
+  for (const Problem& problem : problems) ids.insert(problem.file.productId);
+  return ids;
+}
+
+void printRepair(const Repair& outcome, std::size_t damaged, const KTSServerLayout& layout) {
+  std::printf("Repaired %zu of %zu files.\n", damaged - outcome.left.size(), damaged);
+  printProblems(outcome.left, layout);
+  for (const std::string& productId : productsOf(outcome.left)) {
+    std::printf("Could not repair %s: it is not served until its files are back.\n",
+                productId.c_str());
+  }
+  if (outcome.passProblem) std::printf("The pass reported: %s\n", outcome.passProblem->c_str());
+}
+
+}  // namespace
+
+int verify(const VerifyRequest& request) {
+  KTSPassContext context;
+  const KTSServerLayout& layout = context.layout();
+  Checked checked;
+  {
+    programs::PassLock lock(layout.filesLockPath());
+    if (!lock.held()) {
+      std::fprintf(stderr, "ondrelctl: a pass is running (PID %d); verify once it has ended\n",
+                   static_cast<int>(lock.holder().value_or(0)));
+      return kExitBusy;
+    }
+    std::set<std::string> ids(request.productIds.begin(), request.productIds.end());
+    KTSFileDigests digests(KTSFileDigests::storePathForDocumentRoot(layout.documentRoot()));
+    checked = checkFiles(KTSFileVerifier::keptFiles(context, ids), digests, layout, request);
+    if (request.repair) removeDamaged(checked.problems, layout, digests);
+    if (!digests.save()) return fail("the digests taken could not be recorded");
+  }
+  if (!request.json) {
+    printProblems(checked.problems, layout);
+    printSummary(checked.summary, checked.unchecked, checked.seconds);
+  }
+  std::optional<Repair> repaired;
+  if (request.repair && !checked.problems.empty()) {
+    std::string error;
+    repaired = repair(context, checked.problems, request, &error);
+    if (!repaired) return fail(error);
+    if (!request.json) printRepair(*repaired, checked.problems.size(), layout);
+  }
+  if (request.json) {
+    Plist out = summaryAsPlist(checked.summary, checked.unchecked, checked.seconds,
+                               checked.problems, layout);
+    if (repaired) {
+      out.set("repaired", Plist::integer(static_cast<std::int64_t>(checked.problems.size() -
+                                                                   repaired->left.size())));
+      Plist names = Plist::array();
+      for (const std::string& productId : productsOf(repaired->left)) names.append(productId);
+      out.set("notRepaired", names);
+    }
+    printJson(out);
+  }
+  if (repaired) return repaired->left.empty() ? 0 : kExitFilesDiffer;
+  if (!checked.problems.empty()) return kExitFilesDiffer;
+  return checked.unchecked > 0 ? kExitNotAllChecked : 0;
 }
 
 }  // namespace ondrel::ctl

@@ -114,6 +114,9 @@ void defineCommands(CLI::App& app, CommandLine& line) {
                         "Compare size and modification time only; read nothing");
   line.verify->add_option("--max-duration", line.maxDuration,
                           "Stop after this long (seconds, or e.g. 30m, 2h)");
+  line.verify->add_flag("--repair", line.verifyRequest.repair,
+                        "Remove what is missing or changed, have a pass fetch it again, and check "
+                        "it once more; what cannot be repaired is not served");
   line.verify->add_option("ID", line.verifyRequest.productIds, "Only these products");
 }
 
@@ -139,6 +142,7 @@ int carryOut(const CommandLine& line) {
   if (*line.verify) {
     VerifyRequest request = line.verifyRequest;
     request.json = line.json;
+    request.requester = line.requester;
     if (!line.maxDuration.empty()) {
       request.maxSeconds = ondrel::KTSSettings::durationSeconds(line.maxDuration);
       if (!request.maxSeconds || *request.maxSeconds == 0) {

@@ -2,6 +2,7 @@
 // what rot, truncation, deletion or a link in a file's place look like to a quick and a full
 // check.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -70,6 +71,11 @@ class VerifyTest : public test::OndrelTest {
     ASSERT_TRUE(preferences.commitChangesUpdatingHostConfig(false));
     test::ProgramResult pass = test::runProgram(ONDREL_SYNCD, {"--once"});
     ASSERT_EQ(pass.exitStatus, 0) << pass.output;
+  }
+
+  void TearDown() override {
+    sample::stopServingTree(upstream_);
+    OndrelTest::TearDown();
   }
 
   // The kept packages, in path order, as the digest record names them.
@@ -153,11 +159,57 @@ TEST_F(VerifyTest, FilesKeptFromBeforeGetTheirDigestOnceAndAPassHoldsThemAway) {
   EXPECT_GT(count(one, "checked"), 0);
   EXPECT_EQ(ctl({"verify", "--max-duration", "soon"}).exitStatus, 2);
 
-  programs::PassLock pass(context().layout().passLockPath());
-  ASSERT_TRUE(pass.held());
+  // A pass and a verification never run at once: each waits for the other, or says so.
+  auto held = std::make_unique<programs::PassLock>(context().layout().filesLockPath());
+  ASSERT_TRUE(held->held());
   test::ProgramResult busy = ctl({"verify"});
   EXPECT_EQ(busy.exitStatus, 75);
   EXPECT_NE(busy.output.find("a pass is running"), std::string::npos) << busy.output;
+  test::BackgroundProgram pass(ONDREL_SYNCD, {"--once"});
+  EXPECT_EQ(pass.wait(std::chrono::seconds(2)).exitStatus, -1) << "waits for the files";
+  held.reset();
+  EXPECT_EQ(pass.wait(std::chrono::seconds(60)).exitStatus, 0);
+}
+
+TEST_F(VerifyTest, ARepairFetchesWhatItCanAndNeverServesWhatItCannot) {
+  const std::string served = context().layout().catalogsFolderPath(
+      "index-10.12-10.11-10.10-10.9-dogwood-cedar-birch-alder.merged-1.ktcatalog");
+  auto productOf = [](const std::string& path) {
+    return std::filesystem::path(path).parent_path().filename().string();
+  };
+  // Two packages of two products the newest catalog serves.
+  std::vector<std::string> chosen;
+  for (const std::string& package : packages()) {
+    bool listed =
+        readFile(served).find("<key>" + productOf(package) + "</key>") != std::string::npos;
+    if (listed && (chosen.empty() || productOf(chosen[0]) != productOf(package))) {
+      chosen.push_back(package);
+    }
+    if (chosen.size() == 2) break;
+  }
+  ASSERT_EQ(chosen.size(), 2u);
+  const std::string html = context().layout().htmlFolder();
+  auto upstreamCopy = [&](const std::string& path) { return upstream_ + path.substr(html.size()); };
+  // Both rot; the upstream has lost the second, which therefore cannot be fetched again.
+  flipByteKeepingTime(chosen[0]);
+  flipByteKeepingTime(chosen[1]);
+  std::filesystem::remove(upstreamCopy(chosen[1]));
+
+  test::BackgroundProgram daemon(ONDREL_SYNCD, {"--interval", "86400"});
+  test::ProgramResult repaired = ctl({"verify", "--repair"});
+  EXPECT_EQ(repaired.exitStatus, 3) << repaired.output;
+  EXPECT_NE(repaired.output.find("Repaired 1 of 2 files."), std::string::npos) << repaired.output;
+  EXPECT_NE(repaired.output.find("Could not repair " + productOf(chosen[1])), std::string::npos)
+      << repaired.output;
+  EXPECT_EQ(Sha256::ofFile(chosen[0], nullptr), Sha256::ofFile(upstreamCopy(chosen[0]), nullptr));
+  EXPECT_FALSE(std::filesystem::exists(chosen[1])) << "a damaged file is never left served";
+  std::string catalog = readFile(served);
+  EXPECT_NE(catalog.find("<key>" + productOf(chosen[0]) + "</key>"), std::string::npos);
+  EXPECT_EQ(catalog.find("<key>" + productOf(chosen[1]) + "</key>"), std::string::npos)
+      << "withdrawn until its files are back";
+  EXPECT_EQ(ctl({"verify", "--quick", productOf(chosen[0])}).exitStatus, 0);
+  daemon.signal(SIGTERM);
+  EXPECT_EQ(daemon.wait(std::chrono::seconds(30)).exitStatus, 0);
 }
 
 }  // namespace
