@@ -39,7 +39,6 @@ void KTSCatalog::forEachCachedCatalog(KTSPassContext& context,
   metaIndex.refresh();
   for (const KTSURL& url : metaIndex.catalogs()) {
     KTSCatalog catalog(*url.url(), context);
-    catalog.loadCompositeCatalog();
     if (catalog.loadProductIndexCache()) visit(catalog);
   }
 }

@@ -40,7 +40,8 @@ class KTSCatalog {
 
   static std::shared_ptr<KTSCatalog> catalogWithUrl(const Url& url, KTSPassContext& context);
   // Loads each catalog of the context's meta-index from its product index cache, without the
-  // network, and hands it to visit; a catalog without a usable cache is left out.
+  // network (nor the composite catalog, which stays empty), and hands it to visit; a catalog
+  // without a usable cache is left out.
   static void forEachCachedCatalog(KTSPassContext& context,
                                    const std::function<void(const KTSCatalog&)>& visit);
   static std::string compositeProductStringForStateValue(std::int64_t state);
