@@ -153,8 +153,8 @@ void KTSProduct::removeAllMirroredFiles(
     const std::string& localPath = record[kFileLocalPathKey].stringValue();
     std::string extension = pathExtension(localPath);
     // Only its own files, where product files belong: never another product's or a served one.
-    if (extension == "dist" || extension == "smd" || !layout_->isInsideHtmlFolder(localPath) ||
-        KTSProductFileRules::refusalOutsideDownloads(*layout_, localPath) ||
+    if (extension == "dist" || extension == "smd" ||
+        !KTSProductFileRules::mayDelete(*layout_, localPath) ||
         (ownedByAnother && ownedByAnother(localPath))) {
       continue;
     }

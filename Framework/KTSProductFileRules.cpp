@@ -136,6 +136,17 @@ std::optional<std::string> KTSProductFileRules::refusalBeforeCreatingFolder(
   return std::nullopt;
 }
 
+bool KTSProductFileRules::mayDelete(const KTSServerLayout& layout, const std::string& path) {
+  if (!layout.isInsideHtmlFolder(path) || refusalOutsideDownloads(layout, path)) return false;
+  char* folder = ::realpath(deletingLastPathComponent(standardizingPath(path)).c_str(), nullptr);
+  char* downloads = ::realpath(layout.downloadsFolder().c_str(), nullptr);
+  bool inside = folder != nullptr && downloads != nullptr &&
+                (std::string(folder) + "/").rfind(std::string(downloads) + "/", 0) == 0;
+  std::free(folder);
+  std::free(downloads);
+  return inside;
+}
+
 std::optional<std::string> KTSProductFileRules::refusalOfTransfer(const KTSServerLayout& layout,
                                                                   const std::optional<Url>& url,
                                                                   const std::string& destPath) {

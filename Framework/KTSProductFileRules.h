@@ -26,6 +26,10 @@ class KTSProductFileRules {
   static std::optional<std::string> refusalBeforeCreatingFolder(const KTSServerLayout& layout,
                                                                 const std::optional<Url>& url,
                                                                 const std::string& destPath);
+  // Whether the file at path may be deleted as a product file: where product files belong, and
+  // in a folder that resolves, links followed, inside the downloads folder (so that no link on
+  // the way leads the deletion elsewhere).
+  static bool mayDelete(const KTSServerLayout& layout, const std::string& path);
   // The same once the folder exists: it must itself resolve inside the document root. None when
   // the transfer may be made.
   static std::optional<std::string> refusalOfTransfer(const KTSServerLayout& layout,

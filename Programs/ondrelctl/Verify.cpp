@@ -169,7 +169,7 @@ void removeDamaged(const std::vector<Problem>& problems, const KTSServerLayout& 
                    KTSFileDigests& digests) {
   for (const Problem& problem : problems) {
     const std::string& path = problem.file.path;
-    if (KTSProductFileRules::refusalOutsideDownloads(layout, path)) continue;
+    if (!KTSProductFileRules::mayDelete(layout, path)) continue;
     std::error_code ignored;
     std::filesystem::remove_all(path, ignored);
     digests.forgetFile(path);

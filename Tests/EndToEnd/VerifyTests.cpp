@@ -177,30 +177,45 @@ TEST_F(VerifyTest, ARepairFetchesWhatItCanAndNeverServesWhatItCannot) {
   auto productOf = [](const std::string& path) {
     return std::filesystem::path(path).parent_path().filename().string();
   };
-  // Two packages of two products the newest catalog serves.
+  // Packages of three products the newest catalog serves.
   std::vector<std::string> chosen;
   for (const std::string& package : packages()) {
     bool listed =
         readFile(served).find("<key>" + productOf(package) + "</key>") != std::string::npos;
-    if (listed && (chosen.empty() || productOf(chosen[0]) != productOf(package))) {
-      chosen.push_back(package);
-    }
-    if (chosen.size() == 2) break;
+    bool another = std::none_of(chosen.begin(), chosen.end(), [&](const std::string& other) {
+      return productOf(other) == productOf(package);
+    });
+    if (listed && another) chosen.push_back(package);
+    if (chosen.size() == 3) break;
   }
-  ASSERT_EQ(chosen.size(), 2u);
+  ASSERT_EQ(chosen.size(), 3u);
   const std::string html = context().layout().htmlFolder();
   auto upstreamCopy = [&](const std::string& path) { return upstream_ + path.substr(html.size()); };
   // Both rot; the upstream has lost the second, which therefore cannot be fetched again.
   flipByteKeepingTime(chosen[0]);
   flipByteKeepingTime(chosen[1]);
   std::filesystem::remove(upstreamCopy(chosen[1]));
+  // The third product's folder is a link to one elsewhere holding a damaged copy: it is read
+  // through the link, but nothing there is ever deleted or written.
+  const std::string folder = std::filesystem::path(chosen[2]).parent_path();
+  const std::string elsewhere = root_ + "/elsewhere";
+  std::filesystem::copy(folder, elsewhere);
+  const std::string outside =
+      elsewhere + "/" + std::filesystem::path(chosen[2]).filename().string();
+  flipByteKeepingTime(outside);
+  std::filesystem::remove_all(folder);
+  std::filesystem::create_directory_symlink(elsewhere, folder);
 
   test::BackgroundProgram daemon(ONDREL_SYNCD, {"--interval", "86400"});
   test::ProgramResult repaired = ctl({"verify", "--repair"});
   EXPECT_EQ(repaired.exitStatus, 3) << repaired.output;
-  EXPECT_NE(repaired.output.find("Repaired 1 of 2 files."), std::string::npos) << repaired.output;
-  EXPECT_NE(repaired.output.find("Could not repair " + productOf(chosen[1])), std::string::npos)
-      << repaired.output;
+  EXPECT_NE(repaired.output.find("Repaired 1 of 3 files."), std::string::npos) << repaired.output;
+  for (int unrepairable : {1, 2}) {
+    EXPECT_NE(repaired.output.find("Could not repair " + productOf(chosen[unrepairable])),
+              std::string::npos)
+        << repaired.output;
+  }
+  EXPECT_TRUE(std::filesystem::exists(outside)) << "nothing deleted through a link";
   EXPECT_EQ(Sha256::ofFile(chosen[0], nullptr), Sha256::ofFile(upstreamCopy(chosen[0]), nullptr));
   EXPECT_FALSE(std::filesystem::exists(chosen[1])) << "a damaged file is never left served";
   std::string catalog = readFile(served);
