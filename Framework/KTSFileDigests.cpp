@@ -2,6 +2,7 @@
 
 #include "KTSLogger.h"
 #include "PathString.h"
+#include "ProductId.h"
 #include "Sha256.h"
 
 namespace ondrel {
@@ -9,7 +10,7 @@ namespace ondrel {
 namespace {
 
 // One line per file: path, size, modification time in nanoseconds, SHA-256 in hexadecimal,
-// separated by tabs.
+// product id, separated by tabs.
 constexpr std::string_view kHeader = "ondrel-digests 1\n";
 constexpr std::size_t kStoreReadLimit = std::size_t{256} << 20;
 
@@ -24,14 +25,15 @@ std::string KTSFileDigests::storePathForDocumentRoot(const std::string& document
 void KTSFileDigests::load() {
   KTSFileRecordFormat::readRecord(
       storePath_, kHeader, kStoreReadLimit, [this](const std::vector<std::string_view>& fields) {
-        if (fields.size() != 4) return;
+        if (fields.size() != 5) return;
         std::optional<std::int64_t> size = KTSFileRecordFormat::parseNumber(fields[1]);
         std::optional<std::int64_t> modified = KTSFileRecordFormat::parseNumber(fields[2]);
         if (!KTSFileRecordFormat::isRecordablePath(fields[0]) || !size || !modified ||
-            !Sha256::isHexDigest(fields[3])) {
+            !Sha256::isHexDigest(fields[3]) || !isValidProductId(std::string(fields[4]))) {
           return;
         }
-        records_[std::string(fields[0])] = {std::string(fields[3]), {*size, *modified}};
+        records_[std::string(fields[0])] = {
+            std::string(fields[3]), {*size, *modified}, std::string(fields[4])};
       });
 }
 
@@ -40,14 +42,16 @@ const KTSFileDigests::Record* KTSFileDigests::recordOf(const std::string& path) 
   return found == records_.end() ? nullptr : &found->second;
 }
 
-void KTSFileDigests::recordFile(const std::string& path, const std::string& sha256) {
+void KTSFileDigests::recordFile(const std::string& path, const std::string& sha256,
+                                const std::string& productId) {
   std::optional<KTSFileRecordFormat::Stamp> stamp = KTSFileRecordFormat::stampOf(path);
-  if (!stamp || !Sha256::isHexDigest(sha256) || !KTSFileRecordFormat::isRecordablePath(path)) {
+  if (!stamp || !Sha256::isHexDigest(sha256) || !KTSFileRecordFormat::isRecordablePath(path) ||
+      !isValidProductId(productId)) {
     return forgetFile(path);
   }
   Record& record = records_[path];
-  if (record.sha256 == sha256 && record.stamp == *stamp) return;
-  record = {sha256, *stamp};
+  if (record.sha256 == sha256 && record.stamp == *stamp && record.productId == productId) return;
+  record = {sha256, *stamp, productId};
   changed_ = true;
 }
 
@@ -62,10 +66,10 @@ bool KTSFileDigests::save() {
       storePath_, kHeader,
       [this](std::FILE* file) {
         for (const auto& [path, record] : records_) {
-          if (std::fprintf(file, "%s\t%lld\t%lld\t%s\n", path.c_str(),
+          if (std::fprintf(file, "%s\t%lld\t%lld\t%s\t%s\n", path.c_str(),
                            static_cast<long long>(record.stamp.size),
-                           static_cast<long long>(record.stamp.modified),
-                           record.sha256.c_str()) < 0) {
+                           static_cast<long long>(record.stamp.modified), record.sha256.c_str(),
+                           record.productId.c_str()) < 0) {
             return false;
           }
         }

@@ -23,6 +23,7 @@ class KTSFileDigests {
   struct Record {
     std::string sha256;
     KTSFileRecordFormat::Stamp stamp;
+    std::string productId;  // the product the file was placed or checked for
   };
 
   // Reads the record at storePath; a missing, unreadable or damaged record is an empty one.
@@ -33,15 +34,16 @@ class KTSFileDigests {
   // What is recorded for the file at path (standardised as the pass names files); none when
   // nothing is.
   const Record* recordOf(const std::string& path) const;
-  // Records sha256 as the digest of the file now at path, with its size and time as they are
-  // now. A file that is not there (or not a regular file), or a digest that is not one, forgets
-  // the path instead.
-  void recordFile(const std::string& path, const std::string& sha256);
+  // Records sha256 as the digest of productId's file now at path, with its size and time as
+  // they are now. A file that is not there (or not a regular file), or a digest or product id
+  // that is not one, forgets the path instead.
+  void recordFile(const std::string& path, const std::string& sha256, const std::string& productId);
   void forgetFile(const std::string& path);
   // Writes the record when it changed since it was read. False when it could not be written.
   bool save();
 
   std::size_t count() const { return records_.size(); }
+  const std::unordered_map<std::string, Record>& records() const { return records_; }
 
  private:
   void load();

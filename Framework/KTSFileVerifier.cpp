@@ -2,11 +2,14 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 
 #include "KTSCatalog.h"
+#include "KTSPassContext.h"
 #include "KTSProduct.h"
+#include "KTSWorkingSet.h"
 #include "PathString.h"
 #include "Sha256.h"
 
@@ -35,14 +38,32 @@ std::vector<KTSFileVerifier::KeptFile> KTSFileVerifier::keptFiles(
   return files;
 }
 
+std::vector<KTSFileVerifier::KeptFile> KTSFileVerifier::recordedFiles(
+    KTSPassContext& context, const KTSFileDigests& digests,
+    const std::set<std::string>& productIds) {
+  KTSWorkingSet& workingSet = context.workingSet();
+  const KTSServerLayout& layout = context.layout();
+  std::vector<KeptFile> files;
+  for (const auto& [path, record] : digests.records()) {
+    if (!productIds.empty() && productIds.count(record.productId) == 0) continue;
+    if (!workingSet.containsProductID(record.productId) ||
+        !KTSProductState::keepsFilesIn(workingSet.mirrorSettingForProductID(record.productId)) ||
+        !layout.isInsideHtmlFolder(path)) {
+      continue;
+    }
+    files.push_back({path, std::nullopt, record.productId});
+  }
+  std::sort(files.begin(), files.end(),
+            [](const KeptFile& a, const KeptFile& b) { return a.path < b.path; });
+  return files;
+}
+
 const char* KTSFileVerifier::findingName(Finding finding) {
   switch (finding) {
     case Finding::Good:
       return "good";
     case Finding::FirstDigest:
       return "first digest";
-    case Finding::NotRecorded:
-      return "not recorded";
     case Finding::Missing:
       return "missing";
     case Finding::Changed:
@@ -79,17 +100,17 @@ KTSFileVerifier::Result KTSFileVerifier::checkFile(
     return {Finding::Changed,
             fmt::format("{} bytes, where its product names {}", stamp->size, *file.size)};
   }
-  if (depth_ == Depth::Full) return checkDigest(file.path, progress);
+  if (depth_ == Depth::Full) return checkDigest(file, progress);
   const KTSFileDigests::Record* record = digests_.recordOf(file.path);
-  if (record == nullptr) return {Finding::NotRecorded, ""};
-  if (record->stamp != *stamp) {
+  if (record == nullptr || record->stamp != *stamp) {
     return {Finding::Changed, "its size or modification time is not the one recorded"};
   }
   return {Finding::Good, ""};
 }
 
 KTSFileVerifier::Result KTSFileVerifier::checkDigest(
-    const std::string& path, const std::function<void(std::uint64_t)>& progress) {
+    const KeptFile& file, const std::function<void(std::uint64_t)>& progress) {
+  const std::string& path = file.path;
   std::string error;
   std::optional<std::string> digest = Sha256::ofFile(path, &error, [&](std::uint64_t bytes) {
     summary_.bytesRead += bytes;
@@ -101,7 +122,7 @@ KTSFileVerifier::Result KTSFileVerifier::checkDigest(
     return {Finding::Changed, "its bytes are not those recorded"};
   }
   Finding finding = record == nullptr ? Finding::FirstDigest : Finding::Good;
-  digests_.recordFile(path, *digest);
+  digests_.recordFile(path, *digest, file.productId);
   return {finding, ""};
 }
 
@@ -114,9 +135,6 @@ void KTSFileVerifier::count(const Result& result) {
     case Finding::FirstDigest:
       ++summary_.good;
       ++summary_.firstDigests;
-      break;
-    case Finding::NotRecorded:
-      ++summary_.notRecorded;
       break;
     case Finding::Missing:
       ++summary_.missing;

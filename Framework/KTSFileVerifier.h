@@ -26,7 +26,6 @@ class KTSFileVerifier {
   enum class Finding {
     Good,         // as recorded
     FirstDigest,  // no digest was recorded: the full check took it
-    NotRecorded,  // no digest is recorded, and a quick check cannot take one
     Missing,      // not there
     Changed       // there, but not what was recorded (or not a regular file, or of another size)
   };
@@ -45,7 +44,6 @@ class KTSFileVerifier {
     std::uint64_t checked = 0;
     std::uint64_t good = 0;  // Good and FirstDigest
     std::uint64_t firstDigests = 0;
-    std::uint64_t notRecorded = 0;
     std::uint64_t missing = 0;
     std::uint64_t changed = 0;
     std::uint64_t bytesRead = 0;
@@ -56,7 +54,12 @@ class KTSFileVerifier {
   // of productIds when any are given. Files outside the served tree are none of the server's.
   static std::vector<KeptFile> keptFiles(KTSPassContext& context,
                                          const std::set<std::string>& productIds);
-  // "good", "first digest", "not recorded", "missing", "changed".
+  // The same from the digest record alone: the files it holds of the products the working set
+  // says the server keeps, with no size named. Reads no catalog, so it is quick; a file kept from
+  // before digests were recorded is not among them.
+  static std::vector<KeptFile> recordedFiles(KTSPassContext& context, const KTSFileDigests& digests,
+                                             const std::set<std::string>& productIds);
+  // "good", "first digest", "missing", "changed".
   static const char* findingName(Finding finding);
 
   // Requires: digests and layout outlive the verifier.
@@ -70,7 +73,7 @@ class KTSFileVerifier {
 
  private:
   Result checkFile(const KeptFile& file, const std::function<void(std::uint64_t)>& progress);
-  Result checkDigest(const std::string& path, const std::function<void(std::uint64_t)>& progress);
+  Result checkDigest(const KeptFile& file, const std::function<void(std::uint64_t)>& progress);
   void count(const Result& result);
 
   KTSFileDigests& digests_;

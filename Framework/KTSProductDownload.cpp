@@ -199,7 +199,9 @@ void KTSProductDownload::attemptEnded(std::size_t index, int attempt, std::int64
              progress().totalDownloadSize.integerValue());
   const std::string& localPath = record[kFileLocalPathKey].stringValue();
   if (product_.verifyMirroredFileWithInfo(record)) {
-    if (files_ != nullptr) files_->filePlaced(localPath, expectedSizeOf(record), sha256);
+    if (files_ != nullptr) {
+      files_->filePlaced(localPath, expectedSizeOf(record), sha256, productId());
+    }
     progress().downloadStatus = KTSProductState::FileVerified;
     ++progress().totalDownloadCount;
     progress().addDownloaded(bytesPlaced);

@@ -82,11 +82,12 @@ class KTSProductState {
   bool enableWhenMirrored() const { return product_->enableWhenMirrored; }
   // Whether its files are to be fetched in this catalog's view.
   bool isDownloading() const { return mirror() == PleaseMirror || mirror() == Downloading; }
-  // Whether the server keeps its files: mirrored, or kept with a standing once mirrored.
-  bool keepsFiles() const {
-    std::int32_t state = mirror();
-    return state == Mirrored || state == LocalOnly || state == LocalDeprecated ||
-           state == LocalOrphaned;
+  // Whether the server keeps its files: mirrored, or kept with a standing once mirrored; the
+  // same for a recorded mirror state.
+  bool keepsFiles() const { return keepsFilesIn(mirror()); }
+  static bool keepsFilesIn(std::int32_t mirror) {
+    return mirror == Mirrored || mirror == LocalOnly || mirror == LocalDeprecated ||
+           mirror == LocalOrphaned;
   }
   // A state in which clients are served the product (when it is enabled and its files verify).
   bool isInServedState() const {

@@ -66,9 +66,10 @@ void KTSProductTable::fileFetching(const std::string& path) {
 }
 
 void KTSProductTable::filePlaced(const std::string& path, std::optional<std::int64_t> size,
-                                 const std::optional<std::string>& sha256) {
+                                 const std::optional<std::string>& sha256,
+                                 const std::string& productId) {
   std::string standard = standardizingPath(path);
-  if (digests_ != nullptr && sha256) digests_->recordFile(standard, *sha256);
+  if (digests_ != nullptr && sha256) digests_->recordFile(standard, *sha256, productId);
   if (!size) return fileChanged(path);
   ++filesGeneration_;
   files_[standard] = {{FileState::InPlace, size}, true};

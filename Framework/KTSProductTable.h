@@ -74,7 +74,8 @@ class KTSProductTable {
   // changed it (the disk says what it is when next asked).
   void fileFetching(const std::string& path);
   void filePlaced(const std::string& path, std::optional<std::int64_t> size,
-                  const std::optional<std::string>& sha256 = std::nullopt);
+                  const std::optional<std::string>& sha256 = std::nullopt,
+                  const std::string& productId = "");
   void fileChanged(const std::string& path);
   // The state of the file at path. A path outside the document root's html folder is Absent.
   FileState fileState(const std::string& path);

@@ -74,7 +74,6 @@ Plist summaryAsPlist(const KTSFileVerifier::Summary& summary, std::size_t unchec
   out.set("checked", integer(summary.checked));
   out.set("good", integer(summary.good));
   out.set("firstDigests", integer(summary.firstDigests));
-  out.set("notRecorded", integer(summary.notRecorded));
   out.set("missing", integer(summary.missing));
   out.set("changed", integer(summary.changed));
   out.set("unchecked", integer(unchecked));
@@ -108,10 +107,6 @@ void printSummary(const KTSFileVerifier::Summary& summary, std::size_t unchecked
               static_cast<unsigned long long>(summary.checked), read.c_str(), good.c_str(),
               static_cast<unsigned long long>(summary.missing),
               static_cast<unsigned long long>(summary.changed));
-  if (summary.notRecorded > 0) {
-    std::printf("%llu files have no digest yet; a verify without --quick takes them.\n",
-                static_cast<unsigned long long>(summary.notRecorded));
-  }
   if (unchecked > 0) {
     std::printf("Stopped at the time limit: %zu files were not checked.\n", unchecked);
   }
@@ -258,7 +253,12 @@ int verify(const VerifyRequest& request) {
     }
     std::set<std::string> ids(request.productIds.begin(), request.productIds.end());
     KTSFileDigests digests(KTSFileDigests::storePathForDocumentRoot(layout.documentRoot()));
-    checked = checkFiles(KTSFileVerifier::keptFiles(context, ids), digests, layout, request);
+    // A quick check looks at what the record holds; a full one at every kept file, to take the
+    // digests of those kept from before.
+    std::vector<KTSFileVerifier::KeptFile> files =
+        request.quick ? KTSFileVerifier::recordedFiles(context, digests, ids)
+                      : KTSFileVerifier::keptFiles(context, ids);
+    checked = checkFiles(files, digests, layout, request);
     if (request.repair) removeDamaged(checked.problems, layout, digests);
     if (!digests.save()) return fail("the digests taken could not be recorded");
   }
