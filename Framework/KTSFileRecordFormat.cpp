@@ -42,6 +42,8 @@ std::optional<std::int64_t> parseNumber(std::string_view text) {
   std::int64_t value = 0;
   for (char c : text) {
     if (c < '0' || c > '9') return std::nullopt;
+    // Nineteen digits may hold more than the type does.
+    if (value > (INT64_MAX - (c - '0')) / 10) return std::nullopt;
     value = value * 10 + (c - '0');
   }
   return value;

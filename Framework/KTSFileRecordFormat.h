@@ -27,7 +27,7 @@ std::optional<Stamp> stampOf(const std::string& path);
 
 // Whether path can be a field: not empty, no tab, line break or NUL.
 bool isRecordablePath(std::string_view path);
-// A decimal number of at most 19 digits.
+// A decimal number of at most 19 digits that the type holds.
 std::optional<std::int64_t> parseNumber(std::string_view text);
 
 // Calls take with the fields of every whole line of the record at path after its header; false

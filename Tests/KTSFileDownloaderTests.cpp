@@ -385,7 +385,8 @@ TEST_F(KTSFileDownloaderTest, ConditionalRequestsKeepUnchangedFiles) {
   EXPECT_EQ(KTSFileValidators(store).validatorsForFile(target())->lastModified,
             "Mon, 23 Nov 2026 08:00:00 GMT");
   writeFile(path("/damaged"), "ondrel-validators 1\n" + target() + "\t6\tx\t\"v1\"\t\n" + target() +
-                                  "\t6\t1\t\"a\rb\"\t\n" + target());
+                                  "\t6\t1\t\"a\rb\"\t\n" + target() +
+                                  "\t9999999999999999999\t1\t\"v1\"\t\n" + target());
   EXPECT_FALSE(KTSFileValidators(path("/damaged")).validatorsForFile(target()));
 
   version_ = 2;
