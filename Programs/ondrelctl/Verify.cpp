@@ -175,6 +175,10 @@ void removeDamaged(const std::vector<Problem>& problems, const KTSServerLayout& 
 // changed could not be repaired.
 std::vector<Problem> stillDamaged(KTSPassContext& context, const std::vector<Problem>& problems) {
   const KTSServerLayout& layout = context.layout();
+  // The record is written back: no pass may change the files or the record meanwhile (one that
+  // has started holds them only until it ends).
+  programs::PassLock lock(layout.filesLockPath());
+  lock.waitUntilHeld([] { return true; });
   KTSFileDigests digests(KTSFileDigests::storePathForDocumentRoot(layout.documentRoot()));
   KTSFileVerifier verifier(digests, layout, KTSFileVerifier::Depth::Full);
   std::vector<Problem> left;
