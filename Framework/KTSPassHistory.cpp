@@ -155,7 +155,7 @@ bool KTSPassHistory::healthy(Date now) const {
   return lastGoodPassEnd_ && lastPass_ && lastPass_->outcome != Outcome::Failed && !overdue(now);
 }
 
-std::string KTSPassHistory::healthJson(Date now) const {
+Plist KTSPassHistory::healthDocument(Date now) const {
   Plist health = Plist::dictionary();
   health.set("healthy", Plist::boolean(healthy(now)));
   health.set("nextPassOverdue", Plist::boolean(overdue(now)));
@@ -170,7 +170,7 @@ std::string KTSPassHistory::healthJson(Date now) const {
   health.set("lastPassFailed", Plist::boolean(lastPass_ && lastPass_->outcome == Outcome::Failed));
   health.set("lastPassError",
              lastPass_ && !lastPass_->note.empty() ? Plist(lastPass_->note) : Plist());
-  return toJson(health) + "\n";
+  return health;
 }
 
 std::string KTSPassHistory::prometheusText() const {

@@ -62,9 +62,9 @@ class KTSPassHistory {
   bool overdue(Date now) const;
   // Healthy at now: a good pass has ended, the last pass did not fail, and none is overdue.
   bool healthy(Date now) const;
-  // The health document: healthy, the last good pass and its age in seconds at now, whether
-  // the last pass failed and why, and whether the next one is overdue.
-  std::string healthJson(Date now) const;
+  // The passes' part of the health document: healthy, the last good pass and its age in seconds
+  // at now, whether the last pass failed and why, and whether the next one is overdue.
+  Plist healthDocument(Date now) const;
   // The Prometheus text of the counters and of the last pass.
   std::string prometheusText() const;
 

@@ -69,6 +69,10 @@ Setting number(std::string_view key, std::int64_t low, std::int64_t high, std::s
   return {key, Kind::Integer, low, high, unit};
 }
 
+Setting duration(std::string_view key, std::int64_t low, std::int64_t high) {
+  return {key, Kind::Duration, low, high, "a duration (seconds, or a number followed by s, m, h or d)"};
+}
+
 Setting ofWebServer(Setting setting) {
   setting.shapesWebServer = true;
   return setting;
@@ -95,6 +99,8 @@ const std::vector<Setting>& settable() {
       ofWebServer(plain("otherCatalogs", Kind::CatalogList)),
       ofWebServer(number("portToUse", 1, 65535, "a port")),
       plain("publicHostName", Kind::HostName),
+      number("scrubCycleDays", 1, 365, "a number of days"),
+      duration("scrubMaxDuration", 0, 86400),
       number("syncBandwidth", 0, kMostKilobytesPerSecond,
              "a whole number of KB/s (0 for no limit)"),
       ofWebServer(plain("updatesDocRoot", Kind::Folder)),
@@ -125,6 +131,13 @@ Plist valueFromText(const Setting& setting, const std::string& text, std::string
         return Plist::integer(number);
       }
       *why = fmt::format("takes {} from {} to {}", setting.unit, setting.low, setting.high);
+      return Plist();
+    case Kind::Duration:
+      if (std::optional<std::int64_t> seconds = durationSeconds(text);
+          seconds && *seconds >= setting.low && *seconds <= setting.high) {
+        return Plist::integer(*seconds);
+      }
+      *why = fmt::format("takes {} of at most {} s", setting.unit, setting.high);
       return Plist();
     case Kind::HttpURL: {
       std::optional<Url> url = Url::parse(text);
@@ -180,6 +193,14 @@ bool isLoopbackAddress(const std::string& address) {
 
 std::int64_t maxConcurrentDownloads(const Plist& preferences) {
   return integerWithin(preferences, "maxConcurrentDownloads", 16);
+}
+
+std::int64_t scrubSecondsPerDay(const Plist& preferences) {
+  return integerWithin(preferences, "scrubMaxDuration", 3600);
+}
+
+std::int64_t scrubCycleDays(const Plist& preferences) {
+  return integerWithin(preferences, "scrubCycleDays", 7);
 }
 
 std::optional<std::int64_t> durationSeconds(std::string_view text) {

@@ -22,6 +22,7 @@ inline constexpr std::int64_t kMostConcurrentDownloads = 64;
 enum class Kind {
   Boolean,        // true, false, yes or no
   Integer,        // whole number from low to high
+  Duration,       // seconds from low to high, written as durationSeconds reads them
   HttpURL,        // an http or https URL with a host
   CatalogList,    // comma-separated names of supported catalogs
   HostName,       // a host name, an IPv4 address or an IPv6 address in brackets
@@ -65,6 +66,10 @@ std::int64_t maxConcurrentDownloads(const Plist& preferences);  // transfers at 
 std::int64_t hookTimeoutSeconds(const Plist& preferences);      // 60
 int adminPort(const Plist& preferences);                        // 8089
 std::string adminAddress(const Plist& preferences);             // 127.0.0.1
+// The background check of the kept files: at most this long a day (0: none); 3600.
+std::int64_t scrubSecondsPerDay(const Plist& preferences);
+// Every kept file read again within this many days; 7.
+std::int64_t scrubCycleDays(const Plist& preferences);
 // "metricsFile", or Status/ondrel.prom under the service root.
 std::string metricsFile(const Plist& preferences, const KTSServerLayout& layout);
 

@@ -8,6 +8,7 @@
 
 #include "AfterPass.h"
 #include "DateFormats.h"
+#include "Json.h"
 #include "KTSPassHistory.h"
 #include "KTSPreferences.h"
 #include "OndrelTest.h"
@@ -48,7 +49,7 @@ TEST_F(AfterPassTest, HistoryKeepsTheLastGoodPassAndRefusesDamage) {
   const std::string file = KTSPassHistory::defaultPath(context().layout());
   KTSPassHistory empty(file);
   EXPECT_FALSE(empty.healthy(clock_->now()));
-  EXPECT_NE(empty.healthJson(clock_->now()).find("\"lastGoodPass\": null"), std::string::npos);
+  EXPECT_NE(toJson(empty.healthDocument(clock_->now())).find("\"lastGoodPass\": null"), std::string::npos);
 
   Date first = clock_->now();
   ASSERT_TRUE(KTSPassHistory(file).record(pass(KTSPassHistory::Outcome::Succeeded, first)));
@@ -59,7 +60,7 @@ TEST_F(AfterPassTest, HistoryKeepsTheLastGoodPassAndRefusesDamage) {
   EXPECT_EQ(reread.failedPasses(), 1u);
   EXPECT_EQ(reread.bytesFetched(), 2 * 123456789u);
   EXPECT_FALSE(reread.healthy(first + 2h)) << "the last pass failed";
-  std::string health = reread.healthJson(first + 90s + 2h);
+  std::string health = toJson(reread.healthDocument(first + 90s + 2h));
   EXPECT_NE(health.find("\"lastGoodPass\": \"" + formatRfc3339Date(first + 90s) + "\""),
             std::string::npos)
       << health;
@@ -78,7 +79,7 @@ TEST_F(AfterPassTest, HistoryKeepsTheLastGoodPassAndRefusesDamage) {
   EXPECT_TRUE(KTSPassHistory(file).healthy(first + 3h)) << "an interrupted pass is no failure";
   EXPECT_TRUE(KTSPassHistory(file).healthy(first + 26h + 59min));
   EXPECT_FALSE(KTSPassHistory(file).healthy(first + 27h + 1min)) << "a pass is overdue";
-  EXPECT_NE(KTSPassHistory(file).healthJson(first + 28h).find("\"nextPassOverdue\": true"),
+  EXPECT_NE(toJson(KTSPassHistory(file).healthDocument(first + 28h)).find("\"nextPassOverdue\": true"),
             std::string::npos);
   // The last passes, oldest first, for the page's chart; only the newest are kept.
   std::vector<KTSPassHistory::Pass> recent = KTSPassHistory(file).recentPasses();

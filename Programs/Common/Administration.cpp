@@ -31,6 +31,7 @@
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSRequestManager.h"
+#include "KTSScrub.h"
 #include "KTSServerLayout.h"
 #include "KTSSettings.h"
 #include "KTSSyncStatus.h"
@@ -285,8 +286,16 @@ std::string prometheusText(const ServerSummary& summary, const KTSPassHistory& h
         static_cast<double>(summary.volume.free));
   gauge("ondrel_volume_size_bytes", "Size of the document root's volume",
         static_cast<double>(summary.volume.total));
-  return text + history.prometheusText() +
+  return text + history.prometheusText() + KTSScrub(KTSScrub::defaultPath(layout)).prometheusText() +
          catalogClientsPrometheus(catalogClients(accessLogPath(layout), 1));
+}
+
+Plist healthDocument(const KTSPassHistory& history, const KTSServerLayout& layout, Date now) {
+  Plist health = history.healthDocument(now);
+  std::size_t damaged = KTSScrub(KTSScrub::defaultPath(layout)).standingDamage().size();
+  health.set("damagedFiles", Plist::integer(static_cast<std::int64_t>(damaged)));
+  health.set("healthy", Plist::boolean(health["healthy"].boolValue() && damaged == 0));
+  return health;
 }
 
 std::string accessLogPath(const KTSServerLayout& layout) {

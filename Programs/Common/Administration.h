@@ -55,10 +55,14 @@ ServerSummary summarizeServer(KTSPassContext& context);
 Plist summaryAsPlist(const ServerSummary& summary);
 // "syncing", "done" or "never run".
 std::string syncStateName(std::int64_t state);
-// The Prometheus text of the summary, of the passes' history and of the clients' catalog
-// requests on the newest day of the web server's access log.
+// The Prometheus text of the summary, of the passes' history, of the scrub's checks and of the
+// clients' catalog requests on the newest day of the web server's access log.
 std::string prometheusText(const ServerSummary& summary, const KTSPassHistory& history,
                            const KTSServerLayout& layout);
+// The health document at now ("/health" answers it): the passes' part (KTSPassHistory) with the
+// files the scrub found damaged that are still in place ("damagedFiles"); the server is healthy
+// when its passes are and there are none.
+Plist healthDocument(const KTSPassHistory& history, const KTSServerLayout& layout, Date now);
 // The web server's access log, where the clients' catalog requests are counted.
 std::string accessLogPath(const KTSServerLayout& layout);
 

@@ -103,19 +103,21 @@ HookRun runHook(const std::filesystem::path& path, const std::vector<std::string
   return run;
 }
 
-void writeMetricsFile(KTSPassContext& context, const std::string& text) {
-  const LogHandle& log = context.log();
-  std::string path = KTSSettings::metricsFile(context.preferences().prefs(), context.layout());
+}  // namespace
+
+void writeMetricsFile(KTSPassContext& context) {
+  const KTSServerLayout& layout = context.layout();
+  KTSPassHistory history(KTSPassHistory::defaultPath(layout));
+  std::string text = prometheusText(summarizeServer(context), history, layout);
+  std::string path = KTSSettings::metricsFile(context.preferences().prefs(), layout);
   std::string error;
   if (!writeStringAtomically(path, text, &error)) {
-    log.warning("The metrics file {} could not be written: {}", path, error);
+    context.log().warning("The metrics file {} could not be written: {}", path, error);
     return;
   }
   // A node exporter reads it as a user of its own; it holds counts, nothing private.
   ::chmod(path.c_str(), 0644);
 }
-
-}  // namespace
 
 std::vector<std::string> hookEnvironment(const KTSPassHistory::Pass& pass,
                                          const KTSServerLayout& layout) {
@@ -175,7 +177,7 @@ void afterPass(KTSPassContext& context, const KTSPassHistory::Pass& pass,
   const KTSServerLayout& layout = context.layout();
   KTSPassHistory history(KTSPassHistory::defaultPath(layout));
   if (!history.record(pass)) log.warning("The pass could not be recorded in the pass history.");
-  writeMetricsFile(context, prometheusText(summarizeServer(context), history, layout));
+  writeMetricsFile(context);
   std::chrono::seconds timeout(KTSSettings::hookTimeoutSeconds(context.preferences().prefs()));
   runHooks(KTSServerLayout::hooksFolder(), hookEnvironment(pass, layout), timeout, log, heartbeat);
 }

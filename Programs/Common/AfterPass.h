@@ -44,6 +44,9 @@ std::vector<HookRun> runHooks(const std::string& folder,
                               std::chrono::milliseconds timeout, const LogHandle& log,
                               const Heartbeat& heartbeat = {});
 
+// Writes the metrics file from the server's state, the passes' history and the scrub's record.
+void writeMetricsFile(KTSPassContext& context);
+
 // Records the pass, writes the metrics file and runs the hooks, in the pass's context.
 void afterPass(KTSPassContext& context, const KTSPassHistory::Pass& pass,
                const Heartbeat& heartbeat = {});

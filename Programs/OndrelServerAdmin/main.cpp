@@ -31,6 +31,7 @@
 #include "Json.h"
 #include "KTSPassContext.h"
 #include "KTSPassHistory.h"
+#include "KTSScrub.h"
 #include "KTSServerLayout.h"
 #include "KTSSettings.h"
 #include "KTSWorkingSet.h"
@@ -91,7 +92,8 @@ Plist status(KTSPassContext& context) {
   }
   out.set("recentPasses", recent);
   Date now = Clock::now();
-  out.set("healthy", Plist::boolean(history.healthy(now)));
+  out.set("healthy", programs::healthDocument(history, context.layout(), now)["healthy"]);
+  out.set("scrub", KTSScrub(KTSScrub::defaultPath(context.layout())).statusPlist());
   out.set("overdue", Plist::boolean(history.overdue(now)));
   out.set("now", Plist::date(Clock::now()));
   return out;

@@ -2,7 +2,8 @@
 //   ondrd_syncd --once              one pass, then exit
 //   ondrd_syncd [--interval SECS]   the service: a pass when one is due (the interval after the
 //                                   last run), at once when a sync is requested, and product
-//                                   changes as soon as they are posted
+//                                   changes as soon as they are posted; between passes, the
+//                                   scrub of the kept files
 // Exit status: 0 a clean pass (or a clean stop of the service), 1 the pass failed or was
 // interrupted, 2 bad usage, 75 another ondrd_syncd holds the pass lock.
 #include <signal.h>
@@ -25,7 +26,9 @@
 #include "KTSLogger.h"
 #include "KTSPassContext.h"
 #include "KTSPassHistory.h"
+#include "KTSPreferences.h"
 #include "KTSRequestManager.h"
+#include "KTSScrub.h"
 #include "KTSServerLayout.h"
 #include "KTSSyncPass.h"
 #include "KTSSyncStatus.h"
@@ -103,16 +106,43 @@ bool productChangesPending(ondrel::KTSPassContext& context) {
   return !context.tickets().openJobs().empty();
 }
 
+// Between passes the scrub checks kept files in slices this long, giving up the files lock after
+// each so that ondrelctl verify, polling for it, can take it.
+constexpr std::chrono::seconds kScrubSlice(3);
+
+// Runs a slice of the scrub when one is due and nobody holds the kept files; whether it found
+// damage, which a full pass then fetches again.
+bool runScrubSlice(ondrel::KTSPassContext& context, ondrel::KTSScrub& scrub, bool* ran) {
+  using namespace ondrel;
+  KTSScrub::Pace pace = KTSScrub::Pace::of(context.preferences().prefs());
+  *ran = false;
+  if (!scrub.due(Clock::now(), pace)) return false;
+  programs::PassLock files(context.layout().filesLockPath());
+  if (!files.held()) return false;
+  *ran = true;
+  sd_notify(0, "STATUS=checking the kept files");
+  std::optional<Date> endedBefore = scrub.cycle().ended;
+  std::size_t damaged = scrub.run(
+      context, pace, kScrubSlice, [] { return !stopRequested.load(); }, &syncd::Progress::heartbeat);
+  if (damaged > 0 || scrub.cycle().ended != endedBefore) programs::writeMetricsFile(context);
+  sd_notify(0, "STATUS=waiting for the next pass");
+  return damaged > 0;
+}
+
 int runService(std::chrono::seconds interval, ondrel::syncd::Progress& progress) {
   using namespace ondrel;
   sd_notify(0, "READY=1\nSTATUS=waiting for the next pass");
   progress.note(fmt::format("ondrd_syncd running; a pass every {} s.", interval.count()));
+  std::optional<KTSScrub> scrub;
+  bool repairDue = false;
   while (!stopRequested.load()) {
     // Every pass starts from the files as they are now: the administration side may have
     // changed the preferences, the working set or the requests since the last one.
     KTSPassContext context;
+    if (!scrub) scrub.emplace(KTSScrub::defaultPath(context.layout()));
     std::optional<Date> lastRun = context.status().getLastRunTime();
-    bool due = !lastRun || Clock::now() - *lastRun >= interval;
+    bool due = !lastRun || Clock::now() - *lastRun >= interval || repairDue;
+    bool scrubbed = false;
     // While ondrelctl verify holds the kept files, what is due or asked for waits (requests
     // stay in the spool until a pass takes them).
     if (due || productChangesPending(context)) {
@@ -120,10 +150,16 @@ int runService(std::chrono::seconds interval, ondrel::syncd::Progress& progress)
       if (files.held()) {
         bool requested = context.requests().getPendingSyncRequestsDeletingSource(true);
         runPass(context, due || requested, progress, interval);
+        scrub->forgetKeptFiles();
+        repairDue = false;
         sd_notify(0, "STATUS=waiting for the next pass");
       }
+    } else {
+      repairDue = runScrubSlice(context, *scrub, &scrubbed);
     }
-    for (int slice = 0; slice < 10 && !stopRequested.load(); ++slice) {
+    auto pause = scrubbed ? std::chrono::milliseconds(300) : std::chrono::milliseconds(1000);
+    for (auto slept = std::chrono::milliseconds(0); slept < pause && !stopRequested.load();
+         slept += std::chrono::milliseconds(100)) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     syncd::Progress::heartbeat();

@@ -8,9 +8,12 @@
 #include <filesystem>
 #include <regex>
 
+#include "Administration.h"
 #include "ApacheServer.h"
 #include "KTSFileDigests.h"
+#include "KTSPassHistory.h"
 #include "KTSPreferences.h"
+#include "KTSScrub.h"
 #include "KTSServerLayout.h"
 #include "OndrelTest.h"
 #include "PassLock.h"
@@ -68,6 +71,8 @@ class VerifyTest : public test::OndrelTest {
     for (const char* key : {"autoMirror", "autoEnable", "PurgeUnused"}) {
       preferences.setValue(key, Plist::boolean(true));
     }
+    // The daemon's scrub stays out of the way of what a test does by hand.
+    preferences.setValue("scrubMaxDuration", Plist::integer(0));
     ASSERT_TRUE(preferences.commitChangesUpdatingHostConfig(false));
     test::ProgramResult pass = test::runProgram(ONDREL_SYNCD, {"--once"});
     ASSERT_EQ(pass.exitStatus, 0) << pass.output;
@@ -226,6 +231,68 @@ TEST_F(VerifyTest, ARepairFetchesWhatItCanAndNeverServesWhatItCannot) {
   EXPECT_EQ(ctl({"verify", "--quick", productOf(chosen[0])}).exitStatus, 0);
   daemon.signal(SIGTERM);
   EXPECT_EQ(daemon.wait(std::chrono::seconds(30)).exitStatus, 0);
+}
+
+TEST_F(VerifyTest, TheScrubGoesOnWhereItStoppedAndNothingFoundDamagedStaysServed) {
+  const KTSServerLayout& layout = context().layout();
+  const std::string record = KTSScrub::defaultPath(layout);
+  const KTSScrub::Pace pace{3600, 1};
+  std::vector<std::string> kept = packages();
+  // A slice cut short after three files, then another from the record, which finds the rot.
+  {
+    KTSScrub scrub(record);
+    int allowed = 3;
+    EXPECT_EQ(scrub.run(context(), pace, std::chrono::seconds(60), [&] { return allowed-- > 0; },
+                        {}),
+              0u);
+    EXPECT_EQ(scrub.cycle().files, 3u);
+    EXPECT_FALSE(scrub.cycle().ended);
+  }
+  flipByteKeepingTime(kept.back());
+  KTSScrub resumed(record);
+  EXPECT_EQ(resumed.run(context(), pace, std::chrono::seconds(60), [] { return true; }, {}), 1u);
+  ASSERT_TRUE(resumed.cycle().ended);
+  EXPECT_EQ(resumed.cycle().files, resumed.cycle().totalFiles) << "every file once";
+  EXPECT_FALSE(std::filesystem::exists(kept.back())) << "taken out at once";
+  EXPECT_FALSE(resumed.due(clock_->now() + std::chrono::hours(23), pace));
+  EXPECT_TRUE(resumed.due(clock_->now() + std::chrono::hours(25), pace)) << "the next cycle";
+
+  // Unhealthy, and counted, until a pass has put a good file in its place.
+  KTSPassHistory history(KTSPassHistory::defaultPath(layout));
+  Plist health = programs::healthDocument(history, layout, clock_->now());
+  EXPECT_FALSE(health["healthy"].boolValue());
+  EXPECT_EQ(health["damagedFiles"].integerValue(), 1);
+  EXPECT_NE(resumed.prometheusText().find("ondrel_verify_damaged_files 1\n"), std::string::npos);
+  ASSERT_EQ(test::runProgram(ONDREL_SYNCD, {"--once"}).exitStatus, 0);
+  EXPECT_TRUE(programs::healthDocument(history, layout, clock_->now())["healthy"].boolValue());
+
+  // The daemon does the same on its own between passes: it finds the rot, takes the file out
+  // and runs a pass that fetches it again.
+  const std::string html = layout.htmlFolder();
+  const std::optional<std::string> good = Sha256::ofFile(kept.front(), nullptr);
+  flipByteKeepingTime(kept.front());
+  std::filesystem::remove(record);
+  context().preferences().setValue("scrubMaxDuration", Plist::integer(3600));
+  ASSERT_TRUE(context().preferences().commitChanges());
+  test::BackgroundProgram daemon(ONDREL_SYNCD, {"--interval", "86400"});
+  for (int tenth = 0; tenth < 300; ++tenth) {
+    if (KTSPassHistory(KTSPassHistory::defaultPath(layout)).passes() == 3) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  daemon.signal(SIGTERM);
+  EXPECT_EQ(daemon.wait(std::chrono::seconds(30)).exitStatus, 0);
+  EXPECT_EQ(Sha256::ofFile(kept.front(), nullptr), good);
+  KTSScrub afterDaemon(record);
+  EXPECT_EQ(afterDaemon.totals().damaged, 1u);
+  EXPECT_TRUE(afterDaemon.standingDamage().empty());
+
+  // A hostile record is no record: nothing read from it is deleted, and a new cycle begins.
+  writeFile(record, "<plist><dict><key>damage</key><array><dict><key>path</key><string>" +
+                        kept[1] + "</string></dict></array><key>day</key><integer>7");
+  KTSScrub hostile(record);
+  EXPECT_FALSE(hostile.cycle().started);
+  EXPECT_TRUE(hostile.standingDamage().empty());
+  EXPECT_TRUE(std::filesystem::exists(kept[1]));
 }
 
 }  // namespace
