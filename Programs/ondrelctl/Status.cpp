@@ -14,6 +14,7 @@
 #include "KTCatalogKeys.h"
 #include "KTSPassContext.h"
 #include "KTSPassHistory.h"
+#include "KTSScrub.h"
 #include "KTSWorkingSet.h"
 #include "ProductId.h"
 
@@ -35,13 +36,31 @@ std::string sizeText(const Plist& size) {
   return humanBytes(static_cast<std::uint64_t>(std::max<std::int64_t>(0, size.integerValue())));
 }
 
+// How far the daemon's background check of the kept files has come, and the damage it found
+// that no pass has put right yet.
+void printScrub(const KTSScrub& scrub) {
+  const KTSScrub::Cycle& cycle = scrub.cycle();
+  std::string progress = !cycle.started ? "not yet begun"
+                         : cycle.ended
+                             ? "last cycle ended " + formatDescriptionDate(*cycle.ended)
+                             : fmt::format("{} of {} files this cycle", cycle.files, cycle.totalFiles);
+  std::printf("Files checked:   %s; %llu found damaged in all\n", progress.c_str(),
+              static_cast<unsigned long long>(scrub.totals().damaged));
+  for (const KTSScrub::Damage& damage : scrub.standingDamage()) {
+    std::printf("  not back yet:  %s %s (%s)\n", damage.productId.c_str(), damage.path.c_str(),
+                KTSFileVerifier::findingName(damage.finding));
+  }
+}
+
 }  // namespace
 
 int status(bool json) {
   KTSPassContext context;
   programs::ServerSummary summary = programs::summarizeServer(context);
   if (json) {
-    printJson(programs::summaryAsPlist(summary));
+    Plist out = programs::summaryAsPlist(summary);
+    out.set("scrub", KTSScrub(KTSScrub::defaultPath(context.layout())).statusPlist());
+    printJson(out);
     return 0;
   }
   auto when = [](const std::optional<Date>& date) {
@@ -84,6 +103,7 @@ int status(bool json) {
               humanBytes(summary.bytesMirrored).c_str(), humanBytes(summary.bytesToMirror).c_str());
   std::printf("Pending:         %zu requests, %zu tickets\n", summary.pendingRequests,
               summary.pendingTickets);
+  printScrub(KTSScrub(KTSScrub::defaultPath(context.layout())));
   std::printf("Document root:   %s used, %s free\n",
               humanBytes(summary.volume.total - summary.volume.free).c_str(),
               humanBytes(summary.volume.free).c_str());

@@ -137,13 +137,19 @@ function drawHistory(svg, passes, valueOf) {
 }
 
 // A banner when the server is not healthy: the last pass failed, none has succeeded yet, the
-// next pass is overdue, or the free space is close to the reserve.
+// next pass is overdue, a kept file was found damaged and no pass has fetched it again yet, or
+// the free space is close to the reserve.
 function healthProblems(status) {
   const problems = [];
   const pass = status.lastPass || {};
   if (pass.outcome === "failed") problems.push("the last pass failed");
   if (!status.lastGoodPass) problems.push("no pass has succeeded yet");
   if (status.overdue) problems.push("the next pass is more than an hour overdue");
+  const damaged = (status.scrub || {}).damaged || [];
+  if (damaged.length) {
+    problems.push(`${damaged.length} kept files were found damaged and are not back yet ` +
+                  `(${damaged.slice(0, 3).map((item) => `${item.productId}: ${item.finding}`).join(", ")})`);
+  }
   const margin = status.volumeBytes * 0.05;
   if (status.volumeFreeBytes < status.reserveBytes + margin) {
     problems.push("the free space is close to the reserve");
@@ -177,6 +183,7 @@ function showStatus(status) {
   $("next-pass").textContent = pass.nextPassDue
     ? new Date(pass.nextPassDue).toLocaleString()
     : "not scheduled";
+  $("scrub").textContent = scrubSummary(status.scrub || {}, status.now);
   $("product-count").textContent = `${status.products} (${status.enabled} enabled)`;
   $("bytes-mirrored").textContent = bytes(status.bytesMirrored);
   $("bytes-to-mirror").textContent = bytes(status.bytesToMirror);
@@ -201,6 +208,16 @@ function showStatus(status) {
   while (select.options.length > 1) select.remove(1);
   for (const state of states) select.add(new Option(state, state));
   select.value = states.has(chosen) ? chosen : "";
+}
+
+// How far the background check of the kept files has come, and when it last read one.
+function scrubSummary(scrub, now) {
+  if (!scrub.cycleStarted) return "not yet";
+  const cycle = scrub.cycleEnded
+    ? `whole cycle done ${age(scrub.cycleEnded, now)}`
+    : `${scrub.cycleFiles} of ${scrub.cycleTotalFiles} files this cycle`;
+  const last = scrub.lastCheck ? `, last read ${age(scrub.lastCheck, now)}` : "";
+  return `${cycle}${last}; ${scrub.damagedFound} found damaged in all`;
 }
 
 function showPlan(plan) {
