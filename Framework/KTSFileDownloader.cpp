@@ -61,7 +61,7 @@ bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& 
   downloadError_.reset();
   notModified_ = false;
   receivedDigest_.reset();
-  answered_ = false;
+  answeredStatus_ = 0;
   tooSlow_ = false;
   retryAfterSeconds_.reset();
   busy_ = false;
@@ -183,7 +183,7 @@ void KTSFileDownloader::transferDidReceiveResponse(const TransferResponse& respo
   downloadResponse_ = response;
   downloadBytes_ = 0;
   notModified_ = response.notModified();
-  answered_ = true;
+  answeredStatus_ = response.status;
   responseETag_ = response.etag;
   responseLastModified_ = response.lastModified;
   // A whole body that may be cut short notes what it is the start of, so that the next try can
@@ -208,7 +208,7 @@ void KTSFileDownloader::transferDidReceiveDataOfLength(std::uint64_t length) {
 
 void KTSFileDownloader::transferDidFailWithError(const TransferError& error) {
   endDownload();
-  answered_ = answered_ || error.httpStatus != 0;
+  if (error.httpStatus != 0) answeredStatus_ = error.httpStatus;
   tooSlow_ = error.tooSlow;
   retryAfterSeconds_ = error.retryAfterSeconds;
   busy_ = error.httpStatus == 429 || error.httpStatus == 503;
@@ -241,7 +241,8 @@ void KTSFileDownloader::transferDidFinish() {
   }
   std::optional<std::string> digest = fileDownload_->destinationDigest();
   if (expectedDigest_ && digest != expectedDigest_) {
-    setDownloadErrorWithReason(-1, "Received bytes whose SHA-256 is not the one expected");
+    setDownloadErrorWithReason(
+        -1, "Received bytes whose SHA-256 is not the one its upstream published; refused");
     KTSUtilities::removePath(downloadingPath_);
     return;
   }

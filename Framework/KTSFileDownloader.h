@@ -80,7 +80,9 @@ class KTSFileDownloader : public TransferReceiver {
   // The last download was answered 304: the kept file is current and nothing was received.
   bool wasNotModified() const { return notModified_; }
   // The server answered the last download with some HTTP status (it may still have failed).
-  bool wasAnswered() const { return answered_; }
+  bool wasAnswered() const { return answeredStatus_ != 0; }
+  // The HTTP status of the server's last answer (404, say); 0 when it did not answer.
+  long answeredStatus() const { return answeredStatus_; }
   // The last download failed for running past its deadline or below its floor speed.
   bool wasTooSlow() const { return tooSlow_; }
   // The server answered the last download 429 or 503 and asked to come back after this many
@@ -162,7 +164,7 @@ class KTSFileDownloader : public TransferReceiver {
   std::optional<std::string> receivedDigest_;
   bool usesValidators_ = true;
   bool notModified_ = false;
-  bool answered_ = false;
+  long answeredStatus_ = 0;
   bool tooSlow_ = false;
   std::optional<std::int64_t> retryAfterSeconds_;
   bool busy_ = false;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 
+#include "KTSDigestManifests.h"
 #include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
 #include "KTSFileOwnership.h"
@@ -86,7 +87,17 @@ void KTSProductDownload::beginDownload() {
     if (known->second != record[kFileSizeKey]) conflictingFiles_.push_back(i);
     pendingSharedFiles_.push_back(i);
   }
-  attemptFiles(first);
+  // A parent mirror vouches for its files: what it published is known before any is fetched.
+  KTSUpstreamDigests* upstream = files_ != nullptr ? files_->upstreamDigests() : nullptr;
+  std::optional<Url> url =
+      files.size() > 0 ? Url::parse(files[0][kFileURLKey].stringValue()) : std::nullopt;
+  if (upstream == nullptr || !url) return attemptFiles(first);
+  upstream->fetch(productId(), *url, scheduler_,
+                  [self = shared_from_this(), this, first = std::move(first)](
+                      std::shared_ptr<const KTSDigestManifests::Manifest> manifest) {
+                    manifest_ = std::move(manifest);
+                    attemptFiles(first);
+                  });
 }
 
 // The count holds one more until every file has been started, so that files found in place
@@ -172,6 +183,8 @@ void KTSProductDownload::downloadFile(std::size_t index, int attempt) {
   // A product file is fetched only when missing or of the wrong size: never conditionally.
   downloader->setUsesValidators(false);
   downloader->setExpectedSize(expectedSize);
+  if (manifest_)
+    downloader->setExpectedDigest(files_->upstreamDigests()->digestOf(*manifest_, localPath));
   if (files_ != nullptr) files_->fileFetching(localPath);
   scheduler_.enqueue(std::move(downloader), [self = shared_from_this(), this, index, attempt,
                                              expectedSize, fileName](KTSFileDownloader& fetched) {

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "KTSDigestManifests.h"
 #include "KTSLogger.h"
 #include "KTSProductState.h"
 #include "Url.h"
@@ -81,6 +82,8 @@ class KTSProductDownload : public std::enable_shared_from_this<KTSProductDownloa
   std::vector<std::size_t> pendingSharedFiles_;
   // Of those, the records that give the file another size; refused.
   std::vector<std::size_t> conflictingFiles_;
+  // What the upstream published about the product's files; null when it published nothing.
+  std::shared_ptr<const KTSDigestManifests::Manifest> manifest_;
   LogHandle log_;
 };
 

@@ -26,6 +26,7 @@
 namespace ondrel {
 
 class KTSProduct;
+class KTSUpstreamDigests;
 struct KTSProductChange;
 
 class KTSProductTable {
@@ -43,9 +44,13 @@ class KTSProductTable {
   static bool namesSameFiles(const Plist& some, const Plist& others);
 
   // Files are looked for only inside the layout's served tree; the digest of every file placed
-  // with one is recorded in digests, when given. Requires: both outlive the table.
-  explicit KTSProductTable(const KTSServerLayout& layout, KTSFileDigests* digests = nullptr)
-      : layout_(layout), digests_(digests) {}
+  // with one is recorded in digests, when given, and files are checked against what their
+  // upstream published, when it is given. Requires: all outlive the table.
+  explicit KTSProductTable(const KTSServerLayout& layout, KTSFileDigests* digests = nullptr,
+                           KTSUpstreamDigests* upstream = nullptr)
+      : layout_(layout), digests_(digests), upstream_(upstream) {}
+  // What the upstreams published about the files; null when nothing is asked of them.
+  KTSUpstreamDigests* upstreamDigests() const { return upstream_; }
 
   // Requires: product has a product id. Makes its state share the product part of the first
   // copy joined before that names the same files; the product keeps its standing. The first copy
@@ -104,6 +109,7 @@ class KTSProductTable {
 
   const KTSServerLayout& layout_;
   KTSFileDigests* digests_;
+  KTSUpstreamDigests* upstream_;
   std::unordered_map<std::string, std::vector<std::weak_ptr<KTSProduct>>> copies_;
   // The files the pass looked at or touched, by standardised local path.
   std::unordered_map<std::string, KnownFile> files_;

@@ -31,9 +31,9 @@ using KTSFileRecordFormat::Stamp;
 std::optional<Stamp> stampOfAnything(const std::string& path) {
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) return std::nullopt;
-  return Stamp{static_cast<std::int64_t>(status.st_size),
-               static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 +
-                   status.st_mtim.tv_nsec};
+  return Stamp{
+      static_cast<std::int64_t>(status.st_size),
+      static_cast<std::int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec};
 }
 
 std::string dayOf(Date date) { return formatRfc3339Date(date).substr(0, 10); }
@@ -144,7 +144,8 @@ bool KTSScrub::save() const {
   totals.set("bytes", integer(totals_.bytes));
   totals.set("damaged", integer(totals_.damaged));
   if (totals_.lastCheck) totals.set("lastCheck", Plist::date(*totals_.lastCheck));
-  if (totals_.lastCycleSeconds) totals.set("lastCycleSeconds", Plist::real(*totals_.lastCycleSeconds));
+  if (totals_.lastCycleSeconds)
+    totals.set("lastCycleSeconds", Plist::real(*totals_.lastCycleSeconds));
   Plist damage = Plist::array();
   for (const Damage& each : damage_) damage.append(damageAsPlist(each));
   Plist record = Plist::dictionary();
@@ -183,9 +184,8 @@ void KTSScrub::takeKeptFiles(KTSPassContext& context) {
   // Damage to a file the server no longer keeps, or that something else has replaced, is over.
   std::erase_if(damage_, [this](const Damage& damage) {
     auto kept = std::lower_bound(keptFiles_.begin(), keptFiles_.end(), damage.path,
-                                 [](const KTSFileVerifier::KeptFile& file, const std::string& path) {
-                                   return file.path < path;
-                                 });
+                                 [](const KTSFileVerifier::KeptFile& file,
+                                    const std::string& path) { return file.path < path; });
     return kept == keptFiles_.end() || kept->path != damage.path || !damage.stands();
   });
 }
@@ -203,15 +203,17 @@ std::size_t KTSScrub::run(KTSPassContext& context, const Pace& pace, std::chrono
   KTSFileVerifier verifier(digests, layout, KTSFileVerifier::Depth::Full);
   IdleIoPriority idle;
   auto started = std::chrono::steady_clock::now();
-  auto budget = std::chrono::duration<double>(static_cast<double>(pace.secondsPerDay) - daySeconds_);
+  auto budget =
+      std::chrono::duration<double>(static_cast<double>(pace.secondsPerDay) - daySeconds_);
   auto end = started + std::min<std::chrono::duration<double>>(slice, budget);
-  auto next = std::upper_bound(
-      keptFiles_.begin(), keptFiles_.end(), cycle_.position,
-      [](const std::string& position, const KTSFileVerifier::KeptFile& file) {
-        return position < file.path;
-      });
+  auto next =
+      std::upper_bound(keptFiles_.begin(), keptFiles_.end(), cycle_.position,
+                       [](const std::string& position, const KTSFileVerifier::KeptFile& file) {
+                         return position < file.path;
+                       });
   std::size_t found = 0;
-  for (; next != keptFiles_.end() && std::chrono::steady_clock::now() < end && keepGoing(); ++next) {
+  for (; next != keptFiles_.end() && std::chrono::steady_clock::now() < end && keepGoing();
+       ++next) {
     std::uint64_t before = verifier.summary().bytesRead;
     KTSFileVerifier::Result result = verifier.check(*next, [&heartbeat](std::uint64_t) {
       if (heartbeat) heartbeat();
@@ -258,8 +260,8 @@ void KTSScrub::recordFinding(const KTSFileVerifier::KeptFile& file,
   context.log().warning("The kept file {} of {} is {}{}; a pass fetches it again.", file.path,
                         file.productId, KTSFileVerifier::findingName(result.finding),
                         result.reason.empty() ? "" : " (" + result.reason + ")");
-  Damage damage{file.path,   file.productId, result.finding, result.reason,
-                Clock::now(), stampOfAnything(file.path)};
+  Damage damage{file.path,     file.productId, result.finding,
+                result.reason, Clock::now(),   stampOfAnything(file.path)};
   if (damage_.size() < kMostDamage) damage_.push_back(std::move(damage));
 }
 
@@ -318,8 +320,8 @@ std::string KTSScrub::prometheusText() const {
   metric("ondrel_verify_last_check_timestamp_seconds", "gauge",
          "When the scrub last read files, in seconds since the epoch",
          secondsSinceEpoch(totals_.lastCheck));
-  metric("ondrel_verify_last_cycle_seconds", "gauge",
-         "How long the scrub's last whole cycle took", totals_.lastCycleSeconds.value_or(0));
+  metric("ondrel_verify_last_cycle_seconds", "gauge", "How long the scrub's last whole cycle took",
+         totals_.lastCycleSeconds.value_or(0));
   return text;
 }
 

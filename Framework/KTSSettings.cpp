@@ -70,7 +70,8 @@ Setting number(std::string_view key, std::int64_t low, std::int64_t high, std::s
 }
 
 Setting duration(std::string_view key, std::int64_t low, std::int64_t high) {
-  return {key, Kind::Duration, low, high, "a duration (seconds, or a number followed by s, m, h or d)"};
+  return {key, Kind::Duration, low, high,
+          "a duration (seconds, or a number followed by s, m, h or d)"};
 }
 
 Setting ofWebServer(Setting setting) {

@@ -119,7 +119,8 @@ KTSSyncPass::KTSSyncPass(KTSPassContext& context, KTSPassObserver& observer)
       observer_(observer),
       log_(context.log()),
       digests_(KTSFileDigests::storePathForDocumentRoot(context.layout().documentRoot())),
-      productTable_(context.layout(), &digests_) {}
+      upstreamDigests_(context.layout(), context.log()),
+      productTable_(context.layout(), &digests_, &upstreamDigests_) {}
 
 bool KTSSyncPass::interrupted() const { return Transfer::isCancelled(); }
 
@@ -165,6 +166,8 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
   saveState();
   validators->save();
   digests_.save();
+  // Before the served catalogs: a product a child finds served has its digests published.
+  KTSDigestManifests::publish(context_.layout(), digests_, context_.workingSet(), log_);
   logRequests(scheduler.counters(), outcome);
   writeServedCatalogs(outcome);
   outcome.interrupted = interrupted();

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "KTSCatalog.h"
+#include "KTSDigestManifests.h"
 #include "KTSFetchScheduler.h"
 #include "KTSFileDigests.h"
 #include "KTSLogger.h"
@@ -136,6 +137,8 @@ class KTSSyncPass {
   std::vector<std::shared_ptr<KTSCatalog>> catalogs_;
   // The digests of the files the server keeps, recorded as the pass places them.
   KTSFileDigests digests_;
+  // What the upstreams published about the files the pass fetches (a parent mirror's digests).
+  KTSUpstreamDigests upstreamDigests_;
   // Every catalog's copy of every product once the catalogs are loaded, and the files they name.
   KTSProductTable productTable_;
   // Catalogs synced in this pass; their product index caches are saved at its end.

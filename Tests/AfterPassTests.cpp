@@ -49,7 +49,8 @@ TEST_F(AfterPassTest, HistoryKeepsTheLastGoodPassAndRefusesDamage) {
   const std::string file = KTSPassHistory::defaultPath(context().layout());
   KTSPassHistory empty(file);
   EXPECT_FALSE(empty.healthy(clock_->now()));
-  EXPECT_NE(toJson(empty.healthDocument(clock_->now())).find("\"lastGoodPass\": null"), std::string::npos);
+  EXPECT_NE(toJson(empty.healthDocument(clock_->now())).find("\"lastGoodPass\": null"),
+            std::string::npos);
 
   Date first = clock_->now();
   ASSERT_TRUE(KTSPassHistory(file).record(pass(KTSPassHistory::Outcome::Succeeded, first)));
@@ -79,8 +80,9 @@ TEST_F(AfterPassTest, HistoryKeepsTheLastGoodPassAndRefusesDamage) {
   EXPECT_TRUE(KTSPassHistory(file).healthy(first + 3h)) << "an interrupted pass is no failure";
   EXPECT_TRUE(KTSPassHistory(file).healthy(first + 26h + 59min));
   EXPECT_FALSE(KTSPassHistory(file).healthy(first + 27h + 1min)) << "a pass is overdue";
-  EXPECT_NE(toJson(KTSPassHistory(file).healthDocument(first + 28h)).find("\"nextPassOverdue\": true"),
-            std::string::npos);
+  EXPECT_NE(
+      toJson(KTSPassHistory(file).healthDocument(first + 28h)).find("\"nextPassOverdue\": true"),
+      std::string::npos);
   // The last passes, oldest first, for the page's chart; only the newest are kept.
   std::vector<KTSPassHistory::Pass> recent = KTSPassHistory(file).recentPasses();
   ASSERT_EQ(recent.size(), 3u);

@@ -286,7 +286,8 @@ std::string prometheusText(const ServerSummary& summary, const KTSPassHistory& h
         static_cast<double>(summary.volume.free));
   gauge("ondrel_volume_size_bytes", "Size of the document root's volume",
         static_cast<double>(summary.volume.total));
-  return text + history.prometheusText() + KTSScrub(KTSScrub::defaultPath(layout)).prometheusText() +
+  return text + history.prometheusText() +
+         KTSScrub(KTSScrub::defaultPath(layout)).prometheusText() +
          catalogClientsPrometheus(catalogClients(accessLogPath(layout), 1));
 }
 

@@ -9,9 +9,9 @@
 #include "Administration.h"
 #include "CgiPrograms.h"
 #include "Clock.h"
+#include "Json.h"
 #include "KTSPassContext.h"
 #include "KTSPassHistory.h"
-#include "Json.h"
 #include "KTSServerLayout.h"
 
 int main(int, char** argv) {

@@ -123,7 +123,8 @@ bool runScrubSlice(ondrel::KTSPassContext& context, ondrel::KTSScrub& scrub, boo
   sd_notify(0, "STATUS=checking the kept files");
   std::optional<Date> endedBefore = scrub.cycle().ended;
   std::size_t damaged = scrub.run(
-      context, pace, kScrubSlice, [] { return !stopRequested.load(); }, &syncd::Progress::heartbeat);
+      context, pace, kScrubSlice, [] { return !stopRequested.load(); },
+      &syncd::Progress::heartbeat);
   if (damaged > 0 || scrub.cycle().ended != endedBefore) programs::writeMetricsFile(context);
   sd_notify(0, "STATUS=waiting for the next pass");
   return damaged > 0;

@@ -40,10 +40,10 @@ std::string sizeText(const Plist& size) {
 // that no pass has put right yet.
 void printScrub(const KTSScrub& scrub) {
   const KTSScrub::Cycle& cycle = scrub.cycle();
-  std::string progress = !cycle.started ? "not yet begun"
-                         : cycle.ended
-                             ? "last cycle ended " + formatDescriptionDate(*cycle.ended)
-                             : fmt::format("{} of {} files this cycle", cycle.files, cycle.totalFiles);
+  std::string progress =
+      !cycle.started ? "not yet begun"
+      : cycle.ended  ? "last cycle ended " + formatDescriptionDate(*cycle.ended)
+                     : fmt::format("{} of {} files this cycle", cycle.files, cycle.totalFiles);
   std::printf("Files checked:   %s; %llu found damaged in all\n", progress.c_str(),
               static_cast<unsigned long long>(scrub.totals().damaged));
   for (const KTSScrub::Damage& damage : scrub.standingDamage()) {

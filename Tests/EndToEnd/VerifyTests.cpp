@@ -242,9 +242,9 @@ TEST_F(VerifyTest, TheScrubGoesOnWhereItStoppedAndNothingFoundDamagedStaysServed
   {
     KTSScrub scrub(record);
     int allowed = 3;
-    EXPECT_EQ(scrub.run(context(), pace, std::chrono::seconds(60), [&] { return allowed-- > 0; },
-                        {}),
-              0u);
+    EXPECT_EQ(
+        scrub.run(context(), pace, std::chrono::seconds(60), [&] { return allowed-- > 0; }, {}),
+        0u);
     EXPECT_EQ(scrub.cycle().files, 3u);
     EXPECT_FALSE(scrub.cycle().ended);
   }
@@ -287,8 +287,8 @@ TEST_F(VerifyTest, TheScrubGoesOnWhereItStoppedAndNothingFoundDamagedStaysServed
   EXPECT_TRUE(afterDaemon.standingDamage().empty());
 
   // A hostile record is no record: nothing read from it is deleted, and a new cycle begins.
-  writeFile(record, "<plist><dict><key>damage</key><array><dict><key>path</key><string>" +
-                        kept[1] + "</string></dict></array><key>day</key><integer>7");
+  writeFile(record, "<plist><dict><key>damage</key><array><dict><key>path</key><string>" + kept[1] +
+                        "</string></dict></array><key>day</key><integer>7");
   KTSScrub hostile(record);
   EXPECT_FALSE(hostile.cycle().started);
   EXPECT_TRUE(hostile.standingDamage().empty());

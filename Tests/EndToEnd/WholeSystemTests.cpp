@@ -285,6 +285,48 @@ TEST_F(WholeSystemTest, PassesKilledAtAnyMomentLeaveWholeFilesServed) {
   }
 }
 
+// The served path ("content/downloads/...") of the first package of productId as mirror serves it.
+std::string packagePath(const Mirror& mirror, const std::string& productId) {
+  const Plist& packages =
+      mirror.served()[KTCatalogProductsDictKey][productId][KTCatalogProductPackagesKey];
+  std::string url = packages.size() > 0 ? packages[0]["URL"].stringValue() : "";
+  std::size_t at = url.find("/content/");
+  return at == std::string::npos ? "" : url.substr(at + 1);
+}
+
+// A parent vouches for its files: a child refuses a file whose bytes are not those the parent
+// recorded, and places nothing of it; a manifest that is not one leaves the size as the only check.
+void expectChildChecksParentDigests(const Mirror& parent, const Mirror& child) {
+  const std::string rotten = packagePath(parent, "VT-000020");
+  const std::string garbled = packagePath(parent, "VT-000021");
+  ASSERT_FALSE(rotten.empty());
+  ASSERT_FALSE(garbled.empty());
+  std::string manifest = OndrelTest::readFile(parent.html() + "/digests/VT-000020");
+  EXPECT_NE(manifest.find("\t" + rotten + "\n"), std::string::npos) << manifest;
+
+  std::string good = OndrelTest::readFile(parent.html() + "/" + rotten);
+  std::string bad = good;
+  bad[bad.size() / 2] = static_cast<char>(bad[bad.size() / 2] ^ 1);
+  OndrelTest::writeFile(parent.html() + "/" + rotten, bad);
+  OndrelTest::writeFile(parent.html() + "/digests/VT-000021",
+                        "ondrel-digests 1\n" + std::string(64, 'F') + "\t1\t" + garbled +
+                            "\nzz\t-1\t../../../etc/passwd\n\t\t\n" + std::string(70000, 'x'));
+  std::filesystem::remove(child.html() + "/" + rotten);
+  std::filesystem::remove(child.html() + "/" + garbled);
+  child.pass();
+  EXPECT_FALSE(std::filesystem::exists(child.html() + "/" + rotten)) << "refused";
+  EXPECT_FALSE(std::filesystem::exists(child.html() + "/" + rotten + ".downloading"));
+  EXPECT_FALSE(child.served()[KTCatalogProductsDictKey].contains("VT-000020"));
+  EXPECT_EQ(OndrelTest::readFile(child.html() + "/" + garbled),
+            OndrelTest::readFile(parent.html() + "/" + garbled))
+      << "a garbled manifest names no digest; the file is checked by its size";
+
+  OndrelTest::writeFile(parent.html() + "/" + rotten, good);
+  ProgramResult mended = child.pass();
+  EXPECT_EQ(mended.exitStatus, 0) << mended.output;
+  EXPECT_EQ(OndrelTest::readFile(child.html() + "/" + rotten), good);
+}
+
 TEST_F(WholeSystemTest, AChildServerMirrorsOnlyWhatItsParentServes) {
   Mirror parent(root_ + "/parent", test::freeLoopbackPort());
   Mirror child(root_ + "/child", test::freeLoopbackPort());
@@ -305,6 +347,7 @@ TEST_F(WholeSystemTest, AChildServerMirrorsOnlyWhatItsParentServes) {
   for (const auto& [productId, entry] : childServed.items()) {
     EXPECT_TRUE(parentServed.contains(productId)) << productId;
   }
+  expectChildChecksParentDigests(parent, child);
 
   // With the vendor and the parent gone, a client of the child installs from the child alone.
   ASSERT_EQ(parent.ctl({"web", "stop"}).exitStatus, 0);

@@ -1,0 +1,200 @@
+#include "KTSDigestManifests.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <filesystem>
+#include <vector>
+
+#include "FileIO.h"
+#include "KTSFetchScheduler.h"
+#include "KTSFileDigests.h"
+#include "KTSFileDownloader.h"
+#include "KTSFileRecordFormat.h"
+#include "KTSProductState.h"
+#include "KTSWorkingSet.h"
+#include "PathString.h"
+#include "ProductId.h"
+
+namespace ondrel {
+
+namespace {
+
+constexpr std::string_view kHeader = "ondrel-digests 1\n";
+constexpr const char* kFolderName = "digests";
+// A product of thousands of files has a manifest of a few hundred kilobytes.
+constexpr std::size_t kManifestReadLimit = std::size_t{4} << 20;
+
+std::string servedTreePrefix(const KTSServerLayout& layout) {
+  return standardizingPath(layout.htmlFolder()) + "/";
+}
+
+// scheme://host[:port] of url, as a key of the upstreams a pass fetches from.
+std::string originOf(const Url& url) {
+  std::string host =
+      url.host().find(':') != std::string::npos ? "[" + url.host() + "]" : url.host();
+  return url.scheme() + "://" + host + (url.port() ? ":" + std::to_string(*url.port()) : "");
+}
+
+bool isDigest(std::string_view text) {
+  return text.size() == 64 && text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+using FileLine = std::pair<std::string_view, const KTSFileDigests::Record*>;
+
+bool writeManifest(std::FILE* file, std::vector<FileLine>& lines) {
+  std::sort(lines.begin(), lines.end(),
+            [](const FileLine& a, const FileLine& b) { return a.first < b.first; });
+  if (std::fwrite(kHeader.data(), 1, kHeader.size(), file) != kHeader.size()) return false;
+  for (const auto& [relative, record] : lines) {
+    if (std::fprintf(file, "%s\t%lld\t%.*s\n", record->sha256.c_str(),
+                     static_cast<long long>(record->stamp.size), static_cast<int>(relative.size()),
+                     relative.data()) < 0) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Removes the manifests of products not kept, and whatever else is in the folder.
+void removeOthers(const std::string& folder, const std::set<std::string>& kept) {
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+       entry.increment(error)) {
+    std::string name = entry->path().filename().string();
+    if (kept.count(name) == 0 && !isAtomicWriteTemporary(name)) {
+      std::error_code ignored;
+      std::filesystem::remove_all(entry->path(), ignored);
+    }
+  }
+}
+
+}  // namespace
+
+namespace KTSDigestManifests {
+
+std::string manifestPath(const KTSServerLayout& layout, const std::string& productId) {
+  return servedTreePrefix(layout) + kFolderName + "/" + productId;
+}
+
+std::string manifestUrlPath(const std::string& productId) {
+  return std::string("/") + kFolderName + "/" + productId;
+}
+
+std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests,
+                    const KTSWorkingSet& workingSet, const LogHandle& log) {
+  const std::string prefix = servedTreePrefix(layout);
+  std::unordered_map<std::string, std::vector<FileLine>> byProduct;
+  for (const auto& [path, record] : digests.records()) {
+    if (path.size() > prefix.size() && path.compare(0, prefix.size(), prefix) == 0) {
+      byProduct[record.productId].emplace_back(std::string_view(path).substr(prefix.size()),
+                                               &record);
+    }
+  }
+  const std::string folder = prefix + kFolderName;
+  std::error_code made;
+  // Never written or emptied through a link to a folder elsewhere.
+  if (std::filesystem::is_symlink(folder, made)) {
+    log.warning("{} is a link; no digests are published.", folder);
+    return 0;
+  }
+  std::filesystem::create_directories(folder, made);
+  std::set<std::string> kept;
+  std::size_t written = 0;
+  for (const auto& [productId, entry] : workingSet.products().items()) {
+    if (!isValidProductId(productId) ||
+        !KTSProductState::keepsFilesIn(workingSet.mirrorSettingForProductID(productId))) {
+      continue;
+    }
+    kept.insert(productId);
+    std::vector<FileLine>& lines = byProduct[productId];
+    bool replaced = false;
+    std::string error;
+    if (!writeFileAtomicallyUnlessUnchanged(
+            manifestPath(layout, productId),
+            [&lines](std::FILE* file) { return writeManifest(file, lines); }, &replaced, &error)) {
+      log.warning("The digests of {} could not be published: {}", productId, error);
+    }
+    written += replaced ? 1 : 0;
+  }
+  removeOthers(folder, kept);
+  return written;
+}
+
+std::optional<Manifest> parse(std::string_view text) {
+  if (text.size() > kManifestReadLimit || text.substr(0, kHeader.size()) != kHeader) {
+    return std::nullopt;
+  }
+  Manifest manifest;
+  std::size_t at = kHeader.size();
+  while (at < text.size()) {
+    std::size_t end = text.find('\n', at);
+    if (end == std::string_view::npos) break;  // a line cut short
+    std::string_view line = text.substr(at, end - at);
+    at = end + 1;
+    std::size_t first = line.find('\t');
+    std::size_t second = first == std::string_view::npos ? first : line.find('\t', first + 1);
+    if (second == std::string_view::npos) continue;
+    std::string_view digest = line.substr(0, first);
+    std::string_view path = line.substr(second + 1);
+    if (!isDigest(digest) ||
+        !KTSFileRecordFormat::parseNumber(line.substr(first + 1, second - first - 1)) ||
+        !KTSFileRecordFormat::isRecordablePath(path)) {
+      continue;
+    }
+    manifest.try_emplace(std::string(path), std::string(digest));
+  }
+  return manifest;
+}
+
+}  // namespace KTSDigestManifests
+
+void KTSUpstreamDigests::fetch(const std::string& productId, const Url& fileUrl,
+                               KTSFetchScheduler& scheduler, Ready ready) {
+  std::string origin = originOf(fileUrl);
+  std::optional<Url> url = Url::parse(origin + KTSDigestManifests::manifestUrlPath(productId));
+  if (originsWithout_.count(origin) != 0 || !url || !isValidProductId(productId)) {
+    return ready(nullptr);
+  }
+  // Received into memory: nothing is written where the path says.
+  auto downloader = KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(
+      *url, KTSDigestManifests::manifestPath(layout_, productId), false);
+  downloader->setUsesValidators(false);
+  downloader->receiveIntoMemory(kManifestReadLimit);
+  scheduler.enqueueFirst(std::move(downloader), [this, origin, productId, ready = std::move(ready)](
+                                                    KTSFileDownloader& fetched) {
+    if (fetched.downloadError()) {
+      if (fetched.answeredStatus() == 404) {
+        originsWithout_.insert(origin);
+      } else {
+        log_.warning(
+            "The digests {} publishes for {} could not be fetched ({}); its files are "
+            "checked by their size alone.",
+            origin, productId, fetched.downloadError()->description());
+      }
+      return ready(nullptr);
+    }
+    std::optional<KTSDigestManifests::Manifest> manifest =
+        KTSDigestManifests::parse(fetched.takeReceivedBody());
+    if (!manifest) {
+      log_.warning(
+          "The digests {} publishes for {} are not readable; its files are checked by "
+          "their size alone.",
+          origin, productId);
+      return ready(nullptr);
+    }
+    ready(std::make_shared<const KTSDigestManifests::Manifest>(std::move(*manifest)));
+  });
+}
+
+std::optional<std::string> KTSUpstreamDigests::digestOf(
+    const KTSDigestManifests::Manifest& manifest, const std::string& localPath) const {
+  const std::string prefix = servedTreePrefix(layout_);
+  std::string path = standardizingPath(localPath);
+  if (path.size() <= prefix.size() || path.compare(0, prefix.size(), prefix) != 0) {
+    return std::nullopt;
+  }
+  auto found = manifest.find(path.substr(prefix.size()));
+  return found != manifest.end() ? std::optional(found->second) : std::nullopt;
+}
+
+}  // namespace ondrel
