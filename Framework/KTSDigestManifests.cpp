@@ -14,6 +14,7 @@
 #include "KTSWorkingSet.h"
 #include "PathString.h"
 #include "ProductId.h"
+#include "Sha256.h"
 
 namespace ondrel {
 
@@ -35,8 +36,10 @@ std::string originOf(const Url& url) {
   return url.scheme() + "://" + host + (url.port() ? ":" + std::to_string(*url.port()) : "");
 }
 
-bool isDigest(std::string_view text) {
-  return text.size() == 64 && text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+// The size of the regular file at path; none for anything else.
+std::optional<std::int64_t> fileSize(const std::string& path) {
+  std::optional<KTSFileRecordFormat::Stamp> stamp = KTSFileRecordFormat::stampOf(path);
+  return stamp ? std::optional(stamp->size) : std::nullopt;
 }
 
 using FileLine = std::pair<std::string_view, const KTSFileDigests::Record*>;
@@ -83,13 +86,6 @@ std::string manifestUrlPath(const std::string& productId) {
 std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests,
                     const KTSWorkingSet& workingSet, const LogHandle& log) {
   const std::string prefix = servedTreePrefix(layout);
-  std::unordered_map<std::string, std::vector<FileLine>> byProduct;
-  for (const auto& [path, record] : digests.records()) {
-    if (path.size() > prefix.size() && path.compare(0, prefix.size(), prefix) == 0) {
-      byProduct[record.productId].emplace_back(std::string_view(path).substr(prefix.size()),
-                                               &record);
-    }
-  }
   const std::string folder = prefix + kFolderName;
   std::error_code made;
   // Never written or emptied through a link to a folder elsewhere.
@@ -98,26 +94,38 @@ std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests
     return 0;
   }
   std::filesystem::create_directories(folder, made);
+  // Only what changed is written again: a manifest whose product's records changed, or one that
+  // is missing (or was left empty by a crash).
   std::set<std::string> kept;
-  std::size_t written = 0;
+  std::unordered_map<std::string, std::vector<FileLine>> due;
   for (const auto& [productId, entry] : workingSet.products().items()) {
     if (!isValidProductId(productId) ||
         !KTSProductState::keepsFilesIn(workingSet.mirrorSettingForProductID(productId))) {
       continue;
     }
     kept.insert(productId);
-    std::vector<FileLine>& lines = byProduct[productId];
-    bool replaced = false;
+    std::optional<std::int64_t> size = fileSize(manifestPath(layout, productId));
+    if (digests.productsChanged().count(productId) != 0 || !size || *size == 0) {
+      due.try_emplace(productId);
+    }
+  }
+  for (const auto& [path, record] : digests.records()) {
+    auto product = due.find(record.productId);
+    if (product != due.end() && path.size() > prefix.size() &&
+        path.compare(0, prefix.size(), prefix) == 0) {
+      product->second.emplace_back(std::string_view(path).substr(prefix.size()), &record);
+    }
+  }
+  for (auto& [productId, lines] : due) {
     std::string error;
-    if (!writeFileAtomicallyUnlessUnchanged(
+    if (!writeDerivedFileAtomically(
             manifestPath(layout, productId),
-            [&lines](std::FILE* file) { return writeManifest(file, lines); }, &replaced, &error)) {
+            [&lines](std::FILE* file) { return writeManifest(file, lines); }, &error)) {
       log.warning("The digests of {} could not be published: {}", productId, error);
     }
-    written += replaced ? 1 : 0;
   }
   removeOthers(folder, kept);
-  return written;
+  return due.size();
 }
 
 std::optional<Manifest> parse(std::string_view text) {
@@ -136,7 +144,7 @@ std::optional<Manifest> parse(std::string_view text) {
     if (second == std::string_view::npos) continue;
     std::string_view digest = line.substr(0, first);
     std::string_view path = line.substr(second + 1);
-    if (!isDigest(digest) ||
+    if (!Sha256::isHexDigest(digest) ||
         !KTSFileRecordFormat::parseNumber(line.substr(first + 1, second - first - 1)) ||
         !KTSFileRecordFormat::isRecordablePath(path)) {
       continue;

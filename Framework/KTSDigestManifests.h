@@ -42,9 +42,10 @@ std::string manifestUrlPath(const std::string& productId);
 // A manifest is a header line, then a line per file: its SHA-256, size and path relative to the
 // served tree, tab-separated, in path order.
 //
-// Writes the manifest of every product the working set says the server keeps (one with no
-// digest recorded yet gets one that names no file), leaving alone those whose text is already
-// there, and removes the manifests of every other product. The number written.
+// Writes the manifest of every product the working set says the server keeps whose records
+// changed since digests was read, or whose manifest is missing (one with no digest recorded yet
+// gets one that names no file), and removes the manifests of every other product. The number
+// written.
 std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests,
                     const KTSWorkingSet& workingSet, const LogHandle& log);
 

@@ -51,12 +51,18 @@ void KTSFileDigests::recordFile(const std::string& path, const std::string& sha2
   }
   Record& record = records_[path];
   if (record.sha256 == sha256 && record.stamp == *stamp && record.productId == productId) return;
+  if (!record.productId.empty()) productsChanged_.insert(record.productId);
+  productsChanged_.insert(productId);
   record = {sha256, *stamp, productId};
   changed_ = true;
 }
 
 void KTSFileDigests::forgetFile(const std::string& path) {
-  changed_ = records_.erase(path) > 0 || changed_;
+  auto found = records_.find(path);
+  if (found == records_.end()) return;
+  productsChanged_.insert(found->second.productId);
+  records_.erase(found);
+  changed_ = true;
 }
 
 bool KTSFileDigests::save() {

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "KTSFileRecordFormat.h"
 
@@ -43,6 +44,8 @@ class KTSFileDigests {
   bool save();
 
   std::size_t count() const { return records_.size(); }
+  // The products whose files' records changed since the record was read.
+  const std::unordered_set<std::string>& productsChanged() const { return productsChanged_; }
   const std::unordered_map<std::string, Record>& records() const { return records_; }
 
  private:
@@ -50,6 +53,7 @@ class KTSFileDigests {
 
   std::string storePath_;
   std::unordered_map<std::string, Record> records_;
+  std::unordered_set<std::string> productsChanged_;
   bool changed_ = false;
 };
 

@@ -9,6 +9,7 @@
 #include "Clock.h"
 #include "DateFormats.h"
 #include "IoPriority.h"
+#include "KTSDigestManifests.h"
 #include "KTSFileDigests.h"
 #include "KTSPassContext.h"
 #include "KTSProductFileRules.h"
@@ -237,6 +238,7 @@ std::size_t KTSScrub::run(KTSPassContext& context, const Pace& pace, std::chrono
   totals_.bytes += verifier.summary().bytesRead;
   totals_.lastCheck = now;
   if (!digests.save()) context.log().warning("The digests the scrub took could not be recorded.");
+  KTSDigestManifests::publish(layout, digests, context.workingSet(), context.log());
   if (!save()) context.log().warning("The scrub's record {} could not be written.", path_);
   return found;
 }

@@ -193,8 +193,8 @@ bool syncToDisk(const std::string& path) {
 // The contents go to a temporary file beside path, reach the disk, and are renamed into place.
 // With replaced, contents equal to the file's own are dropped instead (and need no disk sync).
 bool writeAtomically(const std::string& path, const std::function<bool(std::FILE*)>& writeContents,
-                     std::string* error, const std::function<void()>& beforeReplace,
-                     bool* replaced) {
+                     std::string* error, const std::function<void()>& beforeReplace, bool* replaced,
+                     bool synced = true) {
   std::string folder = deletingLastPathComponent(path);
   std::string temporary = appendingPathComponent(
       folder.empty() ? "." : folder,
@@ -219,7 +219,9 @@ bool writeAtomically(const std::string& path, const std::function<bool(std::FILE
   bool written = writeContents(file);
   int code = errno;
   if (written && std::fflush(file) != 0) written = false, code = errno;
-  if (written && replaced == nullptr && ::fsync(fileno(file)) != 0) written = false, code = errno;
+  if (written && synced && replaced == nullptr && ::fsync(fileno(file)) != 0) {
+    written = false, code = errno;
+  }
   if (std::fclose(file) != 0 && written) written = false, code = errno;
   if (written && replaced != nullptr) {
     *replaced = !sameFileContents(temporary, path);
@@ -245,6 +247,12 @@ bool writeFileAtomically(const std::string& path,
                          const std::function<bool(std::FILE*)>& writeContents, std::string* error,
                          const std::function<void()>& beforeReplace) {
   return writeAtomically(path, writeContents, error, beforeReplace, nullptr);
+}
+
+bool writeDerivedFileAtomically(const std::string& path,
+                                const std::function<bool(std::FILE*)>& writeContents,
+                                std::string* error) {
+  return writeAtomically(path, writeContents, error, {}, nullptr, false);
 }
 
 bool writeFileAtomicallyUnlessUnchanged(const std::string& path,

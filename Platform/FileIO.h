@@ -36,6 +36,12 @@ bool writeFileAtomically(const std::string& path,
                          const std::function<bool(std::FILE*)>& writeContents, std::string* error,
                          const std::function<void()>& beforeReplace = {});
 
+// Writes like writeFileAtomically without waiting for the bytes to reach the disk: for a file
+// made again from others, which after a crash may be found empty (never half-written).
+bool writeDerivedFileAtomically(const std::string& path,
+                                const std::function<bool(std::FILE*)>& writeContents,
+                                std::string* error);
+
 // Writes like writeFileAtomically, but when the new contents are the file's own, byte for byte,
 // the file is left as it was (its inode and modification time too, so that what readers cached of
 // it stays valid), beforeReplace is not run and *replaced is false.

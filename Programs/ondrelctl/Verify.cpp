@@ -9,6 +9,7 @@
 #include <set>
 
 #include "Ctl.h"
+#include "KTSDigestManifests.h"
 #include "KTSFileDigests.h"
 #include "KTSFileVerifier.h"
 #include "KTSPassContext.h"
@@ -190,6 +191,7 @@ std::vector<Problem> stillDamaged(KTSPassContext& context, const std::vector<Pro
     }
   }
   digests.save();
+  KTSDigestManifests::publish(layout, digests, context.workingSet(), context.log());
   return left;
 }
 
@@ -267,6 +269,7 @@ int verify(const VerifyRequest& request) {
     checked = checkFiles(files, digests, layout, request);
     if (request.repair) removeDamaged(checked.problems, layout, digests);
     if (!digests.save()) return fail("the digests taken could not be recorded");
+    KTSDigestManifests::publish(layout, digests, context.workingSet(), context.log());
   }
   if (!request.json) {
     printProblems(checked.problems, layout);
