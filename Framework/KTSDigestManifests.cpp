@@ -1,5 +1,7 @@
 #include "KTSDigestManifests.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -31,9 +33,11 @@ std::string servedTreePrefix(const KTSServerLayout& layout) {
 
 // scheme://host[:port] of url, as a key of the upstreams a pass fetches from.
 std::string originOf(const Url& url) {
-  std::string host =
-      url.host().find(':') != std::string::npos ? "[" + url.host() + "]" : url.host();
-  return url.scheme() + "://" + host + (url.port() ? ":" + std::to_string(*url.port()) : "");
+  bool bracketed = url.host().find(':') != std::string::npos;
+  std::string origin = fmt::format("{}://{}{}{}", url.scheme(), bracketed ? "[" : "", url.host(),
+                                   bracketed ? "]" : "");
+  if (url.port()) origin += fmt::format(":{}", *url.port());
+  return origin;
 }
 
 // The size of the regular file at path; none for anything else.
@@ -76,17 +80,17 @@ void removeOthers(const std::string& folder, const std::set<std::string>& kept) 
 namespace KTSDigestManifests {
 
 std::string manifestPath(const KTSServerLayout& layout, const std::string& productId) {
-  return servedTreePrefix(layout) + kFolderName + "/" + productId;
+  return fmt::format("{}{}/{}", servedTreePrefix(layout), kFolderName, productId);
 }
 
 std::string manifestUrlPath(const std::string& productId) {
-  return std::string("/") + kFolderName + "/" + productId;
+  return fmt::format("/{}/{}", kFolderName, productId);
 }
 
 std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests,
                     const KTSWorkingSet& workingSet, const LogHandle& log) {
   const std::string prefix = servedTreePrefix(layout);
-  const std::string folder = prefix + kFolderName;
+  const std::string folder = fmt::format("{}{}", prefix, kFolderName);
   std::error_code made;
   // Never written or emptied through a link to a folder elsewhere.
   if (std::filesystem::is_symlink(folder, made)) {
