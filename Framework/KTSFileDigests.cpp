@@ -65,6 +65,19 @@ void KTSFileDigests::forgetFile(const std::string& path) {
   changed_ = true;
 }
 
+void KTSFileDigests::forgetRemovedFiles(
+    const std::function<bool(const std::string& productId)>& keeps) {
+  for (auto record = records_.begin(); record != records_.end();) {
+    if (keeps(record->second.productId) || KTSFileRecordFormat::stampOf(record->first)) {
+      ++record;
+      continue;
+    }
+    productsChanged_.insert(record->second.productId);
+    record = records_.erase(record);
+    changed_ = true;
+  }
+}
+
 bool KTSFileDigests::save() {
   if (!changed_) return true;
   std::string error;

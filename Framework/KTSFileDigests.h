@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -40,6 +41,8 @@ class KTSFileDigests {
   // that is not one, forgets the path instead.
   void recordFile(const std::string& path, const std::string& sha256, const std::string& productId);
   void forgetFile(const std::string& path);
+  // Forgets the records of files that are gone, of products for which keeps says no.
+  void forgetRemovedFiles(const std::function<bool(const std::string& productId)>& keeps);
   // Writes the record when it changed since it was read. False when it could not be written.
   bool save();
 

@@ -165,9 +165,7 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
   countStillToFetch(listed, outcome);
   saveState();
   validators->save();
-  digests_.save();
-  // Before the served catalogs: a product a child finds served has its digests published.
-  KTSDigestManifests::publish(context_.layout(), digests_, context_.workingSet(), log_);
+  saveDigests();
   logRequests(scheduler.counters(), outcome);
   writeServedCatalogs(outcome);
   outcome.interrupted = interrupted();
@@ -640,6 +638,17 @@ bool KTSSyncPass::upstreamStillAnswers(KTSPassOutcome& outcome) {
   log_.error("The upstream {} stopped answering; mirroring waits for the next pass.",
              upstream.host());
   return false;
+}
+
+// Before the served catalogs: a product a child finds served has its digests published. The
+// records of files removed with their product go.
+void KTSSyncPass::saveDigests() {
+  KTSWorkingSet& workingSet = context_.workingSet();
+  digests_.forgetRemovedFiles([&workingSet](const std::string& productId) {
+    return KTSProductState::keepsFilesIn(workingSet.mirrorSettingForProductID(productId));
+  });
+  digests_.save();
+  KTSDigestManifests::publish(context_.layout(), digests_, workingSet, log_);
 }
 
 void KTSSyncPass::saveState() {

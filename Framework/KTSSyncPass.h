@@ -118,6 +118,7 @@ class KTSSyncPass {
                        std::chrono::duration<double> took);
   bool upstreamStillAnswers(KTSPassOutcome& outcome);
   void saveState();
+  void saveDigests();
   bool listsChangedProduct(const KTSCatalog& catalog) const;
   void writeServedCatalogs(KTSPassOutcome& outcome);
   bool writeServedCatalog(const KTSCatalog& catalog, const std::vector<KTSProduct*>& serving,

@@ -15,6 +15,7 @@
 #include "Clock.h"
 #include "FileIO.h"
 #include "KTCatalogKeys.h"
+#include "KTSFileDigests.h"
 #include "KTSJobTicketManager.h"
 #include "KTSPreferences.h"
 #include "KTSRequestManager.h"
@@ -198,6 +199,10 @@ TEST_F(KTSSyncPassTest, AnAdministratorsChangesAreCarriedOutByPassesOfChangesOnl
   EXPECT_FALSE(removed.failed()) << removed.note();
   EXPECT_EQ(removed.productsRemoved, 1u);
   EXPECT_FALSE(std::filesystem::exists(html() + packagePath(chosen))) << "packages removed";
+  EXPECT_FALSE(std::filesystem::exists(html() + "/digests/" + chosen)) << "and their digests";
+  KTSFileDigests digests(
+      KTSFileDigests::storePathForDocumentRoot(context().layout().documentRoot()));
+  EXPECT_EQ(digests.recordOf(html() + packagePath(chosen)), nullptr);
   EXPECT_EQ(served().size(), 0u);
   EXPECT_TRUE(nothingPending());
 
