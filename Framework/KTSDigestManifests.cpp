@@ -53,7 +53,7 @@ bool writeManifest(std::FILE* file, std::vector<FileLine>& lines) {
             [](const FileLine& a, const FileLine& b) { return a.first < b.first; });
   if (std::fwrite(kHeader.data(), 1, kHeader.size(), file) != kHeader.size()) return false;
   for (const auto& [relative, record] : lines) {
-    if (std::fprintf(file, "%s\t%lld\t%.*s\n", record->sha256.c_str(),
+    if (std::fprintf(file, "%s\t%lld\t%.*s\n", record->sha256.hex().c_str(),
                      static_cast<long long>(record->stamp.size), static_cast<int>(relative.size()),
                      relative.data()) < 0) {
       return false;
@@ -120,7 +120,8 @@ std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests
       product->second.emplace_back(std::string_view(path).substr(prefix.size()), &record);
     }
   }
-  for (auto& [productId, lines] : due) {
+  for (auto& [productId, fileLines] : due) {
+    std::vector<FileLine>& lines = fileLines;
     std::string error;
     if (!writeDerivedFileAtomically(
             manifestPath(layout, productId),

@@ -14,7 +14,29 @@ namespace {
 constexpr std::string_view kHeader = "ondrel-digests 1\n";
 constexpr std::size_t kStoreReadLimit = std::size_t{256} << 20;
 
+int hexValue(char digit) { return digit <= '9' ? digit - '0' : digit - 'a' + 10; }
+
 }  // namespace
+
+std::optional<KTSFileDigests::Digest> KTSFileDigests::Digest::fromHex(std::string_view hex) {
+  if (!Sha256::isHexDigest(hex)) return std::nullopt;
+  Digest digest;
+  for (std::size_t i = 0; i < digest.bytes.size(); ++i) {
+    digest.bytes[i] =
+        static_cast<std::uint8_t>(hexValue(hex[2 * i]) * 16 + hexValue(hex[2 * i + 1]));
+  }
+  return digest;
+}
+
+std::string KTSFileDigests::Digest::hex() const {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string text(bytes.size() * 2, '0');
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    text[2 * i] = kDigits[bytes[i] >> 4];
+    text[2 * i + 1] = kDigits[bytes[i] & 0xf];
+  }
+  return text;
+}
 
 KTSFileDigests::KTSFileDigests(std::string storePath) : storePath_(std::move(storePath)) { load(); }
 
@@ -28,12 +50,12 @@ void KTSFileDigests::load() {
         if (fields.size() != 5) return;
         std::optional<std::int64_t> size = KTSFileRecordFormat::parseNumber(fields[1]);
         std::optional<std::int64_t> modified = KTSFileRecordFormat::parseNumber(fields[2]);
-        if (!KTSFileRecordFormat::isRecordablePath(fields[0]) || !size || !modified ||
-            !Sha256::isHexDigest(fields[3]) || !isValidProductId(std::string(fields[4]))) {
+        std::optional<Digest> digest = Digest::fromHex(fields[3]);
+        if (!KTSFileRecordFormat::isRecordablePath(fields[0]) || !size || !modified || !digest ||
+            !isValidProductId(std::string(fields[4]))) {
           return;
         }
-        records_[std::string(fields[0])] = {
-            std::string(fields[3]), {*size, *modified}, std::string(fields[4])};
+        records_[std::string(fields[0])] = {*digest, {*size, *modified}, std::string(fields[4])};
       });
 }
 
@@ -45,15 +67,16 @@ const KTSFileDigests::Record* KTSFileDigests::recordOf(const std::string& path) 
 void KTSFileDigests::recordFile(const std::string& path, const std::string& sha256,
                                 const std::string& productId) {
   std::optional<KTSFileRecordFormat::Stamp> stamp = KTSFileRecordFormat::stampOf(path);
-  if (!stamp || !Sha256::isHexDigest(sha256) || !KTSFileRecordFormat::isRecordablePath(path) ||
+  std::optional<Digest> digest = Digest::fromHex(sha256);
+  if (!stamp || !digest || !KTSFileRecordFormat::isRecordablePath(path) ||
       !isValidProductId(productId)) {
     return forgetFile(path);
   }
   Record& record = records_[path];
-  if (record.sha256 == sha256 && record.stamp == *stamp && record.productId == productId) return;
+  if (record.sha256 == *digest && record.stamp == *stamp && record.productId == productId) return;
   if (!record.productId.empty()) productsChanged_.insert(record.productId);
   productsChanged_.insert(productId);
-  record = {sha256, *stamp, productId};
+  record = {*digest, *stamp, productId};
   changed_ = true;
 }
 
@@ -87,8 +110,8 @@ bool KTSFileDigests::save() {
         for (const auto& [path, record] : records_) {
           if (std::fprintf(file, "%s\t%lld\t%lld\t%s\t%s\n", path.c_str(),
                            static_cast<long long>(record.stamp.size),
-                           static_cast<long long>(record.stamp.modified), record.sha256.c_str(),
-                           record.productId.c_str()) < 0) {
+                           static_cast<long long>(record.stamp.modified),
+                           record.sha256.hex().c_str(), record.productId.c_str()) < 0) {
             return false;
           }
         }

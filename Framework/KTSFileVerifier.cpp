@@ -118,7 +118,7 @@ KTSFileVerifier::Result KTSFileVerifier::checkDigest(
   });
   if (!digest) return {Finding::Changed, "unreadable: " + error};
   const KTSFileDigests::Record* record = digests_.recordOf(path);
-  if (record != nullptr && record->sha256 != *digest) {
+  if (record != nullptr && record->sha256.hex() != *digest) {
     return {Finding::Changed, "its bytes are not those recorded"};
   }
   Finding finding = record == nullptr ? Finding::FirstDigest : Finding::Good;

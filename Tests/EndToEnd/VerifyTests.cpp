@@ -110,7 +110,7 @@ TEST_F(VerifyTest, EveryFileArrivesWithItsDigestAndEveryDamageIsFound) {
   KTSFileDigests recorded(
       KTSFileDigests::storePathForDocumentRoot(context().layout().documentRoot()));
   ASSERT_NE(recorded.recordOf(kept[0]), nullptr);
-  EXPECT_EQ(recorded.recordOf(kept[0])->sha256,
+  EXPECT_EQ(recorded.recordOf(kept[0])->sha256.hex(),
             Sha256::ofFile(upstream_ + kept[0].substr(html.size()), nullptr));
 
   // Rot keeps size and time: only reading finds it. Truncation padded back to the size, a
