@@ -113,11 +113,14 @@ std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests
       due.try_emplace(productId);
     }
   }
-  for (const auto& [path, record] : digests.records()) {
-    auto product = due.find(record.productId);
-    if (product != due.end() && path.size() > prefix.size() &&
-        path.compare(0, prefix.size(), prefix) == 0) {
-      product->second.emplace_back(std::string_view(path).substr(prefix.size()), &record);
+  // The record is read only when a manifest is to be written.
+  if (!due.empty()) {
+    for (const auto& [path, record] : digests.records()) {
+      auto product = due.find(record.productId);
+      if (product != due.end() && path.size() > prefix.size() &&
+          path.compare(0, prefix.size(), prefix) == 0) {
+        product->second.emplace_back(std::string_view(path).substr(prefix.size()), &record);
+      }
     }
   }
   for (auto& [productId, fileLines] : due) {

@@ -38,13 +38,15 @@ std::string KTSFileDigests::Digest::hex() const {
   return text;
 }
 
-KTSFileDigests::KTSFileDigests(std::string storePath) : storePath_(std::move(storePath)) { load(); }
+KTSFileDigests::KTSFileDigests(std::string storePath) : storePath_(std::move(storePath)) {}
 
 std::string KTSFileDigests::storePathForDocumentRoot(const std::string& documentRoot) {
   return appendingPathComponent(documentRoot, ".digests");
 }
 
-void KTSFileDigests::load() {
+void KTSFileDigests::load() const {
+  if (loaded_) return;
+  loaded_ = true;
   KTSFileRecordFormat::readRecord(
       storePath_, kHeader, kStoreReadLimit, [this](const std::vector<std::string_view>& fields) {
         if (fields.size() != 5) return;
@@ -59,7 +61,13 @@ void KTSFileDigests::load() {
       });
 }
 
+const std::unordered_map<std::string, KTSFileDigests::Record>& KTSFileDigests::records() const {
+  load();
+  return records_;
+}
+
 const KTSFileDigests::Record* KTSFileDigests::recordOf(const std::string& path) const {
+  load();
   auto found = records_.find(path);
   return found == records_.end() ? nullptr : &found->second;
 }
@@ -72,6 +80,7 @@ void KTSFileDigests::recordFile(const std::string& path, const std::string& sha2
       !isValidProductId(productId)) {
     return forgetFile(path);
   }
+  load();
   Record& record = records_[path];
   if (record.sha256 == *digest && record.stamp == *stamp && record.productId == productId) return;
   if (!record.productId.empty()) productsChanged_.insert(record.productId);
@@ -81,24 +90,12 @@ void KTSFileDigests::recordFile(const std::string& path, const std::string& sha2
 }
 
 void KTSFileDigests::forgetFile(const std::string& path) {
+  load();
   auto found = records_.find(path);
   if (found == records_.end()) return;
   productsChanged_.insert(found->second.productId);
   records_.erase(found);
   changed_ = true;
-}
-
-void KTSFileDigests::forgetRemovedFiles(
-    const std::function<bool(const std::string& productId)>& keeps) {
-  for (auto record = records_.begin(); record != records_.end();) {
-    if (keeps(record->second.productId) || KTSFileRecordFormat::stampOf(record->first)) {
-      ++record;
-      continue;
-    }
-    productsChanged_.insert(record->second.productId);
-    record = records_.erase(record);
-    changed_ = true;
-  }
 }
 
 bool KTSFileDigests::save() {

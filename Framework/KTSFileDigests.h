@@ -11,7 +11,6 @@
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -38,7 +37,8 @@ class KTSFileDigests {
     std::string productId;  // the product the file was placed or checked for
   };
 
-  // Reads the record at storePath; a missing, unreadable or damaged record is an empty one.
+  // The record at storePath, read when first asked for (a pass that places and removes nothing
+  // never reads it); a missing, unreadable or damaged record is an empty one.
   explicit KTSFileDigests(std::string storePath);
   // The record kept for a document root.
   static std::string storePathForDocumentRoot(const std::string& documentRoot);
@@ -51,21 +51,20 @@ class KTSFileDigests {
   // that is not one, forgets the path instead.
   void recordFile(const std::string& path, const std::string& sha256, const std::string& productId);
   void forgetFile(const std::string& path);
-  // Forgets the records of files that are gone, of products for which keeps says no.
-  void forgetRemovedFiles(const std::function<bool(const std::string& productId)>& keeps);
   // Writes the record when it changed since it was read. False when it could not be written.
   bool save();
 
-  std::size_t count() const { return records_.size(); }
+  std::size_t count() const { return records().size(); }
   // The products whose files' records changed since the record was read.
   const std::unordered_set<std::string>& productsChanged() const { return productsChanged_; }
-  const std::unordered_map<std::string, Record>& records() const { return records_; }
+  const std::unordered_map<std::string, Record>& records() const;
 
  private:
-  void load();
+  void load() const;
 
   std::string storePath_;
-  std::unordered_map<std::string, Record> records_;
+  mutable std::unordered_map<std::string, Record> records_;
+  mutable bool loaded_ = false;
   std::unordered_set<std::string> productsChanged_;
   bool changed_ = false;
 };

@@ -1,6 +1,7 @@
 #include "KTSProductTable.h"
 
 #include <algorithm>
+#include <filesystem>
 
 #include "KTSProduct.h"
 #include "KTSProductChange.h"
@@ -73,6 +74,15 @@ void KTSProductTable::filePlaced(const std::string& path, std::optional<std::int
   if (!size) return fileChanged(path);
   ++filesGeneration_;
   files_[standard] = {{FileState::InPlace, size}, true};
+}
+
+void KTSProductTable::fileRemoved(const std::string& path) {
+  fileChanged(path);
+  std::error_code error;
+  if (digests_ != nullptr &&
+      !std::filesystem::exists(std::filesystem::symlink_status(path, error))) {
+    digests_->forgetFile(standardizingPath(path));
+  }
 }
 
 void KTSProductTable::fileChanged(const std::string& path) {

@@ -82,6 +82,9 @@ class KTSProductTable {
                   const std::optional<std::string>& sha256 = std::nullopt,
                   const std::string& productId = "");
   void fileChanged(const std::string& path);
+  // The pass removed the file at path with its product: its digest goes too, unless the file
+  // is still there (another product keeps it).
+  void fileRemoved(const std::string& path);
   // The state of the file at path. A path outside the document root's html folder is Absent.
   FileState fileState(const std::string& path);
   // Whether every file the copy names is in place at the size its record names. A file the pass

@@ -252,7 +252,7 @@ void KTSSyncPass::removeAndMirrorProducts(const std::vector<std::shared_ptr<KTSP
       return ownership.otherOwnerOfPath(path, productId) != nullptr;
     });
     for (const Plist& record : product->mirrorFiles().elements()) {
-      productTable_.fileChanged(record[KTSProduct::kFileLocalPathKey].stringValue());
+      productTable_.fileRemoved(record[KTSProduct::kFileLocalPathKey].stringValue());
     }
   }
   mirrorProducts(scheduler, ownership, outcome);
@@ -640,15 +640,10 @@ bool KTSSyncPass::upstreamStillAnswers(KTSPassOutcome& outcome) {
   return false;
 }
 
-// Before the served catalogs: a product a child finds served has its digests published. The
-// records of files removed with their product go.
+// Before the served catalogs: a product a child finds served has its digests published.
 void KTSSyncPass::saveDigests() {
-  KTSWorkingSet& workingSet = context_.workingSet();
-  digests_.forgetRemovedFiles([&workingSet](const std::string& productId) {
-    return KTSProductState::keepsFilesIn(workingSet.mirrorSettingForProductID(productId));
-  });
   digests_.save();
-  KTSDigestManifests::publish(context_.layout(), digests_, workingSet, log_);
+  KTSDigestManifests::publish(context_.layout(), digests_, context_.workingSet(), log_);
 }
 
 void KTSSyncPass::saveState() {
