@@ -54,6 +54,7 @@ class KTSFileDigests {
   // Writes the record when it changed since it was read. False when it could not be written.
   bool save();
 
+  const std::string& storePath() const { return storePath_; }
   std::size_t count() const { return records().size(); }
   // The products whose files' records changed since the record was read.
   const std::unordered_set<std::string>& productsChanged() const { return productsChanged_; }

@@ -640,10 +640,13 @@ bool KTSSyncPass::upstreamStillAnswers(KTSPassOutcome& outcome) {
   return false;
 }
 
-// Before the served catalogs: a product a child finds served has its digests published.
+// Before the served catalogs: a product a child finds served has its digests published. The
+// record then leaves memory (it is read again if anything asks): writing the served catalogs is
+// the peak of a pass.
 void KTSSyncPass::saveDigests() {
   digests_.save();
   KTSDigestManifests::publish(context_.layout(), digests_, context_.workingSet(), log_);
+  digests_ = KTSFileDigests(digests_.storePath());
 }
 
 void KTSSyncPass::saveState() {
