@@ -255,7 +255,9 @@ int verify(const VerifyRequest& request) {
     // The daemon's scrub lets go of the files every few seconds; a pass holds them to its end.
     Clock::time_point giveUp = Clock::now() + std::chrono::seconds(6);
     if (!lock.waitUntilHeld([giveUp] { return Clock::now() < giveUp; })) {
-      std::fprintf(stderr, "ondrelctl: a pass is running (PID %d); verify once it has ended\n",
+      std::fprintf(stderr,
+                   "ondrelctl: a pass, or the daemon's check of a large file, holds the kept "
+                   "files (PID %d); verify once it has ended\n",
                    static_cast<int>(lock.holder().value_or(0)));
       return kExitBusy;
     }
