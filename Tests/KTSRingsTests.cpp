@@ -76,7 +76,8 @@ TEST(KTSRingsTest, OnlyRingsAreKeptAndTheyReadBackAsWritten) {
   ASSERT_TRUE(rings.set(ring("pilot", {"10.1.0.0/16"}, 60), std::nullopt, &why));
   EXPECT_FALSE(rings.set(ring("broad", {}, 41), std::nullopt, &why)) << "shares past 100 %";
   EXPECT_NE(why.find("60 % are taken"), std::string::npos) << why;
-  for (const char* name : {"Pilot", "1st", "", "a b", std::string(33, 'a').c_str()}) {
+  for (const std::string& name :
+       std::vector<std::string>{"Pilot", "1st", "", "a b", std::string(33, 'a')}) {
     EXPECT_FALSE(rings.set(ring(name, {}, 0), std::nullopt, &why)) << name;
   }
   ASSERT_TRUE(rings.set(ring("early", {}, 40), 0, &why)) << why;
