@@ -1,12 +1,7 @@
 #include "KTSPassHistory.h"
 
-#include <fmt/format.h>
-
-#include <algorithm>
-
-#include "DateFormats.h"
-#include "Json.h"
 #include "KTSServerLayout.h"
+#include "KTSStatusValues.h"
 
 namespace ondrel {
 
@@ -19,21 +14,6 @@ constexpr std::size_t kNoteLimit = 1024;
 constexpr std::size_t kRecentNoteLimit = 200;
 // How long after its time a pass that has not run makes the server unhealthy.
 constexpr auto kOverdueGrace = std::chrono::hours(1);
-
-std::uint64_t counter(const Plist& value) {
-  return value.isNumber() && value.integerValue() > 0
-             ? static_cast<std::uint64_t>(value.integerValue())
-             : 0;
-}
-
-Plist integer(std::uint64_t value) {
-  return Plist::integer(static_cast<std::int64_t>(
-      std::min<std::uint64_t>(value, static_cast<std::uint64_t>(INT64_MAX))));
-}
-
-double secondsSinceEpoch(Date date) {
-  return std::chrono::duration<double>(date.time_since_epoch()).count();
-}
 
 std::optional<KTSPassHistory::Outcome> outcomeNamed(const std::string& name) {
   for (auto outcome : {KTSPassHistory::Outcome::Succeeded, KTSPassHistory::Outcome::Failed,
@@ -54,12 +34,12 @@ std::optional<KTSPassHistory::Pass> passFromPlist(const Plist& record) {
   pass.outcome = *outcome;
   pass.fullSync = record["fullSync"].boolValue();
   pass.note = record["note"].stringValue().substr(0, kNoteLimit);
-  pass.catalogs = counter(record["catalogs"]);
-  pass.productsNew = counter(record["productsNew"]);
-  pass.productsRemoved = counter(record["productsRemoved"]);
-  pass.bytesFetched = counter(record["bytesFetched"]);
-  pass.filesStillToFetch = counter(record["filesStillToFetch"]);
-  pass.bytesStillToFetch = counter(record["bytesStillToFetch"]);
+  pass.catalogs = KTSStatusValues::countFrom(record["catalogs"]);
+  pass.productsNew = KTSStatusValues::countFrom(record["productsNew"]);
+  pass.productsRemoved = KTSStatusValues::countFrom(record["productsRemoved"]);
+  pass.bytesFetched = KTSStatusValues::countFrom(record["bytesFetched"]);
+  pass.filesStillToFetch = KTSStatusValues::countFrom(record["filesStillToFetch"]);
+  pass.bytesStillToFetch = KTSStatusValues::countFrom(record["bytesStillToFetch"]);
   pass.nextPassDue = record["nextPassDue"].dateValue();
   return pass;
 }
@@ -71,12 +51,12 @@ Plist passAsPlist(const KTSPassHistory::Pass& pass) {
   record.set("outcome", KTSPassHistory::outcomeName(pass.outcome));
   record.set("fullSync", Plist::boolean(pass.fullSync));
   record.set("note", pass.note.substr(0, kNoteLimit));
-  record.set("catalogs", integer(pass.catalogs));
-  record.set("productsNew", integer(pass.productsNew));
-  record.set("productsRemoved", integer(pass.productsRemoved));
-  record.set("bytesFetched", integer(pass.bytesFetched));
-  record.set("filesStillToFetch", integer(pass.filesStillToFetch));
-  record.set("bytesStillToFetch", integer(pass.bytesStillToFetch));
+  record.set("catalogs", KTSStatusValues::count(pass.catalogs));
+  record.set("productsNew", KTSStatusValues::count(pass.productsNew));
+  record.set("productsRemoved", KTSStatusValues::count(pass.productsRemoved));
+  record.set("bytesFetched", KTSStatusValues::count(pass.bytesFetched));
+  record.set("filesStillToFetch", KTSStatusValues::count(pass.filesStillToFetch));
+  record.set("bytesStillToFetch", KTSStatusValues::count(pass.bytesStillToFetch));
   if (pass.nextPassDue) record.set("nextPassDue", Plist::date(*pass.nextPassDue));
   return record;
 }
@@ -113,9 +93,9 @@ KTSPassHistory::KTSPassHistory(std::string path) : path_(std::move(path)) {
     if (std::optional<Pass> pass = passFromPlist(record)) recent_.push_back(std::move(*pass));
   }
   lastGoodPassEnd_ = (*read)["lastGoodPassEnd"].dateValue();
-  passes_ = counter((*read)["passes"]);
-  failedPasses_ = counter((*read)["failedPasses"]);
-  bytesFetched_ = counter((*read)["bytesFetched"]);
+  passes_ = KTSStatusValues::countFrom((*read)["passes"]);
+  failedPasses_ = KTSStatusValues::countFrom((*read)["failedPasses"]);
+  bytesFetched_ = KTSStatusValues::countFrom((*read)["bytesFetched"]);
 }
 
 bool KTSPassHistory::record(const Pass& pass) {
@@ -138,9 +118,9 @@ Plist KTSPassHistory::asPlist() const {
   Plist history = Plist::dictionary();
   if (lastPass_) history.set("lastPass", passAsPlist(*lastPass_));
   if (lastGoodPassEnd_) history.set("lastGoodPassEnd", Plist::date(*lastGoodPassEnd_));
-  history.set("passes", integer(passes_));
-  history.set("failedPasses", integer(failedPasses_));
-  history.set("bytesFetched", integer(bytesFetched_));
+  history.set("passes", KTSStatusValues::count(passes_));
+  history.set("failedPasses", KTSStatusValues::count(failedPasses_));
+  history.set("bytesFetched", KTSStatusValues::count(bytesFetched_));
   Plist recent = Plist::array();
   for (const Pass& pass : recent_) recent.append(passAsPlist(pass));
   history.set("recentPasses", std::move(recent));
@@ -176,7 +156,7 @@ Plist KTSPassHistory::healthDocument(Date now) const {
 std::string KTSPassHistory::prometheusText() const {
   std::string text;
   auto metric = [&text](const char* name, const char* type, const char* help, double value) {
-    text += fmt::format("# HELP {0} {1}\n# TYPE {0} {2}\n{0} {3}\n", name, help, type, value);
+    text += KTSStatusValues::metric(name, type, help, value);
   };
   metric("ondrel_passes_total", "counter", "Passes run", static_cast<double>(passes_));
   metric("ondrel_pass_failures_total", "counter", "Passes that failed or were interrupted",
@@ -185,7 +165,7 @@ std::string KTSPassHistory::prometheusText() const {
          static_cast<double>(bytesFetched_));
   metric("ondrel_last_good_pass_timestamp_seconds", "gauge",
          "End of the last pass that succeeded, in seconds since the epoch",
-         lastGoodPassEnd_ ? secondsSinceEpoch(*lastGoodPassEnd_) : 0);
+         KTSStatusValues::secondsSinceEpoch(lastGoodPassEnd_));
   if (!lastPass_) return text;
   metric("ondrel_last_pass_duration_seconds", "gauge", "How long the last pass took",
          lastPass_->seconds());

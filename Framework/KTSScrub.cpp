@@ -1,6 +1,5 @@
 #include "KTSScrub.h"
 
-#include <fmt/format.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -14,6 +13,7 @@
 #include "KTSPassContext.h"
 #include "KTSProductFileRules.h"
 #include "KTSSettings.h"
+#include "KTSStatusValues.h"
 
 namespace ondrel {
 
@@ -38,21 +38,6 @@ std::optional<Stamp> stampOfAnything(const std::string& path) {
 }
 
 std::string dayOf(Date date) { return formatRfc3339Date(date).substr(0, 10); }
-
-std::uint64_t counter(const Plist& value) {
-  return value.isNumber() && value.integerValue() > 0
-             ? static_cast<std::uint64_t>(value.integerValue())
-             : 0;
-}
-
-Plist integer(std::uint64_t value) {
-  return Plist::integer(static_cast<std::int64_t>(
-      std::min<std::uint64_t>(value, static_cast<std::uint64_t>(INT64_MAX))));
-}
-
-double secondsSinceEpoch(const std::optional<Date>& date) {
-  return date ? std::chrono::duration<double>(date->time_since_epoch()).count() : 0;
-}
 
 std::optional<KTSScrub::Damage> damageFromPlist(const Plist& record) {
   KTSScrub::Damage damage;
@@ -113,13 +98,13 @@ void KTSScrub::read() {
   cycle_.ended = cycle["ended"].dateValue();
   if (cycle_.started && cycle_.ended && *cycle_.ended < *cycle_.started) cycle_.ended.reset();
   cycle_.position = cycle["position"].stringValue();
-  cycle_.files = counter(cycle["files"]);
-  cycle_.bytes = counter(cycle["bytes"]);
-  cycle_.totalFiles = counter(cycle["totalFiles"]);
+  cycle_.files = KTSStatusValues::countFrom(cycle["files"]);
+  cycle_.bytes = KTSStatusValues::countFrom(cycle["bytes"]);
+  cycle_.totalFiles = KTSStatusValues::countFrom(cycle["totalFiles"]);
   const Plist& totals = (*record)["totals"];
-  totals_.files = counter(totals["files"]);
-  totals_.bytes = counter(totals["bytes"]);
-  totals_.damaged = counter(totals["damaged"]);
+  totals_.files = KTSStatusValues::countFrom(totals["files"]);
+  totals_.bytes = KTSStatusValues::countFrom(totals["bytes"]);
+  totals_.damaged = KTSStatusValues::countFrom(totals["damaged"]);
   totals_.lastCheck = totals["lastCheck"].dateValue();
   if (totals["lastCycleSeconds"].isNumber() && totals["lastCycleSeconds"].realValue() >= 0) {
     totals_.lastCycleSeconds = totals["lastCycleSeconds"].realValue();
@@ -137,13 +122,13 @@ bool KTSScrub::save() const {
   if (cycle_.started) cycle.set("started", Plist::date(*cycle_.started));
   if (cycle_.ended) cycle.set("ended", Plist::date(*cycle_.ended));
   cycle.set("position", cycle_.position);
-  cycle.set("files", integer(cycle_.files));
-  cycle.set("bytes", integer(cycle_.bytes));
-  cycle.set("totalFiles", integer(cycle_.totalFiles));
+  cycle.set("files", KTSStatusValues::count(cycle_.files));
+  cycle.set("bytes", KTSStatusValues::count(cycle_.bytes));
+  cycle.set("totalFiles", KTSStatusValues::count(cycle_.totalFiles));
   Plist totals = Plist::dictionary();
-  totals.set("files", integer(totals_.files));
-  totals.set("bytes", integer(totals_.bytes));
-  totals.set("damaged", integer(totals_.damaged));
+  totals.set("files", KTSStatusValues::count(totals_.files));
+  totals.set("bytes", KTSStatusValues::count(totals_.bytes));
+  totals.set("damaged", KTSStatusValues::count(totals_.damaged));
   if (totals_.lastCheck) totals.set("lastCheck", Plist::date(*totals_.lastCheck));
   if (totals_.lastCycleSeconds)
     totals.set("lastCycleSeconds", Plist::real(*totals_.lastCycleSeconds));
@@ -279,11 +264,11 @@ Plist KTSScrub::statusPlist() const {
   Plist out = Plist::dictionary();
   if (cycle_.started) out.set("cycleStarted", Plist::date(*cycle_.started));
   if (cycle_.ended) out.set("cycleEnded", Plist::date(*cycle_.ended));
-  out.set("cycleFiles", integer(cycle_.files));
-  out.set("cycleTotalFiles", integer(cycle_.totalFiles));
-  out.set("filesChecked", integer(totals_.files));
-  out.set("bytesChecked", integer(totals_.bytes));
-  out.set("damagedFound", integer(totals_.damaged));
+  out.set("cycleFiles", KTSStatusValues::count(cycle_.files));
+  out.set("cycleTotalFiles", KTSStatusValues::count(cycle_.totalFiles));
+  out.set("filesChecked", KTSStatusValues::count(totals_.files));
+  out.set("bytesChecked", KTSStatusValues::count(totals_.bytes));
+  out.set("damagedFound", KTSStatusValues::count(totals_.damaged));
   if (totals_.lastCheck) out.set("lastCheck", Plist::date(*totals_.lastCheck));
   Plist damaged = Plist::array();
   for (const Damage& damage : standingDamage()) {
@@ -302,7 +287,7 @@ Plist KTSScrub::statusPlist() const {
 std::string KTSScrub::prometheusText() const {
   std::string text;
   auto metric = [&text](const char* name, const char* type, const char* help, double value) {
-    text += fmt::format("# HELP {0} {1}\n# TYPE {0} {2}\n{0} {3}\n", name, help, type, value);
+    text += KTSStatusValues::metric(name, type, help, value);
   };
   metric("ondrel_verify_files_total", "counter", "Kept files read again by the scrub",
          static_cast<double>(totals_.files));
@@ -321,7 +306,7 @@ std::string KTSScrub::prometheusText() const {
                                  static_cast<double>(cycle_.totalFiles)));
   metric("ondrel_verify_last_check_timestamp_seconds", "gauge",
          "When the scrub last read files, in seconds since the epoch",
-         secondsSinceEpoch(totals_.lastCheck));
+         KTSStatusValues::secondsSinceEpoch(totals_.lastCheck));
   metric("ondrel_verify_last_cycle_seconds", "gauge", "How long the scrub's last whole cycle took",
          totals_.lastCycleSeconds.value_or(0));
   return text;

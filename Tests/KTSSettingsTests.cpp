@@ -21,6 +21,11 @@ TEST(KTSSettingsTest, TextIsTakenOnlyWhenItFitsTheSetting) {
     EXPECT_TRUE(value("portToUse", refused).isNull()) << refused;
   }
   EXPECT_TRUE(value("maxConcurrentDownloads", "65").isNull());
+  EXPECT_EQ(value("scrubMaxDuration", "30m").integerValue(), 1800) << "a duration in seconds";
+  EXPECT_EQ(value("scrubMaxDuration", "0").integerValue(), 0) << "off";
+  for (const char* refused : {"2d", "30x", "-1m", "m"}) {
+    EXPECT_TRUE(value("scrubMaxDuration", refused).isNull()) << refused;
+  }
   EXPECT_TRUE(value("autoMirror", "yes").boolValue());
   EXPECT_TRUE(value("autoMirror", "YES").isNull()) << "only the four words";
   EXPECT_EQ(value("updatesDocRoot", "/srv/mirror").stringValue(), "/srv/mirror/");

@@ -34,6 +34,7 @@
 #include "KTSScrub.h"
 #include "KTSServerLayout.h"
 #include "KTSSettings.h"
+#include "KTSStatusValues.h"
 #include "KTSSyncStatus.h"
 #include "KTSUtilities.h"
 #include "KTSWorkingSet.h"
@@ -253,7 +254,7 @@ std::string prometheusText(const ServerSummary& summary, const KTSPassHistory& h
                            const KTSServerLayout& layout) {
   std::string text;
   auto gauge = [&text](const char* name, const char* help, double value) {
-    text += fmt::format("# HELP {0} {1}\n# TYPE {0} gauge\n{0} {2}\n", name, help, value);
+    text += KTSStatusValues::metric(name, "gauge", help, value);
   };
   gauge("ondrel_sync_state", "0 never run, 1 syncing, 2 done",
         static_cast<double>(summary.syncState));

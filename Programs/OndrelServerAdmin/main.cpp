@@ -34,6 +34,7 @@
 #include "KTSScrub.h"
 #include "KTSServerLayout.h"
 #include "KTSSettings.h"
+#include "KTSStatusValues.h"
 #include "KTSWorkingSet.h"
 #include "ProductId.h"
 
@@ -62,8 +63,6 @@ int refuse(int status, const char* reason, const std::string& message) {
   return 0;
 }
 
-Plist integer(std::uint64_t value) { return Plist::integer(static_cast<std::int64_t>(value)); }
-
 Plist status(KTSPassContext& context) {
   Plist out = programs::summaryAsPlist(programs::summarizeServer(context));
   KTSPassHistory history(KTSPassHistory::defaultPath(context.layout()));
@@ -73,7 +72,7 @@ Plist status(KTSPassContext& context) {
     pass.set("kind", last->fullSync ? "full" : "changes only");
     pass.set("started", Plist::date(last->started));
     pass.set("seconds", Plist::real(last->seconds()));
-    pass.set("bytesFetched", integer(last->bytesFetched));
+    pass.set("bytesFetched", KTSStatusValues::count(last->bytesFetched));
     pass.set("note", last->note);
     if (last->nextPassDue) pass.set("nextPassDue", Plist::date(*last->nextPassDue));
   }
@@ -86,7 +85,7 @@ Plist status(KTSPassContext& context) {
     item.set("seconds", Plist::real(earlier.seconds()));
     item.set("outcome", KTSPassHistory::outcomeName(earlier.outcome));
     item.set("kind", earlier.fullSync ? "full" : "changes only");
-    item.set("bytesFetched", integer(earlier.bytesFetched));
+    item.set("bytesFetched", KTSStatusValues::count(earlier.bytesFetched));
     item.set("note", earlier.note);
     recent.append(item);
   }
@@ -200,7 +199,7 @@ int change(KTSPassContext& context, const std::string& route, const std::string&
       return refuse(400, "Bad Request", error);
     }
     done.set("posted", action);
-    done.set("products", integer(ids.size()));
+    done.set("products", KTSStatusValues::count(ids.size()));
   }
   answer(200, "OK", done);
   return 0;
