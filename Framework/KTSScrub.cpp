@@ -223,7 +223,10 @@ std::size_t KTSScrub::run(KTSPassContext& context, const Pace& pace, std::chrono
   totals_.bytes += verifier.summary().bytesRead;
   totals_.lastCheck = now;
   if (!digests.save()) context.log().warning("The digests the scrub took could not be recorded.");
-  KTSDigestManifests::publish(layout, digests, context.workingSet(), context.log());
+  // A digest taken for the first time, or a damaged file's forgotten, reaches child mirrors.
+  if (!digests.productsChanged().empty()) {
+    KTSDigestManifests::publish(layout, digests, context.workingSet(), context.log());
+  }
   if (!save()) context.log().warning("The scrub's record {} could not be written.", path_);
   return found;
 }

@@ -191,7 +191,9 @@ std::vector<Problem> stillDamaged(KTSPassContext& context, const std::vector<Pro
     }
   }
   digests.save();
-  KTSDigestManifests::publish(layout, digests, context.workingSet(), context.log());
+  if (!digests.productsChanged().empty()) {
+    KTSDigestManifests::publish(layout, digests, context.workingSet(), context.log());
+  }
   return left;
 }
 
@@ -271,7 +273,9 @@ int verify(const VerifyRequest& request) {
     checked = checkFiles(files, digests, layout, request);
     if (request.repair) removeDamaged(checked.problems, layout, digests);
     if (!digests.save()) return fail("the digests taken could not be recorded");
-    KTSDigestManifests::publish(layout, digests, context.workingSet(), context.log());
+    if (!digests.productsChanged().empty()) {
+      KTSDigestManifests::publish(layout, digests, context.workingSet(), context.log());
+    }
   }
   if (!request.json) {
     printProblems(checked.problems, layout);
