@@ -9,6 +9,7 @@
 #include "KTSCatalog.h"
 #include "KTSPassContext.h"
 #include "KTSProduct.h"
+#include "KTSProductFileRules.h"
 #include "KTSWorkingSet.h"
 #include "PathString.h"
 #include "Sha256.h"
@@ -70,6 +71,14 @@ const char* KTSFileVerifier::findingName(Finding finding) {
       return "changed";
   }
   return "changed";
+}
+
+void KTSFileVerifier::takeOut(const KTSServerLayout& layout, KTSFileDigests& digests,
+                              const std::string& path) {
+  if (!KTSProductFileRules::mayDelete(layout, path)) return;
+  std::error_code ignored;
+  std::filesystem::remove_all(path, ignored);
+  digests.forgetFile(path);
 }
 
 KTSFileVerifier::KTSFileVerifier(KTSFileDigests& digests, const KTSServerLayout& layout,

@@ -59,6 +59,11 @@ class KTSFileVerifier {
   // before digests were recorded is not among them.
   static std::vector<KeptFile> recordedFiles(KTSPassContext& context, const KTSFileDigests& digests,
                                              const std::set<std::string>& productIds);
+  // Takes a damaged file away so that no client is ever served it, with its digest: only where
+  // product files belong, never through a link (what stands in the file's place goes, a folder
+  // with what it holds).
+  static void takeOut(const KTSServerLayout& layout, KTSFileDigests& digests,
+                      const std::string& path);
   // "good", "first digest", "missing", "changed".
   static const char* findingName(Finding finding);
 

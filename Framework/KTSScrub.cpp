@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <filesystem>
 
 #include "Clock.h"
 #include "DateFormats.h"
@@ -11,7 +10,6 @@
 #include "KTSDigestManifests.h"
 #include "KTSFileDigests.h"
 #include "KTSPassContext.h"
-#include "KTSProductFileRules.h"
 #include "KTSSettings.h"
 #include "KTSStatusValues.h"
 
@@ -240,12 +238,8 @@ void KTSScrub::recordFinding(const KTSFileVerifier::KeptFile& file,
     return;
   }
   ++totals_.damaged;
-  // Never through a link to a folder, never outside where product files belong.
-  if (result.finding == KTSFileVerifier::Finding::Changed &&
-      KTSProductFileRules::mayDelete(context.layout(), file.path)) {
-    std::error_code ignored;
-    std::filesystem::remove(file.path, ignored);
-    digests.forgetFile(file.path);
+  if (result.finding == KTSFileVerifier::Finding::Changed) {
+    KTSFileVerifier::takeOut(context.layout(), digests, file.path);
   }
   context.log().warning("The kept file {} of {} is {}{}; a pass fetches it again.", file.path,
                         file.productId, KTSFileVerifier::findingName(result.finding),

@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <filesystem>
 #include <set>
 
 #include "Ctl.h"
@@ -13,7 +12,6 @@
 #include "KTSFileDigests.h"
 #include "KTSFileVerifier.h"
 #include "KTSPassContext.h"
-#include "KTSProductFileRules.h"
 #include "KTSServerLayout.h"
 #include "PassLock.h"
 #include "PathString.h"
@@ -159,19 +157,6 @@ void printProblems(const std::vector<Problem>& problems, const KTSServerLayout& 
   }
 }
 
-// Takes the damaged files away, so that no client is ever served one: only files where product
-// files belong, never through a link. Their digests go with them.
-void removeDamaged(const std::vector<Problem>& problems, const KTSServerLayout& layout,
-                   KTSFileDigests& digests) {
-  for (const Problem& problem : problems) {
-    const std::string& path = problem.file.path;
-    if (!KTSProductFileRules::mayDelete(layout, path)) continue;
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-    digests.forgetFile(path);
-  }
-}
-
 // The files checked again once the pass that was to fetch them ended: those still missing or
 // changed could not be repaired.
 std::vector<Problem> stillDamaged(KTSPassContext& context, const std::vector<Problem>& problems) {
@@ -271,7 +256,11 @@ int verify(const VerifyRequest& request) {
         request.quick ? KTSFileVerifier::recordedFiles(context, digests, ids)
                       : KTSFileVerifier::keptFiles(context, ids);
     checked = checkFiles(files, digests, layout, request);
-    if (request.repair) removeDamaged(checked.problems, layout, digests);
+    if (request.repair) {
+      for (const Problem& problem : checked.problems) {
+        KTSFileVerifier::takeOut(layout, digests, problem.file.path);
+      }
+    }
     if (!digests.save()) return fail("the digests taken could not be recorded");
     if (!digests.productsChanged().empty()) {
       KTSDigestManifests::publish(layout, digests, context.workingSet(), context.log());
