@@ -21,7 +21,8 @@ import urllib.parse
 import urllib.request
 
 from selenium import webdriver
-from selenium.common.exceptions import StaleElementReferenceException
+from selenium.common.exceptions import (ElementNotInteractableException,
+                                        StaleElementReferenceException)
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
@@ -133,7 +134,8 @@ def rows(driver):
 
 def click(driver, selector, key=None):
     """Clicks what the selector finds (or gives it the focus and presses key, as a keyboard
-    user would), again if the table was redrawn under the click."""
+    user would), again if the table was redrawn under the click (a redraw between the focus
+    and the key leaves the focus on the page's body, which takes no keys)."""
     for _ in range(10):
         try:
             found = driver.find_element(By.CSS_SELECTOR, selector)
@@ -144,7 +146,7 @@ def click(driver, selector, key=None):
             else:
                 found.click()
             return
-        except StaleElementReferenceException:
+        except (StaleElementReferenceException, ElementNotInteractableException):
             time.sleep(0.2)
     raise AssertionError(f"{selector} kept changing under the click")
 
