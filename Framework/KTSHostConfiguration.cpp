@@ -90,16 +90,19 @@ bool KTSHostConfiguration::loadWithPreferences(const Plist* preferences) {
   return true;
 }
 
-// A file that loads mod_bw, or the prefork MPM of the shipped file before this one (which served
-// catalogs through a process per request and held a process per connection), is obsolete: it
+// A file that loads mod_bw, the prefork MPM of an older shipped file (which served catalogs
+// through a process per request and held a process per connection), or serves catalogs itself
+// whether or not rings are defined (which would keep every client from its ring) is obsolete: it
 // is kept beside as ".obsolete" and the shipped file takes its place, with the lines the
 // preferences decide written into it again by the commit that loads it.
 bool KTSHostConfiguration::checkFile() {
   std::string ignored;
   std::optional<std::string> text = readUtf8File(configPath_, &ignored);
+  auto holds = [&text](const char* line) { return text->find(line) != std::string::npos; };
   if (text && !text->empty() &&
-      (text->find("mod_bw") != std::string::npos ||
-       text->find("\nLoadModule mpm_prefork_module ") != std::string::npos)) {
+      (holds("mod_bw") || holds("\nLoadModule mpm_prefork_module ") ||
+       (holds("OndrelServerGetCatalog$ /content/catalogs/others/") &&
+        !holds("/content/catalogs/rings !-d")))) {
     log_.warning("Removing obsolete {} configuration.", lastPathComponent(configPath_));
     std::string obsoletePath = appendingPathExtension(configPath_, "obsolete");
     if (KTSUtilities::fileExistsAtPath(obsoletePath)) KTSUtilities::removePath(obsoletePath);

@@ -18,6 +18,7 @@ namespace {
 
 constexpr const char* kSyncRequestType = "startSync";
 constexpr const char* kChangeRequestType = "productChanges";
+constexpr const char* kRolloutRequestType = "rollout";
 
 }  // namespace
 
@@ -51,6 +52,26 @@ bool KTSRequestManager::postChangeRequestForProductItems(const Plist& items) {
   }
   return postRequestOfType(Plist(Plist::Dictionary::fromEntries(std::move(byProduct))),
                            kChangeRequestType);
+}
+
+bool KTSRequestManager::postRolloutRequest(const std::string& productId, const std::string& action,
+                                           const std::string& ring,
+                                           const std::string& requester) {
+  Plist item = Plist::dictionary();
+  item.set("ProductID", productId);
+  item.set("action", action);
+  item.set("ring", ring);
+  item.set("requester", requester);
+  return postRequestOfType(item, kRolloutRequestType);
+}
+
+std::vector<Plist> KTSRequestManager::takeRolloutRequests() {
+  std::vector<Plist> taken;
+  std::optional<RequestsByDate> requests =
+      getPendingRequestsForTypeDeletingSource(kRolloutRequestType, true);
+  if (!requests) return taken;
+  for (auto& [postDate, item] : *requests) taken.push_back(std::move(item));
+  return taken;
 }
 
 bool KTSRequestManager::getPendingSyncRequestsDeletingSource(bool deleteSource) {

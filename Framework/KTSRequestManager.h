@@ -28,6 +28,12 @@ class KTSRequestManager {
   bool postSyncRequest();
   // items: change items with "ProductID" and at least one of "mirror", "enable", "remove".
   bool postChangeRequestForProductItems(const Plist& items);
+  // A rollout action on a product (see KTSRollout::actionNamed), with the ring it names (none:
+  // "") and who asked.
+  bool postRolloutRequest(const std::string& productId, const std::string& action,
+                          const std::string& ring, const std::string& requester);
+  // The rollout actions pending, oldest first, their files deleted.
+  std::vector<Plist> takeRolloutRequests();
   // Whether at least one sync request was pending.
   bool getPendingSyncRequestsDeletingSource(bool deleteSource);
   // One item per product, newest request winning whole; null when no request was pending.

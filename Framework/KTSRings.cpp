@@ -123,7 +123,54 @@ KTSRings KTSRings::fromPreferences(const Plist& preferences) {
     std::string why;
     rings.set(std::move(ring), std::nullopt, &why);
   }
+  for (const Plist& block : preferences["trustedProxies"].elements()) {
+    std::optional<Block> parsed = parseBlock(block.stringValue());
+    if (parsed && rings.trustedProxies_.size() < kMostBlocks) {
+      rings.trustedProxies_.push_back(*parsed);
+    }
+  }
   return rings;
+}
+
+Plist KTSRings::trustedProxiesAsPlist() const {
+  Plist list = Plist::array();
+  for (const Block& block : trustedProxies_) list.append(blockText(block));
+  return list;
+}
+
+bool KTSRings::setTrustedProxies(std::vector<Block> blocks, std::string* why) {
+  if (blocks.size() > kMostBlocks) {
+    *why = fmt::format("at most {} trusted proxies", kMostBlocks);
+    return false;
+  }
+  trustedProxies_ = std::move(blocks);
+  return true;
+}
+
+bool KTSRings::isTrustedProxy(const Address& address) const {
+  return std::any_of(trustedProxies_.begin(), trustedProxies_.end(),
+                     [&address](const Block& block) { return contains(block, address); });
+}
+
+std::optional<KTSRings::Address> KTSRings::clientAddress(std::string_view peer,
+                                                         std::string_view forwardedFor) const {
+  std::optional<Address> client = parseAddress(peer);
+  // Each proxy appends the address it was reached from: read from the right, the first entry
+  // no trusted proxy added is the client's, and an entry that is no address ends the trust.
+  while (client && isTrustedProxy(*client) && !forwardedFor.empty()) {
+    std::size_t comma = forwardedFor.rfind(',');
+    std::string_view entry =
+        forwardedFor.substr(comma == std::string_view::npos ? 0 : comma + 1);
+    forwardedFor = forwardedFor.substr(0, comma == std::string_view::npos ? 0 : comma);
+    while (!entry.empty() && (entry.front() == ' ' || entry.front() == '\t')) {
+      entry.remove_prefix(1);
+    }
+    while (!entry.empty() && (entry.back() == ' ' || entry.back() == '\t')) entry.remove_suffix(1);
+    std::optional<Address> forwarded = parseAddress(entry);
+    if (!forwarded) break;
+    client = forwarded;
+  }
+  return client;
 }
 
 Plist KTSRings::asPlist() const {

@@ -7,7 +7,9 @@
 // ring). With no rings, there is no rollout: every client sees every enabled product.
 //
 // The rings live in the preferences ("rings"), read as untrusted: an entry that is not a ring is
-// left out. A value type; thread-safe for reading.
+// left out. Beside them the preferences list the reverse proxies whose forwarded-for header is
+// believed ("trustedProxies"); any other peer's address is the client's. A value type;
+// thread-safe for reading.
 #pragma once
 
 #include <array>
@@ -50,10 +52,20 @@ class KTSRings {
   static bool isRingName(std::string_view name);
   static bool contains(const Block& block, const Address& address);
 
-  // The rings the preferences hold.
+  // The rings and trusted proxies the preferences hold.
   static KTSRings fromPreferences(const Plist& preferences);
-  // The value the preferences hold them as.
+  // The values the preferences hold the rings and the trusted proxies as.
   Plist asPlist() const;
+  Plist trustedProxiesAsPlist() const;
+
+  const std::vector<Block>& trustedProxies() const { return trustedProxies_; }
+  // False, with why, for more than kMostBlocks blocks.
+  bool setTrustedProxies(std::vector<Block> blocks, std::string* why);
+  // The client's address for a request from peer carrying the X-Forwarded-For value
+  // forwardedFor: from a trusted proxy, the last address of the header that is not one (as far
+  // as the proxies' entries go); from any other peer, the peer's. None for a peer that is no
+  // address.
+  std::optional<Address> clientAddress(std::string_view peer, std::string_view forwardedFor) const;
 
   const std::vector<Ring>& rings() const { return rings_; }
   bool empty() const { return rings_.empty(); }
@@ -70,7 +82,10 @@ class KTSRings {
   std::optional<std::size_t> ringOf(const Address& address) const;
 
  private:
+  bool isTrustedProxy(const Address& address) const;
+
   std::vector<Ring> rings_;
+  std::vector<Block> trustedProxies_;
 };
 
 }  // namespace ondrel

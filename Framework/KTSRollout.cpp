@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "KTSUtilities.h"
 #include "ProductId.h"
 
 namespace ondrel {
@@ -58,6 +59,7 @@ KTSRollout::KTSRollout(std::string path) : path_(std::move(path)) {
   std::string error;
   std::optional<Plist> record = Plist::readFile(path_, &error, kRecordReadLimit);
   if (!record || !record->isDictionary()) return;
+  since_ = (*record)["since"].dateValue();
   for (const auto& [productId, entry] : (*record)["schedules"].items()) {
     if (!isValidProductId(productId)) continue;
     if (std::optional<Schedule> schedule = scheduleFromPlist(entry)) {
@@ -73,13 +75,41 @@ KTSRollout::KTSRollout(std::string path) : path_(std::move(path)) {
   }
 }
 
+void KTSRollout::discard(const std::string& path) {
+  if (KTSUtilities::fileExistsAtPath(path)) KTSUtilities::removePath(path);
+}
+
+void KTSRollout::follow(const std::set<std::string>& served, const std::set<std::string>& enabled,
+                        Date now) {
+  bool first = !since_;
+  if (first) {
+    since_ = now;
+    changed_ = true;
+  }
+  for (auto schedule = schedules_.begin(); schedule != schedules_.end();) {
+    if (enabled.count(schedule->first) != 0) {
+      ++schedule;
+      continue;
+    }
+    schedule = schedules_.erase(schedule);
+    changed_ = true;
+  }
+  for (const std::string& productId : served) {
+    if (schedules_.count(productId) != 0) continue;
+    productEnabled(productId, now);
+    if (first) schedules_[productId].openToAll = true;
+  }
+}
+
 void KTSRollout::productEnabled(const std::string& productId, Date enabled) {
   Schedule schedule;
   schedule.enabled = enabled;
-  schedules_.try_emplace(productId, std::move(schedule));
+  changed_ = schedules_.try_emplace(productId, std::move(schedule)).second || changed_;
 }
 
-void KTSRollout::productDisabled(const std::string& productId) { schedules_.erase(productId); }
+void KTSRollout::productDisabled(const std::string& productId) {
+  changed_ = schedules_.erase(productId) != 0 || changed_;
+}
 
 const KTSRollout::Schedule* KTSRollout::scheduleOf(const std::string& productId) const {
   auto found = schedules_.find(productId);
@@ -151,7 +181,30 @@ bool KTSRollout::apply(const std::string& productId, Action action, const std::s
   }
   events_.push_back({now, productId, done, requester.substr(0, kRequesterLimit)});
   if (events_.size() > kMostEvents) events_.erase(events_.begin());
+  changed_ = true;
   return true;
+}
+
+std::optional<KTSRollout::Action> KTSRollout::actionNamed(std::string_view name) {
+  static constexpr std::pair<std::string_view, Action> kNames[] = {
+      {"hold", Action::Hold},     {"resume", Action::Resume},        {"advance", Action::Advance},
+      {"open", Action::OpenToAll}, {"rollback", Action::RollBack}};
+  for (const auto& [text, action] : kNames) {
+    if (text == name) return action;
+  }
+  return std::nullopt;
+}
+
+bool KTSRollout::applyRequest(const Plist& request, const KTSRings& rings, Date now,
+                              std::string* why) {
+  std::string productId = request["ProductID"].stringValue();
+  std::optional<Action> action = actionNamed(request["action"].stringValue());
+  std::string ring = request["ring"].stringValue();
+  if (!isValidProductId(productId) || !action || (!ring.empty() && !KTSRings::isRingName(ring))) {
+    *why = "the request is not a rollout action";
+    return false;
+  }
+  return apply(productId, *action, ring, rings, now, request["requester"].stringValue(), why);
 }
 
 bool KTSRollout::reaches(const std::string& productId, std::size_t ring, const KTSRings& rings,
@@ -179,7 +232,7 @@ std::optional<Date> KTSRollout::nextOpening(const KTSRings& rings, Date now) con
   return next;
 }
 
-bool KTSRollout::save() const {
+bool KTSRollout::save() {
   Plist schedules = Plist::dictionary();
   for (const auto& [productId, schedule] : schedules_) {
     schedules.set(productId, scheduleAsPlist(schedule));
@@ -196,8 +249,11 @@ bool KTSRollout::save() const {
   Plist record = Plist::dictionary();
   record.set("schedules", schedules);
   record.set("events", events);
+  if (since_) record.set("since", Plist::date(*since_));
   std::string error;
-  return record.writeXmlFile(path_, &error);
+  if (!record.writeXmlFile(path_, &error)) return false;
+  changed_ = false;
+  return true;
 }
 
 }  // namespace ondrel

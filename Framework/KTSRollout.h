@@ -9,13 +9,14 @@
 // The record is the status folder's ".rollout": the schedules, and the administrator's actions,
 // each kept with who asked and when. It is read as untrusted: an entry that is not one is left
 // out. One thread uses an instance.
-// TODO(#43): the pass records the enable times and serves each ring its catalogs from this.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "KTSRings.h"
@@ -43,10 +44,22 @@ class KTSRollout {
 
   static constexpr std::size_t kMostEvents = 500;
 
+  // "hold", "resume", "advance", "open" (to all) and "rollback", as ondrelctl and the
+  // administration page name the actions; none for another word.
+  static std::optional<Action> actionNamed(std::string_view name);
+
   // The status folder's ".rollout".
   static std::string defaultPath(const KTSServerLayout& layout);
   // Reads the record at path; a missing, damaged or hostile one is an empty record.
   explicit KTSRollout(std::string path);
+  // Removes the record at path: without rings there is no rollout, and rings defined later
+  // start from what is served then.
+  static void discard(const std::string& path);
+
+  // Follows what a pass serves: a product served for the first time starts its schedule at
+  // now, and one no catalog enables any more leaves the rollout. The first time a record is
+  // followed (the rings were just defined), every product served is open to all.
+  void follow(const std::set<std::string>& served, const std::set<std::string>& enabled, Date now);
 
   // Starts productId's schedule at enabled, when it has none.
   void productEnabled(const std::string& productId, Date enabled);
@@ -57,7 +70,13 @@ class KTSRollout {
   bool apply(const std::string& productId, Action action, const std::string& ring,
              const KTSRings& rings, Date now, const std::string& requester, std::string* why);
 
+  // Applies an action posted by the administration side: a dictionary with "ProductID",
+  // "action", "ring" and "requester", read as untrusted. False, with why, when it is not one or
+  // cannot apply.
+  bool applyRequest(const Plist& request, const KTSRings& rings, Date now, std::string* why);
+
   const Schedule* scheduleOf(const std::string& productId) const;
+  const std::map<std::string, Schedule>& schedules() const { return schedules_; }
   // Whether clients of ring index see productId at now: always when the product has no schedule.
   bool reaches(const std::string& productId, std::size_t ring, const KTSRings& rings,
                Date now) const;
@@ -65,8 +84,10 @@ class KTSRollout {
   std::optional<Date> nextOpening(const KTSRings& rings, Date now) const;
   const std::vector<Event>& events() const { return events_; }
 
+  // Whether the record changed since it was read or saved.
+  bool changed() const { return changed_; }
   // Writes the record; false when it could not be written.
-  bool save() const;
+  bool save();
 
  private:
   std::optional<std::size_t> ringIndex(const KTSRings& rings, const std::string& name) const;
@@ -74,6 +95,9 @@ class KTSRollout {
   std::string path_;
   std::map<std::string, Schedule> schedules_;
   std::vector<Event> events_;
+  // When rings first served a pass with this record; none for a record not followed yet.
+  std::optional<Date> since_;
+  bool changed_ = false;
 };
 
 }  // namespace ondrel

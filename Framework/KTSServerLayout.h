@@ -74,6 +74,15 @@ class KTSServerLayout {
   // A file of the served catalogs' folder by its name: a served catalog, or one of the server's
   // own files beside it ("NAME.composite").
   std::string catalogsFolderPath(const std::string& name) const;
+  // The catalogs served to the clients of each ring, a folder per ring, and the URL path of a
+  // ring's catalog by the catalog's name.
+  std::string ringCatalogsFolder() const { return htmlFolder_ + kRingCatalogsURLPath; }
+  std::string ringCatalogPath(const std::string& ring, const std::string& name) const {
+    return ringCatalogsFolder() + "/" + ring + "/" + name;
+  }
+  static std::string ringCatalogURLPath(const std::string& ring, const std::string& name) {
+    return std::string(kRingCatalogsURLPath) + "/" + ring + "/" + name;
+  }
 
   // The administration page: its site's configuration (included by ondrd.conf), password file,
   // token secret and sessions.
@@ -83,6 +92,8 @@ class KTSServerLayout {
   std::string adminSessionsFolder() const { return statusPath("admin-sessions"); }
 
  private:
+  static constexpr const char* kRingCatalogsURLPath = "/content/catalogs/rings";
+
   std::string preferencesPath_;
   std::string configFolder_;
   std::string statusFolder_;

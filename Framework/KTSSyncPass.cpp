@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <tuple>
 
-#include "CompressedForms.h"
 #include "FileIO.h"
 #include "HostPaths.h"
 #include "KTCatalogKeys.h"
@@ -120,7 +119,8 @@ KTSSyncPass::KTSSyncPass(KTSPassContext& context, KTSPassObserver& observer)
       log_(context.log()),
       digests_(KTSFileDigests::storePathForDocumentRoot(context.layout().documentRoot())),
       upstreamDigests_(context.layout(), context.log()),
-      productTable_(context.layout(), &digests_, &upstreamDigests_) {}
+      productTable_(context.layout(), &digests_, &upstreamDigests_),
+      servedCatalogs_(context, productTable_) {}
 
 bool KTSSyncPass::interrupted() const { return Transfer::isCancelled(); }
 
@@ -167,7 +167,8 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
   validators->save();
   saveDigests();
   logRequests(scheduler.counters(), outcome);
-  writeServedCatalogs(outcome);
+  servedCatalogs_.write(catalogs_, KTSServedCatalogs::Rollout::Follow, outcome.failures);
+  outcome.nextRingOpening = servedCatalogs_.nextRingOpening();
   outcome.interrupted = interrupted();
   if (!outcome.interrupted) finishTickets();
   observer_.passWorkEnded();
@@ -286,6 +287,7 @@ void KTSSyncPass::logRequests(const KTSFetchScheduler::Counters& fetched, KTSPas
 
 void KTSSyncPass::collectChanges() {
   Plist requested = context_.requests().getPendingChangeRequestsDeletingSource(true);
+  servedCatalogs_.takeRolloutRequests(context_.requests().takeRolloutRequests());
   for (const auto& [productId, item] : requested.items()) {
     KTSProductChange& change = changes_[productId];
     if (item.contains("mirror")) change.mirror = item["mirror"].boolValue();
@@ -506,7 +508,7 @@ void KTSSyncPass::withdrawFilesAboutToChange(
   }
   if (!changing) return;
   log_.info("Serving the catalogs without the products whose files change in this pass.");
-  writeServedCatalogs(outcome);
+  servedCatalogs_.write(catalogs_, KTSServedCatalogs::Rollout::Keep, outcome.failures);
 }
 
 // The copies of each product to mirror, by product id: one for each set of files the catalogs
@@ -682,88 +684,6 @@ bool KTSSyncPass::listsChangedProduct(const KTSCatalog& catalog) const {
     if (catalog.productForProductId(productId)) return true;
   }
   return false;
-}
-
-void KTSSyncPass::writeServedCatalogs(KTSPassOutcome& outcome) {
-  KTSPassRecord* record = context_.record();
-  for (const auto& catalog : catalogs_) {
-    const KTSServerLayout& layout = context_.layout();
-    std::string path = layout.servedCatalogPath(catalog->catalogURL());
-    if (!layout.isInsideHtmlFolder(path)) continue;
-    std::vector<KTSProduct*> serving = servedProducts(*catalog);
-    std::string inputs = record ? servedCatalogInputs(serving, *record) : "";
-    bool current = record && catalog->compositeUnchanged() && record->isCurrent(path, inputs);
-    if (!current && !writeServedCatalog(*catalog, serving, path)) {
-      outcome.failures.push_back(
-          fmt::format("served catalog {} not written", catalogName(catalog->catalogURL())));
-      continue;
-    }
-    if (record) record->recordFile(path, inputs);
-    keepCompressedCatalog(path);
-  }
-}
-
-// The composite catalog with the served products' entries, each made as it is written. A catalog
-// that did not change keeps its file, so what clients cached of it stays valid.
-bool KTSSyncPass::writeServedCatalog(const KTSCatalog& catalog,
-                                     const std::vector<KTSProduct*>& serving,
-                                     const std::string& path) {
-  auto next = serving.begin();
-  auto nextEntry = [&]() -> std::optional<std::pair<PlistKey, Plist>> {
-    if (next == serving.end()) return std::nullopt;
-    KTSProduct& product = **next++;
-    return std::pair(*product.productId(), catalog.mirrorRepresentationForProduct(product));
-  };
-  bool replaced = false;
-  std::string error;
-  if (!KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(path)) ||
-      !catalog.compositeCatalog().writeXmlFileStreamingMemberUnlessUnchanged(
-          path, KTCatalogProductsDictKey, nextEntry, &replaced, &error)) {
-    return false;
-  }
-  if (replaced) KTSUtilities::setDefaultFileOwnerAtPath(path);
-  return true;
-}
-
-// Clients that accept gzip or brotli are sent the catalog's compressed form: made from the
-// catalog as it now is, or none at all.
-void KTSSyncPass::keepCompressedCatalog(const std::string& path) {
-  for (Encoding encoding : kCompressedEncodings) {
-    bool written = false;
-    std::string error;
-    if (!keepCompressedForm(path, encoding, &written, &error)) {
-      log_.warning("The compressed form {} could not be written ({}); clients get it plain.",
-                   lastPathComponent(compressedFormPath(path, encoding)), error);
-    } else if (written) {
-      KTSUtilities::setDefaultFileOwnerAtPath(compressedFormPath(path, encoding));
-    }
-  }
-}
-
-// A served entry is made from the composite entry and names the server metadata file.
-std::string KTSSyncPass::servedCatalogInputs(const std::vector<KTSProduct*>& serving,
-                                             KTSPassRecord& record) {
-  KTSPassRecord::Inputs inputs;
-  for (KTSProduct* product : serving) {
-    std::optional<std::string> metadata = product->serverMetadataLocalPath();
-    inputs.add(*product->productId()).add(metadata.value_or(""));
-    inputs.add(record.stampOfSettledFile(metadata));
-  }
-  return inputs.text();
-}
-
-// The products clients are served from a catalog: enabled, in a served state, and every file in
-// place at the size this catalog names.
-std::vector<KTSProduct*> KTSSyncPass::servedProducts(const KTSCatalog& catalog) {
-  std::vector<KTSProduct*> serving;
-  if (!catalog.products()) return serving;
-  for (const auto& [productId, product] : *catalog.products()) {
-    if (product->state().enabled() && product->state().isInServedState() &&
-        productTable_.filesInPlace(*product)) {
-      serving.push_back(product.get());
-    }
-  }
-  return serving;
 }
 
 void KTSSyncPass::finishTickets() {

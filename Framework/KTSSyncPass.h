@@ -24,6 +24,7 @@
 #include "KTSPassRecord.h"
 #include "KTSProductChange.h"
 #include "KTSProductTable.h"
+#include "KTSServedCatalogs.h"
 #include "Plist.h"
 
 namespace ondrel {
@@ -59,6 +60,8 @@ struct KTSPassOutcome {
   // their catalog size, and the bytes the catalogs give for them.
   std::uint64_t filesStillToFetch = 0;
   std::uint64_t bytesStillToFetch = 0;
+  // When a ring next opens to a product being rolled out: the served catalogs change then.
+  std::optional<Date> nextRingOpening;
   bool failed() const { return interrupted || !failures.empty(); }
   // The error note recorded in the status files: "interrupted", or the failed steps' lines.
   std::string note() const;
@@ -120,13 +123,6 @@ class KTSSyncPass {
   void saveState();
   void saveDigests();
   bool listsChangedProduct(const KTSCatalog& catalog) const;
-  void writeServedCatalogs(KTSPassOutcome& outcome);
-  bool writeServedCatalog(const KTSCatalog& catalog, const std::vector<KTSProduct*>& serving,
-                          const std::string& path);
-  void keepCompressedCatalog(const std::string& path);
-  std::vector<KTSProduct*> servedProducts(const KTSCatalog& catalog);
-  static std::string servedCatalogInputs(const std::vector<KTSProduct*>& serving,
-                                         KTSPassRecord& record);
   void finishTickets();
   bool interrupted() const;
 
@@ -142,6 +138,7 @@ class KTSSyncPass {
   KTSUpstreamDigests upstreamDigests_;
   // Every catalog's copy of every product once the catalogs are loaded, and the files they name.
   KTSProductTable productTable_;
+  KTSServedCatalogs servedCatalogs_;
   // Catalogs synced in this pass; their product index caches are saved at its end.
   std::set<const KTSCatalog*> synced_;
   // Products whose state this pass changed after the catalogs were synced or loaded.

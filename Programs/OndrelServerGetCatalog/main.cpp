@@ -3,8 +3,12 @@
 // entity tag, honours conditional requests (as HTTP reads them) and HEAD, and streams the file; a
 // symbolic link or anything else than a regular file at the catalog's place is not served. A name
 // that is not a supported catalog gets 404 without a look at the disk; before the first pass has
-// finished a missing catalog gets 503 with Retry-After. It finds its service root from its own
-// place (ROOT/Library/Server/Ondrel/cgi-bin), so it needs nothing from Apache's environment.
+// finished a missing catalog gets 503 with Retry-After. While rings are defined, a client whose
+// ring has its copy of the catalog is sent there instead (302 to a URL that names the ring, so
+// that a caching proxy keys each ring apart; the redirect itself is never cached): its ring is
+// that of its address, or of the address a trusted reverse proxy forwarded. It finds its service
+// root from its own place (ROOT/Library/Server/Ondrel/cgi-bin), so it needs nothing from
+// Apache's environment.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +22,8 @@
 #include "HttpConditions.h"
 #include "KTSCatalogSets.h"
 #include "KTSPassContext.h"
+#include "KTSPreferences.h"
+#include "KTSRings.h"
 #include "KTSServerLayout.h"
 #include "KTSSyncStatus.h"
 
@@ -92,6 +98,24 @@ int serve(const std::string& path, bool headOnly) {
   return 0;
 }
 
+// The URL path of the ring's copy of catalog name for this client; none without rings, or while
+// the ring has no copy yet (the catalog at its usual place then serves every ring alike).
+std::optional<std::string> ringCatalogURLPath(ondrel::KTSPassContext& context,
+                                              const std::string& name) {
+  using ondrel::KTSRings;
+  KTSRings rings = KTSRings::fromPreferences(context.preferences().prefs());
+  if (rings.empty()) return std::nullopt;
+  std::optional<KTSRings::Address> client =
+      rings.clientAddress(ondrel::programs::cgiVariable("REMOTE_ADDR"),
+                          ondrel::programs::cgiVariable("HTTP_X_FORWARDED_FOR"));
+  if (!client) return std::nullopt;
+  const std::string& ring = rings.rings()[*rings.ringOf(*client)].name;
+  struct stat status {};
+  std::string path = context.layout().ringCatalogPath(ring, name);
+  if (::lstat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+  return ondrel::KTSServerLayout::ringCatalogURLPath(ring, name);
+}
+
 int respond(char** argv) {
   std::string query = ondrel::programs::cgiVariable("QUERY_STRING");
   std::string name = query.rfind('/', 0) == 0 ? query.substr(1) : query;
@@ -102,6 +126,11 @@ int respond(char** argv) {
   }
   ondrel::programs::locateServiceRootOfCgi(argv[0]);
   ondrel::KTSPassContext context;
+  if (std::optional<std::string> ringPath = ringCatalogURLPath(context, name)) {
+    answer(302, "Found",
+           "Location: " + *ringPath + "\r\nCache-Control: private, no-store\r\n");
+    return 0;
+  }
   return serve(context.layout().catalogsFolderPath(name),
                ondrel::programs::cgiVariable("REQUEST_METHOD") == "HEAD");
 }

@@ -2,8 +2,9 @@
 //   ondrd_syncd --once              one pass, then exit
 //   ondrd_syncd [--interval SECS]   the service: a pass when one is due (the interval after the
 //                                   last run), at once when a sync is requested, and product
-//                                   changes as soon as they are posted; between passes, the
-//                                   scrub of the kept files
+//                                   changes as soon as they are posted, the served catalogs
+//                                   again when a ring opens to a product being rolled out;
+//                                   between passes, the scrub of the kept files
 // Exit status: 0 a clean pass (or a clean stop of the service), 1 the pass failed or was
 // interrupted, 2 bad usage, 75 another ondrd_syncd holds the pass lock.
 #include <signal.h>
@@ -29,6 +30,7 @@
 #include "KTSPreferences.h"
 #include "KTSRequestManager.h"
 #include "KTSScrub.h"
+#include "KTSServedCatalogs.h"
 #include "KTSServerLayout.h"
 #include "KTSSyncPass.h"
 #include "KTSSyncStatus.h"
@@ -130,12 +132,19 @@ bool runScrubSlice(ondrel::KTSPassContext& context, ondrel::KTSScrub& scrub, boo
   return damaged > 0;
 }
 
+// When a ring next opens to a product, as the last pass left the rollout.
+std::optional<ondrel::Date> ringOpeningFromFiles() {
+  ondrel::KTSPassContext context;
+  return ondrel::KTSServedCatalogs::nextRingOpening(context);
+}
+
 int runService(std::chrono::seconds interval, ondrel::syncd::Progress& progress) {
   using namespace ondrel;
   sd_notify(0, "READY=1\nSTATUS=waiting for the next pass");
   progress.note(fmt::format("ondrd_syncd running; a pass every {} s.", interval.count()));
   std::optional<KTSScrub> scrub;
   bool repairDue = false;
+  std::optional<Date> ringOpening = ringOpeningFromFiles();
   while (!stopRequested.load()) {
     // Every pass starts from the files as they are now: the administration side may have
     // changed the preferences, the working set or the requests since the last one.
@@ -143,14 +152,15 @@ int runService(std::chrono::seconds interval, ondrel::syncd::Progress& progress)
     if (!scrub) scrub.emplace(KTSScrub::defaultPath(context.layout()));
     std::optional<Date> lastRun = context.status().getLastRunTime();
     bool due = !lastRun || Clock::now() - *lastRun >= interval || repairDue;
+    bool ringOpens = ringOpening && Clock::now() >= *ringOpening;
     bool scrubbed = false;
     // While ondrelctl verify holds the kept files, what is due or asked for waits (requests
     // stay in the spool until a pass takes them).
-    if (due || productChangesPending(context)) {
+    if (due || ringOpens || productChangesPending(context)) {
       programs::PassLock files(context.layout().filesLockPath());
       if (files.held()) {
         bool requested = context.requests().getPendingSyncRequestsDeletingSource(true);
-        runPass(context, due || requested, progress, interval);
+        ringOpening = runPass(context, due || requested, progress, interval).nextRingOpening;
         scrub->forgetKeptFiles();
         repairDue = false;
         sd_notify(0, "STATUS=waiting for the next pass");
