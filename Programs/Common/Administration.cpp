@@ -31,6 +31,8 @@
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
 #include "KTSRequestManager.h"
+#include "KTSRings.h"
+#include "KTSRollout.h"
 #include "KTSScrub.h"
 #include "KTSServerLayout.h"
 #include "KTSSettings.h"
@@ -88,31 +90,6 @@ std::string auditField(std::string text) {
   std::replace_if(
       text.begin(), text.end(), [](char c) { return c == '\t' || c == '\n' || c == '\r'; }, ' ');
   return text.substr(0, 128);
-}
-
-// Appends one line ("time, requester, action, products" separated by tabs) in one write, which
-// the kernel keeps whole beside other writers' lines.
-void recordInAuditLog(const KTSServerLayout& layout, const std::string& requester,
-                      const std::string& action, const std::vector<std::string>& productIds) {
-  std::string line = formatRfc3339Date(Clock::now()) + "\t" + auditField(requester) + "\t" +
-                     auditField(action) + "\t";
-  for (std::size_t i = 0; i < productIds.size(); ++i) {
-    std::string next = auditField(productIds[i]);
-    if (i > 0) next.insert(next.begin(), ' ');
-    if (line.size() + next.size() > kMostAuditLine - 32) {
-      line += fmt::format(" and {} more", productIds.size() - i);
-      break;
-    }
-    line += next;
-  }
-  line += "\n";
-  int fd = ::open(auditLogPath(layout).c_str(),
-                  O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640);
-  if (fd < 0) return;
-  if (::write(fd, line.data(), line.size()) < 0) {
-    LogHandle::shared().warning("The audit log could not be written: {}", std::strerror(errno));
-  }
-  ::close(fd);
 }
 
 std::uint64_t nonNegative(const Plist& value) {
@@ -455,6 +432,50 @@ bool postProductChanges(KTSPassContext& context, const std::string& action,
     tickets.addTicketOfTypeForProduct(ticketType, productId);
   }
   recordInAuditLog(context.layout(), requester, action, productIds);
+  return true;
+}
+
+// Appends one line ("time, requester, action, products" separated by tabs) in one write, which
+// the kernel keeps whole beside other writers' lines.
+void recordInAuditLog(const KTSServerLayout& layout, const std::string& requester,
+                      const std::string& action, const std::vector<std::string>& productIds) {
+  std::string line = formatRfc3339Date(Clock::now()) + "\t" + auditField(requester) + "\t" +
+                     auditField(action) + "\t";
+  for (std::size_t i = 0; i < productIds.size(); ++i) {
+    std::string next = auditField(productIds[i]);
+    if (i > 0) next.insert(next.begin(), ' ');
+    if (line.size() + next.size() > kMostAuditLine - 32) {
+      line += fmt::format(" and {} more", productIds.size() - i);
+      break;
+    }
+    line += next;
+  }
+  line += "\n";
+  int fd = ::open(auditLogPath(layout).c_str(),
+                  O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0640);
+  if (fd < 0) return;
+  if (::write(fd, line.data(), line.size()) < 0) {
+    LogHandle::shared().warning("The audit log could not be written: {}", std::strerror(errno));
+  }
+  ::close(fd);
+}
+
+bool postRolloutAction(KTSPassContext& context, const std::string& productId,
+                       const std::string& action, const std::string& ring,
+                       const std::string& requester, std::string* error) {
+  if (!KTSRollout::actionNamed(action) || !isValidProductId(productId) ||
+      (!ring.empty() && !KTSRings::isRingName(ring))) {
+    *error = quotedForMessage(action + " " + productId + " " + ring) + " is not a rollout action";
+    return false;
+  }
+  std::int64_t posted = waitForAFreshSecond();
+  if (!context.requests().postRolloutRequest(productId, action, ring, requester) ||
+      !requestWrittenSince(posted)) {
+    *error = "the request could not be written to the spool " + KTSServerLayout::spoolFolder();
+    return false;
+  }
+  recordInAuditLog(context.layout(), requester, ring.empty() ? action : action + " " + ring,
+                   {productId});
   return true;
 }
 

@@ -97,6 +97,14 @@ bool postProductChanges(KTSPassContext& context, const std::string& action,
 // Asks the daemon for a pass now, in the audit log too; false with the reason when the spool
 // refuses the request.
 bool postSyncRequest(KTSPassContext& context, const std::string& requester, std::string* error);
+// Posts a rollout action on a product (KTSRollout::actionNamed; ring for advance and rollback,
+// or "") for the daemon's next pass, in the audit log too; false with the reason otherwise.
+bool postRolloutAction(KTSPassContext& context, const std::string& productId,
+                       const std::string& action, const std::string& ring,
+                       const std::string& requester, std::string* error);
+// Appends a line to the audit log: when, who, what, and the products it concerns.
+void recordInAuditLog(const KTSServerLayout& layout, const std::string& requester,
+                      const std::string& action, const std::vector<std::string>& productIds);
 // Sets the setting called key from text, with the checks and messages of ondrelctl config set
 // (one definition of each setting in KTSSettings), commits the preferences and records who did it
 // in the audit log; false with the reason ("KEY takes ...; nothing was changed") otherwise. The

@@ -66,6 +66,23 @@ struct VerifyRequest {
   std::vector<std::string> productIds;
 };
 int verify(const VerifyRequest& request);
+// What ondrelctl rings is asked: command is "list", "set", "remove", "trust", "which",
+// "status", or a rollout action (KTSRollout::actionNamed).
+struct RingsRequest {
+  std::string command = "list";
+  bool json = false;
+  std::string requester;
+  std::string name;  // set, remove
+  std::optional<std::vector<std::string>> blocks;
+  std::optional<std::string> delay;
+  std::optional<int> share;
+  std::optional<std::size_t> position;
+  std::string address;  // which
+  std::string forwardedFor;
+  std::string productId;  // the actions
+  std::string ring;
+};
+int rings(const RingsRequest& request);
 int webPassword(const std::string& user);
 int webPasswordDelete(const std::string& user);
 

@@ -55,10 +55,58 @@ struct CommandLine {
   CLI::App* log = nullptr;
   CLI::App* verify = nullptr;
   VerifyRequest verifyRequest;
+  CLI::App* rings = nullptr;
+  RingsRequest ringsRequest;
   std::string maxDuration;
   std::size_t limit = 50;
   std::string requester;
 };
+
+// ondrelctl rings and its commands; options given fill the request in.
+void defineRingCommands(CLI::App& app, CommandLine& line) {
+  line.rings = app.add_subcommand(
+      "rings", "Staged rollout: the rings of clients by address, and where products stand");
+  RingsRequest& request = line.ringsRequest;
+  auto command = [&line, &request](const char* name, const char* help) {
+    CLI::App* added = line.rings->add_subcommand(name, help);
+    added->callback([&request, name] { request.command = name; });
+    return added;
+  };
+  command("list", "The rings and the trusted proxies")->add_flag("--json", line.json, "JSON");
+  CLI::App* set = command("set", "Add a ring, or change one (what is not given stays)");
+  set->add_option("NAME", request.name, "Lowercase letters, digits, hyphens")->required();
+  set->add_option_function<std::vector<std::string>>(
+      "--blocks", [&request](const std::vector<std::string>& blocks) { request.blocks = blocks; },
+      "Address blocks (CIDR or one address), comma-separated; \"\" for none");
+  set->add_option_function<std::string>(
+      "--delay", [&request](const std::string& delay) { request.delay = delay; },
+      "After a product is served, how long until this ring sees it (e.g. 0, 12h, 3d)");
+  set->add_option_function<int>(
+      "--share", [&request](int share) { request.share = share; },
+      "Percent of the clients no block names that fall in this ring");
+  set->add_option_function<std::size_t>(
+      "--position", [&request](std::size_t position) { request.position = position; },
+      "Place in the order, from 0 (first match wins)");
+  command("remove", "Remove a ring")->add_option("NAME", request.name)->required();
+  command("trust", "The reverse proxies whose X-Forwarded-For is believed (none: no proxy)")
+      ->add_option_function<std::vector<std::string>>(
+          "BLOCK", [&request](const std::vector<std::string>& blocks) { request.blocks = blocks; });
+  CLI::App* which = command("which", "The ring of a client address");
+  which->add_option("ADDRESS", request.address)->required();
+  which->add_option("--forwarded-for", request.forwardedFor, "As a proxy would send it");
+  command("status", "Where each product being rolled out stands, and who did what")
+      ->add_flag("--json", line.json, "JSON");
+  for (const auto& [name, help] :
+       {std::pair{"hold", "Keep a product where it has reached"},
+        std::pair{"resume", "Let a held or rolled-back product go on by its schedule"},
+        std::pair{"advance", "Open the next ring (or RING and those before it) now"},
+        std::pair{"open", "Open a product to every ring now"},
+        std::pair{"rollback", "Withdraw a product from every ring but RING"}}) {
+    CLI::App* action = command(name, help);
+    action->add_option("ID", request.productId, "Product id")->required();
+    action->add_option("RING", request.ring, "Ring name");
+  }
+}
 
 void defineCommands(CLI::App& app, CommandLine& line) {
   app.require_subcommand(1);
@@ -118,6 +166,7 @@ void defineCommands(CLI::App& app, CommandLine& line) {
                         "Remove what is missing or changed, have a pass fetch it again, and check "
                         "it once more; what cannot be repaired is not served");
   line.verify->add_option("ID", line.verifyRequest.productIds, "Only these products");
+  defineRingCommands(app, line);
 }
 
 int carryOut(const CommandLine& line) {
@@ -136,6 +185,12 @@ int carryOut(const CommandLine& line) {
   if (*line.web) {
     if (line.webAction.empty()) return fail("web needs an action: start, stop, reload or status");
     return web(line.webAction);
+  }
+  if (*line.rings) {
+    RingsRequest request = line.ringsRequest;
+    request.json = line.json;
+    request.requester = line.requester;
+    return rings(request);
   }
   if (*line.plan) return plan(line.json);
   if (*line.metrics) return metrics();
