@@ -44,6 +44,9 @@ Plist scheduleAsPlist(const KTSRollout::Schedule& schedule) {
   return entry;
 }
 
+// The record keeps dates to the second: a schedule read back opens when the one written did.
+Date toTheSecond(Date date) { return std::chrono::floor<std::chrono::seconds>(date); }
+
 // When ring index opens for a product on this schedule.
 Date openingOf(const KTSRollout::Schedule& schedule, const KTSRings& rings, std::size_t index) {
   return schedule.enabled + std::chrono::seconds(rings.rings()[index].delaySeconds);
@@ -83,7 +86,7 @@ void KTSRollout::follow(const std::set<std::string>& served, const std::set<std:
                         Date now) {
   bool first = !since_;
   if (first) {
-    since_ = now;
+    since_ = toTheSecond(now);
     changed_ = true;
   }
   for (auto schedule = schedules_.begin(); schedule != schedules_.end();) {
@@ -103,7 +106,7 @@ void KTSRollout::follow(const std::set<std::string>& served, const std::set<std:
 
 void KTSRollout::productEnabled(const std::string& productId, Date enabled) {
   Schedule schedule;
-  schedule.enabled = enabled;
+  schedule.enabled = toTheSecond(enabled);
   changed_ = schedules_.try_emplace(productId, std::move(schedule)).second || changed_;
 }
 
@@ -143,7 +146,7 @@ bool KTSRollout::apply(const std::string& productId, Action action, const std::s
   std::string done;
   switch (action) {
     case Action::Hold:
-      if (!schedule.heldAt) schedule.heldAt = now;
+      if (!schedule.heldAt) schedule.heldAt = toTheSecond(now);
       done = "hold";
       break;
     case Action::Resume:

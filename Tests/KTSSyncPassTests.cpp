@@ -19,6 +19,7 @@
 #include "KTSJobTicketManager.h"
 #include "KTSPreferences.h"
 #include "KTSRequestManager.h"
+#include "KTSRings.h"
 #include "KTSSyncPass.h"
 #include "KTSSyncStatus.h"
 #include "KTSWorkingSet.h"
@@ -430,6 +431,63 @@ TEST_F(KTSSyncPassTest, ARebuildTrustsNothingKept) {
 
 // An upstream that offers HTTP/2 but lets a connection carry 8 streams, against a pass that runs
 // far more transfers at once: every transfer still goes over HTTP/2, and none fails for it.
+// A staged rollout on the test clock: what was served before rings existed stays open to all, a
+// product first served later reaches each ring at its delay, and removing the rings leaves no
+// trace of them.
+TEST_F(KTSSyncPassTest, EachRingIsServedWhatItsScheduleHasOpenedToIt) {
+  using namespace std::chrono_literals;
+  configure(true);
+  ASSERT_FALSE(fullPass().failed());
+  const std::string others = html() + "/content/catalogs/others/" + kNewestCatalog;
+  const std::string before = readFile(others);
+  auto ringServed = [this](const std::string& ring) {
+    return Plist::readFile(html() + "/content/catalogs/rings/" + ring + "/" + kNewestCatalog,
+                           nullptr)
+        .value_or(Plist())[KTCatalogProductsDictKey];
+  };
+  auto clock = std::make_shared<test::ManualClock>(Clock::now());
+  Clock::install(clock);
+  KTSRings rings;
+  std::string why;
+  ASSERT_TRUE(rings.set({"pilot", {*KTSRings::parseBlock("127.0.0.2")}, 0, 0}, {}, &why));
+  ASSERT_TRUE(rings.set({"early", {}, std::chrono::seconds(48h).count(), 50}, {}, &why));
+  ASSERT_TRUE(rings.set({"broad", {}, std::chrono::seconds(120h).count(), 50}, {}, &why));
+  context().preferences().setValue("rings", rings.asPlist());
+  ASSERT_TRUE(context().preferences().commitChanges());
+  ASSERT_FALSE(changesPass().failed());
+  EXPECT_EQ(readFile(others), before) << "defining rings takes nothing from anyone";
+  for (const char* ring : {"pilot", "early", "broad"}) {
+    EXPECT_EQ(readFile(html() + "/content/catalogs/rings/" + ring + "/" + kNewestCatalog), before);
+  }
+
+  vendor_->publishEpoch(1);
+  KTSPassOutcome day = fullPass();
+  ASSERT_FALSE(day.failed()) << day.note();
+  const std::size_t all = ringServed("pilot").size();
+  const std::size_t old = ringServed("early").size();
+  ASSERT_GT(all, old) << "the vendor's new products reach the first ring at once";
+  EXPECT_EQ(ringServed("broad").size(), old);
+  EXPECT_EQ(served().size(), old) << "the usual catalog names what is open to all";
+  ASSERT_TRUE(day.nextRingOpening);
+  EXPECT_LE(*day.nextRingOpening - clock->now(), 48h);
+  EXPECT_GT(*day.nextRingOpening - clock->now(), 48h - 2s) << "the next ring 48 h after the first";
+  clock->advance(48h);
+  EXPECT_EQ(changesPass().nextRingOpening, *day.nextRingOpening + 72h);
+  EXPECT_EQ(ringServed("early").size(), all);
+  EXPECT_EQ(ringServed("broad").size(), old);
+  clock->advance(72h);
+  EXPECT_FALSE(changesPass().nextRingOpening) << "nothing left to open";
+  EXPECT_EQ(ringServed("broad").size(), all);
+  EXPECT_EQ(served().size(), all);
+
+  context().preferences().setValue("rings", Plist::array());
+  ASSERT_TRUE(context().preferences().commitChanges());
+  ASSERT_FALSE(changesPass().failed());
+  EXPECT_FALSE(std::filesystem::exists(html() + "/content/catalogs/rings"));
+  EXPECT_FALSE(std::filesystem::exists(path("/Library/Server/Ondrel/Status/.rollout")));
+  EXPECT_EQ(served().size(), all);
+}
+
 TEST_F(KTSSyncPassTest, AnHttp2UpstreamThatAllowsFewStreamsServesAWholePass) {
   test::Certificate certificate = test::makeThrowAwayCertificate(root_);
   vendor_ = std::make_unique<test::SampleVendor>(
