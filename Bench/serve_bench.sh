@@ -3,7 +3,8 @@
 # connections, 8 s each) against a mirror of a sample upstream: the catalog as a static file,
 # the same through the catalog CGI's URL (answered from the file), a 304 for each, its gzip and
 # brotli forms, and the CGI itself (a request it must answer: an If-Modified-Since that is no
-# HTTP date); then 5,000 connections at once downloading a package, with the errors wrk saw and
+# HTTP date); with rings defined, the CGI's redirect of a client to its ring's catalog and that
+# catalog as a static file and as a 304; then 5,000 connections at once downloading a package, with the errors wrk saw and
 # the memory of all of Apache's processes. nginx serving the same tree is the reference.
 # Usage: Bench/serve_bench.sh [products]   (as root; builds the release preset; needs wrk)
 products="${1:-2000}"
@@ -44,6 +45,21 @@ rate "a 304 through the CGI's URL" "$cgi" "If-None-Match: $tag"
 rate "the catalog gzipped (Accept-Encoding: gzip)" "$cgi" "Accept-Encoding: gzip"
 rate "the catalog as brotli (Accept-Encoding: br)" "$cgi" "Accept-Encoding: br"
 rate "the CGI itself (a date that is no date)" "$cgi" "If-Modified-Since: soon"
+
+# With rings every catalog request goes through the CGI, which sends the client on to its
+# ring's catalog (wrk does not follow the redirect: this is the CGI's own rate).
+"$ctl" rings set pilot --blocks 10.0.0.0/8 >/dev/null
+"$ctl" rings set broad --share 100 >/dev/null
+"$syncd" --once >/dev/null 2>&1
+ring="http://127.0.0.1:$mirror_port/content/catalogs/rings/broad/$newest"
+sleep 1.1
+ring_tag=$(curl -sI "$ring" | tr -d '\r' | sed -n 's/^ETag: //Ip')
+rate "rings: the CGI's redirect to the ring's catalog" "$cgi"
+rate "rings: the ring's catalog as a static file" "$ring"
+rate "rings: a 304 for the ring's catalog" "$ring" "If-None-Match: $ring_tag"
+"$ctl" rings remove pilot >/dev/null
+"$ctl" rings remove broad >/dev/null
+"$syncd" --once >/dev/null 2>&1
 
 # The reference: nginx serving the same tree as static files, with the same gzip forms.
 html=$ONDREL_ROOT/Library/Server/Ondrel/Data/html

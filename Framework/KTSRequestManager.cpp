@@ -55,8 +55,7 @@ bool KTSRequestManager::postChangeRequestForProductItems(const Plist& items) {
 }
 
 bool KTSRequestManager::postRolloutRequest(const std::string& productId, const std::string& action,
-                                           const std::string& ring,
-                                           const std::string& requester) {
+                                           const std::string& ring, const std::string& requester) {
   Plist item = Plist::dictionary();
   item.set("ProductID", productId);
   item.set("action", action);

@@ -159,8 +159,7 @@ std::optional<KTSRings::Address> KTSRings::clientAddress(std::string_view peer,
   // no trusted proxy added is the client's, and an entry that is no address ends the trust.
   while (client && isTrustedProxy(*client) && !forwardedFor.empty()) {
     std::size_t comma = forwardedFor.rfind(',');
-    std::string_view entry =
-        forwardedFor.substr(comma == std::string_view::npos ? 0 : comma + 1);
+    std::string_view entry = forwardedFor.substr(comma == std::string_view::npos ? 0 : comma + 1);
     forwardedFor = forwardedFor.substr(0, comma == std::string_view::npos ? 0 : comma);
     while (!entry.empty() && (entry.front() == ' ' || entry.front() == '\t')) {
       entry.remove_prefix(1);

@@ -83,7 +83,7 @@ void KTSRollout::discard(const std::string& path) {
 }
 
 void KTSRollout::follow(const std::set<std::string>& served, const std::set<std::string>& enabled,
-                        Date now) {
+                        const std::set<std::string>& servedBefore, Date now) {
   bool first = !since_;
   if (first) {
     since_ = toTheSecond(now);
@@ -100,7 +100,7 @@ void KTSRollout::follow(const std::set<std::string>& served, const std::set<std:
   for (const std::string& productId : served) {
     if (schedules_.count(productId) != 0) continue;
     productEnabled(productId, now);
-    if (first) schedules_[productId].openToAll = true;
+    if (first && servedBefore.count(productId) != 0) schedules_[productId].openToAll = true;
   }
 }
 
@@ -189,9 +189,11 @@ bool KTSRollout::apply(const std::string& productId, Action action, const std::s
 }
 
 std::optional<KTSRollout::Action> KTSRollout::actionNamed(std::string_view name) {
-  static constexpr std::pair<std::string_view, Action> kNames[] = {
-      {"hold", Action::Hold},     {"resume", Action::Resume},        {"advance", Action::Advance},
-      {"open", Action::OpenToAll}, {"rollback", Action::RollBack}};
+  static constexpr std::pair<std::string_view, Action> kNames[] = {{"hold", Action::Hold},
+                                                                   {"resume", Action::Resume},
+                                                                   {"advance", Action::Advance},
+                                                                   {"open", Action::OpenToAll},
+                                                                   {"rollback", Action::RollBack}};
   for (const auto& [text, action] : kNames) {
     if (text == name) return action;
   }

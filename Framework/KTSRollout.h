@@ -58,8 +58,12 @@ class KTSRollout {
 
   // Follows what a pass serves: a product served for the first time starts its schedule at
   // now, and one no catalog enables any more leaves the rollout. The first time a record is
-  // followed (the rings were just defined), every product served is open to all.
-  void follow(const std::set<std::string>& served, const std::set<std::string>& enabled, Date now);
+  // followed (the rings were just defined), the products clients had before (servedBefore) are
+  // open to all.
+  void follow(const std::set<std::string>& served, const std::set<std::string>& enabled,
+              const std::set<std::string>& servedBefore, Date now);
+  // Whether a pass has followed the record since the rings were defined.
+  bool followed() const { return since_.has_value(); }
 
   // Starts productId's schedule at enabled, when it has none.
   void productEnabled(const std::string& productId, Date enabled);

@@ -25,7 +25,29 @@ KTSServedCatalogs::KTSServedCatalogs(KTSPassContext& context, KTSProductTable& t
       table_(table),
       log_(context.log()),
       rings_(KTSRings::fromPreferences(context.preferences().prefs())) {
-  if (!rings_.empty()) rollout_.emplace(KTSRollout::defaultPath(context.layout()));
+  if (rings_.empty()) return;
+  rollout_.emplace(KTSRollout::defaultPath(context.layout()));
+  if (!rollout_->followed()) servedBefore_ = servedBefore();
+}
+
+std::set<std::string> KTSServedCatalogs::servedBefore() const {
+  std::set<std::string> served;
+  std::string folder = deletingLastPathComponent(context_.layout().catalogsFolderPath("x"));
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
+       entry.increment(error)) {
+    if (entry->path().extension() != ".ktcatalog" ||
+        !std::filesystem::is_regular_file(entry->symlink_status(error))) {
+      continue;
+    }
+    std::string ignored;
+    std::optional<Plist> catalog = Plist::readFile(entry->path().string(), &ignored);
+    if (!catalog) continue;
+    for (const auto& [productId, product] : (*catalog)[KTCatalogProductsDictKey].items()) {
+      served.insert(productId.text());
+    }
+  }
+  return served;
 }
 
 void KTSServedCatalogs::write(const std::vector<std::shared_ptr<KTSCatalog>>& catalogs,
@@ -107,7 +129,7 @@ void KTSServedCatalogs::followRollout(const std::vector<std::shared_ptr<KTSCatal
       if (product->state().enabled()) enabled.insert(productId);
     }
   }
-  rollout_->follow(served, enabled, now_);
+  rollout_->follow(served, enabled, servedBefore_, now_);
 }
 
 void KTSServedCatalogs::applyRolloutRequests() {
@@ -132,7 +154,7 @@ void KTSServedCatalogs::applyRolloutRequests() {
 }
 
 KTSServedCatalogs::Serving KTSServedCatalogs::seenBy(const Serving& serving,
-                                                      std::optional<std::size_t> ring) const {
+                                                     std::optional<std::size_t> ring) const {
   if (!rollout_) return serving;
   Serving seen;
   for (KTSProduct* product : serving) {

@@ -61,6 +61,8 @@ class KTSServedCatalogs {
   bool writeCatalog(const KTSCatalog& catalog, const Serving& serving, const std::string& path);
   void keepCompressedCatalog(const std::string& path);
   static std::string inputsOf(const Serving& serving, KTSPassRecord& record);
+  // The products the catalogs at their usual place name now, before this pass writes them.
+  std::set<std::string> servedBefore() const;
   // Removes the ring folders of rings no longer defined (all of them without rings).
   void removeOldRingFolders() const;
 
@@ -70,6 +72,8 @@ class KTSServedCatalogs {
   KTSRings rings_;
   std::optional<KTSRollout> rollout_;
   std::vector<Plist> requests_;
+  // Read when the rings were just defined: what clients had then stays theirs.
+  std::set<std::string> servedBefore_;
   Date now_;
 };
 

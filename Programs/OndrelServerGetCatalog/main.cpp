@@ -127,8 +127,7 @@ int respond(char** argv) {
   ondrel::programs::locateServiceRootOfCgi(argv[0]);
   ondrel::KTSPassContext context;
   if (std::optional<std::string> ringPath = ringCatalogURLPath(context, name)) {
-    answer(302, "Found",
-           "Location: " + *ringPath + "\r\nCache-Control: private, no-store\r\n");
+    answer(302, "Found", "Location: " + *ringPath + "\r\nCache-Control: private, no-store\r\n");
     return 0;
   }
   return serve(context.layout().catalogsFolderPath(name),

@@ -91,7 +91,8 @@ int setRing(const RingsRequest& request) {
 int removeRing(const RingsRequest& request) {
   KTSPassContext context;
   KTSRings rings = KTSRings::fromPreferences(context.preferences().prefs());
-  if (!rings.remove(request.name)) return fail("there is no ring " + quotedForMessage(request.name));
+  if (!rings.remove(request.name))
+    return fail("there is no ring " + quotedForMessage(request.name));
   return saveRings(context, rings, request, "Ring " + request.name + " removed");
 }
 
@@ -105,8 +106,7 @@ int trustProxies(const RingsRequest& request) {
     return fail(why + "; nothing was changed");
   }
   return saveRings(context, rings, request,
-                   rings.trustedProxies().empty() ? "No proxy is trusted"
-                                                  : "Trusted proxies set");
+                   rings.trustedProxies().empty() ? "No proxy is trusted" : "Trusted proxies set");
 }
 
 int listRings(bool json) {
@@ -208,11 +208,10 @@ int rolloutStatus(bool json) {
       reached += (reached.empty() ? "" : ",") + ring.stringValue();
     }
     std::string next = entry.contains("heldAt")         ? "held"
-                        : entry.contains("rolledBackTo") ? "rolled back"
-                        : entry.contains("nextRing")
-                            ? entry["nextRing"].stringValue() + " at " +
-                                  entry["nextOpening"].stringValue()
-                            : "-";
+                       : entry.contains("rolledBackTo") ? "rolled back"
+                       : entry.contains("nextRing")     ? entry["nextRing"].stringValue() + " at " +
+                                                          entry["nextOpening"].stringValue()
+                                                    : "-";
     std::printf("%-16s reached %-24s next %s\n", entry["productId"].stringValue().c_str(),
                 reached.empty() ? "none" : reached.c_str(), next.c_str());
   }
