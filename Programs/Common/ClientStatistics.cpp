@@ -19,7 +19,7 @@ constexpr std::size_t kMostLine = 8192;
 // The catalog a request line asks for, or "" when it asks for something else.
 std::string catalogOf(const std::string& target) {
   static const std::regex catalog(
-      R"(^/(?:cgi-bin/OndrelServerGetCatalog\?/|content/catalogs/others/)([A-Za-z0-9][A-Za-z0-9.-]{0,127}\.ktcatalog)$)");
+      R"(^/(?:cgi-bin/OndrelServerGetCatalog\?/|content/catalogs/(?:others|rings/[a-z][a-z0-9-]{0,31})/)([A-Za-z0-9][A-Za-z0-9.-]{0,127}\.ktcatalog)$)");
   std::smatch found;
   return std::regex_match(target, found, catalog) ? found[1].str() : "";
 }
@@ -73,6 +73,38 @@ std::vector<CatalogDay> catalogClients(const std::string& accessLog, std::size_t
                           static_cast<std::uint64_t>(figures.clients.size())});
   }
   return statistics;
+}
+
+std::map<std::string, std::set<std::string>> fileClients(const std::string& accessLog,
+                                                         const std::set<std::string>& paths) {
+  std::map<std::string, std::set<std::string>> clients;
+  if (paths.empty()) return clients;
+  std::string tail = readFileTail(accessLog, kMostRead);
+  std::string_view text(tail);
+  for (std::size_t at = 0, end; at < text.size(); at = end + 1) {
+    end = text.find('\n', at);
+    if (end == std::string_view::npos) end = text.size();
+    // %h %l %u [%t] "%r" %>s ...: the client, the request's target and the status.
+    std::string_view line = text.substr(at, std::min(end - at, kMostLine));
+    std::size_t open = line.find('"');
+    std::size_t close = open == std::string_view::npos ? open : line.find('"', open + 1);
+    std::size_t space = line.find(' ');
+    if (close == std::string_view::npos || space == 0 || space > 64 || space > open) continue;
+    std::string_view request = line.substr(open + 1, close - open - 1);
+    std::size_t targetStart = request.find(' ');
+    if (targetStart == std::string_view::npos) continue;
+    std::string_view target = request.substr(targetStart + 1);
+    target = target.substr(0, target.find(' '));
+    target = target.substr(0, target.find('?'));
+    if (target.size() < 2 || target.front() != '/') continue;
+    auto known = paths.find(std::string(target.substr(1)));
+    std::string_view status = line.substr(close + 1, 5);
+    if (known == paths.end() || (status != " 200 " && status != " 206 " && status != " 304 ")) {
+      continue;
+    }
+    clients[*known].insert(std::string(line.substr(0, space)));
+  }
+  return clients;
 }
 
 Plist catalogClientsAsPlist(const std::vector<CatalogDay>& statistics) {

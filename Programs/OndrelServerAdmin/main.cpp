@@ -10,6 +10,8 @@
 //   GET  /api/plan             what the next pass downloads and whether it fits
 //   POST /api/changes          action=mirror|enable|disable|remove and id=... (one per product)
 //   POST /api/sync             a pass now
+//   GET  /api/rollout          the rings and where each product being rolled out stands
+//   POST /api/rollout          action=hold|resume|advance|open|rollback, id=ID and ring=RING
 // A POST but the login must carry the session's token in X-Ondrel-Token; the page posts the same
 // requests ondrelctl posts. Anything else gets a clear error and changes nothing.
 #include <fcntl.h>
@@ -37,6 +39,7 @@
 #include "KTSStatusValues.h"
 #include "KTSWorkingSet.h"
 #include "ProductId.h"
+#include "RolloutReport.h"
 
 namespace {
 
@@ -191,6 +194,19 @@ int change(KTSPassContext& context, const std::string& route, const std::string&
       return refuse(400, "Bad Request", error);
     }
     done.set("set", keys.front());
+  } else if (route == "/rollout") {
+    const auto& actions = (*fields)["action"];
+    const auto& ids = (*fields)["id"];
+    const auto& rings = (*fields)["ring"];
+    if (actions.size() != 1 || ids.size() != 1 || rings.size() > 1) {
+      return refuse(400, "Bad Request", "a rollout action names one action and one product");
+    }
+    if (!programs::postRolloutAction(context, ids.front(), actions.front(),
+                                     rings.empty() ? "" : rings.front(), user + " (page)",
+                                     &error)) {
+      return refuse(400, "Bad Request", error);
+    }
+    done.set("posted", actions.front());
   } else {
     const auto& actions = (*fields)["action"];
     const auto& ids = (*fields)["id"];
@@ -289,6 +305,7 @@ int read(KTSPassContext& context, const std::string& route) {
   if (route == "/log")
     return answer(200, "OK", programs::auditEntries(context.layout(), kShownAuditEntries)), 0;
   if (route == "/settings") return answer(200, "OK", programs::settingsWithValues(context)), 0;
+  if (route == "/rollout") return answer(200, "OK", programs::rolloutReport(context)), 0;
   if (route == "/clients") {
     return answer(200, "OK",
                   programs::catalogClientsAsPlist(programs::catalogClients(
@@ -325,7 +342,8 @@ int respond() {
     if (method == "GET" && route == "/session") return answerSession(user, session, secret);
     if (method == "GET") return read(context, route);
     if (method == "POST" && route == "/logout") return logout(context, user, secret);
-    if (method == "POST" && (route == "/changes" || route == "/sync" || route == "/settings")) {
+    if (method == "POST" &&
+        (route == "/changes" || route == "/sync" || route == "/settings" || route == "/rollout")) {
       return change(context, route, user, secret);
     }
     return refuse(405, "Method Not Allowed", "no such request");

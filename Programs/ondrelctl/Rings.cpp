@@ -6,15 +6,14 @@
 
 #include <cstdio>
 
-#include "Clock.h"
 #include "Ctl.h"
-#include "DateFormats.h"
 #include "KTSPassContext.h"
 #include "KTSPreferences.h"
 #include "KTSRings.h"
 #include "KTSRollout.h"
 #include "KTSServerLayout.h"
 #include "KTSSettings.h"
+#include "RolloutReport.h"
 
 namespace ondrel::ctl {
 
@@ -146,63 +145,19 @@ int whichRing(const RingsRequest& request) {
   return 0;
 }
 
-Plist scheduleStatus(const std::string& productId, const KTSRollout::Schedule& schedule,
-                     const KTSRollout& rollout, const KTSRings& rings, Date now) {
-  Plist entry = Plist::dictionary();
-  entry.set("productId", productId);
-  entry.set("enabled", formatRfc3339Date(schedule.enabled));
-  Plist reached = Plist::array();
-  for (std::size_t index = 0; index < rings.rings().size(); ++index) {
-    if (rollout.reaches(productId, index, rings, now)) reached.append(rings.rings()[index].name);
-  }
-  entry.set("reached", reached);
-  if (schedule.heldAt) entry.set("heldAt", formatRfc3339Date(*schedule.heldAt));
-  if (schedule.rolledBackTo) entry.set("rolledBackTo", *schedule.rolledBackTo);
-  for (std::size_t index = 0; index < rings.rings().size(); ++index) {
-    Date opening = schedule.enabled + std::chrono::seconds(rings.rings()[index].delaySeconds);
-    if (!schedule.heldAt && !schedule.rolledBackTo && opening > now &&
-        !rollout.reaches(productId, index, rings, now)) {
-      entry.set("nextRing", rings.rings()[index].name);
-      entry.set("nextOpening", formatRfc3339Date(opening));
-      break;
-    }
-  }
-  return entry;
-}
-
 int rolloutStatus(bool json) {
   KTSPassContext context;
-  KTSRings rings = KTSRings::fromPreferences(context.preferences().prefs());
-  KTSRollout rollout(KTSRollout::defaultPath(context.layout()));
-  Date now = Clock::now();
-  Plist products = Plist::array();
-  for (const auto& [productId, schedule] : rollout.schedules()) {
-    bool everywhere = true;
-    for (std::size_t index = 0; index < rings.rings().size(); ++index) {
-      everywhere = everywhere && rollout.reaches(productId, index, rings, now);
-    }
-    if (!everywhere) products.append(scheduleStatus(productId, schedule, rollout, rings, now));
-  }
-  Plist events = Plist::array();
-  for (const KTSRollout::Event& event : rollout.events()) {
-    Plist entry = Plist::dictionary();
-    entry.set("when", formatRfc3339Date(event.when));
-    entry.set("productId", event.productId);
-    entry.set("action", event.action);
-    entry.set("requester", event.requester);
-    events.append(entry);
-  }
+  Plist report = programs::rolloutReport(context);
   if (json) {
-    Plist report = Plist::dictionary();
-    report.set("rings", rings.asPlist());
-    report.set("products", products);
-    report.set("events", events);
     printJson(report);
     return 0;
   }
-  if (rings.empty()) std::printf("No rings: every client sees every enabled product.\n");
-  if (products.size() == 0 && !rings.empty()) std::printf("No product is being rolled out.\n");
-  for (const Plist& entry : products.elements()) {
+  if (report["rings"].size() == 0) {
+    std::printf("No rings: every client sees every enabled product.\n");
+  } else if (report["products"].size() == 0) {
+    std::printf("No product is being rolled out.\n");
+  }
+  for (const Plist& entry : report["products"].elements()) {
     std::string reached;
     for (const Plist& ring : entry["reached"].elements()) {
       reached += (reached.empty() ? "" : ",") + ring.stringValue();
@@ -212,10 +167,17 @@ int rolloutStatus(bool json) {
                        : entry.contains("nextRing")     ? entry["nextRing"].stringValue() + " at " +
                                                           entry["nextOpening"].stringValue()
                                                     : "-";
-    std::printf("%-16s reached %-24s next %s\n", entry["productId"].stringValue().c_str(),
-                reached.empty() ? "none" : reached.c_str(), next.c_str());
+    std::string clients;
+    for (const Plist& ring : report["rings"].elements()) {
+      const std::string& name = ring["name"].stringValue();
+      clients += fmt::format("{}{} {}", clients.empty() ? "" : ", ", name,
+                             entry["clients"][name].integerValue());
+    }
+    std::printf("%-16s reached %-24s next %s; clients %s\n",
+                entry["productId"].stringValue().c_str(),
+                reached.empty() ? "none" : reached.c_str(), next.c_str(), clients.c_str());
   }
-  for (const Plist& entry : events.elements()) {
+  for (const Plist& entry : report["events"].elements()) {
     std::printf("%s  %-12s %-24s by %s\n", entry["when"].stringValue().c_str(),
                 entry["productId"].stringValue().c_str(), entry["action"].stringValue().c_str(),
                 entry["requester"].stringValue().c_str());

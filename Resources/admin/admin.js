@@ -361,6 +361,61 @@ function showClients(days) {
     element("td", bytes(day.bytes), "size"), element("td", day.clients, "size")]);
 }
 
+function delayText(seconds) {
+  if (seconds > 0 && seconds % 86400 === 0) return `${seconds / 86400} d`;
+  if (seconds > 0 && seconds % 3600 === 0) return `${seconds / 3600} h`;
+  return `${seconds} s`;
+}
+
+// The rings and the products on their way through them, each with the actions that apply; the
+// section is there only while rings are defined.
+function showRollout(report) {
+  $("rollout").hidden = report.rings.length === 0;
+  if (report.rings.length === 0) return;
+  $("rings-summary").textContent = "Rings: " + report.rings.map((ring) =>
+    `${ring.name} after ${delayText(ring.delaySeconds)}`).join(", ") +
+    (report.products.length === 0 ? ". No product is being rolled out." : ".");
+  const first = report.rings[0].name;
+  fillTable("rollout-table", report.products, (product) => {
+    const stopped = product.heldAt || product.rolledBackTo;
+    const actions = [[stopped ? "resume" : "hold", stopped ? "Resume" : "Hold"],
+                     ["advance", "Advance"], ["open", "Open to all"]];
+    if (!product.rolledBackTo) actions.push(["rollback", `Roll back to ${first}`]);
+    const cell = element("td");
+    for (const [action, label] of actions) {
+      const button = element("button", label);
+      button.type = "button";
+      button.setAttribute("aria-label", `${label}: ${product.productId}`);
+      button.addEventListener("click", () =>
+        rolloutAction(action, product.productId, action === "rollback" ? first : ""));
+      cell.append(button);
+    }
+    const next = product.heldAt ? "held"
+      : product.rolledBackTo ? `rolled back to ${product.rolledBackTo}`
+      : product.nextRing ? `${product.nextRing}, ${new Date(product.nextOpening).toLocaleString()}`
+      : "-";
+    const clients = Object.entries(product.clients || {})
+      .map(([ring, count]) => `${ring} ${count}`).join(", ");
+    return [element("td", product.productId), element("td", product.reached.join(", ") || "none"),
+            element("td", next), element("td", clients), cell];
+  });
+  fillTable("rollout-events", report.events.slice(-20).reverse(), (event) => [
+    element("td", new Date(event.when).toLocaleString()), element("td", event.productId),
+    element("td", event.action), element("td", event.requester)]);
+}
+
+async function rolloutAction(action, productId, ring) {
+  try {
+    await post("/rollout", [["action", action], ["id", productId], ["ring", ring]]);
+    say(`Posted: ${action} ${productId}. ` + (page.daemonRunning
+      ? "ondrd_syncd carries it out within seconds."
+      : "No ondrd_syncd is running: it is carried out when one runs."));
+    setTimeout(refresh, 1500);
+  } catch (error) {
+    say(`Nothing was posted: ${error.message}`, true);
+  }
+}
+
 function showAudit(entries) {
   fillTable("audit-table", entries, (entry) => [
     element("td", new Date(entry.time).toLocaleString()), element("td", entry.requester),
@@ -375,13 +430,14 @@ async function refresh() {
     $("plan-summary").textContent = `The plan could not be read: ${error.message}`;
   });
   try {
-    const [status, products, audit, clients] =
-      await Promise.all([api("/status"), api("/products"), api("/log"), api("/clients")]);
+    const [status, products, audit, clients, rollout] = await Promise.all(
+      [api("/status"), api("/products"), api("/log"), api("/clients"), api("/rollout")]);
     page.rows = products;
     showStatus(status);
     showProducts();
     showAudit(audit);
     showClients(clients);
+    showRollout(rollout);
     // Drawn once: a refresh never wipes what the administrator is typing.
     if ($("settings-table").tBodies[0].rows.length === 0) showSettings(await api("/settings"));
     document.body.dataset.loaded = String(Date.now());

@@ -142,9 +142,18 @@ TEST_F(RolloutTest, ClientsAreSentToTheCatalogOfTheirRing) {
   EXPECT_EQ(fetch("127.0.0.2", {"If-None-Match: " + pilot.etag}).status, 304);
   EXPECT_EQ(fetch("127.0.0.3", {"If-None-Match: " + pilot.etag}).status, 200)
       << "each ring's catalog has its own tag";
+  // A pilot client installs a new product: the status counts it in its ring.
+  std::string package =
+      vendor_->products()[fresh[0]][KTCatalogProductPackagesKey][0]["URL"].stringValue();
+  package = fmt::format("http://127.0.0.1:{}{}", port_, package.substr(package.find("/content/")));
+  ASSERT_EQ(test::runProgram("/usr/bin/curl",
+                             {"-sf", "--interface", "127.0.0.2", "-o", root_ + "/package", package})
+                .exitStatus,
+            0);
   ProgramResult status = ctl({"rings", "status"});
-  EXPECT_TRUE(
-      std::regex_search(status.output, std::regex(fresh[0] + " +reached pilot +next broad at 20")))
+  EXPECT_TRUE(std::regex_search(
+      status.output,
+      std::regex(fresh[0] + " +reached pilot +next broad at 20.*; clients pilot 1, broad 0")))
       << status.output;
 
   ProgramResult advanced = ctl({"rings", "advance", fresh[0]});
