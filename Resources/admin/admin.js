@@ -373,7 +373,8 @@ function showRollout(report) {
   $("rollout").hidden = report.rings.length === 0;
   if (report.rings.length === 0) return;
   $("rings-summary").textContent = "Rings: " + report.rings.map((ring) =>
-    `${ring.name} after ${delayText(ring.delaySeconds)}`).join(", ") +
+    ring.delaySeconds > 0 ? `${ring.name} after ${delayText(ring.delaySeconds)}`
+                          : `${ring.name} at once`).join(", ") +
     (report.products.length === 0 ? ". No product is being rolled out." : ".");
   const first = report.rings[0].name;
   fillTable("rollout-table", report.products, (product) => {
@@ -394,8 +395,8 @@ function showRollout(report) {
       : product.rolledBackTo ? `rolled back to ${product.rolledBackTo}`
       : product.nextRing ? `${product.nextRing}, ${new Date(product.nextOpening).toLocaleString()}`
       : "-";
-    const clients = Object.entries(product.clients || {})
-      .map(([ring, count]) => `${ring} ${count}`).join(", ");
+    const clients = report.rings
+      .map((ring) => `${ring.name} ${(product.clients || {})[ring.name] ?? 0}`).join(", ");
     return [element("td", product.productId), element("td", product.reached.join(", ") || "none"),
             element("td", next), element("td", clients), cell];
   });

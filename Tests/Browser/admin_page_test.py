@@ -277,6 +277,25 @@ def check_page(mirror, driver, screenshots, axe):
         By.CSS_SELECTOR, "#settings-table tr[data-key='portToUse'] input").get_attribute("disabled")
     assert re.search(r"admin \(page\) +set +hookTimeout=90\n", mirror.ctl("log")), mirror.ctl("log")
 
+    # A staged rollout: with rings defined, a product enabled now is on its way through them, and
+    # the page acts on it as its user.
+    mirror.ctl("rings", "set", "pilot", "--blocks", "10.0.0.0/8")
+    mirror.ctl("rings", "set", "broad", "--delay", "3d", "--share", "100")
+    mirror.ctl("enable", PRODUCT)
+    hold = f"#rollout-table button[aria-label='Hold: {PRODUCT}']"
+    def rolling_out(_):
+        driver.find_element(By.ID, "refresh").click()
+        wait_loaded(driver)
+        return driver.find_elements(By.CSS_SELECTOR, hold)
+    WebDriverWait(driver, 60, poll_frequency=1).until(rolling_out)
+    row = driver.find_element(By.CSS_SELECTOR, "#rollout-table tbody tr").text
+    assert row.startswith(f"{PRODUCT} pilot broad, "), row
+    click(driver, hold)
+    WebDriverWait(driver, 10).until(lambda d: text("message").startswith(f"Posted: hold {PRODUCT}"))
+    WebDriverWait(driver, 60, poll_frequency=1).until(
+        lambda d: re.search(rf"{PRODUCT} +hold +by admin \(page\)", mirror.ctl("rings", "status")))
+    driver.find_element(By.ID, "rollout").screenshot(os.path.join(screenshots, "rollout.png"))
+
     # The detail by keyboard: it takes the focus, and Escape gives it back to the product's link.
     link = f"tr[data-id='{PRODUCT}'] td.id a"
     click(driver, link, Keys.ENTER)
