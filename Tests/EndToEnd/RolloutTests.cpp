@@ -1,11 +1,13 @@
 // A staged rollout through the real Apache and the catalog CGI: clients on different loopback
 // addresses (IPv4 and IPv6) sent to their ring's catalog, a forged forwarded-for header ignored
 // unless a trusted proxy sent it, conditional requests per ring, the administrator's advance,
+// the service opening a ring when its time comes,
 // and the rings removed again.
 #include <filesystem>
 #include <regex>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "ApacheServer.h"
 #include "KTCatalogKeys.h"
@@ -112,7 +114,7 @@ TEST_F(RolloutTest, ClientsAreSentToTheCatalogOfTheirRing) {
   ASSERT_FALSE(before.empty());
   for (const std::vector<std::string>& command :
        {std::vector<std::string>{"rings", "set", "pilot", "--blocks", "127.0.0.2,::1"},
-        {"rings", "set", "broad", "--delay", "30d", "--share", "100"},
+        {"rings", "set", "broad", "--delay", "15s", "--share", "100"},
         {"rings", "trust", "127.0.0.4"}}) {
     ProgramResult done = ctl(command);
     ASSERT_EQ(done.exitStatus, 0) << done.output;
@@ -161,6 +163,18 @@ TEST_F(RolloutTest, ClientsAreSentToTheCatalogOfTheirRing) {
   pass();
   EXPECT_TRUE(fetch("127.0.0.3").products.contains(fresh[0])) << "advanced to the broad ring";
   EXPECT_NE(ctl({"rings", "status"}).output.find("advance to broad"), std::string::npos);
+
+  // The service writes the rings' catalogs again when the broad ring's time comes, unasked.
+  ASSERT_GE(fresh.size(), 2u);
+  {
+    test::BackgroundProgram service(ONDREL_SYNCD, {"--interval", "86400"});
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!fetch("127.0.0.3").products.contains(fresh.back()) &&
+           std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    }
+    EXPECT_TRUE(fetch("127.0.0.3").products.contains(fresh.back())) << "the broad ring opened";
+  }
 
   for (const char* ring : {"pilot", "broad"}) {
     ProgramResult removed = ctl({"rings", "remove", ring});
