@@ -9,6 +9,7 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -45,6 +46,18 @@ std::string fileText(const std::string& path) {
   return text.str();
 }
 
+// Whether the CGI daemon of a configuration that loads mod_cgid listens yet (its socket is in
+// the runtime folder, beside the PID file): until it does, Apache answers a CGI's URL with 503.
+bool cgiDaemonListens(const std::string& runtimeFolder, const std::string& configPath) {
+  if (fileText(configPath).find("cgid_module") == std::string::npos) return true;
+  std::error_code error;
+  for (std::filesystem::directory_iterator entry(runtimeFolder, error), end; !error && entry != end;
+       entry.increment(error)) {
+    if (entry->path().filename().string().starts_with("cgid.sock")) return true;
+  }
+  return false;
+}
+
 }  // namespace
 
 int freeLoopbackPort() {
@@ -77,7 +90,7 @@ bool ApacheServer::start(int port, std::string* failure) {
   const std::string pidFile = serviceRoot_ + "/Status/httpd.pid";
   for (int attempt = 0; attempt < 200; ++attempt) {
     std::ifstream(pidFile) >> pid_;
-    if (pid_ > 0 && answers(port)) return true;
+    if (pid_ > 0 && answers(port) && cgiDaemonListens(serviceRoot_ + "/Status", configPath_)) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(25));
   }
   *failure = output + fileText(serviceRoot_ + "/Status/httpd_error.log");
