@@ -65,7 +65,8 @@ class RolloutTest : public test::OndrelTest {
     std::set<std::string> products;
   };
   // A client's catalog request from the local address from, as curl follows it.
-  Fetched fetch(const std::string& from, const std::vector<std::string>& headers = {}) const {
+  Fetched fetch(const std::string& from, const std::vector<std::string>& headers = {},
+                const std::string& target = "/index.ktcatalog") const {
     std::string host = from.find(':') != std::string::npos ? "[::1]" : "127.0.0.1";
     std::vector<std::string> arguments = {"-s",
                                           "-g",
@@ -80,7 +81,7 @@ class RolloutTest : public test::OndrelTest {
                                           root_ + "/body",
                                           "-w",
                                           "%{http_code} %{url_effective}",
-                                          fmt::format("http://{}:{}/index.ktcatalog", host, port_)};
+                                          fmt::format("http://{}:{}{}", host, port_, target)};
     for (const std::string& header : headers) {
       arguments.insert(arguments.begin(), {"-H", header});
     }
@@ -137,6 +138,9 @@ TEST_F(RolloutTest, ClientsAreSentToTheCatalogOfTheirRing) {
                       broad.products.end(), std::back_inserter(fresh));
   ASSERT_FALSE(fresh.empty()) << "the new products are in the pilot ring only";
   EXPECT_EQ(fetch("::1").products, pilot.products);
+  Fetched direct = fetch("127.0.0.2", {}, "/content/catalogs/others/" + test::kNewestCatalog);
+  EXPECT_EQ(direct.products, pilot.products)
+      << "the usual place sends a client (or a child mirror) to its ring too: " << direct.url;
   EXPECT_EQ(fetch("127.0.0.3", {"X-Forwarded-For: 127.0.0.2"}).products, broad.products)
       << "a forged header from a client counts for nothing";
   EXPECT_EQ(fetch("127.0.0.4", {"X-Forwarded-For: 127.0.0.2"}).products, pilot.products)
