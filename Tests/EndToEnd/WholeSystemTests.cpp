@@ -349,6 +349,26 @@ TEST_F(WholeSystemTest, AChildServerMirrorsOnlyWhatItsParentServes) {
   }
   expectChildChecksParentDigests(parent, child);
 
+  // With rings on the parent, the child is a client like any other: a product the parent rolls
+  // out reaches the child once the child's ring opens, here a ring of the child's own.
+  for (const std::vector<std::string>& command :
+       {std::vector<std::string>{"rings", "set", "pilot", "--blocks", "127.0.0.2"},
+        {"rings", "set", "broad", "--share", "100", "--delay", "30d"},
+        {"enable", "VT-000030"}}) {
+    ASSERT_EQ(parent.ctl(command).exitStatus, 0) << command[0];
+    ASSERT_EQ(parent.pass().exitStatus, 0);
+  }
+  ASSERT_EQ(child.pass().exitStatus, 0);
+  EXPECT_FALSE(child.served()[KTCatalogProductsDictKey].contains("VT-000030"));
+  ASSERT_EQ(
+      parent.ctl({"rings", "set", "child", "--blocks", "127.0.0.1", "--position", "0"}).exitStatus,
+      0);
+  ASSERT_EQ(parent.pass().exitStatus, 0);
+  ASSERT_EQ(child.pass().exitStatus, 0);
+  EXPECT_TRUE(child.served()[KTCatalogProductsDictKey].contains("VT-000030"));
+  EXPECT_FALSE(parent.served()[KTCatalogProductsDictKey].contains("VT-000030"))
+      << "the others still wait";
+
   // With the vendor and the parent gone, a client of the child installs from the child alone.
   ASSERT_EQ(parent.ctl({"web", "stop"}).exitStatus, 0);
   vendor_->stop();
