@@ -468,6 +468,16 @@ bool postRolloutAction(KTSPassContext& context, const std::string& productId,
     *error = quotedForMessage(action + " " + productId + " " + ring) + " is not a rollout action";
     return false;
   }
+  // Tried first on the record as it stands, so that what cannot apply (no rings, no such ring,
+  // a product not on its way) is told at once; the daemon tries it again when it carries it out.
+  KTSRings rings = KTSRings::fromPreferences(context.preferences().prefs());
+  KTSRollout trial(KTSRollout::defaultPath(context.layout()));
+  std::string why;
+  if (!trial.apply(productId, *KTSRollout::actionNamed(action), ring, rings, Clock::now(),
+                   requester, &why)) {
+    *error = why + "; nothing was posted";
+    return false;
+  }
   std::int64_t posted = waitForAFreshSecond();
   if (!context.requests().postRolloutRequest(productId, action, ring, requester) ||
       !requestWrittenSince(posted)) {

@@ -98,7 +98,8 @@ bool postProductChanges(KTSPassContext& context, const std::string& action,
 // refuses the request.
 bool postSyncRequest(KTSPassContext& context, const std::string& requester, std::string* error);
 // Posts a rollout action on a product (KTSRollout::actionNamed; ring for advance and rollback,
-// or "") for the daemon's next pass, in the audit log too; false with the reason otherwise.
+// or "") for the daemon's next pass, in the audit log too; false with the reason when it is not
+// one, cannot apply to the rollout as it stands, or the spool refuses it.
 bool postRolloutAction(KTSPassContext& context, const std::string& productId,
                        const std::string& action, const std::string& ring,
                        const std::string& requester, std::string* error);

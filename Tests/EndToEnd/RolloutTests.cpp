@@ -162,6 +162,10 @@ TEST_F(RolloutTest, ClientsAreSentToTheCatalogOfTheirRing) {
       std::regex(fresh[0] + " +reached pilot +next broad at 20.*; clients pilot 1, broad 0")))
       << status.output;
 
+  ProgramResult refused = ctl({"rings", "rollback", fresh[0], "nowhere"});
+  EXPECT_EQ(refused.exitStatus, 1);
+  EXPECT_NE(refused.output.find("there is no ring nowhere; nothing was posted"), std::string::npos)
+      << refused.output;
   ProgramResult advanced = ctl({"rings", "advance", fresh[0]});
   ASSERT_EQ(advanced.exitStatus, 0) << advanced.output;
   pass();
