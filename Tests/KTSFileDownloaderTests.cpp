@@ -9,6 +9,7 @@
 #include <mutex>
 #include <numeric>
 
+#include "ApacheServer.h"
 #include "KTSFetchScheduler.h"
 #include "KTSFileDownloader.h"
 #include "KTSFileValidators.h"
@@ -620,7 +621,9 @@ TEST(KTSFileDownloaderCrashTest, KilledMidwayLeavesTheOldFile) {
   const std::string folder = pattern;
   const std::string finalPath = folder + "/big.pkg";
   OndrelTest::writeFile(finalPath, "old complete file");
-  const int port = 20000 + getpid() % 20000;
+  // A port the kernel just handed out, not one derived from the PID, which another test's
+  // connection may hold.
+  const int port = test::freeLoopbackPort();
   const std::string source = fmt::format("http://127.0.0.1:{}/big", port);
 
   pid_t server = fork();
@@ -659,7 +662,7 @@ TEST(KTSFileDownloaderCrashTest, KilledMidwayLeavesTheOldFile) {
     auto size = std::filesystem::file_size(sideFile, error);
     return error ? 0 : size;
   };
-  for (int i = 0; i < 1000 && sideFileSize() < (1u << 20); ++i) usleep(10000);
+  for (int i = 0; i < 3000 && sideFileSize() < (1u << 20); ++i) usleep(10000);
   ASSERT_GE(sideFileSize(), 1u << 20) << "the download never started";
   kill(downloader, SIGKILL);
   waitpid(downloader, nullptr, 0);
