@@ -173,7 +173,9 @@ bool KTSRollout::apply(const std::string& productId, Action action, const std::s
     }
     case Action::RollBack:
       if (!named) {
-        *why = "roll back names the ring that keeps the product; there is no ring " + ring;
+        *why = ring.empty()
+                   ? "roll back names the ring that keeps the product"
+                   : "roll back names the ring that keeps the product; there is no ring " + ring;
         return false;
       }
       schedule.rolledBackTo = ring;
