@@ -115,7 +115,8 @@ std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests
   }
   // The record is read only when a manifest is to be written.
   if (!due.empty()) {
-    for (const auto& [path, record] : digests.records()) {
+    for (const auto& [key, record] : digests.records()) {
+      const std::string& path = key.stringValue();
       auto product = due.find(record.productId);
       if (product != due.end() && path.size() > prefix.size() &&
           path.compare(0, prefix.size(), prefix) == 0) {

@@ -57,28 +57,29 @@ void KTSFileDigests::load() const {
             !isValidProductId(std::string(fields[4]))) {
           return;
         }
-        records_[std::string(fields[0])] = {*digest, {*size, *modified}, std::string(fields[4])};
+        records_[Plist(fields[0])] = {*digest, {*size, *modified}, std::string(fields[4])};
       });
 }
 
-const std::unordered_map<std::string, KTSFileDigests::Record>& KTSFileDigests::records() const {
+const KTSPathKeys::Map<KTSFileDigests::Record>& KTSFileDigests::records() const {
   load();
   return records_;
 }
 
-const KTSFileDigests::Record* KTSFileDigests::recordOf(const std::string& path) const {
+const KTSFileDigests::Record* KTSFileDigests::recordOf(std::string_view path) const {
   load();
   auto found = records_.find(path);
   return found == records_.end() ? nullptr : &found->second;
 }
 
-void KTSFileDigests::recordFile(const std::string& path, const std::string& sha256,
+void KTSFileDigests::recordFile(const Plist& path, const std::string& sha256,
                                 const std::string& productId) {
-  std::optional<KTSFileRecordFormat::Stamp> stamp = KTSFileRecordFormat::stampOf(path);
+  const std::string& text = path.stringValue();
+  std::optional<KTSFileRecordFormat::Stamp> stamp = KTSFileRecordFormat::stampOf(text);
   std::optional<Digest> digest = Digest::fromHex(sha256);
-  if (!stamp || !digest || !KTSFileRecordFormat::isRecordablePath(path) ||
+  if (!stamp || !digest || !KTSFileRecordFormat::isRecordablePath(text) ||
       !isValidProductId(productId)) {
-    return forgetFile(path);
+    return forgetFile(text);
   }
   load();
   Record& record = records_[path];
@@ -89,7 +90,7 @@ void KTSFileDigests::recordFile(const std::string& path, const std::string& sha2
   changed_ = true;
 }
 
-void KTSFileDigests::forgetFile(const std::string& path) {
+void KTSFileDigests::forgetFile(std::string_view path) {
   load();
   auto found = records_.find(path);
   if (found == records_.end()) return;
@@ -105,7 +106,7 @@ bool KTSFileDigests::save() {
       storePath_, kHeader,
       [this](std::FILE* file) {
         for (const auto& [path, record] : records_) {
-          if (std::fprintf(file, "%s\t%lld\t%lld\t%s\t%s\n", path.c_str(),
+          if (std::fprintf(file, "%s\t%lld\t%lld\t%s\t%s\n", path.stringValue().c_str(),
                            static_cast<long long>(record.stamp.size),
                            static_cast<long long>(record.stamp.modified),
                            record.sha256.hex().c_str(), record.productId.c_str()) < 0) {

@@ -14,10 +14,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <unordered_set>
 
 #include "KTSFileRecordFormat.h"
+#include "KTSPathKeys.h"
 
 namespace ondrel {
 
@@ -45,12 +45,12 @@ class KTSFileDigests {
 
   // What is recorded for the file at path (standardised as the pass names files); none when
   // nothing is.
-  const Record* recordOf(const std::string& path) const;
-  // Records sha256 as the digest of productId's file now at path, with its size and time as
-  // they are now. A file that is not there (or not a regular file), or a digest or product id
-  // that is not one, forgets the path instead.
-  void recordFile(const std::string& path, const std::string& sha256, const std::string& productId);
-  void forgetFile(const std::string& path);
+  const Record* recordOf(std::string_view path) const;
+  // Records sha256 as the digest of productId's file now at path (a Plist string, kept rather
+  // than copied), with its size and time as they are now. A file that is not there (or not a
+  // regular file), or a digest or product id that is not one, forgets the path instead.
+  void recordFile(const Plist& path, const std::string& sha256, const std::string& productId);
+  void forgetFile(std::string_view path);
   // Writes the record when it changed since it was read. False when it could not be written.
   bool save();
 
@@ -58,13 +58,14 @@ class KTSFileDigests {
   std::size_t count() const { return records().size(); }
   // The products whose files' records changed since the record was read.
   const std::unordered_set<std::string>& productsChanged() const { return productsChanged_; }
-  const std::unordered_map<std::string, Record>& records() const;
+  // The records by path (Plist strings).
+  const KTSPathKeys::Map<Record>& records() const;
 
  private:
   void load() const;
 
   std::string storePath_;
-  mutable std::unordered_map<std::string, Record> records_;
+  mutable KTSPathKeys::Map<Record> records_;
   mutable bool loaded_ = false;
   std::unordered_set<std::string> productsChanged_;
   bool changed_ = false;

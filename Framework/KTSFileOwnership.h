@@ -6,8 +6,9 @@
 
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
+
+#include "KTSPathKeys.h"
 
 namespace ondrel {
 
@@ -25,7 +26,7 @@ class KTSFileOwnership {
  private:
   void claimFilesOfProduct(const KTSProduct& product);
 
-  std::unordered_map<std::string, std::string> owners_;
+  KTSPathKeys::Map<std::string> owners_;
 };
 
 }  // namespace ondrel

@@ -49,10 +49,10 @@ std::vector<KTSFileVerifier::KeptFile> KTSFileVerifier::recordedFiles(
     if (!productIds.empty() && productIds.count(record.productId) == 0) continue;
     if (!workingSet.containsProductID(record.productId) ||
         !KTSProductState::keepsFilesIn(workingSet.mirrorSettingForProductID(record.productId)) ||
-        !layout.isInsideHtmlFolder(path)) {
+        !layout.isInsideHtmlFolder(path.stringValue())) {
       continue;
     }
-    files.push_back({path, std::nullopt, record.productId});
+    files.push_back({path.stringValue(), std::nullopt, record.productId});
   }
   std::sort(files.begin(), files.end(),
             [](const KeptFile& a, const KeptFile& b) { return a.path < b.path; });

@@ -131,7 +131,7 @@ void KTSProductDownload::attemptFile(std::size_t index, int attempt, std::int64_
       return fileProcessed(true);
     }
     log_.debug("PROD: {} ({}) removing suspect file.", productId(), fileName);
-    if (files_ != nullptr) files_->fileChanged(localPath);
+    if (files_ != nullptr) files_->fileChanged(product_.mirrorFiles()[index][kFileLocalPathKey]);
     if (!KTSUtilities::removePath(localPath)) {
       // Left as it is: the file counts as neither verified nor given up.
       progress().downloadStatus = KTSProductState::FileSuspect;
@@ -185,7 +185,7 @@ void KTSProductDownload::downloadFile(std::size_t index, int attempt) {
   downloader->setExpectedSize(expectedSize);
   if (manifest_)
     downloader->setExpectedDigest(files_->upstreamDigests()->digestOf(*manifest_, localPath));
-  if (files_ != nullptr) files_->fileFetching(localPath);
+  if (files_ != nullptr) files_->fileFetching(fileInfo[kFileLocalPathKey]);
   scheduler_.enqueue(std::move(downloader), [self = shared_from_this(), this, index, attempt,
                                              expectedSize, fileName](KTSFileDownloader& fetched) {
     if (const std::optional<KTSError>& error = fetched.downloadError()) {
@@ -213,14 +213,14 @@ void KTSProductDownload::attemptEnded(std::size_t index, int attempt, std::int64
   const std::string& localPath = record[kFileLocalPathKey].stringValue();
   if (product_.verifyMirroredFileWithInfo(record)) {
     if (files_ != nullptr) {
-      files_->filePlaced(localPath, expectedSizeOf(record), sha256, productId());
+      files_->filePlaced(record[kFileLocalPathKey], expectedSizeOf(record), sha256, productId());
     }
     progress().downloadStatus = KTSProductState::FileVerified;
     ++progress().totalDownloadCount;
     progress().addDownloaded(bytesPlaced);
     return fileProcessed(false);
   }
-  if (files_ != nullptr) files_->fileChanged(localPath);
+  if (files_ != nullptr) files_->fileChanged(record[kFileLocalPathKey]);
   bool present = KTSUtilities::fileExistsAtPath(localPath);
   attemptFile(index, attempt + 1,
               present ? KTSProductState::FileSuspect : KTSProductState::FileAbsent);

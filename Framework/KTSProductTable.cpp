@@ -61,58 +61,60 @@ void KTSProductTable::listsFoundAtLoad(const KTSPassMemo::FilesVerified& found) 
   }
 }
 
-void KTSProductTable::fileFetching(const std::string& path) {
+void KTSProductTable::fileFetching(const Plist& path) {
   ++filesGeneration_;
-  files_[standardizingPath(path)] = {{FileState::Fetching, std::nullopt}, true};
+  files_[KTSPathKeys::standardKey(path)] = {{FileState::Fetching, std::nullopt}, true};
 }
 
-void KTSProductTable::filePlaced(const std::string& path, std::optional<std::int64_t> size,
+void KTSProductTable::filePlaced(const Plist& path, std::optional<std::int64_t> size,
                                  const std::optional<std::string>& sha256,
                                  const std::string& productId) {
-  std::string standard = standardizingPath(path);
+  Plist standard = KTSPathKeys::standardKey(path);
   if (digests_ != nullptr && sha256) digests_->recordFile(standard, *sha256, productId);
-  if (!size) return fileChanged(path);
+  if (!size) return fileChanged(standard);
   ++filesGeneration_;
   files_[standard] = {{FileState::InPlace, size}, true};
 }
 
-void KTSProductTable::fileRemoved(const std::string& path) {
+void KTSProductTable::fileRemoved(const Plist& path) {
   fileChanged(path);
   std::error_code error;
   if (digests_ != nullptr &&
-      !std::filesystem::exists(std::filesystem::symlink_status(path, error))) {
-    digests_->forgetFile(standardizingPath(path));
+      !std::filesystem::exists(std::filesystem::symlink_status(path.stringValue(), error))) {
+    digests_->forgetFile(standardizingPath(path.stringValue()));
   }
 }
 
-void KTSProductTable::fileChanged(const std::string& path) {
+void KTSProductTable::fileChanged(const Plist& path) {
   ++filesGeneration_;
-  files_[standardizingPath(path)].current = false;
+  files_[KTSPathKeys::standardKey(path)].current = false;
 }
 
-const KTSProductTable::FileState& KTSProductTable::knownFile(const std::string& path,
-                                                             bool sizeWanted) {
-  KnownFile& known = files_[standardizingPath(path)];
+const KTSProductTable::FileState& KTSProductTable::knownFile(const Plist& path, bool sizeWanted) {
+  KnownFile& known = files_[KTSPathKeys::standardKey(path)];
   FileState& file = known.state;
   // Found in place for a record without a size, its size is looked at once a record names one.
   if (!known.current || (sizeWanted && file.presence == FileState::InPlace && !file.size)) {
+    const std::string& text = path.stringValue();
     std::optional<std::int64_t> size;
-    if (layout_.isInsideHtmlFolder(path)) size = KTSUtilities::sizeOfExistingItemAtPath(path);
+    if (layout_.isInsideHtmlFolder(text)) size = KTSUtilities::sizeOfExistingItemAtPath(text);
     known = {{size ? FileState::InPlace : FileState::Absent, size}, true};
   }
   return file;
 }
 
-KTSProductTable::FileState KTSProductTable::fileState(const std::string& path) {
+KTSProductTable::FileState KTSProductTable::fileState(const Plist& path) {
   return knownFile(path, true);
 }
 
 bool KTSProductTable::recordsInPlace(const Plist& mirrorFiles, bool foundAtLoad) {
   for (const Plist& record : mirrorFiles.elements()) {
-    const std::string& path = record[KTSProduct::kFileLocalPathKey].stringValue();
+    const Plist& path = record[KTSProduct::kFileLocalPathKey];
     const Plist& size = record[KTSProduct::kFileSizeKey];
     // A file the pass has not touched since is as the catalogs found it.
-    if (foundAtLoad && files_.count(standardizingPath(path)) == 0) continue;
+    if (foundAtLoad && files_.count(std::string_view(standardizingPath(path.stringValue()))) == 0) {
+      continue;
+    }
     const FileState& file = knownFile(path, size.isNumber());
     if (file.presence != FileState::InPlace ||
         (size.isNumber() && file.size != size.integerValue())) {

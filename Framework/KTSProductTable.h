@@ -20,6 +20,7 @@
 
 #include "KTSFileDigests.h"
 #include "KTSPassMemo.h"
+#include "KTSPathKeys.h"
 #include "KTSServerLayout.h"
 #include "Plist.h"
 
@@ -76,17 +77,18 @@ class KTSProductTable {
   void listsFoundAtLoad(const KTSPassMemo::FilesVerified& found);
   // The pass starts to fetch the file at path; it has placed it with this size (without one, as
   // fileChanged) and, when it received the bytes itself, their digest; it removed it or may have
-  // changed it (the disk says what it is when next asked).
-  void fileFetching(const std::string& path);
-  void filePlaced(const std::string& path, std::optional<std::int64_t> size,
+  // changed it (the disk says what it is when next asked). Paths are the records' local paths
+  // (Plist strings), which the table keeps rather than copies.
+  void fileFetching(const Plist& path);
+  void filePlaced(const Plist& path, std::optional<std::int64_t> size,
                   const std::optional<std::string>& sha256 = std::nullopt,
                   const std::string& productId = "");
-  void fileChanged(const std::string& path);
+  void fileChanged(const Plist& path);
   // The pass removed the file at path with its product: its digest goes too, unless the file
   // is still there (another product keeps it).
-  void fileRemoved(const std::string& path);
+  void fileRemoved(const Plist& path);
   // The state of the file at path. A path outside the document root's html folder is Absent.
-  FileState fileState(const std::string& path);
+  FileState fileState(const Plist& path);
   // Whether every file the copy names is in place at the size its record names. A file the pass
   // has not touched since the catalogs found it in place is as they found it; what one list of
   // records found stands for every copy that shares the list until a file changes.
@@ -107,7 +109,7 @@ class KTSProductTable {
   };
   // The file's state, looked at on disk when the table does not know it as it is now (or, with
   // sizeWanted, knows it in place without a size).
-  const FileState& knownFile(const std::string& path, bool sizeWanted);
+  const FileState& knownFile(const Plist& path, bool sizeWanted);
   bool recordsInPlace(const Plist& mirrorFiles, bool foundAtLoad);
 
   const KTSServerLayout& layout_;
@@ -115,7 +117,7 @@ class KTSProductTable {
   KTSUpstreamDigests* upstream_;
   std::unordered_map<std::string, std::vector<std::weak_ptr<KTSProduct>>> copies_;
   // The files the pass looked at or touched, by standardised local path.
-  std::unordered_map<std::string, KnownFile> files_;
+  KTSPathKeys::Map<KnownFile> files_;
   // Changes with every change of a file, so that what a list of records found is not kept past it.
   std::uint64_t filesGeneration_ = 0;
   std::unordered_map<std::string, std::vector<ListChecked>> listsChecked_;

@@ -253,7 +253,7 @@ void KTSSyncPass::removeAndMirrorProducts(const std::vector<std::shared_ptr<KTSP
       return ownership.otherOwnerOfPath(path, productId) != nullptr;
     });
     for (const Plist& record : product->mirrorFiles().elements()) {
-      productTable_.fileRemoved(record[KTSProduct::kFileLocalPathKey].stringValue());
+      productTable_.fileRemoved(record[KTSProduct::kFileLocalPathKey]);
     }
   }
   mirrorProducts(scheduler, ownership, outcome);
