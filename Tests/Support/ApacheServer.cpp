@@ -90,7 +90,8 @@ bool ApacheServer::start(int port, std::string* failure) {
   const std::string pidFile = serviceRoot_ + "/Status/httpd.pid";
   for (int attempt = 0; attempt < 200; ++attempt) {
     std::ifstream(pidFile) >> pid_;
-    if (pid_ > 0 && answers(port) && cgiDaemonListens(serviceRoot_ + "/Status", configPath_)) return true;
+    if (pid_ > 0 && answers(port) && cgiDaemonListens(serviceRoot_ + "/Status", configPath_))
+      return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(25));
   }
   *failure = output + fileText(serviceRoot_ + "/Status/httpd_error.log");
