@@ -32,7 +32,7 @@ KTSServedCatalogs::KTSServedCatalogs(KTSPassContext& context, KTSProductTable& t
 
 std::set<std::string> KTSServedCatalogs::servedBefore() const {
   std::set<std::string> served;
-  std::string folder = deletingLastPathComponent(context_.layout().catalogsFolderPath("x"));
+  const std::string& folder = context_.layout().catalogsFolder();
   std::error_code error;
   for (std::filesystem::directory_iterator entry(folder, error), end; !error && entry != end;
        entry.increment(error)) {

@@ -71,8 +71,9 @@ class KTSServerLayout {
 
   // The catalog served to clients for an upstream catalog URL (its path under the served tree).
   std::string servedCatalogPath(const Url& catalogURL) const;
-  // A file of the served catalogs' folder by its name: a served catalog, or one of the server's
-  // own files beside it ("NAME.composite").
+  // The served catalogs' folder, and a file of it by its name: a served catalog, or one of the
+  // server's own files beside it ("NAME.composite").
+  const std::string& catalogsFolder() const { return otherCatalogsFolder_; }
   std::string catalogsFolderPath(const std::string& name) const;
   // The catalogs served to the clients of each ring, a folder per ring, and the URL path of a
   // ring's catalog by the catalog's name.
