@@ -110,10 +110,6 @@ void KTSRollout::productEnabled(const std::string& productId, Date enabled) {
   changed_ = schedules_.try_emplace(productId, std::move(schedule)).second || changed_;
 }
 
-void KTSRollout::productDisabled(const std::string& productId) {
-  changed_ = schedules_.erase(productId) != 0 || changed_;
-}
-
 const KTSRollout::Schedule* KTSRollout::scheduleOf(const std::string& productId) const {
   auto found = schedules_.find(productId);
   return found != schedules_.end() ? &found->second : nullptr;
@@ -224,17 +220,29 @@ bool KTSRollout::reaches(const std::string& productId, std::size_t ring, const K
   return openingOf(*schedule, rings, ring) <= until;
 }
 
+std::optional<KTSRollout::Opening> KTSRollout::nextOpeningOf(const std::string& productId,
+                                                             const KTSRings& rings,
+                                                             Date now) const {
+  const Schedule* schedule = scheduleOf(productId);
+  if (schedule == nullptr || schedule->heldAt || schedule->rolledBackTo || schedule->openToAll) {
+    return std::nullopt;
+  }
+  std::optional<Opening> next;
+  for (std::size_t index = 0; index < rings.rings().size(); ++index) {
+    Date opening = openingOf(*schedule, rings, index);
+    if (opening > now && !(schedule->advancedTo && index <= *schedule->advancedTo) &&
+        (!next || opening < next->when)) {
+      next = Opening{index, opening};
+    }
+  }
+  return next;
+}
+
 std::optional<Date> KTSRollout::nextOpening(const KTSRings& rings, Date now) const {
   std::optional<Date> next;
   for (const auto& [productId, schedule] : schedules_) {
-    if (schedule.heldAt || schedule.rolledBackTo || schedule.openToAll) continue;
-    for (std::size_t index = 0; index < rings.rings().size(); ++index) {
-      Date opening = openingOf(schedule, rings, index);
-      if (opening > now && !(schedule.advancedTo && index <= *schedule.advancedTo) &&
-          (!next || opening < *next)) {
-        next = opening;
-      }
-    }
+    std::optional<Opening> opening = nextOpeningOf(productId, rings, now);
+    if (opening && (!next || opening->when < *next)) next = opening->when;
   }
   return next;
 }

@@ -67,8 +67,6 @@ class KTSRollout {
 
   // Starts productId's schedule at enabled, when it has none.
   void productEnabled(const std::string& productId, Date enabled);
-  // Forgets productId's schedule: it is no longer enabled.
-  void productDisabled(const std::string& productId);
   // Applies the administrator's action to productId's schedule at now (ring names the ring of
   // Advance and RollBack). False, with why, when it cannot apply: no schedule, no such ring.
   bool apply(const std::string& productId, Action action, const std::string& ring,
@@ -84,6 +82,14 @@ class KTSRollout {
   // Whether clients of ring index see productId at now: always when the product has no schedule.
   bool reaches(const std::string& productId, std::size_t ring, const KTSRings& rings,
                Date now) const;
+  // The ring (its index) that opens next to productId after now, and when; none when none will
+  // by the schedule (held, rolled back, open to all, every ring reached, no schedule).
+  struct Opening {
+    std::size_t ring;
+    Date when;
+  };
+  std::optional<Opening> nextOpeningOf(const std::string& productId, const KTSRings& rings,
+                                       Date now) const;
   // When the next ring opens for any product; none when no opening is pending.
   std::optional<Date> nextOpening(const KTSRings& rings, Date now) const;
   const std::vector<Event>& events() const { return events_; }

@@ -44,6 +44,7 @@ TEST_F(KTSRolloutTest, EachRingOpensAtItsDelayUnlessTheAdministratorSaysOtherwis
   EXPECT_EQ(reached(rollout, "VT-1", enabled + 48h), "pilot,early");
   EXPECT_EQ(reached(rollout, "VT-1", enabled + 120h), "pilot,early,broad");
   EXPECT_EQ(rollout.nextOpening(rings_, enabled + 1h), enabled + 48h);
+  EXPECT_EQ(rollout.nextOpeningOf("VT-1", rings_, enabled + 1h)->ring, 1u);
   EXPECT_EQ(reached(rollout, "VT-2", enabled), "pilot,early,broad") << "no schedule: open to all";
 
   std::string why;
@@ -78,7 +79,7 @@ TEST_F(KTSRolloutTest, EachRingOpensAtItsDelayUnlessTheAdministratorSaysOtherwis
   EXPECT_EQ(read.events()[2].action, "advance to broad");
   EXPECT_EQ(read.events()[2].requester, "bo");
   EXPECT_EQ(reached(read, "VT-1", enabled), "pilot,early,broad");
-  read.productDisabled("VT-1");
+  read.follow({}, {}, {}, enabled + 500h);
   EXPECT_EQ(read.scheduleOf("VT-1"), nullptr);
 }
 

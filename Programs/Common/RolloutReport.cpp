@@ -33,14 +33,9 @@ Plist scheduleReport(const std::string& productId, const KTSRollout::Schedule& s
   entry.set("reached", reached);
   if (schedule.heldAt) entry.set("heldAt", formatRfc3339Date(*schedule.heldAt));
   if (schedule.rolledBackTo) entry.set("rolledBackTo", *schedule.rolledBackTo);
-  for (std::size_t index = 0; index < rings.rings().size(); ++index) {
-    Date opening = schedule.enabled + std::chrono::seconds(rings.rings()[index].delaySeconds);
-    if (!schedule.heldAt && !schedule.rolledBackTo && opening > now &&
-        !rollout.reaches(productId, index, rings, now)) {
-      entry.set("nextRing", rings.rings()[index].name);
-      entry.set("nextOpening", formatRfc3339Date(opening));
-      break;
-    }
+  if (std::optional<KTSRollout::Opening> next = rollout.nextOpeningOf(productId, rings, now)) {
+    entry.set("nextRing", rings.rings()[next->ring].name);
+    entry.set("nextOpening", formatRfc3339Date(next->when));
   }
   return entry;
 }
