@@ -10,6 +10,7 @@
 #include "KTSPath.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
+#include "KTSSettings.h"
 #include "KTSUtilities.h"
 
 namespace ondrel {
@@ -40,12 +41,14 @@ void KTSCatalog::applyAutoMirrorsForAllProducts() {
             onlyNew ? "ONLY NEW" : "ALL");
   log_.debug("CTLG: auto-copy - evaluating {} products.", products_ ? products_->size() : 0);
   if (!products_) return;
+  KTSProductState::FetchPolicy policy = KTSSettings::autoMirrorPolicy(preferences.prefs());
   for (const auto& [productId, product] : *products_) {
     std::string outcome;
     std::int64_t state = compositeStateForProduct(*product);
     if (product->state().mirror() != KTSProductState::DoNotMirror) {
       outcome = fmt::format("SKIPPED (state: {})", product->state().mirrorDescription());
     } else if (state != Unknown && (!onlyNew || state == New)) {
+      product->state().setFetchPolicy(policy);
       product->state().scheduleMirroring();
       outcome = "scheduled";
     } else {
@@ -254,6 +257,7 @@ std::string KTSCatalog::productIndexCacheInputs(KTSPassRecord& record) const {
         .add(state.mirror())
         .add(state.enabled())
         .add(state.enableWhenMirrored())
+        .add(static_cast<std::int64_t>(state.fetchPolicy()))
         .add(state.progress().downloadStatus)
         .addValue(state.progress().totalDownloadSize)
         .addValue(state.progress().downloadedSize);
@@ -275,6 +279,8 @@ void KTSCatalog::verifyAllProductDownloadStates() {
   std::vector<std::string> removed;
   for (const auto& [productId, product] : *products_) {
     KTSProductState& state = product->state();
+    // Files of a product on demand come when clients ask for them: none need be here.
+    if (state.fetchPolicy() == KTSProductState::FetchPolicy::OnDemand) continue;
     if (state.hasStanding() && !product->verifyMirroredFiles(context_.memo())) {
       removed.push_back(productId);
       log_.debug(

@@ -260,6 +260,7 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
   if (workingSet.containsProductID(productId)) {
     product->state().restore(workingSet.mirrorSettingForProductID(productId),
                              workingSet.enableSettingForProductID(productId));
+    product->state().restoreFetchPolicy(workingSet.productDictForID(productId)["fetchPolicy"]);
     workingSet.shareTextsWithProduct(*product);
     // An unreadable posting date reads as when the product was first seen, not as each pass.
     if (product->postDateAssumed()) {
@@ -329,6 +330,7 @@ void KTSCatalog::mergeWorkingSetProductsStates() {
             ? KTSProductState::mirrorStateForString(record["mirror"].stringValue())
             : state.mirror(),
         record.contains("enable") ? record["enable"].boolValue() : state.enabled());
+    state.restoreFetchPolicy(record["fetchPolicy"]);
     if (record.contains("DownloadedSize"))
       product->state().progress().downloadedSize = record["DownloadedSize"];
     if (record.contains("TotalDownloadSize")) {

@@ -23,9 +23,16 @@ std::vector<KTSFileVerifier::KeptFile> KTSFileVerifier::keptFiles(
     for (const auto& [productId, product] : *catalog.products()) {
       if (!product->state().keepsFiles()) continue;
       if (!productIds.empty() && productIds.count(productId) == 0) continue;
+      // A product on demand keeps the files clients asked for; the others are not missing.
+      bool onDemand = product->state().fetchPolicy() == KTSProductState::FetchPolicy::OnDemand;
       for (const Plist& record : product->mirrorFiles().elements()) {
         std::string path = standardizingPath(record[KTSProduct::kFileLocalPathKey].stringValue());
         if (!product->layout().isInsideHtmlFolder(path)) continue;
+        std::error_code error;
+        if (onDemand && std::filesystem::symlink_status(path, error).type() ==
+                            std::filesystem::file_type::not_found) {
+          continue;
+        }
         const Plist& size = record[KTSProduct::kFileSizeKey];
         std::optional<std::int64_t> expected;
         if (size.isNumber()) expected = size.integerValue();

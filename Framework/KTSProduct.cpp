@@ -148,6 +148,9 @@ Plist KTSProduct::archiveRepresentation() const {
   archive.set("mirror", state_.mirrorDescription());
   archive.set("enabled", Plist::boolean(state_.enabled()));
   archive.set("enableWhenMirrored", Plist::boolean(state_.enableWhenMirrored()));
+  if (state_.fetchPolicy() != KTSProductState::FetchPolicy::Immediate) {
+    archive.set("fetchPolicy", KTSProductState::fetchPolicyName(state_.fetchPolicy()));
+  }
   auto setIfPresent = [&archive](const char* key, const Plist& value) {
     if (!value.isNull()) archive.set(key, value);
   };
@@ -214,6 +217,7 @@ void KTSProduct::restoreFromArchiveRepresentation(const Plist& archive) {
   state_.restore(KTSProductState::mirrorStateForString(optionalString(archive["mirror"])),
                  archive["enabled"].boolValue());
   state_.restorePendingEnable(archive["enableWhenMirrored"].boolValue());
+  state_.restoreFetchPolicy(archive["fetchPolicy"]);
   facts.productFamily = optionalString(archive["productFamily"]);
   facts.version = optionalString(archive["version"]);
   facts.deprecatedProducts = archive["deprecatedProducts"];

@@ -12,6 +12,7 @@ void KTSProductChange::applyToSettings(KTSWorkingSet& workingSet,
     workingSet.setEnableSettingForProductID(false, productId);
     return;
   }
+  if (policy) workingSet.setFetchPolicyForProductID(*policy, productId);
   std::int32_t mirrorSetting = workingSet.mirrorSettingForProductID(productId);
   if (wantsFiles() && mirrorSetting == KTSProductState::DoNotMirror) {
     workingSet.setMirrorSettingForProductID(KTSProductState::PleaseMirror, productId);
@@ -23,13 +24,14 @@ void KTSProductChange::applyToSettings(KTSWorkingSet& workingSet,
 
 void KTSProductChange::applyToState(KTSProductState& state) const {
   if (remove) return state.retire();
+  if (policy) state.setFetchPolicy(*policy);
   if (wantsFiles() && state.mirror() == KTSProductState::DoNotMirror) {
     state.scheduleMirroring();
   } else if (mirror == false && state.mirror() <= KTSProductState::Mirrored) {
     state.stopMirroring();
   }
   if (enable == true) {
-    if (state.mirror() >= KTSProductState::Mirrored) {
+    if (state.mayServeNow()) {
       state.enable();
     } else {
       state.enableOnceMirrored();

@@ -1,5 +1,7 @@
 #include "KTSProductState.h"
 
+#include <iterator>
+
 namespace ondrel {
 
 namespace {
@@ -11,6 +13,8 @@ constexpr const char* kMirrorStateNames[] = {"DoNotMirror",   "PleaseMirror",   
 constexpr const char* kCompositeStateNames[] = {"UNKNOWN", "NEW", "RECURRING", "DEPRECATED",
                                                 "ORPHANED"};
 constexpr std::int64_t kLastCompositeState = 4;
+
+constexpr const char* kFetchPolicyNames[] = {"immediate", "on-demand", "background"};
 
 }  // namespace
 
@@ -37,6 +41,18 @@ std::int32_t KTSProductState::mirrorStateForString(const std::optional<std::stri
 std::string KTSProductState::mirrorStringForState(std::int64_t state) {
   if (state < PleaseMirror || state > LocalNotMirrored) return kMirrorStateNames[DoNotMirror];
   return kMirrorStateNames[state];
+}
+
+std::optional<KTSProductState::FetchPolicy> KTSProductState::fetchPolicyForName(
+    std::string_view name) {
+  for (std::uint8_t policy = 0; policy < std::size(kFetchPolicyNames); ++policy) {
+    if (name == kFetchPolicyNames[policy]) return static_cast<FetchPolicy>(policy);
+  }
+  return std::nullopt;
+}
+
+const char* KTSProductState::fetchPolicyName(FetchPolicy policy) {
+  return kFetchPolicyNames[static_cast<std::uint8_t>(policy)];
 }
 
 KTSProductState::KTSProductState() : product_(std::make_shared<ProductPart>()) {}
@@ -71,6 +87,8 @@ bool KTSProductState::isEqual(const KTSProductState& other, std::string* changed
     changed = "enabled";
   } else if (enableWhenMirrored() != other.enableWhenMirrored()) {
     changed = "enableWhenMirrored";
+  } else if (fetchPolicy() != other.fetchPolicy()) {
+    changed = "fetchPolicy";
   }
   if (changedKey) *changedKey = changed ? changed : "";
   return changed == nullptr;
@@ -80,11 +98,22 @@ void KTSProductState::finishFetching(bool allInPlace) {
   product_->progress.downloadStatus = DownloadFinished;
   setFiles(allInPlace ? Mirrored : PleaseMirror);
   if (allInPlace && product_->enableWhenMirrored) product_->enabled = true;
+  if (allInPlace && product_->policy == FetchPolicy::Background) {
+    product_->policy = FetchPolicy::Immediate;
+  }
+}
+
+void KTSProductState::setFetchPolicy(FetchPolicy policy) {
+  product_->policy = policy;
+  if (policy == FetchPolicy::OnDemand && !standing_ &&
+      (product_->files == PleaseMirror || product_->files == Downloading)) {
+    product_->files = Mirrored;
+  }
 }
 
 bool KTSProductState::applyPendingEnable() {
   ProductPart& product = *product_;
-  if (mirror() < Mirrored || !product.enableWhenMirrored || product.enabled) return false;
+  if (!mayServeNow() || !product.enableWhenMirrored || product.enabled) return false;
   product.enabled = true;
   product.enableWhenMirrored = false;
   return true;

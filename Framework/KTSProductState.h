@@ -17,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "Plist.h"
 
@@ -44,6 +45,14 @@ class KTSProductState {
     FileVerified = 4,
     DownloadFinished = 5
   };
+
+  // How a wanted product's files come: all of them before clients are served it (Immediate),
+  // each the first time a client asks for it (OnDemand), or as clients ask and also by the
+  // passes, until all are here and it is Immediate (Background). Named "immediate", "on-demand"
+  // and "background".
+  enum class FetchPolicy : std::uint8_t { Immediate, OnDemand, Background };
+  static std::optional<FetchPolicy> fetchPolicyForName(std::string_view name);
+  static const char* fetchPolicyName(FetchPolicy policy);
 
   // Exact names only; anything else (and none) is DoNotMirror.
   static std::int32_t mirrorStateForString(const std::optional<std::string>& name);
@@ -94,18 +103,31 @@ class KTSProductState {
     std::int32_t state = mirror();
     return state == Mirrored || state == LocalOnly || state == LocalOrphaned;
   }
-  // Compares mirror, enabled and enableWhenMirrored; names the first that differs.
+  FetchPolicy fetchPolicy() const { return product_->policy; }
+  // A product wanted on demand needs no pass to fetch its files: it counts as mirrored at once.
+  void setFetchPolicy(FetchPolicy policy);
+  // Whether clients are served it before its files are all here: they are wanted (or kept)
+  // under a policy that fetches a file when a client asks for it.
+  bool servedBeforeFilesArrive() const {
+    return product_->policy != FetchPolicy::Immediate && (isDownloading() || isInServedState());
+  }
+  // Whether an enable takes effect now rather than once the files are here.
+  bool mayServeNow() const { return mirror() >= Mirrored || servedBeforeFilesArrive(); }
+  // Compares mirror, enabled, enableWhenMirrored and the policy; names the first that differs.
   bool isEqual(const KTSProductState& other, std::string* changedKey = nullptr) const;
 
   // The transitions. Those of the files end this catalog's standing.
-  // Its files are to be fetched (from DoNotMirror, or again when they went missing).
-  void scheduleMirroring() { setFiles(PleaseMirror); }
+  // Its files are to be fetched (from DoNotMirror, or again when they went missing); on demand,
+  // by the clients that ask for them.
+  void scheduleMirroring() {
+    setFiles(product_->policy == FetchPolicy::OnDemand ? Mirrored : PleaseMirror);
+  }
   // Its files are no longer wanted: not fetched, nor kept as mirrored.
   void stopMirroring() { setFiles(DoNotMirror); }
   // Its files are being fetched.
   void beginFetching() { setFiles(Downloading); }
-  // Every file was processed: all of them in place (then a waiting enable is carried out) or
-  // some still to come.
+  // Every file was processed: all of them in place (then a waiting enable is carried out, and a
+  // product filled in the background is immediate from now on) or some still to come.
   void finishFetching(bool allInPlace);
   // Served to clients; enableOnceMirrored when the files are still to come.
   void enable() { product_->enabled = true; }
@@ -144,6 +166,13 @@ class KTSProductState {
   // kept for the product as a whole (the working set's), over the catalog's own.
   void restoreKeepingStanding(std::int32_t mirror, bool enabled);
   void restorePendingEnable(bool pending) { product_->enableWhenMirrored = pending; }
+  // The policy a record names ("fetchPolicy"), set as setFetchPolicy sets it; anything but a
+  // policy's name is Immediate.
+  void restoreFetchPolicy(const Plist& name) {
+    setFetchPolicy(name.isString()
+                       ? fetchPolicyForName(name.stringValue()).value_or(FetchPolicy::Immediate)
+                       : FetchPolicy::Immediate);
+  }
 
   // Where the download of the product's files got to.
   struct Progress {
@@ -166,6 +195,7 @@ class KTSProductState {
     std::optional<std::int32_t> files;
     bool enabled = false;
     bool enableWhenMirrored = false;
+    FetchPolicy policy = FetchPolicy::Immediate;
     Progress progress;
   };
   static bool isStanding(std::int64_t state) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 
 #include "Clock.h"
 #include "FileIO.h"
@@ -87,8 +88,9 @@ Plist KTSRequestManager::getPendingChangeRequestsDeletingSource(bool deleteSourc
 }
 
 Plist KTSRequestManager::mergeChangeRequests(const RequestsByDate& requests) {
-  // The later of two requests for one product wins.
-  std::vector<Plist::Dictionary::Entry> merged;
+  // The later of two requests for one product wins; the policy an earlier mirror named stays
+  // unless the later one names another.
+  std::map<std::string, Plist> merged;
   for (const auto& [postDate, requestItem] : requests) {
     for (const auto& [productId, item] : requestItem.items()) {
       if (!isValidProductId(productId)) {
@@ -96,7 +98,7 @@ Plist KTSRequestManager::mergeChangeRequests(const RequestsByDate& requests) {
         continue;
       }
       Plist instruction = Plist::dictionary();
-      for (const char* key : {"mirror", "enable", "remove"}) {
+      for (const char* key : {"mirror", "enable", "remove", "fetchPolicy"}) {
         if (item.contains(key)) instruction.set(key, item[key]);
       }
       if (instruction.size() == 0) {
@@ -104,10 +106,17 @@ Plist KTSRequestManager::mergeChangeRequests(const RequestsByDate& requests) {
         continue;
       }
       instruction.set("ProductID", productId.text());
-      merged.emplace_back(productId, std::move(instruction));
+      Plist& product = merged[std::string(productId.text())];
+      if (!instruction.contains("fetchPolicy") && product.contains("fetchPolicy")) {
+        instruction.set("fetchPolicy", product["fetchPolicy"]);
+      }
+      product = std::move(instruction);
     }
   }
-  return Plist(Plist::Dictionary::fromEntries(std::move(merged)));
+  std::vector<Plist::Dictionary::Entry> entries;
+  for (auto& [productId, instruction] : merged)
+    entries.emplace_back(productId, std::move(instruction));
+  return Plist(Plist::Dictionary::fromEntries(std::move(entries)));
 }
 
 bool KTSRequestManager::hasPendingRequests() {

@@ -100,14 +100,15 @@ std::optional<Date> KTSServedCatalogs::nextRingOpening(KTSPassContext& context) 
   return KTSRollout(KTSRollout::defaultPath(context.layout())).nextOpening(rings, Clock::now());
 }
 
-// The products clients are served from a catalog: enabled, in a served state, and every file in
-// place at the size this catalog names.
+// The products clients are served from a catalog: enabled, and in a served state with every file
+// in place at the size this catalog names, or fetched as clients ask for them.
 KTSServedCatalogs::Serving KTSServedCatalogs::servedProducts(const KTSCatalog& catalog) {
   Serving serving;
   if (!catalog.products()) return serving;
   for (const auto& [productId, product] : *catalog.products()) {
-    if (product->state().enabled() && product->state().isInServedState() &&
-        table_.filesInPlace(*product)) {
+    const KTSProductState& state = product->state();
+    if (state.enabled() && (state.servedBeforeFilesArrive() ||
+                            (state.isInServedState() && table_.filesInPlace(*product)))) {
       serving.push_back(product.get());
     }
   }

@@ -91,11 +91,14 @@ const std::vector<Setting>& settable() {
       plain("autoEnable", Kind::Boolean),
       plain("autoMirror", Kind::Boolean),
       plain("autoMirrorOnlyNew", Kind::Boolean),
+      plain("autoMirrorPolicy", Kind::FetchPolicy),
       number("hookTimeout", 1, 3600, "a number of seconds"),
       ofWebServer(plain("limitBandwidth", Kind::Boolean)),
       number("maxConcurrentDownloads", 1, kMostConcurrentDownloads, "a number of transfers"),
       plain("metaIndexURL", Kind::HttpURL),
       plain("metricsFile", Kind::FilePath),
+      number("onDemandKeepDays", 0, 3650, "a number of days (0 to keep every file)"),
+      duration("onDemandRetryAfter", 1, 3600),
       number("minimumDownloadSpeed", 0, kMostKilobytesPerSecond, "a whole number of KB/s"),
       ofWebServer(plain("otherCatalogs", Kind::CatalogList)),
       ofWebServer(number("portToUse", 1, 65535, "a port")),
@@ -175,6 +178,10 @@ Plist valueFromText(const Setting& setting, const std::string& text, std::string
       if (isListenAddress(text)) return Plist(text);
       *why = "takes an IPv4 address, or an IPv6 address in brackets";
       return Plist();
+    case Kind::FetchPolicy:
+      if (KTSProductState::fetchPolicyForName(text)) return Plist(text);
+      *why = "takes immediate, on-demand or background";
+      return Plist();
   }
   return Plist();
 }
@@ -202,6 +209,21 @@ std::int64_t scrubSecondsPerDay(const Plist& preferences) {
 
 std::int64_t scrubCycleDays(const Plist& preferences) {
   return integerWithin(preferences, "scrubCycleDays", 7);
+}
+
+KTSProductState::FetchPolicy autoMirrorPolicy(const Plist& preferences) {
+  const Plist& name = preferences["autoMirrorPolicy"];
+  return name.isString() ? KTSProductState::fetchPolicyForName(name.stringValue())
+                               .value_or(KTSProductState::FetchPolicy::Immediate)
+                         : KTSProductState::FetchPolicy::Immediate;
+}
+
+std::int64_t onDemandKeepDays(const Plist& preferences) {
+  return integerWithin(preferences, "onDemandKeepDays", 30);
+}
+
+std::int64_t onDemandRetrySeconds(const Plist& preferences) {
+  return integerWithin(preferences, "onDemandRetryAfter", 30);
 }
 
 std::optional<std::int64_t> durationSeconds(std::string_view text) {

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "KTSProductState.h"
 #include "KTSServerLayout.h"
 #include "Plist.h"
 
@@ -30,6 +31,7 @@ enum class Kind {
   FilePath,       // the absolute path of a file
   ReadableFile,   // the absolute path of a file this process can read
   ListenAddress,  // an IPv4 address, or an IPv6 address in brackets
+  FetchPolicy,    // immediate, on-demand or background
 };
 
 struct Setting {
@@ -70,6 +72,14 @@ std::string adminAddress(const Plist& preferences);             // 127.0.0.1
 std::int64_t scrubSecondsPerDay(const Plist& preferences);
 // Every kept file read again within this many days; 7.
 std::int64_t scrubCycleDays(const Plist& preferences);
+// How the products the automatic mirroring picks are fetched ("autoMirrorPolicy"); immediate.
+KTSProductState::FetchPolicy autoMirrorPolicy(const Plist& preferences);
+// A file fetched on demand that no client asked for in this many days may be removed (0: kept);
+// 30.
+std::int64_t onDemandKeepDays(const Plist& preferences);
+// After a fetch on demand failed, how long clients are asked to wait (and the upstream is not
+// asked again for the file); 30.
+std::int64_t onDemandRetrySeconds(const Plist& preferences);
 // "metricsFile", or Status/ondrel.prom under the service root.
 std::string metricsFile(const Plist& preferences, const KTSServerLayout& layout);
 

@@ -148,7 +148,7 @@ void KTSWorkingSet::mergeProducts(const ProductsById& products) {
     const std::string& productId = *product->productId();
     const Plist& old = products_[productId];
     if (old.isDictionary()) {
-      for (const char* setting : {"mirror", "enable"}) {
+      for (const char* setting : {"mirror", "enable", "fetchPolicy"}) {
         if (old.contains(setting)) {
           record.set(setting, old[setting]);
         } else {
@@ -208,6 +208,12 @@ bool KTSWorkingSet::applyProductStatus(const KTSProduct& product) {
     log_.debug("WSET: {} enabled state changed: old={}, new={}.", productId, yesOrNo(oldEnabled),
                yesOrNo(state.enabled()));
   }
+  if (KTSProductState::fetchPolicyForName(record["fetchPolicy"].stringValue())
+          .value_or(KTSProductState::FetchPolicy::Immediate) != state.fetchPolicy()) {
+    changed = true;
+    log_.debug("WSET: {} fetch policy changed: new={}.", productId,
+               KTSProductState::fetchPolicyName(state.fetchPolicy()));
+  }
   std::string oldAction = record["IFPkgFlagRestartAction"].stringValue();
   std::string newAction = product.getEffectiveRestartAction();
   if (oldAction != newAction) {
@@ -221,6 +227,7 @@ bool KTSWorkingSet::applyProductStatus(const KTSProduct& product) {
   updated.set("DownloadedSize", Plist::integer(newSize));
   updated.set("enable", Plist::boolean(state.enabled()));
   updated.set("IFPkgFlagRestartAction", newAction);
+  setFetchPolicyIn(updated, state.fetchPolicy());
   log_.debug("WSET: Updated product {}; mirror={}, d.l.size={}, eanbled={}.", productId,
              state.mirrorDescription(), newSize, yesOrNo(state.enabled()));
   // An enabled product always counts as changed; its record may well stay as it was.
@@ -258,6 +265,7 @@ Plist KTSWorkingSet::representationForProduct(const KTSProduct* product) const {
   const KTSProductState& state = product->state();
   record.set("mirror", state.mirrorDescription());
   record.set("enable", Plist::boolean(state.enabled()));
+  setFetchPolicyIn(record, state.fetchPolicy());
   if (product->productFamily()) record.set("IFPkgFlagProductFamily", *product->productFamily());
   if (product->version()) record.set("CFBundleShortVersionString", *product->version());
   if (!product->deprecatedProducts().isNull()) {
@@ -327,6 +335,23 @@ std::int32_t KTSWorkingSet::mirrorSettingForProductID(const std::string& product
 void KTSWorkingSet::setMirrorSettingForProductID(std::int32_t state,
                                                  const std::optional<std::string>& productId) {
   setSettingForProductID("mirror", Plist(KTSProductState::mirrorStringForState(state)), productId);
+}
+
+void KTSWorkingSet::setFetchPolicyForProductID(KTSProductState::FetchPolicy policy,
+                                               const std::string& productId) {
+  Plist record = products_[productId];
+  if (!record.isDictionary()) return;
+  setFetchPolicyIn(record, policy);
+  setProductDictForID(record, productId);
+}
+
+// An immediate product's record names no policy, as every record did before there were others.
+void KTSWorkingSet::setFetchPolicyIn(Plist& record, KTSProductState::FetchPolicy policy) {
+  if (policy == KTSProductState::FetchPolicy::Immediate) {
+    record.remove("fetchPolicy");
+  } else {
+    record.set("fetchPolicy", KTSProductState::fetchPolicyName(policy));
+  }
 }
 
 // The copy of a missing record is empty and gets no setting; it is stored all the same.

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "KTSLogger.h"
+#include "KTSProductState.h"
 #include "Plist.h"
 
 namespace ondrel {
@@ -69,6 +70,9 @@ class KTSWorkingSet {
                                     const std::optional<std::string>& productId);
   bool enableSettingForProductID(const std::string& productId) const;
   void setEnableSettingForProductID(bool enable, const std::optional<std::string>& productId);
+  // How the product's files are to come ("fetchPolicy"); a product without a record gets none.
+  void setFetchPolicyForProductID(KTSProductState::FetchPolicy policy,
+                                  const std::string& productId);
 
   const std::string& currentPath() const { return currentPath_; }
   const Plist& products() const { return products_; }
@@ -85,6 +89,7 @@ class KTSWorkingSet {
     bool operator==(const FileStamp&) const = default;
   };
   FileStamp currentFileStamp() const;
+  static void setFetchPolicyIn(Plist& record, KTSProductState::FetchPolicy policy);
   void setSettingForProductID(const char* key, Plist value,
                               const std::optional<std::string>& productId);
 
