@@ -40,6 +40,11 @@ std::optional<KTSPassHistory::Pass> passFromPlist(const Plist& record) {
   pass.bytesFetched = KTSStatusValues::countFrom(record["bytesFetched"]);
   pass.filesStillToFetch = KTSStatusValues::countFrom(record["filesStillToFetch"]);
   pass.bytesStillToFetch = KTSStatusValues::countFrom(record["bytesStillToFetch"]);
+  pass.onDemandProducts = KTSStatusValues::countFrom(record["onDemandProducts"]);
+  pass.onDemandBytes = KTSStatusValues::countFrom(record["onDemandBytes"]);
+  pass.onDemandBytesHere = KTSStatusValues::countFrom(record["onDemandBytesHere"]);
+  pass.onDemandFetchedFiles = KTSStatusValues::countFrom(record["onDemandFetchedFiles"]);
+  pass.onDemandFetchedBytes = KTSStatusValues::countFrom(record["onDemandFetchedBytes"]);
   pass.nextPassDue = record["nextPassDue"].dateValue();
   return pass;
 }
@@ -57,6 +62,11 @@ Plist passAsPlist(const KTSPassHistory::Pass& pass) {
   record.set("bytesFetched", KTSStatusValues::count(pass.bytesFetched));
   record.set("filesStillToFetch", KTSStatusValues::count(pass.filesStillToFetch));
   record.set("bytesStillToFetch", KTSStatusValues::count(pass.bytesStillToFetch));
+  record.set("onDemandProducts", KTSStatusValues::count(pass.onDemandProducts));
+  record.set("onDemandBytes", KTSStatusValues::count(pass.onDemandBytes));
+  record.set("onDemandBytesHere", KTSStatusValues::count(pass.onDemandBytesHere));
+  record.set("onDemandFetchedFiles", KTSStatusValues::count(pass.onDemandFetchedFiles));
+  record.set("onDemandFetchedBytes", KTSStatusValues::count(pass.onDemandFetchedBytes));
   if (pass.nextPassDue) record.set("nextPassDue", Plist::date(*pass.nextPassDue));
   return record;
 }
@@ -96,6 +106,8 @@ KTSPassHistory::KTSPassHistory(std::string path) : path_(std::move(path)) {
   passes_ = KTSStatusValues::countFrom((*read)["passes"]);
   failedPasses_ = KTSStatusValues::countFrom((*read)["failedPasses"]);
   bytesFetched_ = KTSStatusValues::countFrom((*read)["bytesFetched"]);
+  onDemandFetchedFiles_ = KTSStatusValues::countFrom((*read)["onDemandFetchedFiles"]);
+  onDemandFetchedBytes_ = KTSStatusValues::countFrom((*read)["onDemandFetchedBytes"]);
 }
 
 bool KTSPassHistory::record(const Pass& pass) {
@@ -107,6 +119,8 @@ bool KTSPassHistory::record(const Pass& pass) {
     ++failedPasses_;
   }
   bytesFetched_ += pass.bytesFetched;
+  onDemandFetchedFiles_ += pass.onDemandFetchedFiles;
+  onDemandFetchedBytes_ += pass.onDemandFetchedBytes;
   recent_.push_back(pass);
   recent_.back().note = recent_.back().note.substr(0, kRecentNoteLimit);
   if (recent_.size() > kRecentPasses) recent_.erase(recent_.begin());
@@ -121,6 +135,8 @@ Plist KTSPassHistory::asPlist() const {
   history.set("passes", KTSStatusValues::count(passes_));
   history.set("failedPasses", KTSStatusValues::count(failedPasses_));
   history.set("bytesFetched", KTSStatusValues::count(bytesFetched_));
+  history.set("onDemandFetchedFiles", KTSStatusValues::count(onDemandFetchedFiles_));
+  history.set("onDemandFetchedBytes", KTSStatusValues::count(onDemandFetchedBytes_));
   Plist recent = Plist::array();
   for (const Pass& pass : recent_) recent.append(passAsPlist(pass));
   history.set("recentPasses", std::move(recent));
@@ -163,6 +179,11 @@ std::string KTSPassHistory::prometheusText() const {
          static_cast<double>(failedPasses_));
   metric("ondrel_fetched_bytes_total", "counter", "Bytes fetched from the upstream by passes",
          static_cast<double>(bytesFetched_));
+  metric("ondrel_ondemand_fetched_files_total", "counter",
+         "Files fetched from the upstream because a client asked for them",
+         static_cast<double>(onDemandFetchedFiles_));
+  metric("ondrel_ondemand_fetched_bytes_total", "counter", "Bytes of the files fetched on demand",
+         static_cast<double>(onDemandFetchedBytes_));
   metric("ondrel_last_good_pass_timestamp_seconds", "gauge",
          "End of the last pass that succeeded, in seconds since the epoch",
          KTSStatusValues::secondsSinceEpoch(lastGoodPassEnd_));
@@ -173,6 +194,12 @@ std::string KTSPassHistory::prometheusText() const {
          static_cast<double>(lastPass_->bytesFetched));
   metric("ondrel_last_pass_success", "gauge", "1 when the last pass succeeded",
          lastPass_->outcome == Outcome::Succeeded ? 1 : 0);
+  metric("ondrel_ondemand_products", "gauge", "Products served before their files are here",
+         static_cast<double>(lastPass_->onDemandProducts));
+  metric("ondrel_ondemand_bytes", "gauge", "Bytes of the files those products name",
+         static_cast<double>(lastPass_->onDemandBytes));
+  metric("ondrel_ondemand_bytes_here", "gauge", "Bytes of those files that are here",
+         static_cast<double>(lastPass_->onDemandBytesHere));
   return text;
 }
 

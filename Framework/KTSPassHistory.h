@@ -33,6 +33,13 @@ class KTSPassHistory {
     // What the products still to be mirrored lacked when the pass ended.
     std::uint64_t filesStillToFetch = 0;
     std::uint64_t bytesStillToFetch = 0;
+    // The products served before their files are here: how many, their bytes, the bytes of
+    // them here, and what was fetched on demand since the pass before.
+    std::uint64_t onDemandProducts = 0;
+    std::uint64_t onDemandBytes = 0;
+    std::uint64_t onDemandBytesHere = 0;
+    std::uint64_t onDemandFetchedFiles = 0;
+    std::uint64_t onDemandFetchedBytes = 0;
     // When the daemon means to run the next full pass; none when it runs no more on its own.
     std::optional<Date> nextPassDue;
     double seconds() const;
@@ -54,6 +61,9 @@ class KTSPassHistory {
   std::uint64_t passes() const { return passes_; }
   std::uint64_t failedPasses() const { return failedPasses_; }
   std::uint64_t bytesFetched() const { return bytesFetched_; }
+  // Files, and their bytes, fetched on demand since the history began.
+  std::uint64_t onDemandFetchedFiles() const { return onDemandFetchedFiles_; }
+  std::uint64_t onDemandFetchedBytes() const { return onDemandFetchedBytes_; }
 
   // Adds the pass to the history and writes it; false when it could not be written.
   bool record(const Pass& pass);
@@ -78,6 +88,8 @@ class KTSPassHistory {
   std::uint64_t passes_ = 0;
   std::uint64_t failedPasses_ = 0;
   std::uint64_t bytesFetched_ = 0;
+  std::uint64_t onDemandFetchedFiles_ = 0;
+  std::uint64_t onDemandFetchedBytes_ = 0;
 };
 
 }  // namespace ondrel

@@ -163,6 +163,7 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
   removeAndMirrorProducts(listed, scheduler, outcome);
   applyPendingEnables();
   countStillToFetch(listed, outcome);
+  offerFilesOnDemand(outcome);
   saveState();
   validators->save();
   saveDigests();
@@ -293,6 +294,9 @@ void KTSSyncPass::collectChanges() {
     if (item.contains("mirror")) change.mirror = item["mirror"].boolValue();
     if (item.contains("enable")) change.enable = item["enable"].boolValue();
     if (item["remove"].boolValue()) change.remove = true;
+    if (item["fetchPolicy"].isString()) {
+      change.policy = KTSProductState::fetchPolicyForName(item["fetchPolicy"].stringValue());
+    }
   }
   KTSJobTicketManager& tickets = context_.tickets();
   tickets.refresh();

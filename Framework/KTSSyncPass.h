@@ -60,6 +60,15 @@ struct KTSPassOutcome {
   // their catalog size, and the bytes the catalogs give for them.
   std::uint64_t filesStillToFetch = 0;
   std::uint64_t bytesStillToFetch = 0;
+  // Products served before their files are here: how many, their bytes and the bytes of them
+  // here, and the files the fetch-on-miss CGI placed since the last pass.
+  struct OnDemandFigures {
+    std::uint64_t products = 0;
+    std::uint64_t bytes = 0;
+    std::uint64_t bytesHere = 0;
+    std::uint64_t fetchedFiles = 0;
+    std::uint64_t fetchedBytes = 0;
+  } onDemand;
   // When a ring next opens to a product being rolled out: the served catalogs change then.
   std::optional<Date> nextRingOpening;
   bool failed() const { return interrupted || !failures.empty(); }
@@ -94,6 +103,7 @@ class KTSSyncPass {
   void removeAndMirrorProducts(const std::vector<std::shared_ptr<KTSProduct>>& products,
                                KTSFetchScheduler& scheduler, KTSPassOutcome& outcome);
   void applyPendingEnables();
+  void offerFilesOnDemand(KTSPassOutcome& outcome);
   void countStillToFetch(const std::vector<std::shared_ptr<KTSProduct>>& products,
                          KTSPassOutcome& outcome) const;
   void logRequests(const KTSFetchScheduler::Counters& fetched, KTSPassOutcome& outcome);

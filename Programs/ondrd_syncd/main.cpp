@@ -84,6 +84,11 @@ ondrel::KTSPassOutcome runPass(
   pass.bytesFetched = outcome.bytesFetched;
   pass.filesStillToFetch = outcome.filesStillToFetch;
   pass.bytesStillToFetch = outcome.bytesStillToFetch;
+  pass.onDemandProducts = outcome.onDemand.products;
+  pass.onDemandBytes = outcome.onDemand.bytes;
+  pass.onDemandBytesHere = outcome.onDemand.bytesHere;
+  pass.onDemandFetchedFiles = outcome.onDemand.fetchedFiles;
+  pass.onDemandFetchedBytes = outcome.onDemand.fetchedBytes;
   if (interval) {
     std::optional<Date> lastRun = context.status().getLastRunTime();
     pass.nextPassDue = lastRun.value_or(pass.started) + *interval;
