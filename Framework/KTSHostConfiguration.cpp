@@ -92,7 +92,8 @@ bool KTSHostConfiguration::loadWithPreferences(const Plist* preferences) {
 
 // A file that loads mod_bw, the prefork MPM of an older shipped file (which served catalogs
 // through a process per request and held a process per connection), or serves catalogs itself
-// whether or not rings are defined (which would keep every client from its ring) is obsolete: it
+// whether or not rings are defined (which would keep every client from its ring), or sends no
+// request for a missing product file to the fetch-on-miss CGI, is obsolete: it
 // is kept beside as ".obsolete" and the shipped file takes its place, with the lines the
 // preferences decide written into it again by the commit that loads it.
 bool KTSHostConfiguration::checkFile() {
@@ -102,7 +103,7 @@ bool KTSHostConfiguration::checkFile() {
   if (text && !text->empty() &&
       (holds("mod_bw") || holds("\nLoadModule mpm_prefork_module ") ||
        (holds("OndrelServerGetCatalog$ /content/catalogs/others/") &&
-        !holds("/content/catalogs/rings !-d")))) {
+        (!holds("/content/catalogs/rings !-d") || !holds(" /cgi-bin/OndrelServerFetch$1 "))))) {
     log_.warning("Removing obsolete {} configuration.", lastPathComponent(configPath_));
     std::string obsoletePath = appendingPathExtension(configPath_, "obsolete");
     if (KTSUtilities::fileExistsAtPath(obsoletePath)) KTSUtilities::removePath(obsoletePath);

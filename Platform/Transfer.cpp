@@ -149,6 +149,7 @@ class Transfer::Impl {
   }
 
   void setDestination(std::string path) { destination_ = std::move(path); }
+  void setDestinationReadAsItGrows() { flushEachBlock_ = true; }
 
   void setConditions(const std::string& etag, const std::string& lastModified) {
     curl_slist_free_all(conditions_);
@@ -257,7 +258,8 @@ class Transfer::Impl {
       body_->append(data);
       return true;
     }
-    if (file_ == nullptr || std::fwrite(data.data(), 1, data.size(), file_) != data.size()) {
+    if (file_ == nullptr || std::fwrite(data.data(), 1, data.size(), file_) != data.size() ||
+        (flushEachBlock_ && std::fflush(file_) != 0)) {
       return refuse("Writing " + destination_ + " failed: " + systemErrorText(errno));
     }
     if (digest_) digest_->add(data);
@@ -416,6 +418,7 @@ class Transfer::Impl {
   CURL* easy_;
   TransferReceiver* receiver_;
   std::string destination_;
+  bool flushEachBlock_ = false;
   std::string* body_ = nullptr;
   std::uint64_t lengthLimit_ = UINT64_MAX;
   std::uint64_t received_ = 0;
@@ -458,6 +461,7 @@ Transfer::Transfer(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 Transfer::~Transfer() = default;
 
 void Transfer::setDestination(std::string path) { impl_->setDestination(std::move(path)); }
+void Transfer::setDestinationReadAsItGrows() { impl_->setDestinationReadAsItGrows(); }
 void Transfer::setDestinationInMemory(std::string* body, std::size_t limit) {
   impl_->setDestinationInMemory(body, limit);
 }

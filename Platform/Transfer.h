@@ -77,6 +77,8 @@ class Transfer {
 
   // The file the body goes to; created (replacing any file there) when the response arrives.
   void setDestination(std::string path);
+  // Others read the destination file while it grows: each block received reaches it at once.
+  void setDestinationReadAsItGrows();
   // Instead of a file, *body receives the body (emptied when the response arrives); a body
   // longer than limit fails the transfer. *body must outlive the transfer.
   void setDestinationInMemory(std::string* body, std::size_t limit);
