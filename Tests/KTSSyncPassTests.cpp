@@ -17,6 +17,7 @@
 #include "KTCatalogKeys.h"
 #include "KTSFileDigests.h"
 #include "KTSJobTicketManager.h"
+#include "KTSOnDemandFiles.h"
 #include "KTSPreferences.h"
 #include "KTSRequestManager.h"
 #include "KTSRings.h"
@@ -102,10 +103,12 @@ class KTSSyncPassTest : public OndrelTest {
     EXPECT_EQ(observer_.workEnded, 1);
     return outcome;
   }
-  void post(const std::string& action, const std::string& productId) {
+  void post(const std::string& action, const std::string& productId,
+            const std::string& policy = "") {
     renewContext();
     std::string error;
-    ASSERT_TRUE(programs::postProductChanges(context(), action, {productId}, "test", &error))
+    ASSERT_TRUE(
+        programs::postProductChanges(context(), action, {productId}, "test", &error, policy))
         << error;
   }
   // Whether nothing the administrator posted is still waiting.
@@ -509,6 +512,68 @@ TEST_F(KTSSyncPassTest, AnHttp2UpstreamThatAllowsFewStreamsServesAWholePass) {
     ++requests;
   }
   EXPECT_GT(requests, 100);
+}
+
+TEST_F(KTSSyncPassTest, ProductsOnDemandAreServedAtOnceAndKeepOnlyWhatClientsRead) {
+  configure(false);
+  ASSERT_FALSE(fullPass().failed());
+  const std::string onDemand = "VT-000020";
+  const std::string background = "VT-000021";
+  post("mirror", onDemand, "on-demand");
+  post("enable", onDemand);
+  post("mirror", background, "background");
+  post("enable", background);
+  KTSPassOutcome offered = changesPass();
+  EXPECT_FALSE(offered.failed()) << offered.note();
+  EXPECT_TRUE(served().contains(onDemand) && served().contains(background));
+  EXPECT_EQ(observer_.mirrored, std::vector<std::string>{background}) << "only one is filled in";
+  EXPECT_FALSE(std::filesystem::exists(html() + packagePath(onDemand)));
+  renewContext();
+  EXPECT_EQ(context().workingSet().productDictForID(onDemand)["fetchPolicy"].stringValue(),
+            "on-demand");
+  EXPECT_FALSE(context().workingSet().productDictForID(background).contains("fetchPolicy"))
+      << "once filled in, a product is immediate";
+  KTSOnDemandFiles files(context().layout());
+  std::string index = readFile(files.indexPath());
+  std::optional<KTSOnDemandFiles::Entry> entry =
+      KTSOnDemandFiles::lookUp(index, packagePath(onDemand));
+  ASSERT_TRUE(entry.has_value()) << index;
+  EXPECT_EQ(entry->size, static_cast<std::int64_t>(std::filesystem::file_size(
+                             vendor_->folder() + packagePath(onDemand))));
+  EXPECT_FALSE(KTSOnDemandFiles::lookUp(index, packagePath(background)));
+  EXPECT_FALSE(KTSOnDemandFiles::lookUp(index, packagePath(onDemand) + "x"));
+
+  // What the CGI may leave: the package at a size its catalog does not name (an older version),
+  // never served; then the package, fetched three days ago, its digest in the journal, and
+  // kept for as many days as it may go unread.
+  std::string package = html() + packagePath(onDemand);
+  std::filesystem::create_directories(std::filesystem::path(package).parent_path());
+  writeFile(package, "an older version");
+  changesPass();
+  EXPECT_FALSE(std::filesystem::exists(package)) << "a stale file is never served";
+  std::filesystem::copy_file(vendor_->folder() + packagePath(onDemand), package);
+  ASSERT_TRUE(files.recordFetched(
+      {Clock::secondsNow(), packagePath(onDemand), entry->size, std::string(64, 'a')}));
+  struct timespec threeDaysAgo[2] = {{Clock::secondsNow() - 3 * 86400, 0},
+                                     {Clock::secondsNow() - 3 * 86400, 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, package.c_str(), threeDaysAgo, 0), 0);
+  context().sharedPreferences()->setValue("onDemandKeepDays", Plist::integer(4));
+  ASSERT_TRUE(context().sharedPreferences()->commitChanges());
+  KTSPassOutcome kept = changesPass();
+  EXPECT_EQ(kept.onDemand.fetchedFiles, 1u);
+  EXPECT_TRUE(std::filesystem::exists(package)) << "read within the days it is kept";
+  EXPECT_EQ(kept.onDemand.bytesHere, static_cast<std::uint64_t>(entry->size));
+  KTSFileDigests digests(
+      KTSFileDigests::storePathForDocumentRoot(context().layout().documentRoot()));
+  EXPECT_NE(digests.recordOf(package), nullptr) << "the fetch's digest is recorded";
+
+  context().sharedPreferences()->setValue("onDemandKeepDays", Plist::integer(2));
+  ASSERT_TRUE(context().sharedPreferences()->commitChanges());
+  KTSPassOutcome dropped = changesPass();
+  EXPECT_FALSE(std::filesystem::exists(package)) << "not read for longer than it is kept";
+  EXPECT_EQ(dropped.onDemand.bytesHere, 0u);
+  EXPECT_TRUE(served().contains(onDemand)) << "and still served, to be fetched again";
+  EXPECT_TRUE(observer_.mirrored.empty());
 }
 
 }  // namespace

@@ -179,13 +179,20 @@ ServerSummary summarizeServer(KTSPassContext& context) {
     ++summary.byCompositeState[KTSCatalog::compositeProductStringForStateValue(
         KTSCatalog::compositeProductStateForString(record["CompositeProductState"].stringValue()))];
     if (record["enable"].boolValue()) ++summary.enabled;
-    if (mirror >= KTSProductState::Mirrored) {
+    // Of a product fetched as clients ask, what is here.
+    if (record.contains("fetchPolicy") && mirror >= KTSProductState::Mirrored) {
+      summary.bytesMirrored += nonNegative(record["DownloadedSize"]);
+    } else if (mirror >= KTSProductState::Mirrored) {
       summary.bytesMirrored += nonNegative(record["TotalDownloadSize"]);
     }
   }
   // Counted by the pass from the files on disk, as the plan counts them.
   KTSPassHistory history(KTSPassHistory::defaultPath(context.layout()));
-  if (history.lastPass()) summary.bytesToMirror = history.lastPass()->bytesStillToFetch;
+  if (const std::optional<KTSPassHistory::Pass>& last = history.lastPass()) {
+    summary.bytesToMirror = last->bytesStillToFetch;
+    summary.onDemand = {last->onDemandProducts, last->onDemandBytes, last->onDemandBytesHere,
+                        history.onDemandFetchedFiles(), history.onDemandFetchedBytes()};
+  }
   summary.pendingRequests = pendingRequestCount();
   KTSJobTicketManager& tickets = context.tickets();
   tickets.refresh();
@@ -216,6 +223,13 @@ Plist summaryAsPlist(const ServerSummary& summary) {
   out.set("enabled", integer(summary.enabled));
   out.set("bytesMirrored", integer(summary.bytesMirrored));
   out.set("bytesToMirror", integer(summary.bytesToMirror));
+  Plist onDemand = Plist::dictionary();
+  onDemand.set("products", integer(summary.onDemand.products));
+  onDemand.set("bytes", integer(summary.onDemand.bytes));
+  onDemand.set("bytesHere", integer(summary.onDemand.bytesHere));
+  onDemand.set("fetchedFiles", integer(summary.onDemand.fetchedFiles));
+  onDemand.set("fetchedBytes", integer(summary.onDemand.fetchedBytes));
+  out.set("onDemand", std::move(onDemand));
   out.set("pendingRequests", integer(summary.pendingRequests));
   out.set("pendingTickets", integer(summary.pendingTickets));
   out.set("daemonRunning", Plist::boolean(summary.daemonPid.has_value()));
@@ -351,11 +365,19 @@ Plist nextPassPlan(KTSPassContext& context) {
   Plist planned = Plist::array();
   std::uint64_t files = 0;
   std::uint64_t bytes = 0;
+  // What the files of products fetched on demand could still take, were every one asked for.
+  std::uint64_t possibleBytes = 0;
   KTSCatalog::forEachCachedCatalog(context, [&](const KTSCatalog& catalog) {
     for (const auto& [productId, product] : *catalog.products()) {
       std::int32_t mirror = workingSet.containsProductID(productId)
                                 ? workingSet.mirrorSettingForProductID(productId)
                                 : product->state().mirror();
+      bool onDemand = workingSet.productDictForID(productId)["fetchPolicy"].stringValue() ==
+                      KTSProductState::fetchPolicyName(KTSProductState::FetchPolicy::OnDemand);
+      if (onDemand && mirror == KTSProductState::Mirrored && seen.insert(productId).second) {
+        possibleBytes += product->stillToFetch().bytes;
+        continue;
+      }
       if ((mirror != KTSProductState::PleaseMirror && mirror != KTSProductState::Downloading) ||
           !seen.insert(productId).second) {
         continue;
@@ -375,6 +397,7 @@ Plist nextPassPlan(KTSPassContext& context) {
   out.set("products", planned);
   out.set("files", Plist::integer(static_cast<std::int64_t>(files)));
   out.set("bytes", Plist::integer(static_cast<std::int64_t>(bytes)));
+  out.set("possibleBytes", Plist::integer(static_cast<std::int64_t>(possibleBytes)));
   out.set("freeBytes", Plist::integer(static_cast<std::int64_t>(space.free)));
   out.set("reserveBytes", Plist::integer(static_cast<std::int64_t>(space.reserve)));
   out.set("reservePercent", Plist::integer(space.reservePercent));
@@ -388,9 +411,16 @@ bool isProductAction(const std::string& action) {
 
 bool postProductChanges(KTSPassContext& context, const std::string& action,
                         const std::vector<std::string>& productIds, const std::string& requester,
-                        std::string* error) {
+                        std::string* error, const std::string& policy) {
   if (!isProductAction(action)) {
     *error = quotedForMessage(action) + " is not a product change; nothing was posted";
+    return false;
+  }
+  if (!policy.empty() && (action != "mirror" || !KTSProductState::fetchPolicyForName(policy))) {
+    *error = action != "mirror" ? "only a mirror takes a policy; nothing was posted"
+                                : quotedForMessage(policy) +
+                                      " is not a policy (immediate, on-demand or background); "
+                                      "nothing was posted";
     return false;
   }
   if (productIds.empty()) {
@@ -419,6 +449,7 @@ bool postProductChanges(KTSPassContext& context, const std::string& action,
     Plist item = Plist::dictionary();
     item.set("ProductID", productId);
     item.set(key, Plist::boolean(action != "disable"));
+    if (!policy.empty()) item.set("fetchPolicy", policy);
     items.append(item);
   }
   std::int64_t posted = waitForAFreshSecond();
@@ -431,7 +462,8 @@ bool postProductChanges(KTSPassContext& context, const std::string& action,
   for (const std::string& productId : productIds) {
     tickets.addTicketOfTypeForProduct(ticketType, productId);
   }
-  recordInAuditLog(context.layout(), requester, action, productIds);
+  recordInAuditLog(context.layout(), requester,
+                   policy.empty() ? action : action + " (" + policy + ")", productIds);
   return true;
 }
 

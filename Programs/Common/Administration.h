@@ -40,6 +40,15 @@ struct ServerSummary {
   std::uint64_t bytesMirrored = 0;
   // What the products still to be mirrored lacked when the last pass ended.
   std::uint64_t bytesToMirror = 0;
+  // The products served before their files are here, as the last pass found them (the bytes
+  // their files take, those of them here), and the files fetched on demand in all.
+  struct OnDemand {
+    std::uint64_t products = 0;
+    std::uint64_t bytes = 0;
+    std::uint64_t bytesHere = 0;
+    std::uint64_t fetchedFiles = 0;
+    std::uint64_t fetchedBytes = 0;
+  } onDemand;
   std::size_t pendingRequests = 0;
   std::size_t pendingTickets = 0;
   // The ondrd_syncd that holds the pass lock (the service, or a pass run by hand); none when no
@@ -82,18 +91,21 @@ std::string productTitle(const Plist& record);
 // null when the working set has no such product.
 Plist productDetail(KTSPassContext& context, const std::string& productId);
 // What the next pass downloads: "products" (ProductID, files, bytes), "files", "bytes",
-// "freeBytes", "reserveBytes", "reservePercent" and whether it "fits".
+// "freeBytes", "reserveBytes", "reservePercent" and whether it "fits"; what the products fetched on
+// demand could take besides, were every file asked for ("possibleBytes"), is not counted in it.
 Plist nextPassPlan(KTSPassContext& context);
 
 // The product changes an administrator can post: "mirror", "enable", "disable", "remove".
 bool isProductAction(const std::string& action);
 // Posts the action for the products to the daemon: one change request and a job ticket per
 // product, and a line of the audit log naming who asked (requester: "alice (page)", "root").
-// Nothing is posted, and error says why, when the action is unknown, an id is not a product id
-// or not in the working set, or the spool refuses the request.
+// A mirror may name how the files are to come (policy: "immediate", "on-demand", "background";
+// empty leaves each product's as it is). Nothing is posted, and error says why, when the action
+// or the policy is unknown, an id is not a product id or not in the working set, or the spool
+// refuses the request.
 bool postProductChanges(KTSPassContext& context, const std::string& action,
                         const std::vector<std::string>& productIds, const std::string& requester,
-                        std::string* error);
+                        std::string* error, const std::string& policy = "");
 // Asks the daemon for a pass now, in the audit log too; false with the reason when the spool
 // refuses the request.
 bool postSyncRequest(KTSPassContext& context, const std::string& requester, std::string* error);

@@ -210,8 +210,11 @@ int change(KTSPassContext& context, const std::string& route, const std::string&
   } else {
     const auto& actions = (*fields)["action"];
     const auto& ids = (*fields)["id"];
+    const auto& policies = (*fields)["policy"];
     std::string action = actions.size() == 1 ? actions.front() : "";
-    if (!programs::postProductChanges(context, action, ids, user + " (page)", &error)) {
+    if (policies.size() > 1) return refuse(400, "Bad Request", "a change names one policy");
+    if (!programs::postProductChanges(context, action, ids, user + " (page)", &error,
+                                      policies.empty() ? "" : policies.front())) {
       return refuse(400, "Bad Request", error);
     }
     done.set("posted", action);

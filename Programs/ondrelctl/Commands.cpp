@@ -139,10 +139,10 @@ int reloadWebServer(const std::string& what, const std::string& otherwise) {
 }  // namespace
 
 int postChanges(const std::string& action, const std::vector<std::string>& productIds,
-                const std::string& requester) {
+                const std::string& requester, const std::string& policy) {
   std::string error;
   KTSPassContext context;
-  if (!programs::postProductChanges(context, action, productIds, requester, &error)) {
+  if (!programs::postProductChanges(context, action, productIds, requester, &error, policy)) {
     return fail(error);
   }
   std::printf("Posted: %s %zu product%s.\n", action.c_str(), productIds.size(),

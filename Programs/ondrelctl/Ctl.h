@@ -39,8 +39,9 @@ int product(const std::string& productId, bool json);
 int metrics();
 int plan(bool json);
 // requester: who asked, for the audit log.
+// policy: how a mirror's files are to come; empty for as they are.
 int postChanges(const std::string& action, const std::vector<std::string>& productIds,
-                const std::string& requester);
+                const std::string& requester, const std::string& policy);
 int sync(bool wait, const std::string& requester);
 // Waits until a pass that started after before (the last run time then) has ended, telling every
 // second how it goes; none, or why there is no good outcome: no pass started within two minutes,

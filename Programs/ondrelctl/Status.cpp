@@ -36,6 +36,19 @@ std::string sizeText(const Plist& size) {
   return humanBytes(static_cast<std::uint64_t>(std::max<std::int64_t>(0, size.integerValue())));
 }
 
+// How the product's files come: "immediate" unless its record names another policy.
+std::string policyText(const Plist& record) {
+  return record["fetchPolicy"].isString() ? record["fetchPolicy"].stringValue() : "immediate";
+}
+
+// What of the product's files is here: all of a product kept whole, what clients asked for of one
+// fetched on demand, nothing of one not mirrored.
+std::string hereText(const Plist& record, bool keepsFiles) {
+  if (!keepsFiles) return "-";
+  return sizeText(record.contains("fetchPolicy") ? record["DownloadedSize"]
+                                                 : record["TotalDownloadSize"]);
+}
+
 // How far the daemon's background check of the kept files has come, and the damage it found
 // that no pass has put right yet.
 void printScrub(const KTSScrub& scrub) {
@@ -101,6 +114,14 @@ int status(bool json) {
   std::printf("  catalog:       %s\n", countsText(summary.byCompositeState).c_str());
   std::printf("Mirrored:        %s (%s still to mirror)\n",
               humanBytes(summary.bytesMirrored).c_str(), humanBytes(summary.bytesToMirror).c_str());
+  if (summary.onDemand.products > 0 || summary.onDemand.fetchedFiles > 0) {
+    std::printf(
+        "On demand:       %llu products, %s of %s here; %llu files (%s) fetched on demand\n",
+        static_cast<unsigned long long>(summary.onDemand.products),
+        humanBytes(summary.onDemand.bytesHere).c_str(), humanBytes(summary.onDemand.bytes).c_str(),
+        static_cast<unsigned long long>(summary.onDemand.fetchedFiles),
+        humanBytes(summary.onDemand.fetchedBytes).c_str());
+  }
   std::printf("Pending:         %zu requests, %zu tickets\n", summary.pendingRequests,
               summary.pendingTickets);
   printScrub(KTSScrub(KTSScrub::defaultPath(context.layout())));
@@ -132,13 +153,16 @@ int products(const programs::ProductFilter& filter, bool json) {
     printJson(listed);
     return 0;
   }
-  std::printf("%-14s %-17s %-7s %-12s %10s  %s\n", "PRODUCT", "MIRROR", "ENABLED", "VERSION",
-              "SIZE", "TITLE");
+  std::printf("%-14s %-17s %-10s %-7s %-12s %10s %10s  %s\n", "PRODUCT", "MIRROR", "POLICY",
+              "ENABLED", "VERSION", "SIZE", "HERE", "TITLE");
   for (const Plist& record : listed.elements()) {
-    std::printf("%-14s %-17s %-7s %-12s %10s  %s\n", record["ProductID"].stringValue().c_str(),
-                record["mirror"].stringValue().c_str(), record["enable"].boolValue() ? "yes" : "no",
+    bool keeps = KTSProductState::keepsFilesIn(
+        KTSProductState::mirrorStateForString(record["mirror"].stringValue()));
+    std::printf("%-14s %-17s %-10s %-7s %-12s %10s %10s  %s\n",
+                record["ProductID"].stringValue().c_str(), record["mirror"].stringValue().c_str(),
+                policyText(record).c_str(), record["enable"].boolValue() ? "yes" : "no",
                 record["CFBundleShortVersionString"].stringValue().substr(0, 12).c_str(),
-                sizeText(record["TotalDownloadSize"]).c_str(),
+                sizeText(record["TotalDownloadSize"]).c_str(), hereText(record, keeps).c_str(),
                 programs::productTitle(record).c_str());
   }
   std::printf("%zu products\n", listed.size());
@@ -168,6 +192,7 @@ int product(const std::string& productId, bool json) {
   line("Family:", record["IFPkgFlagProductFamily"].stringValue());
   line("Version:", record["CFBundleShortVersionString"].stringValue());
   line("Mirror state:", record["mirror"].stringValue());
+  line("Policy:", policyText(record));
   line("Enabled:", record["enable"].boolValue() ? "yes" : "no");
   line("Catalog state:", record["CompositeProductState"].stringValue());
   line("Posted:", record[KTCatalogProductPostDateKey].stringValue());
@@ -230,6 +255,10 @@ int plan(bool json) {
               sizeText(plan["reserveBytes"]).c_str(),
               static_cast<long long>(plan["reservePercent"].integerValue()),
               plan["fits"].boolValue() ? "fits" : "DOES NOT FIT");
+  if (plan["possibleBytes"].integerValue() > 0) {
+    std::printf("Products on demand may take up to %s more, as clients ask for their files.\n",
+                sizeText(plan["possibleBytes"]).c_str());
+  }
   return 0;
 }
 

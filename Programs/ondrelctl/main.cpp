@@ -35,6 +35,7 @@ struct CommandLine {
   std::string productId;
   std::vector<std::string> productIds;
   std::string action;  // mirror, enable, disable or remove
+  std::string policy;  // how a mirror's files come
   bool wait = false;
   std::string key;
   std::string value;
@@ -128,6 +129,14 @@ void defineCommands(CLI::App& app, CommandLine& line) {
         app.add_subcommand(name, std::string("Ask the daemon to ") + name + " products");
     change->add_option("ID", line.productIds, "Product ids")->required();
     change->callback([&line, name] { line.action = name; });
+    if (std::string_view(name) == "mirror") {
+      change
+          ->add_option("--policy", line.policy,
+                       "immediate: every file before clients see it; on-demand: served now, each "
+                       "file fetched when a client first asks; background: both, the passes "
+                       "filling in the rest")
+          ->check(CLI::IsMember({"immediate", "on-demand", "background"}));
+    }
   }
   line.sync = app.add_subcommand("sync", "Ask the daemon for a pass now");
   line.sync->add_flag("--wait", line.wait, "Follow the pass and exit with its outcome");
@@ -173,7 +182,8 @@ int carryOut(const CommandLine& line) {
   if (*line.status) return line.wait ? watchStatus() : status(line.json);
   if (*line.products) return products(line.filter, line.json);
   if (*line.product) return product(line.productId, line.json);
-  if (!line.action.empty()) return postChanges(line.action, line.productIds, line.requester);
+  if (!line.action.empty())
+    return postChanges(line.action, line.productIds, line.requester, line.policy);
   if (*line.sync) return sync(line.wait, line.requester);
   if (*line.log) return auditLog(line.limit, line.json);
   if (*line.configShow) return configShow(line.json);

@@ -187,6 +187,11 @@ function showStatus(status) {
   $("product-count").textContent = `${status.products} (${status.enabled} enabled)`;
   $("bytes-mirrored").textContent = bytes(status.bytesMirrored);
   $("bytes-to-mirror").textContent = bytes(status.bytesToMirror);
+  const onDemand = status.onDemand || {};
+  $("on-demand").textContent = onDemand.products
+    ? `${onDemand.products} products, ${bytes(onDemand.bytesHere)} of ${bytes(onDemand.bytes)} here; ` +
+      `${onDemand.fetchedFiles} files (${bytes(onDemand.fetchedBytes)}) fetched on demand`
+    : "none";
   const reserve = status.reserveBytes;
   $("free-space").textContent = `${bytes(status.volumeFreeBytes)} (reserve ${bytes(reserve)})`;
   const failure = $("last-failure");
@@ -294,6 +299,8 @@ async function showDetail(productId) {
     const shown = [
       ["Title", title.title], ["Family", product.IFPkgFlagProductFamily],
       ["Version", product.CFBundleShortVersionString], ["Mirror state", product.mirror],
+      ["Policy", product.fetchPolicy || "immediate"],
+      ["Here", product.fetchPolicy ? bytes(product.DownloadedSize || 0) : "-"],
       ["Catalog state", product.CompositeProductState], ["Enabled", product.enable ? "yes" : "no"],
       ["Posted", product.PostDate], ["Size", bytes(product.TotalDownloadSize)],
       ["Catalogs", (product.catalogs || []).join(", ")],
@@ -470,7 +477,9 @@ async function change(action) {
     return say("Nothing was posted.");
   }
   try {
-    await post("/changes", [["action", action], ...ids.map((id) => ["id", id])]);
+    const policy = action === "mirror" ? $("mirror-policy").value : "";
+    await post("/changes", [["action", action], ...(policy ? [["policy", policy]] : []),
+                            ...ids.map((id) => ["id", id])]);
     const when = page.daemonRunning
       ? "ondrd_syncd carries it out within seconds."
       : "No ondrd_syncd is running: it is carried out when one runs.";
