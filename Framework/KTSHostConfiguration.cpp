@@ -103,7 +103,7 @@ bool KTSHostConfiguration::checkFile() {
   if (text && !text->empty() &&
       (holds("mod_bw") || holds("\nLoadModule mpm_prefork_module ") ||
        (holds("OndrelServerGetCatalog$ /content/catalogs/others/") &&
-        (!holds("/content/catalogs/rings !-d") || !holds(" /cgi-bin/OndrelServerFetch$1 "))))) {
+        (!holds("/content/catalogs/rings !-d") || !holds(" /cgi-bin/nph-OndrelServerFetch$1 "))))) {
     log_.warning("Removing obsolete {} configuration.", lastPathComponent(configPath_));
     std::string obsoletePath = appendingPathExtension(configPath_, "obsolete");
     if (KTSUtilities::fileExistsAtPath(obsoletePath)) KTSUtilities::removePath(obsoletePath);

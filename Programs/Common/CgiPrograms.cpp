@@ -16,7 +16,7 @@ namespace ondrel::programs {
 namespace {
 
 constexpr const char* kCgiNames[] = {"OndrelServerGetCatalog", "OndrelServerHealth",
-                                     "OndrelServerAdmin", "OndrelServerFetch"};
+                                     "OndrelServerAdmin", "nph-OndrelServerFetch"};
 constexpr const char* kServiceTail = "/Library/Server/Ondrel/cgi-bin/";
 
 void installCgi(const std::string& name) {

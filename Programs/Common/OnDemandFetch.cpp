@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <ctime>
 #include <thread>
 
 #include "Clock.h"
@@ -66,12 +67,26 @@ bool writeAll(std::string_view bytes) {
   return true;
 }
 
+// The CGI's response goes to the client as it is written (a non-parsed-headers CGI): Apache
+// would otherwise drop its length and send the body chunked, and a response cut short by a
+// failed fetch would end like a whole one. So each response is a whole HTTP/1.1 head, and the
+// connection closes after it.
+std::string responseHead(int status, const char* reason, const std::string& headers) {
+  std::time_t now = Clock::secondsNow();
+  struct tm parts {};
+  char date[64];
+  std::strftime(date, sizeof date, "%a, %d %b %Y %H:%M:%S GMT", ::gmtime_r(&now, &parts));
+  return fmt::format("HTTP/1.1 {} {}\r\nDate: {}\r\nConnection: close\r\n{}\r\n", status, reason,
+                     date, headers);
+}
+
 int answerStatus(int status, const char* reason, const std::string& extraHeaders = "") {
   std::string body = std::string(reason) + "\n";
-  writeAll(
-      fmt::format("Status: {} {}\r\nContent-Type: text/plain\r\nCache-Control: no-store\r\n{}"
-                  "Content-Length: {}\r\n\r\n{}",
-                  status, reason, extraHeaders, body.size(), body));
+  writeAll(responseHead(status, reason,
+                        fmt::format("Content-Type: text/plain\r\nCache-Control: no-store\r\n{}"
+                                    "Content-Length: {}\r\n",
+                                    extraHeaders, body.size())) +
+           body);
   return 0;
 }
 
@@ -91,9 +106,10 @@ const char* contentTypeOf(const std::string& path) {
 
 // Headers for a body of size bytes (none: not known yet).
 bool sendHeaders(const FileToFetch& file, std::int64_t size) {
-  return writeAll(fmt::format("Status: 200 OK\r\nContent-Type: {}\r\n{}\r\n",
-                              contentTypeOf(file.localPath),
-                              size >= 0 ? fmt::format("Content-Length: {}\r\n", size) : ""));
+  return writeAll(
+      responseHead(200, "OK",
+                   fmt::format("Content-Type: {}\r\n{}", contentTypeOf(file.localPath),
+                               size >= 0 ? fmt::format("Content-Length: {}\r\n", size) : "")));
 }
 
 std::optional<Failure> lastFailure(const FileToFetch& file) {
