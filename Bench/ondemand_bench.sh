@@ -10,7 +10,8 @@
 # - 50 clients asking for one cold file at once: the upstream's requests for it, and whether all
 #   50 received the upstream's bytes;
 # - 200 clients over 20 cold files: the wall time, the upstream's requests for them, and whether
-#   every client received the right bytes.
+#   every client received the right bytes; before it, the same clients with
+#   Bench/served_monitor.py watching the served tree (a file there only ever whole).
 # Usage: Bench/ondemand_bench.sh [products] [round trip ms]
 #        (as root; default 10000 products and 50 ms)
 products="${1:-10000}"
@@ -112,10 +113,24 @@ fresh_upstream 24 $((4 << 20))
 mapfile -t twenty < <(offered_files | head -20)
 clients=()
 for round in $(seq 10); do clients+=("${twenty[@]}"); done
+# The served tree as clients see it, every 20 ms while they ask: no file there in part.
+html="$ONDREL_ROOT/Library/Server/Ondrel/Data/html"
+printf '%s\n' "${clients[@]}" >"$work/twenty.list"
+if python3 Bench/served_monitor.py "$html" "$mirror_port" -- \
+  bash -c "xargs -P 200 -I{} curl -sS -o /dev/null '$mirror{}' <'$work/twenty.list'" \
+  >"$work/monitor.out"; then
+  monitor_faults=0
+else
+  monitor_faults=$(grep -c '^  *[0-9.]* s ' "$work/monitor.out" || true)
+fi
+# Cold again for the timed run.
+rm -rf "$html/content/downloads"
+: >"$requests"
 wrong=$(many_clients "${clients[@]}")
 asked=0
 for path in "${twenty[@]}"; do asked=$((asked + $(upstream_gets "$path"))); done
 table+=("$(row "200 clients over 20 cold files (s)" "$clients_s" "" "")")
+table+=("$(row "  faults the served-tree monitor saw" "$monitor_faults" "0" "")")
 table+=("$(row "  upstream requests / wrong bodies" "$asked / $wrong" "20 / 0" "")")
 table+=("$(row "  peak memory of curl's 200 transfers (MB)" "$((clients_kb / 1024))" "" "")")
 

@@ -2,7 +2,8 @@
 
 Each round reads every served catalog (it must parse, and every URL in it must name this mirror)
 and checks that every file it names exists as a regular file, with the catalog's size where the
-catalog gives one. A catalog replaced while a round looked at it is looked at again next round:
+catalog gives one; a file of a product served on demand (named in the mirror's on-demand index)
+may be missing, since the mirror fetches it when a client asks, but never there in part. A catalog replaced while a round looked at it is looked at again next round:
 a client holding the old one is not what is measured. Prints every distinct fault with the time
 it was first seen and exits 1 when there was one.
 
@@ -18,6 +19,7 @@ html, port = sys.argv[1], int(sys.argv[2])
 command = sys.argv[sys.argv.index("--") + 1:]
 others = os.path.join(html, "content/catalogs/others")
 prefix = f"http://127.0.0.1:{port}/"
+on_demand_index = os.path.join(html, "..", ".ondemand", "index")
 INTERNAL = (".vantor", ".composite", ".productscache", ".alternate", ".downloading", ".previous")
 
 
@@ -41,8 +43,18 @@ def named_files(entry):
     return names
 
 
+def offered_on_demand():
+    """The URL paths of the files the mirror fetches when a client asks for them."""
+    try:
+        with open(on_demand_index, encoding="utf-8", errors="replace") as f:
+            return {line.split("\t", 1)[0] for line in f.read().splitlines()[1:]}
+    except OSError:
+        return set()
+
+
 def check_catalog(name):
     path = os.path.join(others, name)
+    on_demand = offered_on_demand()
     before = stamp(path)
     faults = []
     try:
@@ -59,7 +71,8 @@ def check_catalog(name):
             try:
                 info = os.lstat(local)
             except OSError:
-                faults.append(f"{name}: {product_id} names missing {url[len(prefix):][:100]}")
+                if "/" + url[len(prefix):].split("?")[0] not in on_demand:
+                    faults.append(f"{name}: {product_id} names missing {url[len(prefix):][:100]}")
                 continue
             if not os.path.isfile(local) or os.path.islink(local):
                 faults.append(f"{name}: {product_id} names a non-file {url[len(prefix):][:100]}")
