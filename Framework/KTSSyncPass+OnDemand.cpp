@@ -31,95 +31,124 @@ std::optional<std::int64_t> lastReadSecond(const std::string& path) {
 
 }  // namespace
 
-void KTSSyncPass::offerFilesOnDemand(KTSPassOutcome& outcome) {
-  const KTSServerLayout& layout = context_.layout();
-  KTSOnDemandFiles onDemand(layout);
-  struct Named {
-    const Plist* localPath;
-    std::string productId;
-  };
-  std::map<std::string, Named> named;
-  std::vector<KTSOnDemandFiles::Entry> entries;
-  // The files of those products by local path, with their sizes, and whether they may be dropped
-  // (no pass fills their product in).
-  struct Offered {
+// The files of the products served before their files are here, as the pass's catalogs name
+// them: the index's entries, and by local path each file's size (-1: its catalog names none),
+// product and whether a pass may drop it (no pass fills its product in). Files a product keeps
+// whole (immediate, or filled in by the passes) are never dropped.
+class KTSSyncPass::OfferedFiles {
+ public:
+  struct File {
     const Plist* localPath;
     std::int64_t size;
     bool mayDrop;
     std::string productId;
   };
-  std::map<std::string, Offered> offeredFiles;
-  // Files a product keeps for itself (immediate, or filled in by the passes) are never dropped.
+
+  OfferedFiles(const KTSServerLayout& layout,
+               const std::vector<std::shared_ptr<KTSCatalog>>& catalogs)
+      : layout_(layout) {
+    for (const auto& catalog : catalogs) {
+      if (!catalog->products()) continue;
+      for (const auto& [productId, product] : *catalog->products()) add(productId, *product);
+    }
+  }
+
+  std::vector<KTSOnDemandFiles::Entry> entries;
+  std::map<std::string, File> byLocalPath;
+  std::map<std::string, const File*> byUrlPath;
   std::set<std::string> keptWhole;
-  std::set<std::string> countedProducts;
-  for (const auto& catalog : catalogs_) {
-    if (!catalog->products()) continue;
-    for (const auto& [productId, product] : *catalog->products()) {
-      const KTSProductState& state = product->state();
-      bool offered = state.enabled() && state.servedBeforeFilesArrive();
-      bool onDemandOnly = offered && state.fetchPolicy() == KTSProductState::FetchPolicy::OnDemand;
-      if (offered && countedProducts.insert(productId).second) ++outcome.onDemand.products;
-      for (const Plist& record : product->mirrorFiles().elements()) {
-        const Plist& localPath = record[KTSProduct::kFileLocalPathKey];
-        if (!localPath.isString()) continue;
-        if (!offered) {
-          if (state.keepsFiles() || state.isDownloading())
-            keptWhole.insert(localPath.stringValue());
-          continue;
-        }
-        const std::string& path = localPath.stringValue();
-        const Plist& size = record[KTSProduct::kFileSizeKey];
-        const Plist& url = record[KTSProduct::kFileURLKey];
-        if (!url.isString() || !layout.isInsideHtmlFolder(path) ||
-            KTSProductFileRules::refusalOutsideDownloads(layout, path)) {
-          continue;
-        }
-        std::string urlPath = path.substr(layout.htmlFolder().size());
-        if (!urlPath.starts_with("/")) urlPath.insert(urlPath.begin(), '/');
-        // A file whose catalog names no size (a distribution) is taken at the size it arrives.
-        std::int64_t bytes = size.isNumber() ? std::max<std::int64_t>(size.integerValue(), 0) : -1;
-        entries.push_back({urlPath, bytes, url.stringValue()});
-        named.emplace(urlPath, Named{&localPath, productId});
-        offeredFiles.emplace(path, Offered{&localPath, bytes, onDemandOnly, productId});
+  std::set<std::string> products;
+
+ private:
+  void add(const std::string& productId, const KTSProduct& product) {
+    const KTSProductState& state = product.state();
+    bool offered = state.enabled() && state.servedBeforeFilesArrive();
+    bool onDemandOnly = state.fetchPolicy() == KTSProductState::FetchPolicy::OnDemand;
+    if (offered) products.insert(productId);
+    for (const Plist& record : product.mirrorFiles().elements()) {
+      const Plist& localPath = record[KTSProduct::kFileLocalPathKey];
+      if (!localPath.isString()) continue;
+      const std::string& path = localPath.stringValue();
+      if (!offered) {
+        if (state.keepsFiles() || state.isDownloading()) keptWhole.insert(path);
+        continue;
       }
+      const Plist& size = record[KTSProduct::kFileSizeKey];
+      const Plist& url = record[KTSProduct::kFileURLKey];
+      if (!url.isString() || !layout_.isInsideHtmlFolder(path) ||
+          KTSProductFileRules::refusalOutsideDownloads(layout_, path)) {
+        continue;
+      }
+      std::string urlPath = path.substr(layout_.htmlFolder().size());
+      if (!urlPath.starts_with("/")) urlPath.insert(urlPath.begin(), '/');
+      // A file whose catalog names no size (a distribution) is taken at the size it arrives.
+      std::int64_t bytes = size.isNumber() ? std::max<std::int64_t>(size.integerValue(), 0) : -1;
+      auto [file, added] =
+          byLocalPath.try_emplace(path, File{&localPath, bytes, onDemandOnly, productId});
+      if (!added) continue;
+      entries.push_back({urlPath, bytes, url.stringValue()});
+      byUrlPath.emplace(urlPath, &file->second);
     }
   }
-  for (const KTSOnDemandFiles::Fetched& fetched : onDemand.takeJournal()) {
-    auto found = named.find(fetched.urlPath);
-    if (found == named.end()) continue;
-    ++outcome.onDemand.fetchedFiles;
-    outcome.onDemand.fetchedBytes += static_cast<std::uint64_t>(fetched.size);
-    if (KTSUtilities::fileSizeAtPath(found->second.localPath->stringValue()) == fetched.size) {
-      digests_.recordFile(*found->second.localPath, fetched.sha256, found->second.productId);
-    }
-  }
-  // The index names every file first, so that a client asking for one removed below finds it.
+
+  const KTSServerLayout& layout_;
+};
+
+// The index names every file before any is removed, so that a client asking for one removed
+// here finds it.
+void KTSSyncPass::offerFilesOnDemand(KTSPassOutcome& outcome) {
+  OfferedFiles offered(context_.layout(), catalogs_);
+  outcome.onDemand.products = offered.products.size();
+  KTSOnDemandFiles onDemand(context_.layout());
+  recordFetchedOnDemand(onDemand, offered, outcome);
   std::string error;
-  if (!onDemand.writeIndex(std::move(entries), &error)) {
+  if (!onDemand.writeIndex(std::move(offered.entries), &error)) {
     outcome.failures.push_back("the index of files fetched on demand not written: " + error);
     return;
   }
+  keepFilesOnDemand(offered, outcome);
+}
+
+// The files the CGI placed since the last pass: counted, and their digests recorded while the
+// file is still the size it arrived at.
+void KTSSyncPass::recordFetchedOnDemand(const KTSOnDemandFiles& onDemand,
+                                        const OfferedFiles& offered, KTSPassOutcome& outcome) {
+  for (const KTSOnDemandFiles::Fetched& fetched : onDemand.takeJournal()) {
+    auto found = offered.byUrlPath.find(fetched.urlPath);
+    if (found == offered.byUrlPath.end()) continue;
+    ++outcome.onDemand.fetchedFiles;
+    outcome.onDemand.fetchedBytes += static_cast<std::uint64_t>(fetched.size);
+    const OfferedFiles::File& file = *found->second;
+    if (KTSUtilities::fileSizeAtPath(file.localPath->stringValue()) == fetched.size) {
+      digests_.recordFile(*file.localPath, fetched.sha256, file.productId);
+    }
+  }
+}
+
+// Removes the files of on-demand products that are stale (another size than the catalog names)
+// or that no client read in onDemandKeepDays, and counts what is here; a product's downloaded
+// size is what of it is here.
+void KTSSyncPass::keepFilesOnDemand(const OfferedFiles& offered, KTSPassOutcome& outcome) {
+  const KTSServerLayout& layout = context_.layout();
   std::int64_t keepDays = KTSSettings::onDemandKeepDays(context_.preferences().prefs());
   std::int64_t unusedSince = Clock::secondsNow() - keepDays * 86400;
-  // A product's downloaded size is what of it is here.
   std::map<std::string, std::int64_t> bytesHere;
-  for (const auto& [path, file] : offeredFiles) {
-    const auto& [localPath, size, mayDrop, productId] = file;
+  for (const auto& [path, file] : offered.byLocalPath) {
+    outcome.onDemand.bytes += static_cast<std::uint64_t>(std::max<std::int64_t>(file.size, 0));
+    std::int64_t& productHere = bytesHere[file.productId];
     std::optional<std::int64_t> here = KTSUtilities::fileSizeAtPath(path);
-    outcome.onDemand.bytes += static_cast<std::uint64_t>(std::max<std::int64_t>(size, 0));
-    bytesHere.try_emplace(productId, 0);
     if (!here) continue;
-    bool stale = size >= 0 && *here != size;
+    bool stale = file.size >= 0 && *here != file.size;
     bool unused = keepDays > 0 && lastReadSecond(path).value_or(unusedSince) < unusedSince;
-    if (mayDrop && (stale || unused) && keptWhole.count(path) == 0 &&
+    if (file.mayDrop && (stale || unused) && offered.keptWhole.count(path) == 0 &&
         KTSProductFileRules::mayDelete(layout, path) && KTSUtilities::removePath(path)) {
       log_.info("Removed {} ({}); it is fetched again when a client asks for it.", path,
                 stale ? "not the size its catalog names" : "not asked for recently");
-      productTable_.fileRemoved(*localPath);
+      productTable_.fileRemoved(*file.localPath);
       continue;
     }
     outcome.onDemand.bytesHere += static_cast<std::uint64_t>(*here);
-    bytesHere[productId] += *here;
+    productHere += *here;
   }
   for (const auto& [productId, bytes] : bytesHere) {
     for (const auto& copy : productTable_.copiesOf(productId)) {

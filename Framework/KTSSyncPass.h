@@ -30,6 +30,7 @@
 namespace ondrel {
 
 class KTSFileOwnership;
+class KTSOnDemandFiles;
 class KTSProduct;
 
 // What a pass tells whoever watches it (the daemon's progress display), on the pass's thread.
@@ -103,7 +104,13 @@ class KTSSyncPass {
   void removeAndMirrorProducts(const std::vector<std::shared_ptr<KTSProduct>>& products,
                                KTSFetchScheduler& scheduler, KTSPassOutcome& outcome);
   void applyPendingEnables();
+  // The products served before their files are here: the index of their files, what was
+  // fetched on demand since the last pass, and the files kept of them.
+  class OfferedFiles;
   void offerFilesOnDemand(KTSPassOutcome& outcome);
+  void recordFetchedOnDemand(const KTSOnDemandFiles& onDemand, const OfferedFiles& offered,
+                             KTSPassOutcome& outcome);
+  void keepFilesOnDemand(const OfferedFiles& offered, KTSPassOutcome& outcome);
   void countStillToFetch(const std::vector<std::shared_ptr<KTSProduct>>& products,
                          KTSPassOutcome& outcome) const;
   void logRequests(const KTSFetchScheduler::Counters& fetched, KTSPassOutcome& outcome);
