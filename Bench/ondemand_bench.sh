@@ -46,8 +46,8 @@ offered_files() {
     cut -f1
 }
 upstream_gets() { awk -v path="$1" '$1 == "GET" && $2 == path' "$requests" | wc -l; }
-# many_clients URL_PATH... : every URL fetched by its own client, all at once; prints how many
-# bodies differ from the upstream's file.
+# many_clients URL_PATH... : every URL fetched by its own client, all at once; sets clients_s,
+# clients_kb and wrong (how many bodies differ from the upstream's file).
 many_clients() {
   local config="$work/clients.config" number=0
   : >"$config"
@@ -57,14 +57,13 @@ many_clients() {
     printf 'url = "%s%s"\noutput = "%s/clients/%d"\n' "$mirror" "$path" "$work" "$number" >>"$config"
   done
   measure clients curl -sS --parallel --parallel-immediate --parallel-max "$#" -K "$config"
-  local wrong=0
+  wrong=0
   number=0
   for path in "$@"; do
     number=$((number + 1))
     cmp -s "$work/clients/$number" "$work/upstream$path" || wrong=$((wrong + 1))
   done
   rm -rf "$work/clients"
-  echo "$wrong"
 }
 
 table=()
@@ -83,14 +82,15 @@ table+=("$(row "first pass: product packages fetched" "$package_gets" "0" "")")
 
 # One cold file of 100 MiB, then 50 clients at once on another.
 fresh_upstream 4 $((100 << 20))
-"$syncd" --once >/dev/null
-mapfile -t large < <(offered_files | head -2)
+"$syncd" --once >/dev/null 2>&1
+mapfile -t large < <(offered_files | sed -n 1,2p)
 read -r direct_first direct_total < <(curl -sS -o /dev/null -w '%{time_starttransfer} %{time_total}\n' \
   "$base${large[0]}")
 : >"$requests"
 read -r mirror_first mirror_total < <(curl -sS -o "$work/cold" -w '%{time_starttransfer} %{time_total}\n' \
   "$mirror${large[0]}")
-cmp -s "$work/cold" "$work/upstream${large[0]}" || echo "the cold file arrived wrong" >&2
+cmp -s "$work/cold" "$work/upstream${large[0]}" ||
+  echo "the cold file arrived wrong: $(stat -c %s "$work/cold") bytes of $(stat -c %s "$work/upstream${large[0]}")" >&2
 rm -f "$work/cold"
 first_bound=$(python3 -c "print(f'{1.2 * $direct_first + $rtt / 1000:.3f}')")
 table+=("$(row "cold 100 MiB file: first byte (s)" "$mirror_first" "$direct_first" \
@@ -102,15 +102,15 @@ table+=("$(row "cold 100 MiB file: whole (s)" "$mirror_total" "$direct_total" \
 table+=("$(row "cold 100 MiB file: upstream requests" "$(upstream_gets "${large[0]}")" "1" "")")
 clients=()
 for _ in $(seq 50); do clients+=("${large[1]}"); done
-wrong=$(many_clients "${clients[@]}")
+many_clients "${clients[@]}"
 table+=("$(row "50 clients, one cold 100 MiB file (s)" "$clients_s" "$direct_total" "")")
 table+=("$(row "  upstream requests / wrong bodies" "$(upstream_gets "${large[1]}") / $wrong" \
   "1 / 0" "")")
 
 # 200 clients over 20 cold files.
 fresh_upstream 24 $((4 << 20))
-"$syncd" --once >/dev/null
-mapfile -t twenty < <(offered_files | head -20)
+"$syncd" --once >/dev/null 2>&1
+mapfile -t twenty < <(offered_files | sed -n 1,20p)
 clients=()
 for round in $(seq 10); do clients+=("${twenty[@]}"); done
 # The served tree as clients see it, every 20 ms while they ask: no file there in part.
@@ -126,7 +126,7 @@ fi
 # Cold again for the timed run.
 rm -rf "$html/content/downloads"
 : >"$requests"
-wrong=$(many_clients "${clients[@]}")
+many_clients "${clients[@]}"
 asked=0
 for path in "${twenty[@]}"; do asked=$((asked + $(upstream_gets "$path"))); done
 table+=("$(row "200 clients over 20 cold files (s)" "$clients_s" "" "")")

@@ -24,8 +24,6 @@ namespace {
 
 constexpr std::string_view kHeader = "ondrel-digests 1\n";
 constexpr const char* kFolderName = "digests";
-// A product of thousands of files has a manifest of a few hundred kilobytes.
-constexpr std::size_t kManifestReadLimit = std::size_t{4} << 20;
 
 std::string servedTreePrefix(const KTSServerLayout& layout) {
   return standardizingPath(layout.htmlFolder()) + "/";
@@ -85,6 +83,11 @@ std::string manifestPath(const KTSServerLayout& layout, const std::string& produ
 
 std::string manifestUrlPath(const std::string& productId) {
   return fmt::format("/{}/{}", kFolderName, productId);
+}
+
+std::optional<Url> manifestUrlFor(const std::string& productId, const Url& fileUrl) {
+  if (!isValidProductId(productId)) return std::nullopt;
+  return Url::parse(originOf(fileUrl) + manifestUrlPath(productId));
 }
 
 std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests,
@@ -168,15 +171,15 @@ std::optional<Manifest> parse(std::string_view text) {
 void KTSUpstreamDigests::fetch(const std::string& productId, const Url& fileUrl,
                                KTSFetchScheduler& scheduler, Ready ready) {
   std::string origin = originOf(fileUrl);
-  std::optional<Url> url = Url::parse(origin + KTSDigestManifests::manifestUrlPath(productId));
-  if (originsWithout_.count(origin) != 0 || !url || !isValidProductId(productId)) {
+  std::optional<Url> url = KTSDigestManifests::manifestUrlFor(productId, fileUrl);
+  if (originsWithout_.count(origin) != 0 || !url) {
     return ready(nullptr);
   }
   // Received into memory: nothing is written where the path says.
   auto downloader = KTSFileDownloader::downloaderWithURLLocalPathArchivePrevious(
       *url, KTSDigestManifests::manifestPath(layout_, productId), false);
   downloader->setUsesValidators(false);
-  downloader->receiveIntoMemory(kManifestReadLimit);
+  downloader->receiveIntoMemory(KTSDigestManifests::kManifestReadLimit);
   scheduler.enqueueFirst(std::move(downloader), [this, origin, productId, ready = std::move(ready)](
                                                     KTSFileDownloader& fetched) {
     if (fetched.downloadError()) {

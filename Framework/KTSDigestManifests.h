@@ -38,6 +38,11 @@ using Manifest = std::unordered_map<std::string, std::string>;
 // Where a product's manifest is published, in the served tree and as a URL path.
 std::string manifestPath(const KTSServerLayout& layout, const std::string& productId);
 std::string manifestUrlPath(const std::string& productId);
+// The URL of the manifest the upstream serving fileUrl would publish for productId; none for a
+// product id that is not one.
+std::optional<Url> manifestUrlFor(const std::string& productId, const Url& fileUrl);
+// The most a manifest can be.
+inline constexpr std::size_t kManifestReadLimit = std::size_t{4} << 20;
 
 // A manifest is a header line, then a line per file: its SHA-256, size and path relative to the
 // served tree, tab-separated, in path order.

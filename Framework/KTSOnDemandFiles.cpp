@@ -18,7 +18,7 @@ namespace ondrel {
 
 namespace {
 
-constexpr std::string_view kIndexHeader = "ondrel on-demand index 1\n";
+constexpr std::string_view kIndexHeader = "ondrel on-demand index 2\n";
 // The journal is read only up to this size: a pass takes it away long before.
 constexpr std::size_t kMostJournalBytes = 64 * 1024 * 1024;
 
@@ -40,11 +40,14 @@ std::vector<std::string_view> fieldsOf(std::string_view line) {
 
 std::optional<KTSOnDemandFiles::Entry> entryOfLine(std::string_view line) {
   std::vector<std::string_view> fields = fieldsOf(line);
-  if (fields.size() != 3 || !isField(fields[0]) || !isField(fields[2])) return std::nullopt;
+  if (fields.size() != 4 || !isField(fields[0]) || !isField(fields[2]) || !isField(fields[3])) {
+    return std::nullopt;
+  }
   std::optional<std::int64_t> size = fields[1] == "-" ? std::optional<std::int64_t>(-1)
                                                       : KTSFileRecordFormat::parseNumber(fields[1]);
   if (!size) return std::nullopt;
-  return KTSOnDemandFiles::Entry{std::string(fields[0]), *size, std::string(fields[2])};
+  return KTSOnDemandFiles::Entry{std::string(fields[0]), *size, std::string(fields[2]),
+                                 std::string(fields[3])};
 }
 
 }  // namespace
@@ -72,7 +75,8 @@ bool KTSOnDemandFiles::writeIndex(std::vector<Entry> entries, std::string* error
                             }),
                 entries.end());
   std::erase_if(entries, [](const Entry& entry) {
-    return !isField(entry.urlPath) || !isField(entry.url) || entry.size < -1;
+    return !isField(entry.urlPath) || !isField(entry.url) || !isField(entry.productId) ||
+           entry.size < -1;
   });
   if (entries.empty()) {
     if (::unlink(indexPath().c_str()) == 0 || errno == ENOENT) return true;
@@ -81,8 +85,9 @@ bool KTSOnDemandFiles::writeIndex(std::vector<Entry> entries, std::string* error
   }
   std::string text(kIndexHeader);
   for (const Entry& entry : entries) {
-    text += fmt::format("{}\t{}\t{}\n", entry.urlPath,
-                        entry.size >= 0 ? std::to_string(entry.size) : "-", entry.url);
+    text +=
+        fmt::format("{}\t{}\t{}\t{}\n", entry.urlPath,
+                    entry.size >= 0 ? std::to_string(entry.size) : "-", entry.url, entry.productId);
   }
   if (::mkdir(folder().c_str(), 0770) != 0 && errno != EEXIST) {
     *error = systemErrorText(errno);

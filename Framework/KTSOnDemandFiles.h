@@ -25,6 +25,7 @@ class KTSOnDemandFiles {
     std::string urlPath;    // "/content/downloads/...", as a client asks for it
     std::int64_t size = 0;  // -1 when its catalog names none
     std::string url;        // where the file comes from
+    std::string productId;  // whose file it is (for its upstream's digest)
   };
   // A file the CGI placed: when, where (its URL path), its size and the SHA-256 of its bytes.
   struct Fetched {

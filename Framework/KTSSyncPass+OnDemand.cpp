@@ -86,7 +86,7 @@ class KTSSyncPass::OfferedFiles {
       auto [file, added] =
           byLocalPath.try_emplace(path, File{&localPath, bytes, onDemandOnly, productId});
       if (!added) continue;
-      entries.push_back({urlPath, bytes, url.stringValue()});
+      entries.push_back({urlPath, bytes, url.stringValue(), productId});
       byUrlPath.emplace(urlPath, &file->second);
     }
   }

@@ -16,6 +16,7 @@
 
 #include "Clock.h"
 #include "FileIO.h"
+#include "KTSDigestManifests.h"
 #include "KTSLogger.h"
 #include "KTSOnDemandFiles.h"
 #include "KTSPreferences.h"
@@ -155,6 +156,35 @@ class UpstreamReceiver : public TransferReceiver {
   std::optional<TransferError> error_;
 };
 
+// What the upstream published of the file's bytes, asked for beside the file (a parent mirror
+// publishes each product's digests; a vendor none), so that it costs the file no round trip.
+class PublishedDigest {
+ public:
+  PublishedDigest(const KTSOnDemandFiles::Entry& entry, const Url& fileUrl) {
+    std::optional<Url> url = KTSDigestManifests::manifestUrlFor(entry.productId, fileUrl);
+    if (url) transfer_ = Transfer::create(*url, kIdleTimeout, &receiver_);
+    if (!transfer_) return;
+    transfer_->setDestinationInMemory(&body_, KTSDigestManifests::kManifestReadLimit);
+    transfer_->setTimeLimits(std::chrono::minutes(2), 0, std::chrono::minutes(2));
+    transfer_->start();
+  }
+  bool finished() const { return !transfer_ || transfer_->isFinished(); }
+  // The SHA-256 the upstream published for the file at localPath; none when it published none
+  // (or nothing readable).
+  std::optional<std::string> digestOf(const KTSServerLayout& layout,
+                                      const std::string& localPath) const {
+    if (!transfer_ || receiver_.error()) return std::nullopt;
+    std::optional<KTSDigestManifests::Manifest> manifest = KTSDigestManifests::parse(body_);
+    if (!manifest) return std::nullopt;
+    return KTSUpstreamDigests(layout, LogHandle::shared()).digestOf(*manifest, localPath);
+  }
+
+ private:
+  UpstreamReceiver receiver_;
+  std::string body_;
+  std::unique_ptr<Transfer> transfer_;
+};
+
 // One of the slots that bound the fetches under way: a lock held until the process ends.
 bool takeSlot(const KTSOnDemandFiles& onDemand, std::int64_t slots) {
   auto deadline = std::chrono::steady_clock::now() + kLongestWaitForSlot;
@@ -215,8 +245,11 @@ class Fetch {
     std::int64_t lowestSpeed = context_.preferences().minimumDownloadSpeed().integerValue() * 1024;
     transfer->setTimeLimits(std::chrono::hours(12), static_cast<std::uint64_t>(lowestSpeed),
                             std::chrono::seconds(120));
+    PublishedDigest published(file_.entry, *url);
     transfer->start();
-    while (!transfer->isFinished()) transfer->runEventLoopFor(std::chrono::milliseconds(500));
+    while (!transfer->isFinished() || !published.finished()) {
+      transfer->runEventLoopFor(std::chrono::milliseconds(500));
+    }
     if (const std::optional<TransferError>& error = receiver.error()) {
       bool answered = error->httpStatus != 0 || !error->cutShort;
       return refuse(answered && !error->tooSlow ? 502 : 503, error->description);
@@ -226,6 +259,11 @@ class Fetch {
       return refuse(502, fmt::format("received {} bytes, not the {} its catalog names",
                                      received.value_or(0), file_.entry.size));
     }
+    const std::optional<std::string>& digest = transfer->destinationDigest();
+    std::optional<std::string> expected = published.digestOf(layout, file_.localPath);
+    if (expected && digest != expected) {
+      return refuse(502, "received bytes whose SHA-256 is not the one its upstream published");
+    }
     KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(file_.localPath));
     if (std::optional<std::string> refusal =
             KTSProductFileRules::refusalOfTransfer(layout, url, file_.localPath)) {
@@ -234,7 +272,6 @@ class Fetch {
     if (std::rename(file_.partPath.c_str(), file_.localPath.c_str()) != 0) {
       return refuse(503, "placing it failed: " + systemErrorText(errno));
     }
-    const std::optional<std::string>& digest = transfer->destinationDigest();
     if (digest) {
       onDemand.recordFetched({Clock::secondsNow(), file_.entry.urlPath, *received, *digest});
     }

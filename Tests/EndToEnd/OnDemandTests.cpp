@@ -1,7 +1,8 @@
 // Products served before their files are here, through the real Apache and the fetch-on-miss
 // CGI: a pass fetches no product file; clients asking at once share one upstream request and all
 // receive the upstream's bytes, one of them giving up stops nobody; a fetch that fails (an error
-// status, a connection cut mid-stream, too many bytes) cuts its clients short, places nothing and
+// status, a connection cut mid-stream, too many bytes, bytes whose digest is not the one a parent
+// mirror published) cuts its clients short, places nothing and
 // is answered 502/503 with Retry-After until that has passed, then tried again; files no served
 // product names are never fetched.
 #include <sys/stat.h>
@@ -19,6 +20,7 @@
 #include "OndrelTest.h"
 #include "ProgramRunner.h"
 #include "SampleTree.h"
+#include "Sha256.h"
 
 namespace ondrel {
 namespace {
@@ -36,6 +38,25 @@ class ControllableUpstream {
                          [this](const httplib::Request& request, httplib::Response& response) {
                            serve(request.path, response);
                          });
+    // A parent mirror's digest manifests, when the test publishes one.
+    server_.routes().Get(R"(/digests/(.*))",
+                         [this](const httplib::Request& request, httplib::Response& response) {
+                           std::lock_guard lock(mutex_);
+                           auto manifest = manifests_.find(request.matches[1]);
+                           if (manifest == manifests_.end()) {
+                             response.status = 404;
+                           } else {
+                             response.set_content(manifest->second, "text/plain");
+                           }
+                         });
+  }
+  // Publishes, as a parent would, that the file at urlPath of productId has this SHA-256.
+  void publishDigest(const std::string& productId, const std::string& urlPath,
+                     const std::string& sha256) {
+    std::lock_guard lock(mutex_);
+    manifests_[productId] =
+        fmt::format("ondrel-digests 1\n{}\t{}\t{}\n", sha256,
+                    test::OndrelTest::readFile(folder_ + urlPath).size(), urlPath.substr(1));
   }
   bool start() { return server_.start(); }
   std::string url(const std::string& path) const { return server_.url(path); }
@@ -87,6 +108,7 @@ class ControllableUpstream {
   std::mutex mutex_;
   std::map<std::string, Mode> modes_;
   std::map<std::string, int> requests_;
+  std::map<std::string, std::string> manifests_;
 };
 
 class OnDemandTest : public test::OndrelTest {
@@ -124,11 +146,18 @@ class OnDemandTest : public test::OndrelTest {
     for (std::string line; std::getline(index, line);) {
       std::istringstream fields(line);
       std::string urlPath;
-      std::int64_t size = 0;
-      if (!std::getline(fields, urlPath, '\t')) continue;
+      std::string sizeText;
+      std::string url;
+      std::string productId;
+      if (!std::getline(fields, urlPath, '\t') || !std::getline(fields, sizeText, '\t') ||
+          !std::getline(fields, url, '\t') || !std::getline(fields, productId)) {
+        continue;
+      }
       if (urlPath.ends_with(".dist")) distribution_ = urlPath;
-      if (fields >> size && urlPath.ends_with(".pkg") && size > largest) {
+      std::int64_t size = std::atoll(sizeText.c_str());
+      if (urlPath.ends_with(".pkg") && size > largest) {
         package_ = urlPath;
+        packageProduct_ = productId;
         largest = size;
       }
     }
@@ -173,6 +202,7 @@ class OnDemandTest : public test::OndrelTest {
   std::unique_ptr<ControllableUpstream> upstream_;
   int port_ = 0;
   std::string package_;
+  std::string packageProduct_;
   std::string distribution_;  // a file whose catalog names no size
 };
 
@@ -213,10 +243,17 @@ TEST_F(OnDemandTest, ClientsAskingAtOnceShareOneFetchAndReceiveTheUpstreamBytes)
 
 TEST_F(OnDemandTest, AFailedFetchCutsItsClientsPlacesNothingAndIsTriedAgainLater) {
   const std::string expected = upstreamBytes(package_);
+  Sha256 digest;
+  digest.add(expected);
+  const std::string sha256 = digest.hexDigest();
+  // Normal: the bytes are right, but not those the upstream (as a parent) published.
   for (auto mode : {ControllableUpstream::Mode::CutHalfway, ControllableUpstream::Mode::TooLong,
-                    ControllableUpstream::Mode::Error}) {
+                    ControllableUpstream::Mode::Error, ControllableUpstream::Mode::Normal}) {
     SCOPED_TRACE(static_cast<int>(mode));
     upstream_->setMode(package_, mode);
+    if (mode == ControllableUpstream::Mode::Normal) {
+      upstream_->publishDigest(packageProduct_, package_, std::string(64, '0'));
+    }
     int before = upstream_->requestsFor(package_);
     Answer failed = get(package_);
     // Never a whole-looking file: either a status that says so, or a response cut short.
@@ -231,7 +268,7 @@ TEST_F(OnDemandTest, AFailedFetchCutsItsClientsPlacesNothingAndIsTriedAgainLater
     EXPECT_EQ(upstream_->requestsFor(package_), before + 1);
     std::this_thread::sleep_for(std::chrono::milliseconds(2100));
   }
-  upstream_->setMode(package_, ControllableUpstream::Mode::Normal);
+  upstream_->publishDigest(packageProduct_, package_, sha256);
   Answer retried = get(package_);
   EXPECT_EQ(retried.status, 200);
   EXPECT_TRUE(retried.body == expected);

@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (lineBreak == std::string_view::npos) return 0;
   std::string_view wanted = input.substr(0, lineBreak);
   std::string_view lines = input.substr(lineBreak + 1);
-  std::string index = "ondrel on-demand index 1\n" + std::string(lines);
+  std::string index = "ondrel on-demand index 2\n" + std::string(lines);
   std::optional<ondrel::KTSOnDemandFiles::Entry> found =
       ondrel::KTSOnDemandFiles::lookUp(index, wanted);
   if (found && found->urlPath != wanted) std::abort();
