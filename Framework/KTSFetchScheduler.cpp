@@ -20,11 +20,11 @@ constexpr std::size_t kQueuedWindows = 2;
 constexpr std::int64_t kLongestDeferral = 300;
 constexpr int kMostDeferrals = 5;
 constexpr auto kWaitSlice = std::chrono::milliseconds(100);
-// Requests for kept files, mostly answered by a bodiless 304, cost the upstream and the link
-// a round trip and no bandwidth: they run beside the downloads of bodies, this many times as
-// many at once, within a ceiling.
-constexpr std::size_t kConditionalShare = 4;
-constexpr std::size_t kMostConditional = 64;
+// Light requests (for kept files, mostly answered by a bodiless 304; for small bodies received
+// into memory) cost the upstream and the link a round trip and little bandwidth: they run beside
+// the downloads of bodies, this many times as many at once, within a ceiling.
+constexpr std::size_t kLightShare = 4;
+constexpr std::size_t kMostLight = 64;
 
 void (*schedulerHeartbeat)() = nullptr;
 
@@ -35,10 +35,10 @@ KTSFetchScheduler::KTSFetchScheduler(std::size_t maxConcurrent,
                                      KTSTransferLimits limits)
     : maxConcurrent_(
           std::clamp<std::size_t>(maxConcurrent, 1, KTSSettings::kMostConcurrentDownloads)),
-      maxConditional_(std::min(maxConcurrent_ * kConditionalShare, kMostConditional)),
+      maxLight_(std::min(maxConcurrent_ * kLightShare, kMostLight)),
       validators_(std::move(validators)),
       pace_(std::make_shared<KTSSyncPace>(
-          KTSSyncPace{std::nullopt, 0, maxConcurrent_ + maxConditional_, limits})) {}
+          KTSSyncPace{std::nullopt, 0, maxConcurrent_ + maxLight_, limits})) {}
 
 KTSFetchScheduler::KTSFetchScheduler(KTSPreferences& preferences,
                                      std::shared_ptr<KTSFileValidators> validators)
@@ -55,7 +55,7 @@ std::size_t KTSFetchScheduler::preferredConcurrency(const KTSPreferences& prefer
 void KTSFetchScheduler::setHeartbeat(void (*heartbeat)()) { schedulerHeartbeat = heartbeat; }
 
 void KTSFetchScheduler::sizeConnectionPool() const {
-  Transfer::setConnectionsPerHost(maxConcurrent_ + maxConditional_);
+  Transfer::setConnectionsPerHost(maxConcurrent_ + maxLight_);
 }
 
 void KTSFetchScheduler::enqueue(std::shared_ptr<KTSFileDownloader> downloader, Finished finished) {
@@ -68,8 +68,9 @@ void KTSFetchScheduler::enqueueFirst(std::shared_ptr<KTSFileDownloader> download
 }
 
 void KTSFetchScheduler::queueJob(Job job, bool first) {
-  job.conditional = job.downloader->expectsConditionalRequest(validators_.get());
-  std::deque<Job>& queue = job.conditional ? conditionalQueue_ : queue_;
+  job.light = job.downloader->expectsConditionalRequest(validators_.get()) ||
+              job.downloader->receivesIntoMemory();
+  std::deque<Job>& queue = job.light ? lightQueue_ : queue_;
   if (first) {
     queue.push_front(std::move(job));
   } else {
@@ -77,15 +78,13 @@ void KTSFetchScheduler::queueJob(Job job, bool first) {
   }
 }
 
-bool KTSFetchScheduler::nothingQueued() const {
-  return queue_.empty() && conditionalQueue_.empty();
-}
+bool KTSFetchScheduler::nothingQueued() const { return queue_.empty() && lightQueue_.empty(); }
 
 void KTSFetchScheduler::run(const Feeder& feed) {
   bool feeding = static_cast<bool>(feed);
   for (;;) {
     while (feeding && queue_.size() < kQueuedWindows * maxConcurrent_ &&
-           conditionalQueue_.size() < kQueuedWindows * maxConditional_) {
+           lightQueue_.size() < kQueuedWindows * maxLight_) {
       feeding = !Transfer::isCancelled() && feed();
     }
     startQueued();
@@ -160,11 +159,11 @@ void KTSFetchScheduler::startQueued() {
   }
   for (bool started = true; started;) {
     started = false;
-    if (!conditionalQueue_.empty() && runningConditional_ < maxConditional_) {
-      startNext(conditionalQueue_);
+    if (!lightQueue_.empty() && runningLight_ < maxLight_) {
+      startNext(lightQueue_);
       started = true;
     }
-    if (!queue_.empty() && running_.size() - runningConditional_ < maxConcurrent_) {
+    if (!queue_.empty() && running_.size() - runningLight_ < maxConcurrent_) {
       startNext(queue_);
       started = true;
     }
@@ -174,14 +173,14 @@ void KTSFetchScheduler::startQueued() {
 void KTSFetchScheduler::startNext(std::deque<Job>& queue) {
   // The limit paces what arrives while transfers run, not the time between busy spells.
   if (running_.empty()) {
-    *pace_ = KTSSyncPace{std::nullopt, 0, maxConcurrent_ + maxConditional_, pace_->limits};
+    *pace_ = KTSSyncPace{std::nullopt, 0, maxConcurrent_ + maxLight_, pace_->limits};
   }
   Job job = std::move(queue.front());
   queue.pop_front();
   job.downloader->setPace(pace_);
   if (job.downloader->startDownload(validators_)) {
     ++counters_.requests;
-    if (job.conditional) ++runningConditional_;
+    if (job.light) ++runningLight_;
     running_.push_back(std::move(job));
   } else {
     finish(std::move(job));
@@ -194,7 +193,7 @@ void KTSFetchScheduler::runSlice() {
     std::vector<Job> ended;
     for (auto job = running_.begin(); job != running_.end();) {
       if (job->downloader->isDone()) {
-        if (job->conditional) --runningConditional_;
+        if (job->light) --runningLight_;
         ended.push_back(std::move(*job));
         job = running_.erase(job);
       } else {
@@ -235,7 +234,7 @@ void KTSFetchScheduler::finish(Job job) {
   // Busy without saying for how long, while several transfers run at once: most likely the
   // server's limit of connections per client (a 503 is what common servers answer past it).
   // Asked again in a second, with half as many; at one at a time, a busy answer fails the file.
-  if (!wait && job.downloader->wasBusy() && (maxConcurrent_ > 1 || maxConditional_ > 1)) {
+  if (!wait && job.downloader->wasBusy() && (maxConcurrent_ > 1 || maxLight_ > 1)) {
     wait = 1;
   }
   if (wait && *wait <= kLongestDeferral && job.deferrals < kMostDeferrals &&
@@ -243,7 +242,7 @@ void KTSFetchScheduler::finish(Job job) {
     ++job.deferrals;
     ++counters_.deferred;
     maxConcurrent_ = std::max<std::size_t>(1, maxConcurrent_ / 2);
-    maxConditional_ = std::max<std::size_t>(1, maxConditional_ / 2);
+    maxLight_ = std::max<std::size_t>(1, maxLight_ / 2);
     auto due =
         std::chrono::steady_clock::now() + std::chrono::seconds(std::max<std::int64_t>(1, *wait));
     deferred_.push_back({std::move(job), due});

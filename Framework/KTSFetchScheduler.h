@@ -1,17 +1,18 @@
 // KTSFetchScheduler runs the downloads of a pass: up to "maxConcurrentDownloads" transfers of
 // bodies at once across every file of every product, and beside them up to four times as many
-// (at most 64) conditional requests for kept files, whose answer is mostly a bodiless 304 that
-// costs a round trip and no bandwidth. All are driven by the event loop of the calling thread,
-// with the sync bandwidth limit paced across them together and the validators of kept files sent
-// along. A pass makes one and puts it in its context; every download of the pass (a catalog, a
-// server metadata file, a product's files) joins it, and one started without a context's
-// scheduler runs under a scheduler of its own. Used by the sync pass, KTSProduct, the catalogs
-// and the server metadata. A server that answers 429 or 503 with Retry-After is asked again after
-// that wait (up to five minutes, five times a file), one that gives no wait after a second while
-// more than one transfer may run, and the scheduler then runs half as many transfers of each kind
-// at once: a busy upstream slows the pass, it does not fail it. One thread; never two running on
-// one thread except nested, a download of one scheduler's callback run to its end by the same
-// scheduler.
+// (at most 64) light requests, which cost a round trip and little bandwidth: conditional
+// requests for kept files, mostly answered by a bodiless 304, and small bodies received into
+// memory (the server metadata a first pass fetches for every product). All are driven by the event
+// loop of the calling thread, with the sync bandwidth limit paced across them together and the
+// validators of kept files sent along. A pass makes one and puts it in its context; every download
+// of the pass (a catalog, a server metadata file, a product's files) joins it, and one started
+// without a context's scheduler runs under a scheduler of its own. Used by the sync pass,
+// KTSProduct, the catalogs and the server metadata. A server that answers 429 or 503 with
+// Retry-After is asked again after that wait (up to five minutes, five times a file), one that
+// gives no wait after a second while more than one transfer may run, and the scheduler then runs
+// half as many transfers of each kind at once: a busy upstream slows the pass, it does not fail it.
+// One thread; never two running on one thread except nested, a download of one scheduler's callback
+// run to its end by the same scheduler.
 #pragma once
 
 #include <chrono>
@@ -74,7 +75,7 @@ class KTSFetchScheduler {
   void sizeConnectionPool() const;
   // Queues a download; finished gets it, on this thread inside run, once it ended either way.
   void enqueue(std::shared_ptr<KTSFileDownloader> downloader, Finished finished);
-  // The same, ahead of everything queued of its kind (conditional request or body).
+  // The same, ahead of everything queued of its kind (light request or body).
   void enqueueFirst(std::shared_ptr<KTSFileDownloader> downloader, Finished finished);
   // Runs the queued downloads, asking feed for more whenever the queue runs low, until nothing
   // is queued, running or left to feed. Ends early, with the rest failed, once transfers are
@@ -96,7 +97,7 @@ class KTSFetchScheduler {
   static void logFailedDownload(const std::string& localPath, const std::string& reason);
 
   std::size_t maxConcurrent() const { return maxConcurrent_; }
-  std::size_t maxConditional() const { return maxConditional_; }
+  std::size_t maxLight() const { return maxLight_; }
   const Counters& counters() const { return counters_; }
   const std::shared_ptr<KTSFileValidators>& validators() const { return validators_; }
 
@@ -105,8 +106,8 @@ class KTSFetchScheduler {
     std::shared_ptr<KTSFileDownloader> downloader;
     Finished finished;
     int deferrals = 0;
-    // Queued and run among the conditional requests, under their own limit.
-    bool conditional = false;
+    // Queued and run among the light requests, under their own limit.
+    bool light = false;
   };
   struct Deferred {
     Job job;
@@ -116,7 +117,7 @@ class KTSFetchScheduler {
   // that cannot start ends at once.
   void startQueued();
   void startNext(std::deque<Job>& queue);
-  // Queues the job among the conditional requests or the downloads of bodies, as it expects.
+  // Queues the job among the light requests or the downloads of bodies, as it expects.
   void queueJob(Job job, bool first);
   bool nothingQueued() const;
   // Waits, the heartbeat going on, until the first deferred download is due; once transfers are
@@ -127,13 +128,13 @@ class KTSFetchScheduler {
   void finish(Job job);
 
   std::size_t maxConcurrent_;
-  std::size_t maxConditional_;
+  std::size_t maxLight_;
   std::shared_ptr<KTSFileValidators> validators_;
   std::shared_ptr<KTSSyncPace> pace_;
   std::deque<Job> queue_;
-  std::deque<Job> conditionalQueue_;
+  std::deque<Job> lightQueue_;
   std::vector<Job> running_;
-  std::size_t runningConditional_ = 0;
+  std::size_t runningLight_ = 0;
   std::vector<Deferred> deferred_;
   Counters counters_;
 };

@@ -59,6 +59,7 @@ class KTSFileDownloader : public TransferReceiver {
   // From the next start on, the body goes into memory (at most limit bytes; a longer one fails
   // the download) and nothing is written or placed: takeReceivedBody hands it over.
   void receiveIntoMemory(std::size_t limit) { memoryLimit_ = limit; }
+  bool receivesIntoMemory() const { return memoryLimit_.has_value(); }
   std::string takeReceivedBody() { return std::move(receivedBody_); }
   // The size the body must have, when known: a longer one fails the download as soon as that
   // shows, a shorter one when it ends, and neither replaces the file; the download's deadline

@@ -131,6 +131,26 @@ std::optional<KTSOnDemandFiles::Entry> KTSOnDemandFiles::lookUp(std::string_view
   return std::nullopt;
 }
 
+std::vector<KTSOnDemandFiles::Entry> KTSOnDemandFiles::readIndex() const {
+  std::vector<Entry> entries;
+  std::string text;
+  std::string error;
+  if (!readWholeFile(indexPath(), &text, &error, kMostIndexBytes) ||
+      !text.starts_with(kIndexHeader)) {
+    return entries;
+  }
+  for (std::size_t start = kIndexHeader.size(); start < text.size();) {
+    std::size_t end = text.find('\n', start);
+    if (end == std::string::npos) break;
+    if (std::optional<Entry> entry =
+            entryOfLine(std::string_view(text).substr(start, end - start))) {
+      entries.push_back(std::move(*entry));
+    }
+    start = end + 1;
+  }
+  return entries;
+}
+
 bool KTSOnDemandFiles::recordFetched(const Fetched& fetched) const {
   if (!isField(fetched.urlPath) || !Sha256::isHexDigest(fetched.sha256)) return false;
   std::string line = fmt::format("{}\t{}\t{}\t{}\n", fetched.second, fetched.urlPath, fetched.size,

@@ -38,6 +38,9 @@ class KTSOnDemandFiles {
   // Requires: layout outlives it.
   explicit KTSOnDemandFiles(const KTSServerLayout& layout) : layout_(layout) {}
 
+  // The most an index may be: a line per file of tens of thousands of products.
+  static constexpr std::size_t kMostIndexBytes = std::size_t{512} << 20;
+
   // ".ondemand" in the document root, and what it holds.
   std::string folder() const;
   std::string indexPath() const { return folder() + "/index"; }
@@ -53,6 +56,8 @@ class KTSOnDemandFiles {
   // The entry for urlPath in the text of an index; none when it names none, or the text is no
   // index. Binary search over the lines: the index is sorted by URL path.
   static std::optional<Entry> lookUp(std::string_view index, std::string_view urlPath);
+  // Every entry of the index; none when there is none, or it cannot be read.
+  std::vector<Entry> readIndex() const;
 
   // Appends one line to the journal in one write (whole beside other writers' lines).
   bool recordFetched(const Fetched& fetched) const;

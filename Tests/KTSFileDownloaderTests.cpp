@@ -346,7 +346,7 @@ TEST_F(KTSFileDownloaderTest, ScheduledDownloadsOverlapAndEachEndsOnItsOwn) {
 TEST_F(KTSFileDownloaderTest, ConditionalRequestsRunBesideTheDownloadsOfBodies) {
   auto validators = std::make_shared<KTSFileValidators>(path("/validators"));
   KTSFetchScheduler scheduler(1, validators);
-  EXPECT_EQ(scheduler.maxConditional(), 4u);
+  EXPECT_EQ(scheduler.maxLight(), 4u);
   for (int i = 0; i < 3; ++i) {
     std::string kept = path(fmt::format("/kept/{}", i));
     writeFile(kept, "kept");
@@ -491,7 +491,7 @@ TEST_F(KTSFileDownloaderTest, ABusyServerIsAskedAgainWhenItSaysAndSlowsThePass) 
   EXPECT_EQ(readFile(target()), "room at last");
   EXPECT_EQ(scheduler.counters().deferred, 5u);
   EXPECT_EQ(scheduler.maxConcurrent(), 1u);
-  EXPECT_EQ(scheduler.maxConditional(), 1u);
+  EXPECT_EQ(scheduler.maxLight(), 1u);
   EXPECT_TRUE(download("/full")->downloadError()) << "one at a time, busy is a failure";
   EXPECT_EQ(scheduler.counters().deferred, 5u);
 }

@@ -26,6 +26,7 @@
 #include "KTSJobTicketManager.h"
 #include "KTSMetaIndex.h"
 #include "KTSMirrorSpace.h"
+#include "KTSOnDemandFiles.h"
 #include "KTSPassContext.h"
 #include "KTSPassHistory.h"
 #include "KTSPreferences.h"
@@ -137,6 +138,20 @@ bool requestWrittenSince(std::int64_t since) {
   return false;
 }
 
+// How often the files of the products on demand went to clients, from the access log.
+void countServedOnDemand(const KTSServerLayout& layout, ServerSummary::OnDemand& onDemand) {
+  std::set<std::string> paths;
+  for (const KTSOnDemandFiles::Entry& entry : KTSOnDemandFiles(layout).readIndex()) {
+    paths.insert(entry.urlPath.substr(1));
+  }
+  std::set<std::string> clients;
+  for (const auto& [path, addresses] : fileClients(accessLogPath(layout), paths)) {
+    onDemand.servedFiles += addresses.size();
+    clients.insert(addresses.begin(), addresses.end());
+  }
+  onDemand.servedClients = clients.size();
+}
+
 }  // namespace
 
 std::string syncStateName(std::int64_t state) {
@@ -192,6 +207,7 @@ ServerSummary summarizeServer(KTSPassContext& context) {
     summary.bytesToMirror = last->bytesStillToFetch;
     summary.onDemand = {last->onDemandProducts, last->onDemandBytes, last->onDemandBytesHere,
                         history.onDemandFetchedFiles(), history.onDemandFetchedBytes()};
+    if (last->onDemandProducts > 0) countServedOnDemand(context.layout(), summary.onDemand);
   }
   summary.pendingRequests = pendingRequestCount();
   KTSJobTicketManager& tickets = context.tickets();
@@ -229,6 +245,8 @@ Plist summaryAsPlist(const ServerSummary& summary) {
   onDemand.set("bytesHere", integer(summary.onDemand.bytesHere));
   onDemand.set("fetchedFiles", integer(summary.onDemand.fetchedFiles));
   onDemand.set("fetchedBytes", integer(summary.onDemand.fetchedBytes));
+  onDemand.set("servedFiles", integer(summary.onDemand.servedFiles));
+  onDemand.set("servedClients", integer(summary.onDemand.servedClients));
   out.set("onDemand", std::move(onDemand));
   out.set("pendingRequests", integer(summary.pendingRequests));
   out.set("pendingTickets", integer(summary.pendingTickets));

@@ -48,6 +48,10 @@ struct ServerSummary {
     std::uint64_t bytesHere = 0;
     std::uint64_t fetchedFiles = 0;
     std::uint64_t fetchedBytes = 0;
+    // From the web server's access log: how many times one of their files went to a client
+    // (each client counted once per file), and to how many clients.
+    std::uint64_t servedFiles = 0;
+    std::uint64_t servedClients = 0;
   } onDemand;
   std::size_t pendingRequests = 0;
   std::size_t pendingTickets = 0;

@@ -30,7 +30,6 @@ namespace ondrel::programs {
 
 namespace {
 
-constexpr std::size_t kMostIndexBytes = std::size_t{512} << 20;
 constexpr std::size_t kBlockBytes = 256 * 1024;
 // The most a file whose catalog names no size (a distribution, a few KB) may take.
 constexpr std::int64_t kMostUnsizedBytes = std::int64_t{256} << 20;
@@ -168,7 +167,12 @@ class PublishedDigest {
     transfer_->setTimeLimits(std::chrono::minutes(2), 0, std::chrono::minutes(2));
     transfer_->start();
   }
-  bool finished() const { return !transfer_ || transfer_->isFinished(); }
+  // Runs the request to its end (the file's transfer drove it while it ran).
+  void waitUntilFinished() {
+    while (transfer_ && !transfer_->isFinished()) {
+      transfer_->runEventLoopFor(std::chrono::milliseconds(500));
+    }
+  }
   // The SHA-256 the upstream published for the file at localPath; none when it published none
   // (or nothing readable).
   std::optional<std::string> digestOf(const KTSServerLayout& layout,
@@ -247,9 +251,8 @@ class Fetch {
                             std::chrono::seconds(120));
     PublishedDigest published(file_.entry, *url);
     transfer->start();
-    while (!transfer->isFinished() || !published.finished()) {
-      transfer->runEventLoopFor(std::chrono::milliseconds(500));
-    }
+    while (!transfer->isFinished()) transfer->runEventLoopFor(std::chrono::milliseconds(500));
+    published.waitUntilFinished();
     if (const std::optional<TransferError>& error = receiver.error()) {
       bool answered = error->httpStatus != 0 || !error->cutShort;
       return refuse(answered && !error->tooSlow ? 502 : 503, error->description);
@@ -429,7 +432,7 @@ int answerOnDemand(KTSPassContext& context, const std::string& urlPath, bool hea
   std::string index;
   std::string error;
   std::optional<KTSOnDemandFiles::Entry> entry;
-  if (readWholeFile(onDemand.indexPath(), &index, &error, kMostIndexBytes)) {
+  if (readWholeFile(onDemand.indexPath(), &index, &error, KTSOnDemandFiles::kMostIndexBytes)) {
     entry = KTSOnDemandFiles::lookUp(index, urlPath);
   }
   std::string localPath = entry ? layout.localPathForURLPath(entry->urlPath) : "";

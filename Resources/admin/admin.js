@@ -190,7 +190,8 @@ function showStatus(status) {
   const onDemand = status.onDemand || {};
   $("on-demand").textContent = onDemand.products
     ? `${onDemand.products} products, ${bytes(onDemand.bytesHere)} of ${bytes(onDemand.bytes)} here; ` +
-      `${onDemand.fetchedFiles} files (${bytes(onDemand.fetchedBytes)}) fetched on demand`
+      `${onDemand.fetchedFiles} files (${bytes(onDemand.fetchedBytes)}) fetched on demand; ` +
+      `served from here ${onDemand.servedFiles} times to ${onDemand.servedClients} clients`
     : "none";
   const reserve = status.reserveBytes;
   $("free-space").textContent = `${bytes(status.volumeFreeBytes)} (reserve ${bytes(reserve)})`;
