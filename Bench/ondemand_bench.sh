@@ -13,7 +13,7 @@
 #   every client received the right bytes; before it, the same clients with
 #   Bench/served_monitor.py watching the served tree (a file there only ever whole).
 # Usage: Bench/ondemand_bench.sh [products] [round trip ms]
-#        (as root; default 10000 products and 50 ms)
+#        (as root; default 10000 products and 50 ms; BANDWIDTH=bytes/s caps the link)
 products="${1:-10000}"
 rtt="${2:-50}"
 upstream_port=18596 # the proxy: every URL of the sample names it
@@ -27,7 +27,8 @@ mirror="http://127.0.0.1:$mirror_port"
 proxy_pid=
 stop_proxy() { if [ -n "$proxy_pid" ]; then kill "$proxy_pid" 2>/dev/null || true; fi; }
 trap 'stop_proxy; cleanup' EXIT
-python3 Bench/delay_proxy.py --listen "$upstream_port" --target "$serve_port" --rtt-ms "$rtt" &
+python3 Bench/delay_proxy.py --listen "$upstream_port" --target "$serve_port" --rtt-ms "$rtt" \
+  --bandwidth "${BANDWIDTH:-0}" &
 proxy_pid=$!
 
 # fresh_upstream PRODUCTS PACKAGE_BYTES: a new tree served, and a fresh on-demand mirror of it.
@@ -134,7 +135,7 @@ table+=("$(row "  faults the served-tree monitor saw" "$monitor_faults" "0" "")"
 table+=("$(row "  upstream requests / wrong bodies" "$asked / $wrong" "20 / 0" "")")
 table+=("$(row "  peak memory of curl's 200 transfers (MB)" "$((clients_kb / 1024))" "" "")")
 
-echo "On demand: sample upstream behind a ${rtt} ms delay proxy; clients on loopback"
+echo "On demand: sample upstream behind a ${rtt} ms delay proxy${BANDWIDTH:+ capped at $BANDWIDTH B/s}; clients on loopback"
 echo "(reference: curl --parallel-max 16 for the pass, curl straight from the upstream for files)"
 row "figure" "Ondrel" "reference" "ratio"
 printf '%s\n' "${table[@]}"
