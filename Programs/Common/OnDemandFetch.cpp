@@ -31,6 +31,7 @@ namespace ondrel::programs {
 
 namespace {
 
+// The most bytes handed to Apache in one go.
 constexpr std::size_t kBlockBytes = 1024 * 1024;
 // The most a file whose catalog names no size (a distribution, a few KB) may take.
 constexpr std::int64_t kMostUnsizedBytes = std::int64_t{256} << 20;
