@@ -533,8 +533,7 @@ TEST_F(KTSSyncPassTest, ProductsOnDemandAreServedAtOnceAndKeepOnlyWhatClientsRea
             "on-demand");
   EXPECT_FALSE(context().workingSet().productDictForID(background).contains("fetchPolicy"))
       << "once filled in, a product is immediate";
-  KTSOnDemandFiles files(context().layout());
-  std::string index = readFile(files.indexPath());
+  std::string index = readFile(KTSOnDemandFiles(context().layout()).indexPath());
   std::optional<KTSOnDemandFiles::Entry> entry =
       KTSOnDemandFiles::lookUp(index, packagePath(onDemand));
   ASSERT_TRUE(entry.has_value()) << index;
@@ -552,8 +551,10 @@ TEST_F(KTSSyncPassTest, ProductsOnDemandAreServedAtOnceAndKeepOnlyWhatClientsRea
   changesPass();
   EXPECT_FALSE(std::filesystem::exists(package)) << "a stale file is never served";
   std::filesystem::copy_file(vendor_->folder() + packagePath(onDemand), package);
-  ASSERT_TRUE(files.recordFetched(
-      {Clock::secondsNow(), packagePath(onDemand), entry->size, std::string(64, 'a')}));
+  // (Each pass renews the context, and with it the layout the files' place comes from.)
+  ASSERT_TRUE(KTSOnDemandFiles(context().layout())
+                  .recordFetched({Clock::secondsNow(), packagePath(onDemand), entry->size,
+                                  std::string(64, 'a')}));
   struct timespec threeDaysAgo[2] = {{Clock::secondsNow() - 3 * 86400, 0},
                                      {Clock::secondsNow() - 3 * 86400, 0}};
   ASSERT_EQ(::utimensat(AT_FDCWD, package.c_str(), threeDaysAgo, 0), 0);
