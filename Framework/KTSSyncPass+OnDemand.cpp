@@ -51,6 +51,11 @@ class KTSSyncPass::OfferedFiles {
       if (!catalog->products()) continue;
       for (const auto& [productId, product] : *catalog->products()) add(productId, *product);
     }
+    if (byLocalPath.empty()) return;
+    for (const auto& catalog : catalogs) {
+      if (!catalog->products()) continue;
+      for (const auto& entry : *catalog->products()) markKeptWhole(*entry.second);
+    }
   }
 
   std::vector<KTSOnDemandFiles::Entry> entries;
@@ -60,19 +65,19 @@ class KTSSyncPass::OfferedFiles {
   std::set<std::string> products;
 
  private:
+  static bool offeredBeforeFilesArrive(const KTSProductState& state) {
+    return state.enabled() && state.servedBeforeFilesArrive();
+  }
+
   void add(const std::string& productId, const KTSProduct& product) {
     const KTSProductState& state = product.state();
-    bool offered = state.enabled() && state.servedBeforeFilesArrive();
+    if (!offeredBeforeFilesArrive(state)) return;
     bool onDemandOnly = state.fetchPolicy() == KTSProductState::FetchPolicy::OnDemand;
-    if (offered) products.insert(productId);
+    products.insert(productId);
     for (const Plist& record : product.mirrorFiles().elements()) {
       const Plist& localPath = record[KTSProduct::kFileLocalPathKey];
       if (!localPath.isString()) continue;
       const std::string& path = localPath.stringValue();
-      if (!offered) {
-        if (state.keepsFiles() || state.isDownloading()) keptWhole.insert(path);
-        continue;
-      }
       const Plist& size = record[KTSProduct::kFileSizeKey];
       const Plist& url = record[KTSProduct::kFileURLKey];
       if (!url.isString() || !layout_.isInsideHtmlFolder(path) ||
@@ -88,6 +93,19 @@ class KTSSyncPass::OfferedFiles {
       if (!added) continue;
       entries.push_back({urlPath, bytes, url.stringValue(), productId});
       byUrlPath.emplace(urlPath, &file->second);
+    }
+  }
+
+  // Only the offered files matter: a pass looks up the files of every product it keeps whole,
+  // and remembers none of the others.
+  void markKeptWhole(const KTSProduct& product) {
+    const KTSProductState& state = product.state();
+    if (offeredBeforeFilesArrive(state) || !(state.keepsFiles() || state.isDownloading())) return;
+    for (const Plist& record : product.mirrorFiles().elements()) {
+      const Plist& localPath = record[KTSProduct::kFileLocalPathKey];
+      if (localPath.isString() && byLocalPath.count(localPath.stringValue()) != 0) {
+        keptWhole.insert(localPath.stringValue());
+      }
     }
   }
 
