@@ -283,6 +283,8 @@ TEST_F(PlistTest, MalformedDocumentsAreRejectedWithAReason) {
   // U+FFFD in its place and a round trip would change the data.
   for (const std::string& notXml :
        {std::string("<plist>\n<string>a\0b</string></plist>", 29),
+        std::string("<plist>\n<string>\ta\x1F"
+                    "b</string></plist>"),
         std::string("<plist>\n<string>a\xC3\x28"
                     "b</string></plist>"),
         std::string("<plist>\n<string>a\xEF\xBF\xBE"
