@@ -94,10 +94,9 @@ bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& 
     fileDownload_->setLengthLimit(static_cast<std::uint64_t>(*expectedSize_));
   }
   applyTimeLimits(*fileDownload_);
-  if (validators_) {
-    if (auto kept = validators_->validatorsForFile(downloadPath_)) {
-      fileDownload_->setConditions(kept->etag, kept->lastModified);
-    }
+  sentValidators_ = validators_ ? validators_->validatorsForFile(downloadPath_) : std::nullopt;
+  if (sentValidators_) {
+    fileDownload_->setConditions(sentValidators_->etag, sentValidators_->lastModified);
   }
   isDone_ = false;
   fileDownload_->start();
@@ -170,9 +169,13 @@ void KTSFileDownloader::enforceSyncBandwidthLimit() {
 }
 
 void KTSFileDownloader::recordValidatorsOfPlacedFile() {
-  if (validators_) {
-    validators_->recordValidatorsForFile(downloadPath_, {responseETag_, responseLastModified_});
+  if (!validators_) return;
+  // A 304 that names the validators it was asked with leaves their record as it is.
+  if (notModified_ && sentValidators_ && sentValidators_->etag == responseETag_ &&
+      sentValidators_->lastModified == responseLastModified_) {
+    return;
   }
+  validators_->recordValidatorsForFile(downloadPath_, {responseETag_, responseLastModified_});
 }
 
 void KTSFileDownloader::setDownloadErrorWithReason(std::int64_t code, const std::string& reason) {

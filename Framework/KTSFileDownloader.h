@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "KTSError.h"
+#include "KTSFileValidators.h"
 #include "KTSLogger.h"
 #include "Transfer.h"
 #include "Url.h"
@@ -26,7 +27,6 @@
 namespace ondrel {
 
 class KTSFetchScheduler;
-class KTSFileValidators;
 
 // What the downloads of one scheduler may use: the sync bandwidth they share, in bytes per second
 // (0: no limit), and the slowest each may be, in bytes per second over two minutes, before it
@@ -158,6 +158,7 @@ class KTSFileDownloader : public TransferReceiver {
   std::string receivedBody_;
   std::shared_ptr<KTSSyncPace> pace_;
   std::shared_ptr<KTSFileValidators> validators_;
+  std::optional<KTSFileValidators::Validators> sentValidators_;
   std::string responseETag_;
   std::string responseLastModified_;
   std::optional<std::int64_t> expectedSize_;
