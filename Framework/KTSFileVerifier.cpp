@@ -116,7 +116,7 @@ KTSFileVerifier::Result KTSFileVerifier::checkFile(
     return {Finding::Changed,
             fmt::format("{} bytes, where its product names {}", stamp->size, *file.size)};
   }
-  if (depth_ == Depth::Full) return checkDigest(file, progress);
+  if (depth_ == Depth::Full) return checkDigest(file, *stamp, progress);
   const KTSFileDigests::Record* record = digests_.recordOf(file.path);
   if (record == nullptr || record->stamp != *stamp) {
     return {Finding::Changed, "its size or modification time is not the one recorded"};
@@ -125,7 +125,8 @@ KTSFileVerifier::Result KTSFileVerifier::checkFile(
 }
 
 KTSFileVerifier::Result KTSFileVerifier::checkDigest(
-    const KeptFile& file, const std::function<void(std::uint64_t)>& progress) {
+    const KeptFile& file, const KTSFileRecordFormat::Stamp& stamp,
+    const std::function<void(std::uint64_t)>& progress) {
   const std::string& path = file.path;
   std::string error;
   std::optional<std::string> digest = Sha256::ofFile(path, &error, [&](std::uint64_t bytes) {
@@ -136,6 +137,10 @@ KTSFileVerifier::Result KTSFileVerifier::checkDigest(
   const KTSFileDigests::Record* record = digests_.recordOf(path);
   if (record != nullptr && record->sha256.hex() != *digest) {
     return {Finding::Changed, "its bytes are not those recorded"};
+  }
+  // A file found as recorded leaves the record as it is.
+  if (record != nullptr && record->stamp == stamp && record->productId == file.productId) {
+    return {Finding::Good, ""};
   }
   Finding finding = record == nullptr ? Finding::FirstDigest : Finding::Good;
   digests_.recordFile(path, *digest, file.productId);

@@ -78,7 +78,8 @@ class KTSFileVerifier {
 
  private:
   Result checkFile(const KeptFile& file, const std::function<void(std::uint64_t)>& progress);
-  Result checkDigest(const KeptFile& file, const std::function<void(std::uint64_t)>& progress);
+  Result checkDigest(const KeptFile& file, const KTSFileRecordFormat::Stamp& stamp,
+                     const std::function<void(std::uint64_t)>& progress);
   void count(const Result& result);
 
   KTSFileDigests& digests_;

@@ -7,7 +7,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <vector>
+#include <memory>
 
 namespace ondrel {
 
@@ -19,18 +19,20 @@ constexpr std::size_t kReadBlock = std::size_t{1} << 20;
 // Reads up to length bytes of the open file (all of it without a length) through the digest.
 bool readThrough(int fd, Sha256& digest, std::optional<std::uint64_t> length, std::string* error,
                  const std::function<void(std::uint64_t)>& progress) {
-  std::vector<char> block(kReadBlock);
+  // Not zeroed: clearing a megabyte for every file of two kilobytes cost a verify a fifth of
+  // its time.
+  auto block = std::make_unique_for_overwrite<char[]>(kReadBlock);
   std::uint64_t left = length.value_or(UINT64_MAX);
   while (left > 0) {
-    std::size_t wanted = static_cast<std::size_t>(std::min<std::uint64_t>(block.size(), left));
-    ssize_t count = ::read(fd, block.data(), wanted);
+    std::size_t wanted = static_cast<std::size_t>(std::min<std::uint64_t>(kReadBlock, left));
+    ssize_t count = ::read(fd, block.get(), wanted);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) {
       if (error) *error = std::strerror(errno);
       return false;
     }
     if (count == 0) break;
-    digest.add(std::string_view(block.data(), static_cast<std::size_t>(count)));
+    digest.add(std::string_view(block.get(), static_cast<std::size_t>(count)));
     left -= static_cast<std::uint64_t>(count);
     if (progress) progress(static_cast<std::uint64_t>(count));
   }
