@@ -69,7 +69,8 @@ bool KTSFileDownloader::startDownload(const std::shared_ptr<KTSFileValidators>& 
   responseLastModified_.clear();
   validators_ = usesValidators_ ? validators : nullptr;
 
-  std::string folder = deletingLastPathComponent(downloadPath_);
+  // A body received into memory is placed by its caller, which makes the folder it needs.
+  std::string folder = memoryLimit_ ? std::string() : deletingLastPathComponent(downloadPath_);
   if (!folder.empty() && !KTSUtilities::directoryExistsAtPath(folder)) {
     if (!KTSUtilities::createDirectoryAtPath(folder)) {
       setDownloadErrorWithReason(-1, "Enclosing directory creation failed.");

@@ -196,7 +196,10 @@ std::optional<KTSPassMemo::ServerMetadata> KTSServerMetadata::placeFetchedServer
     memo.fileWillChange();
     // Named as the product's own fetch names its side file, which it overwrites.
     std::string sidePath = sideFilePath(sideFilePath(localPath, "downloading"), "downloading");
-    if (!writeSideFile(sidePath, bytes)) return std::nullopt;
+    if (!KTSUtilities::createDirectoryAtPath(deletingLastPathComponent(localPath)) ||
+        !writeSideFile(sidePath, bytes)) {
+      return std::nullopt;
+    }
     keepPreviousVersion(localPath, previousPath);
     if (std::rename(sidePath.c_str(), localPath.c_str()) != 0) {
       std::remove(sidePath.c_str());
@@ -258,7 +261,11 @@ std::optional<Url> KTSServerMetadata::prefetchableServerMetadataURL(const std::s
       !entry["ServerMetadataURL"].isString()) {
     return std::nullopt;
   }
-  std::optional<Url> url = Url::parse(entry["ServerMetadataURL"].stringValue());
+  // Most entries name metadata another catalog's entry named in the same spelling: the memo
+  // answers before the URL is parsed.
+  const std::string& text = entry["ServerMetadataURL"].stringValue();
+  if (memo.serverMetadataFetchedFrom(text)) return std::nullopt;
+  std::optional<Url> url = Url::parse(text);
   if (!url || memo.serverMetadataFetchedFrom(url->text())) return std::nullopt;
   return url;
 }
