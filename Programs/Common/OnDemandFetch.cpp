@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -295,6 +296,17 @@ class Fetch {
   LogHandle log_;
 };
 
+// A fetch process's bounds of its own, beside its transfers' time limits: should a fault of ours
+// make it spin or wait for good, the kernel ends it, which releases the file's lock, rather than
+// it holding a core or the file. Fetching and hashing a file of 20 GB takes about a minute of CPU.
+void boundFetchProcess() {
+  constexpr rlim_t kCpuSeconds = 30 * 60;
+  constexpr unsigned kWallSeconds = 13 * 3600;
+  rlimit cpu{kCpuSeconds, kCpuSeconds + 10};
+  ::setrlimit(RLIMIT_CPU, &cpu);
+  ::alarm(kWallSeconds);
+}
+
 // Runs the fetch in a process of its own, in a session of its own and with the client's
 // connection closed, so that neither the client's going away nor Apache ending this CGI stops
 // it. The process holds lockFd, the file's lock, until it ends.
@@ -310,6 +322,7 @@ void startFetch(KTSPassContext& context, const FileToFetch& file, int lockFd) {
   int nothing = ::open("/dev/null", O_RDWR);
   for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) ::dup2(nothing, fd);
   if (nothing > STDERR_FILENO) ::close(nothing);
+  boundFetchProcess();
   Fetch(context, file).run();
   ::close(lockFd);
   ::_exit(0);
