@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 
 #include "KTSPath.h"
 #include "Plist.h"
@@ -61,9 +62,10 @@ class KTSPassMemo {
 
  private:
   struct Memory {
-    std::map<std::string, ServerMetadata, std::less<>> serverMetadata;
+    // Looked up for every entry of every catalog: hashed rather than ordered.
+    std::unordered_map<std::string, ServerMetadata> serverMetadata;
     std::map<std::pair<std::string, ProductValue>, Plist> values;
-    std::map<std::string, std::shared_ptr<const KTSProduct>, std::less<>> products;
+    std::unordered_map<std::string, std::shared_ptr<const KTSProduct>> products;
     FilesVerified verifiedFiles;
   };
 

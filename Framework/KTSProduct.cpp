@@ -99,7 +99,7 @@ KTSProduct::KTSProduct(const std::string& productId, const Plist& dictionary,
   if (!facts.restartAction) {
     facts.restartAction = optionalString(metadata["IFPkgFlagRestartAction"]);
   }
-  setMirrorFiles(shared(KTSPassMemo::ProductValue::MirrorFiles, makeMirrorFiles()));
+  adoptMadeMirrorFiles(shared(KTSPassMemo::ProductValue::MirrorFiles, makeMirrorFiles()));
   state_.progress().totalDownloadSize = getTotalMirrorSize();
 }
 
@@ -199,6 +199,20 @@ void KTSProduct::setMirrorFiles(Plist files) {
     const Plist& url = record[kFileURLKey];
     if (!url.isString() || !Url::parse(url.stringValue()) ||
         !record[kFileLocalPathKey].isString()) {
+      facts.mirrorFilesArchivable = false;
+      return;
+    }
+  }
+}
+
+// A record made from the catalog has a local path exactly when its URL parsed, so that the
+// URLs need not be parsed a second time here.
+void KTSProduct::adoptMadeMirrorFiles(Plist files) {
+  Facts& facts = mutableFacts();
+  facts.mirrorFiles = std::move(files);
+  facts.mirrorFilesArchivable = true;
+  for (const Plist& record : facts.mirrorFiles.elements()) {
+    if (record[kFileLocalPathKey].stringValue().empty()) {
       facts.mirrorFilesArchivable = false;
       return;
     }

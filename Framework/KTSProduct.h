@@ -162,10 +162,12 @@ class KTSProduct {
     std::shared_ptr<const KTSPath> smdPath;
     Plist mirrorFiles;
     // Whether every record of mirrorFiles names a URL that parses and a local path, so that the
-    // archive can keep the records as they are; set with them by setMirrorFiles.
+    // archive can keep the records as they are; set with them by setMirrorFiles and
+    // adoptMadeMirrorFiles.
     bool mirrorFilesArchivable = true;
   };
   void setMirrorFiles(Plist files);
+  void adoptMadeMirrorFiles(Plist files);
   // The facts for a change: this product's own copy once another product shares them.
   Facts& mutableFacts() {
     if (facts_.use_count() > 1) facts_ = std::make_shared<Facts>(*facts_);
