@@ -210,15 +210,22 @@ TEST_F(OnDemandTest, ClientsAskingAtOnceShareOneFetchAndReceiveTheUpstreamBytes)
   upstream_->setMode(package_, ControllableUpstream::Mode::Trickle);
   std::vector<std::future<Answer>> clients;
   for (int client = 0; client < 8; ++client) {
-    clients.push_back(std::async(std::launch::async, [this] { return get(package_); }));
+    // Some clients speak HTTP/2, which the web server offers.
+    std::vector<std::string> options;
+    if (client % 2 == 0) options.push_back("--http2-prior-knowledge");
+    clients.push_back(
+        std::async(std::launch::async, [this, options] { return get(package_, options); }));
   }
   // One client gives up half a second in; the fetch and the others go on.
   Answer impatient = get(package_, {"--max-time", "0.5"});
   EXPECT_NE(impatient.curlExit, 0);
   const std::string expected = upstreamBytes(package_);
-  for (auto& client : clients) {
-    Answer answer = client.get();
+  for (std::size_t client = 0; client < clients.size(); ++client) {
+    Answer answer = clients[client].get();
     EXPECT_EQ(answer.status, 200) << answer.headers;
+    if (client % 2 == 0) {
+      EXPECT_TRUE(answer.headers.starts_with("HTTP/2 ")) << answer.headers;
+    }
     EXPECT_TRUE(answer.body == expected) << "received " << answer.body.size() << " bytes";
   }
   EXPECT_EQ(upstream_->requestsFor(package_), 1);
