@@ -13,6 +13,20 @@ std::string_view withoutTrailingSlashes(std::string_view path) {
   return path;
 }
 
+// Whether path is its own standard form: no empty, "." or ".." component, no trailing separator.
+// Most paths a pass meets are, and are then copied as they are.
+bool isStandardPath(std::string_view path) {
+  std::size_t start = path.front() == '/' ? 1 : 0;
+  if (start == path.size()) return true;
+  for (;;) {
+    std::size_t end = path.find('/', start);
+    std::string_view component = path.substr(start, end - start);
+    if (component.empty() || component == "." || component == "..") return false;
+    if (end == std::string_view::npos) return true;
+    start = end + 1;
+  }
+}
+
 }  // namespace
 
 std::string appendingPathComponent(std::string_view path, std::string_view component) {
@@ -26,6 +40,7 @@ std::string appendingPathComponent(std::string_view path, std::string_view compo
 
 std::string standardizingPath(std::string_view path) {
   if (path.empty()) return {};
+  if (isStandardPath(path)) return std::string(path);
   bool absolute = path.front() == '/';
   std::vector<std::string_view> components;
   std::size_t start = 0;

@@ -31,6 +31,10 @@ TEST_F(PlatformTest, PathTextOperations) {
   EXPECT_EQ(standardizingPath("/a//b/../c/"), "/a/c");
   EXPECT_EQ(standardizingPath("/../x"), "/x");
   EXPECT_EQ(standardizingPath("../x/.."), "..");
+  EXPECT_EQ(standardizingPath("/"), "/");
+  EXPECT_EQ(standardizingPath("/a/.b/..c"), "/a/.b/..c");
+  EXPECT_EQ(standardizingPath("a/b/"), "a/b");
+  EXPECT_EQ(standardizingPath("/a/b/."), "/a/b");
   EXPECT_EQ(lastPathComponent("/a/b/"), "b");
   EXPECT_EQ(lastPathComponent("/"), "/");
   EXPECT_EQ(deletingLastPathComponent("/a/b"), "/a");
