@@ -442,8 +442,12 @@ class Follower {
 
 }  // namespace
 
-int answerOnDemand(KTSPassContext& context, const std::string& urlPath, bool headOnly) {
+int answerOnDemand(KTSPassContext& context, const std::string& method, const std::string& urlPath) {
   ::signal(SIGPIPE, SIG_IGN);
+  if (method != "GET" && method != "HEAD") {
+    return answerStatus(405, "Method Not Allowed", "Allow: GET, HEAD\r\n");
+  }
+  bool headOnly = method == "HEAD";
   const KTSServerLayout& layout = context.layout();
   KTSOnDemandFiles onDemand(layout);
   std::string index;

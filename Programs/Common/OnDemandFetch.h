@@ -19,8 +19,9 @@
 
 namespace ondrel::programs {
 
-// Answers the request for urlPath (decoded, as the client asked for it) on standard output as a
-// CGI response; HEAD answers the headers alone and fetches nothing. Returns the exit status.
-int answerOnDemand(KTSPassContext& context, const std::string& urlPath, bool headOnly);
+// Answers the request (method, and urlPath decoded, as the client asked for it) on standard
+// output as a CGI response; HEAD answers the headers alone and fetches nothing, and a method
+// other than GET and HEAD is refused. Returns the exit status.
+int answerOnDemand(KTSPassContext& context, const std::string& method, const std::string& urlPath);
 
 }  // namespace ondrel::programs

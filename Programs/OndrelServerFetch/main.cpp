@@ -12,16 +12,9 @@ int main(int, char** argv) {
   ondrel::programs::locateServiceRootOfCgi(argv[0]);
   ondrel::KTSLogger::defaultLoggerForSourceLogType("OndrelServerFetch", 0);
   ondrel::KTSPassContext context;
-  std::string method = ondrel::programs::cgiVariable("REQUEST_METHOD");
-  int status = 0;
-  if (method != "GET" && method != "HEAD") {
-    std::printf(
-        "HTTP/1.1 405 Method Not Allowed\r\nAllow: GET, HEAD\r\nContent-Length: 0\r\n"
-        "Connection: close\r\n\r\n");
-  } else {
-    status = ondrel::programs::answerOnDemand(context, ondrel::programs::cgiVariable("PATH_INFO"),
-                                              method == "HEAD");
-  }
+  int status =
+      ondrel::programs::answerOnDemand(context, ondrel::programs::cgiVariable("REQUEST_METHOD"),
+                                       ondrel::programs::cgiVariable("PATH_INFO"));
   ondrel::programs::finishResponse();
   return status;
 }

@@ -121,9 +121,10 @@ int status(bool json) {
         humanBytes(summary.onDemand.bytesHere).c_str(), humanBytes(summary.onDemand.bytes).c_str(),
         static_cast<unsigned long long>(summary.onDemand.fetchedFiles),
         humanBytes(summary.onDemand.fetchedBytes).c_str());
-    std::printf("                 served from here %llu times to %llu clients\n",
-                static_cast<unsigned long long>(summary.onDemand.servedFiles),
-                static_cast<unsigned long long>(summary.onDemand.servedClients));
+    std::printf(
+        "                 served to %llu clients (%llu times, a file counted once a client)\n",
+        static_cast<unsigned long long>(summary.onDemand.servedClients),
+        static_cast<unsigned long long>(summary.onDemand.servedFiles));
   }
   std::printf("Pending:         %zu requests, %zu tickets\n", summary.pendingRequests,
               summary.pendingTickets);

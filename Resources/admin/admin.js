@@ -191,7 +191,7 @@ function showStatus(status) {
   $("on-demand").textContent = onDemand.products
     ? `${onDemand.products} products, ${bytes(onDemand.bytesHere)} of ${bytes(onDemand.bytes)} here; ` +
       `${onDemand.fetchedFiles} files (${bytes(onDemand.fetchedBytes)}) fetched on demand; ` +
-      `served from here ${onDemand.servedFiles} times to ${onDemand.servedClients} clients`
+      `served to ${onDemand.servedClients} clients (${onDemand.servedFiles} times, a file counted once a client)`
     : "none";
   const reserve = status.reserveBytes;
   $("free-space").textContent = `${bytes(status.volumeFreeBytes)} (reserve ${bytes(reserve)})`;

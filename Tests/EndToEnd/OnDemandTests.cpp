@@ -292,8 +292,9 @@ TEST_F(OnDemandTest, OnlyFilesThatServedProductsNameAreFetched) {
         << urlPath << ": " << answer.status;
   }
   EXPECT_EQ(upstream_->productFileRequests(), 0);
-  // A HEAD fetches nothing.
+  // A HEAD fetches nothing, and other methods are refused.
   EXPECT_EQ(get(package_, {"-I"}).status, 200);
+  EXPECT_EQ(get(package_, {"-X", "DELETE"}).status, 405);
   EXPECT_EQ(upstream_->productFileRequests(), 0);
 }
 
