@@ -6,6 +6,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -59,11 +60,20 @@ bool readWholeFile(const std::string& path, std::string* contents, std::string* 
     ::close(fd);
     return failWith(fmt::format("file larger than {} bytes", maxBytes));
   }
-  contents->clear();
-  contents->reserve(static_cast<std::size_t>(status.st_size));
-  char buffer[1 << 16];
+  // Read straight into the string: one byte more than the size, so that a file that grew
+  // since its size was taken shows it, and the loop asks for more only then.
+  const std::size_t ceiling = maxBytes < SIZE_MAX ? maxBytes + 1 : maxBytes;
+  contents->resize(std::min(static_cast<std::size_t>(status.st_size) + 1, ceiling));
+  std::size_t filled = 0;
   for (;;) {
-    ssize_t count = ::read(fd, buffer, sizeof buffer);
+    if (filled == contents->size()) {
+      if (filled > maxBytes) {
+        ::close(fd);
+        return failWith(fmt::format("file larger than {} bytes", maxBytes));
+      }
+      contents->resize(std::min(filled + filled / 2 + 4096, ceiling));
+    }
+    ssize_t count = ::read(fd, contents->data() + filled, contents->size() - filled);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) {
       int code = errno;
@@ -71,14 +81,10 @@ bool readWholeFile(const std::string& path, std::string* contents, std::string* 
       return failWith(systemErrorText(code));
     }
     if (count == 0) break;
-    // The file may grow while it is read.
-    if (contents->size() + static_cast<std::size_t>(count) > maxBytes) {
-      ::close(fd);
-      return failWith(fmt::format("file larger than {} bytes", maxBytes));
-    }
-    contents->append(buffer, static_cast<std::size_t>(count));
+    filled += static_cast<std::size_t>(count);
   }
   ::close(fd);
+  contents->resize(filled);
   return true;
 }
 
