@@ -232,12 +232,12 @@ void KTSCatalog::shareEntriesOfProducts(const ProductIndex& products) {
 std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
     const std::string& productId, std::optional<KTSError>* error) {
   const Plist& entry = compositeCatalog_[KTCatalogProductsDictKey][productId];
-  std::optional<Url> metadataURL;
-  if (entry["ServerMetadataURL"].isString()) {
-    metadataURL = Url::parse(entry["ServerMetadataURL"].stringValue());
-  }
   std::shared_ptr<KTSProduct> product = madeEarlierInPass(productId, entry);
   if (!product) {
+    std::optional<Url> metadataURL;
+    if (entry["ServerMetadataURL"].isString()) {
+      metadataURL = Url::parse(entry["ServerMetadataURL"].stringValue());
+    }
     product = KTSProduct::productWithProductIdDictionaryRepresentationServerMetadataURL(
         productId, entry, metadataURL, context_.services());
     if (KTSPassMemo* memo = context_.memo()) {
@@ -256,19 +256,7 @@ std::shared_ptr<KTSProduct> KTSCatalog::makeProductItemForProductIDError(
     }
     return nullptr;
   }
-  KTSWorkingSet& workingSet = context_.workingSet();
-  if (workingSet.containsProductID(productId)) {
-    product->state().restore(workingSet.mirrorSettingForProductID(productId),
-                             workingSet.enableSettingForProductID(productId));
-    product->state().restoreFetchPolicy(workingSet.productDictForID(productId)["fetchPolicy"]);
-    workingSet.shareTextsWithProduct(*product);
-    // An unreadable posting date reads as when the product was first seen, not as each pass.
-    if (product->postDateAssumed()) {
-      if (std::optional<Date> firstSeen = workingSet.postDateForProductID(productId)) {
-        product->setPostDate(firstSeen);
-      }
-    }
-  }
+  context_.workingSet().restoreSettingsOfProduct(*product);
   return product;
 }
 

@@ -297,15 +297,32 @@ Plist KTSWorkingSet::productDictForID(const std::string& productId) const {
   return products_[productId];
 }
 
-void KTSWorkingSet::shareTextsWithProduct(const KTSProduct& product) {
+void KTSWorkingSet::restoreSettingsOfProduct(KTSProduct& product) {
   const std::string& productId = *product.productId();
-  const Plist& texts = products_[productId]["localization"];
+  const Plist::Dictionary& records = products_.items();
+  auto found = records.find(productId);
+  if (found == records.end()) return;
+  const Plist& record = found->second;
+  KTSProductState& state = product.state();
+  state.restore(record.isDictionary()
+                    ? KTSProductState::mirrorStateForString(record["mirror"].stringValue())
+                    : KTSProductState::DoNotMirror,
+                record["enable"].boolValue());
+  state.restoreFetchPolicy(record["fetchPolicy"]);
+  // An unreadable posting date reads as when the product was first seen, not as each pass.
+  const Plist& posted = record[KTCatalogProductPostDateKey];
+  if (product.postDateAssumed() && posted.isString()) {
+    if (std::optional<Date> firstSeen = parseArchiveDate(posted.stringValue())) {
+      product.setPostDate(firstSeen);
+    }
+  }
+  const Plist& texts = record["localization"];
   if (!texts.isDictionary() || texts.sharesStorageWith(product.localization()) ||
       !texts.isIdenticalTo(product.localization())) {
     return;
   }
   // The record as last saved takes the product's copy too, or the old one would stay in memory.
-  bool saved = savedProducts_[productId].sharesStorageWith(products_[productId]);
+  bool saved = savedProducts_[productId].sharesStorageWith(record);
   products_.mutableValue(productId).set("localization", product.localization());
   if (saved) savedProducts_.mutableValue(productId) = products_[productId];
 }
@@ -315,11 +332,6 @@ void KTSWorkingSet::setProductDictForID(const Plist& record, const std::string& 
   Plist products = products_.isDictionary() ? std::move(products_) : Plist::dictionary();
   products.set(productId, record);
   setProductCache(std::move(products));
-}
-
-std::optional<Date> KTSWorkingSet::postDateForProductID(const std::string& productId) const {
-  const Plist& posted = products_[productId][KTCatalogProductPostDateKey];
-  return posted.isString() ? parseArchiveDate(posted.stringValue()) : std::nullopt;
 }
 
 bool KTSWorkingSet::containsProductID(const std::string& productId) const {

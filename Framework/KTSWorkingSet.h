@@ -56,12 +56,12 @@ class KTSWorkingSet {
   // The record of a product, or null when it lacks required data.
   Plist representationForProduct(const KTSProduct* product) const;
 
-  // Lets the product's record hold the product's own copy of the texts both hold alike
-  // (localization), so that the two share memory; the records stay as they were.
-  void shareTextsWithProduct(const KTSProduct& product);
+  // Gives a product just made what its record holds (mirror, enable and fetch settings, and
+  // the posting date when the product's own is assumed), and lets the record hold the product's
+  // copy of the texts both hold alike, so that the two share memory. A product without a record
+  // keeps its defaults.
+  void restoreSettingsOfProduct(KTSProduct& product);
 
-  // The posting date the product's record holds; none without a readable one.
-  std::optional<Date> postDateForProductID(const std::string& productId) const;
   Plist productDictForID(const std::string& productId) const;
   void setProductDictForID(const Plist& record, const std::string& productId);
   bool containsProductID(const std::string& productId) const;
