@@ -1,8 +1,10 @@
 #include <brotli/decode.h>
+#include <curl/curl.h>
 #include <sys/stat.h>
 #include <zlib.h>
 
 #include <filesystem>
+#include <memory>
 
 #include "CompressedForms.h"
 #include "DateFormats.h"
@@ -66,8 +68,31 @@ TEST_F(PlatformTest, UrlsParseIntoTheirParts) {
   EXPECT_EQ(url->fragment(), "top");
   EXPECT_FALSE(Url::parse("http://host/x")->port());
   EXPECT_NE(*Url::parse("http://host/x"), *Url::parse("http://HOST/x"));
-  for (const char* bad : {"", "no scheme here", "http://", "http://host:99999/"}) {
+  for (const char* bad : {"", "no scheme here", "http://", "http://host:99999/", "http"}) {
     EXPECT_FALSE(Url::parse(bad)) << bad;
+  }
+  // Plain URLs are read without libcurl, the others through it: either way as libcurl reads them.
+  auto curlPart = [](CURLU* handle, CURLUPart which, unsigned flags = 0) {
+    char* value = nullptr;
+    std::string text = curl_url_get(handle, which, &value, flags) == CURLUE_OK ? value : "";
+    curl_free(value);
+    return text;
+  };
+  for (const char* text :
+       {"http://127.0.0.1:18492/content/downloads/ab/VT-1/VT-1.pkg", "https://a-b.example/x.smd",
+        "http://h.example:80/x", "https://h.example:443/x", "http://h.example:080/x",
+        "http://127.1/x", "http://0x7f.0.0.1/x", "http://cafe.de/x", "http://010.0.0.1/x",
+        "http://Upper.example/x", "http://h.example/a/./b", "http://h.example/a/../b",
+        "http://h.example//b", "http://h.example/b/..", "http://h.example./x"}) {
+    std::optional<Url> parsed = Url::parse(text);
+    std::unique_ptr<CURLU, void (*)(CURLU*)> handle(curl_url(), curl_url_cleanup);
+    ASSERT_EQ(curl_url_set(handle.get(), CURLUPART_URL, text, 0), CURLUE_OK) << text;
+    ASSERT_TRUE(parsed) << text;
+    std::string port = curlPart(handle.get(), CURLUPART_PORT);
+    EXPECT_EQ(parsed->host(), curlPart(handle.get(), CURLUPART_HOST)) << text;
+    EXPECT_EQ(parsed->port(), port.empty() ? std::nullopt : std::optional(std::stoi(port))) << text;
+    EXPECT_EQ(parsed->encodedPath(), curlPart(handle.get(), CURLUPART_PATH)) << text;
+    EXPECT_EQ(parsed->path(), curlPart(handle.get(), CURLUPART_PATH, CURLU_URLDECODE)) << text;
   }
 }
 
