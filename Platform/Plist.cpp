@@ -1,8 +1,11 @@
 #include "Plist.h"
 
 #include <algorithm>
+#include <bit>
 #include <cctype>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <limits>
 #include <mutex>
 
@@ -375,11 +378,29 @@ void Plist::append(Plist value) { mutableElements().push_back(std::move(value));
 Plist& Plist::mutableValue(std::string_view key) { return mutableItems().valueFor(key); }
 
 namespace {
+// Orders texts as their bytes do, deciding most pairs of long enough keys (product ids, file
+// names) on their first eight bytes without a call to memcmp.
+bool textIsBefore(std::string_view a, std::string_view b) {
+  if (a.size() >= 8 && b.size() >= 8) {
+    std::uint64_t x;
+    std::uint64_t y;
+    std::memcpy(&x, a.data(), 8);
+    std::memcpy(&y, b.data(), 8);
+    if (x != y) {
+      if constexpr (std::endian::native == std::endian::little) {
+        x = __builtin_bswap64(x);
+        y = __builtin_bswap64(y);
+      }
+      return x < y;
+    }
+  }
+  return a < b;
+}
 bool keyIsBefore(const Plist::Dictionary::Entry& entry, std::string_view key) {
-  return entry.first < key;
+  return textIsBefore(entry.first, key);
 }
 bool keysAreOrdered(const Plist::Dictionary::Entry& a, const Plist::Dictionary::Entry& b) {
-  return a.first < b.first;
+  return textIsBefore(a.first, b.first);
 }
 }  // namespace
 
@@ -410,7 +431,7 @@ Plist::Dictionary::const_iterator Plist::Dictionary::find(std::string_view key) 
 }
 
 Plist& Plist::Dictionary::valueFor(std::string_view key) {
-  auto found = entries_.empty() || entries_.back().first < key
+  auto found = entries_.empty() || textIsBefore(entries_.back().first, key)
                    ? entries_.end()
                    : std::lower_bound(entries_.begin(), entries_.end(), key, keyIsBefore);
   if (found != entries_.end() && found->first == key) return found->second;
