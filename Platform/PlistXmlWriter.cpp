@@ -6,6 +6,7 @@
 // is written back unchanged.
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 
@@ -113,6 +114,10 @@ class PlistXmlWriter {
     std::size_t start = 0;
     std::size_t i = 0;
     while (i < text.size()) {
+      if (text.size() - i >= 8 && isPlainWord(text.data() + i)) {
+        i += 8;
+        continue;
+      }
       auto c = static_cast<unsigned char>(text[i]);
       if (kPlainBytes[c]) {
         ++i;
@@ -256,6 +261,20 @@ class PlistXmlWriter {
     }
     indent(depth);
     put("</data>\n");
+  }
+
+  // Whether the eight bytes at bytes are all printable ASCII but "<", ">" and "&", tested as one
+  // word: most of a document is, and then putEscaped steps over them at once.
+  static bool isPlainWord(const char* bytes) {
+    constexpr std::uint64_t kEveryByte = 0x0101010101010101;
+    constexpr std::uint64_t kHighBits = 0x8080808080808080;
+    std::uint64_t word = 0;
+    std::memcpy(&word, bytes, sizeof word);
+    // The high bit of each byte that is zero (exact for bytes below 0x80, as all are here).
+    auto zeroBytes = [](std::uint64_t value) { return (value - kEveryByte) & ~value & kHighBits; };
+    return (word & kHighBits) == 0 && ((word - kEveryByte * 0x20) & ~word & kHighBits) == 0 &&
+           zeroBytes(word ^ (kEveryByte * '<')) == 0 && zeroBytes(word ^ (kEveryByte * '>')) == 0 &&
+           zeroBytes(word ^ (kEveryByte * '&')) == 0;
   }
 
   static constexpr std::size_t kBufferSize = 1 << 16;

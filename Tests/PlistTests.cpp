@@ -141,7 +141,10 @@ TEST_F(PlistTest, RoundTripsHoldAgainstAnIndependentReader) {
   document.set("invalid", "x\xFFy\xC3");
   document.set("unwritable", std::string("\x01\x1F\xEF\xBF\xBE\xEF\xBF\xBF") + '\0');
   document.set("kept", "\xEF\xBF\xBD\xF0\x9F\x98\x80");
-  document.set("long", std::string(100000, 'x') + "<" + std::string(100000, 'y'));
+  // Markup, tab, line feed and UTF-8 within eight-byte words of plain text.
+  document.set("long", std::string(100003, 'x') +
+                           "<yyyyyyyyyyy&yyyyyyyyyyy>yyyyyyyyyy\tyyyyyy\nyyyyy\xC3\xA9" +
+                           std::string(100000, 'y'));
   const std::string file = path("/round.plist");
   ASSERT_TRUE(document.writeXmlFile(file, nullptr));
 
