@@ -114,10 +114,15 @@ bool KTSUtilities::createDirectoryAtPath(const std::string& path) {
       return false;
     }
   }
-  // Create each missing folder from the top down, so every new one can be given to the service.
+  // Create each missing folder from the top down, so every new one can be given to the service,
+  // starting below the deepest folder that exists (most often the new folder's parent).
   std::string target = standardizingPath(path);
-  std::string partial = target.front() == '/' ? "/" : "";
-  std::size_t start = partial.size();
+  std::string partial = deletingLastPathComponent(target);
+  while (!partial.empty() && partial != "/" && !directoryExistsAtPath(partial)) {
+    partial = deletingLastPathComponent(partial);
+  }
+  // An absolute path always keeps "/"; a relative one may keep nothing.
+  std::size_t start = partial.size() + (partial.empty() || partial == "/" ? 0 : 1);
   while (start <= target.size()) {
     std::size_t end = target.find('/', start);
     if (end == std::string::npos) end = target.size();
