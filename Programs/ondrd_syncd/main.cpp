@@ -17,6 +17,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <memory>
 #include <thread>
 
 #include "AfterPass.h"
@@ -60,6 +61,8 @@ void installSignalHandlers() {
   sigaction(SIGINT, &action, nullptr);
 }
 
+ondrel::KTSSyncPass* passLeftToProcessExit = nullptr;
+
 // Runs one pass (a full one, or only the product changes) and what follows every pass: its
 // record in the history, the metrics file and the administrator's hooks.
 // interval: the time to the next full pass, when the daemon runs them on its own.
@@ -70,8 +73,12 @@ ondrel::KTSPassOutcome runPass(
   using namespace ondrel;
   KTSPassHistory::Pass pass;
   pass.started = Clock::now();
-  KTSSyncPass syncPass(context, progress);
-  KTSPassOutcome outcome = fullSync ? syncPass.runFullPass(reuse) : syncPass.runProductChanges();
+  auto syncPass = std::make_unique<KTSSyncPass>(context, progress);
+  KTSPassOutcome outcome = fullSync ? syncPass->runFullPass(reuse) : syncPass->runProductChanges();
+  // The pass of a one-shot run (no interval) is left to the end of the process, which takes its
+  // memory back at once: freed object by object, the hundred megabytes of a pass at 10,000
+  // products cost a twentieth of one in which nothing changed. Held here, it is no leak.
+  if (!interval) passLeftToProcessExit = syncPass.release();
   pass.ended = Clock::now();
   pass.fullSync = fullSync;
   pass.outcome = outcome.interrupted         ? KTSPassHistory::Outcome::Interrupted
