@@ -124,6 +124,10 @@ std::optional<Url> Url::parse(const std::string& text) {
     url.encodedPath_ = plain->path;
     return url;
   }
+  return parseWithLibcurl(text);
+}
+
+std::optional<Url> Url::parseWithLibcurl(const std::string& text) {
   std::unique_ptr<CURLU, UrlHandleDeleter> handle(curl_url());
   if (!handle || text.empty()) return std::nullopt;
   if (curl_url_set(handle.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) !=

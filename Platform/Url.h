@@ -16,6 +16,9 @@ class Url {
  public:
   // None when the text is not an absolute URL.
   static std::optional<Url> parse(const std::string& text);
+  // The same, read by libcurl even when the text is a plain URL (parse reads those itself):
+  // what parse must agree with.
+  static std::optional<Url> parseWithLibcurl(const std::string& text);
 
   const std::string& text() const { return text_; }
   const std::string& scheme() const { return scheme_; }
