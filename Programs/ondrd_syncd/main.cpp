@@ -77,7 +77,7 @@ ondrel::KTSPassOutcome runPass(
   KTSPassOutcome outcome = fullSync ? syncPass->runFullPass(reuse) : syncPass->runProductChanges();
   // The pass of a one-shot run (no interval) is left to the end of the process, which takes its
   // memory back at once: freed object by object, the hundred megabytes of a pass at 10,000
-  // products cost a twentieth of one in which nothing changed. Held here, it is no leak.
+  // products cost some three per cent of one in which nothing changed. Held here, it is no leak.
   if (!interval) passLeftToProcessExit = syncPass.release();
   pass.ended = Clock::now();
   pass.fullSync = fullSync;
