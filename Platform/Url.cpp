@@ -46,16 +46,17 @@ bool isPlainHost(std::string_view host) {
          whole == canonical;
 }
 
-// A port as libcurl keeps it: decimal without leading zeros, 1 to 65535, and not the scheme's
-// default (which libcurl may leave out).
-bool isPlainPort(std::string_view port, std::string_view scheme) {
-  if (port.empty() || port.size() > 5 || port.front() == '0') return false;
+// The number of a port as libcurl keeps it: decimal without leading zeros, 1 to 65535, and not
+// the scheme's default (which libcurl may leave out); none otherwise.
+std::optional<int> plainPort(std::string_view port, std::string_view scheme) {
+  if (port.empty() || port.size() > 5 || port.front() == '0') return std::nullopt;
   int value = 0;
   for (char c : port) {
-    if (c < '0' || c > '9') return false;
+    if (c < '0' || c > '9') return std::nullopt;
     value = value * 10 + (c - '0');
   }
-  return value <= 65535 && value != (scheme == "http" ? 80 : 443);
+  if (value > 65535 || value == (scheme == "http" ? 80 : 443)) return std::nullopt;
+  return value;
 }
 
 // A path of unreserved characters and single slashes, without "." or ".." segments: nothing
@@ -80,7 +81,9 @@ bool isPlainPath(std::string_view path) {
 }
 
 struct PlainParts {
-  std::string_view scheme, host, port, path;
+  std::string_view scheme, host;
+  std::optional<int> port;
+  std::string_view path;
 };
 
 // The parts of text when it is in the plain form most catalog URLs have ("http" or "https",
@@ -102,12 +105,12 @@ std::optional<PlainParts> plainParts(const std::string& text) {
   std::string_view path = rest.substr(slash);
   std::size_t colon = authority.find(':');
   std::string_view host = authority.substr(0, colon);
-  std::string_view port =
-      colon == std::string_view::npos ? std::string_view() : authority.substr(colon + 1);
-  if (!isPlainHost(host) || (colon != std::string_view::npos && !isPlainPort(port, scheme)) ||
-      !isPlainPath(path)) {
-    return {};
+  std::optional<int> port;
+  if (colon != std::string_view::npos) {
+    port = plainPort(authority.substr(colon + 1), scheme);
+    if (!port) return {};
   }
+  if (!isPlainHost(host) || !isPlainPath(path)) return {};
   return PlainParts{scheme, host, port, path};
 }
 
@@ -119,7 +122,7 @@ std::optional<Url> Url::parse(const std::string& text) {
     url.text_ = text;
     url.scheme_ = plain->scheme;
     url.host_ = plain->host;
-    if (!plain->port.empty()) url.port_ = std::stoi(std::string(plain->port));
+    url.port_ = plain->port;
     url.path_ = plain->path;
     url.encodedPath_ = plain->path;
     return url;
