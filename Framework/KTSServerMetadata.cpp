@@ -261,13 +261,11 @@ std::optional<Url> KTSServerMetadata::prefetchableServerMetadataURL(const std::s
       !entry["ServerMetadataURL"].isString()) {
     return std::nullopt;
   }
-  // Most entries name metadata another catalog's entry named in the same spelling: the memo
-  // answers before the URL is parsed.
+  // The memo knows metadata by the URL's text, which a parsed URL keeps as it was: it answers
+  // before the URL is parsed (most entries name metadata another catalog's entry named).
   const std::string& text = entry["ServerMetadataURL"].stringValue();
   if (memo.serverMetadataFetchedFrom(text)) return std::nullopt;
-  std::optional<Url> url = Url::parse(text);
-  if (!url || memo.serverMetadataFetchedFrom(url->text())) return std::nullopt;
-  return url;
+  return Url::parse(text);
 }
 
 Plist KTSServerMetadata::generateServerMetadataDictionaryAtPath(const std::string& path,
