@@ -61,9 +61,11 @@ bool readWholeFile(const std::string& path, std::string* contents, std::string* 
     return failWith(fmt::format("file larger than {} bytes", maxBytes));
   }
   // Read straight into the string: one byte more than the size, so that a file that grew
-  // since its size was taken shows it, and the loop asks for more only then.
+  // since its size was taken shows it, and the loop asks for more only then. A read that
+  // stops short at that size found the end: no second read is needed to learn it.
   const std::size_t ceiling = maxBytes < SIZE_MAX ? maxBytes + 1 : maxBytes;
-  contents->resize(std::min(static_cast<std::size_t>(status.st_size) + 1, ceiling));
+  const auto sizeFound = static_cast<std::size_t>(status.st_size);
+  contents->resize(std::min(sizeFound + 1, ceiling));
   std::size_t filled = 0;
   for (;;) {
     if (filled == contents->size()) {
@@ -73,7 +75,8 @@ bool readWholeFile(const std::string& path, std::string* contents, std::string* 
       }
       contents->resize(std::min(filled + filled / 2 + 4096, ceiling));
     }
-    ssize_t count = ::read(fd, contents->data() + filled, contents->size() - filled);
+    const std::size_t asked = contents->size() - filled;
+    ssize_t count = ::read(fd, contents->data() + filled, asked);
     if (count < 0 && errno == EINTR) continue;
     if (count < 0) {
       int code = errno;
@@ -82,6 +85,7 @@ bool readWholeFile(const std::string& path, std::string* contents, std::string* 
     }
     if (count == 0) break;
     filled += static_cast<std::size_t>(count);
+    if (filled == sizeFound && static_cast<std::size_t>(count) < asked) break;
   }
   ::close(fd);
   contents->resize(filled);
