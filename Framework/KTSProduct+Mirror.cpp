@@ -82,14 +82,15 @@ bool KTSProduct::verifyDownloadFileURLDestPathFailureReason(const std::optional<
   return !reason;
 }
 
-bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo) const {
+bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo,
+                                            KTSUtilities::ItemSizes& sizes) const {
   const std::string& localPath = fileInfo[kFileLocalPathKey].stringValue();
   const std::string fileName = lastPathComponent(localPath);
   const Plist& size = fileInfo[kFileSizeKey];
   log_.debug("PROD: {}: verifying: {}; size: {}", id(), fileName, sizeText(size, "(N/A)"));
   std::optional<std::int64_t> found;
   if (layout_->isInsideHtmlFolder(localPath)) {
-    found = KTSUtilities::sizeOfExistingItemAtPath(localPath);
+    found = sizes.sizeOfExistingItemAtPath(localPath);
   }
   if (!found) {
     log_.debug("PROD: {}: verification failed; file not found: {}", id(), fileName);
@@ -109,8 +110,9 @@ bool KTSProduct::verifyMirroredFiles(KTSPassMemo* memo) const {
     return *known;
   }
   bool allVerified = true;
+  KTSUtilities::ItemSizes sizes;
   for (const Plist& record : facts_->mirrorFiles.elements()) {
-    if (!verifyMirroredFileWithInfo(record)) allVerified = false;
+    if (!verifyMirroredFileWithInfo(record, sizes)) allVerified = false;
   }
   if (memo != nullptr) memo->recordFilesVerified(id(), facts_->mirrorFiles, allVerified);
   std::string title = "?title?";

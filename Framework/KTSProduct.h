@@ -18,6 +18,7 @@
 #include "KTSPassServices.h"
 #include "KTSPath.h"
 #include "KTSProductState.h"
+#include "KTSUtilities.h"
 #include "Plist.h"
 #include "Url.h"
 
@@ -65,8 +66,9 @@ class KTSProduct {
   // Whether every file is in place with its size; with a memo, a list it checked earlier in the
   // pass is not looked at again, and what this check finds is recorded there.
   bool verifyMirroredFiles(KTSPassMemo* memo = nullptr) const;
-  // Whether one record's file is in place inside the html folder, with its size when it has one.
-  bool verifyMirroredFileWithInfo(const Plist& fileInfo) const;
+  // Whether one record's file is in place inside the html folder, with its size when it has one;
+  // sizes looks the file up (a run of checks shares one, so that they share its open folder).
+  bool verifyMirroredFileWithInfo(const Plist& fileInfo, KTSUtilities::ItemSizes& sizes) const;
   // Deletes the folder of the product's server metadata (two levels above it, when that is
   // still inside the html folder); the state then says the files are gone.
   void removeAllFiles();

@@ -1,5 +1,6 @@
 #include "KTSUtilities.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -64,13 +65,46 @@ std::optional<std::int64_t> KTSUtilities::fileSizeAtPath(const std::string& path
   return static_cast<std::int64_t>(status.st_size);
 }
 
-std::optional<std::int64_t> KTSUtilities::sizeOfExistingItemAtPath(const std::string& path) {
-  std::string target = standardizingPath(path);
+namespace {
+
+// The size of the item name inside the folder open as folderDescriptor (AT_FDCWD: a path from
+// the working folder), none when nothing exists there; a link's own size, when what it points
+// to exists.
+std::optional<std::int64_t> sizeOfExistingItem(int folderDescriptor, const char* name) {
   struct stat status {};
-  if (::lstat(target.c_str(), &status) != 0) return std::nullopt;
+  if (::fstatat(folderDescriptor, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return std::nullopt;
   struct stat linked {};
-  if (S_ISLNK(status.st_mode) && ::stat(target.c_str(), &linked) != 0) return std::nullopt;
+  if (S_ISLNK(status.st_mode) && ::fstatat(folderDescriptor, name, &linked, 0) != 0) {
+    return std::nullopt;
+  }
   return static_cast<std::int64_t>(status.st_size);
+}
+
+}  // namespace
+
+std::optional<std::int64_t> KTSUtilities::sizeOfExistingItemAtPath(const std::string& path) {
+  return sizeOfExistingItem(AT_FDCWD, standardizingPath(path).c_str());
+}
+
+KTSUtilities::ItemSizes::~ItemSizes() {
+  if (folderDescriptor_ >= 0) ::close(folderDescriptor_);
+}
+
+std::optional<std::int64_t> KTSUtilities::ItemSizes::sizeOfExistingItemAtPath(
+    const std::string& path) {
+  std::string target = standardizingPath(path);
+  std::size_t slash = target.rfind('/');
+  if (slash == std::string::npos || slash == 0 || slash + 1 == target.size()) {
+    return sizeOfExistingItem(AT_FDCWD, target.c_str());
+  }
+  std::string_view folder(target.data(), slash);
+  if (folder != folder_) {
+    if (folderDescriptor_ >= 0) ::close(folderDescriptor_);
+    folder_ = folder;
+    folderDescriptor_ = ::open(folder_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+  }
+  if (folderDescriptor_ < 0) return std::nullopt;
+  return sizeOfExistingItem(folderDescriptor_, target.c_str() + slash + 1);
 }
 
 bool KTSUtilities::directoryExistsAtPath(const std::string& path) {

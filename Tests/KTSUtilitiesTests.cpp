@@ -60,6 +60,22 @@ TEST_F(KTSUtilitiesTest, ExistenceAndSizeTests) {
   EXPECT_EQ(KTSUtilities::fileSizeAtPath(path("/f.pkg")), 5);
   EXPECT_FALSE(KTSUtilities::fileSizeAtPath(path("/missing")));
   EXPECT_FALSE(KTSUtilities::directoryExistsAtPath(path("/f.pkg")));
+
+  // A run of lookups that share open folders answers each path as a lookup of its own does: a
+  // link exists (with its own size) when its target does, and a path that leaves its folder is
+  // looked up where it leads.
+  writeFile(path("/d/g.pkg"), "1234567");
+  std::filesystem::create_symlink("g.pkg", path("/d/link"));
+  std::filesystem::create_symlink("nowhere", path("/d/dangling"));
+  KTSUtilities::ItemSizes sizes;
+  for (const char* item : {"/d/g.pkg", "/d/link", "/d/dangling", "/d/missing", "/d/../f.pkg",
+                           "/f.pkg", "/d/g.pkg", "/nofolder/x", "/d/link", "/f.pkg/x"}) {
+    EXPECT_EQ(sizes.sizeOfExistingItemAtPath(path(item)),
+              KTSUtilities::sizeOfExistingItemAtPath(path(item)))
+        << item;
+  }
+  EXPECT_EQ(sizes.sizeOfExistingItemAtPath(path("/d/g.pkg")), 7);
+  EXPECT_FALSE(sizes.sizeOfExistingItemAtPath(path("/d/dangling")));
 }
 
 TEST_F(KTSUtilitiesTest, MoveCopyAndRemoveRefuseToClobber) {
