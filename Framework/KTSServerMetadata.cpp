@@ -181,14 +181,18 @@ KTSPassMemo::ServerMetadata KTSServerMetadata::placeServerMetadata(const Url& ur
 // file (on some file systems a deleted file costs a synchronous discard, and a new one a scan
 // past every file deleted in the last half minute).
 std::optional<KTSPassMemo::ServerMetadata> KTSServerMetadata::placeFetchedServerMetadata(
-    const Url& url, const std::string& localPath, const std::string& bytes, bool bytesAreTheFile,
-    KTSPassMemo& memo) {
+    const Url& url, const std::string& localPath, const std::string& bytes,
+    std::optional<std::uint64_t> readFromFile, KTSPassMemo& memo) {
   std::string previousPath = sideFilePath(localPath, "previous");
   std::string current;
+  std::uint64_t identity = 0;
+  if (!readFromFile && readWholeFileAndIdentity(localPath, &current, &identity, bytes.size()) &&
+      current == bytes) {
+    readFromFile = identity;
+  }
   // What the pass found of a file it leaves as it was still holds.
-  if (bytesAreTheFile ||
-      (readWholeFile(localPath, &current, nullptr, bytes.size()) && current == bytes)) {
-    if (fileIdentity(previousPath) != fileIdentity(localPath)) {
+  if (readFromFile) {
+    if (fileIdentity(previousPath) != readFromFile) {
       memo.fileWillChange();
       keepPreviousVersion(localPath, previousPath);
     }
@@ -217,13 +221,17 @@ void KTSServerMetadata::prefetchServerMetadataForEntries(const Plist& entries,
   auto placeFetched = [&memo](KTSFileDownloader& fetched) {
     if (fetched.downloadError()) return;
     std::string bytes;
+    std::optional<std::uint64_t> readFromFile;
     if (!fetched.wasNotModified()) {
       bytes = fetched.takeReceivedBody();
-    } else if (!readWholeFile(fetched.downloadPath(), &bytes, nullptr, kPrefetchedMetadataLimit)) {
+    } else if (std::uint64_t identity = 0; readWholeFileAndIdentity(
+                   fetched.downloadPath(), &bytes, &identity, kPrefetchedMetadataLimit)) {
+      readFromFile = identity;
+    } else {
       return;
     }
     std::optional<KTSPassMemo::ServerMetadata> placed = placeFetchedServerMetadata(
-        fetched.sourceUrl(), fetched.downloadPath(), bytes, fetched.wasNotModified(), memo);
+        fetched.sourceUrl(), fetched.downloadPath(), bytes, readFromFile, memo);
     if (!placed) return;
     fetched.recordValidatorsOfPlacedFile();
     memo.recordServerMetadataFetchedFrom(fetched.sourceUrl().text(), std::move(*placed));

@@ -6,6 +6,7 @@
 // asks it to fetch a catalog's metadata ahead. One thread.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -79,11 +80,11 @@ class KTSServerMetadata {
                                                          const std::string& localPath,
                                                          KTSPassMemo* memo);
   // Puts bytes fetched ahead of the walk at localPath as a download would, and reads them;
-  // none when they could not be written. bytesAreTheFile says that they were read from it (the
-  // upstream answered that it has not changed).
+  // none when they could not be written. readFromFile, when the bytes were read from that file
+  // (the upstream answered that it has not changed), is the identity of the file read.
   static std::optional<KTSPassMemo::ServerMetadata> placeFetchedServerMetadata(
-      const Url& url, const std::string& localPath, const std::string& bytes, bool bytesAreTheFile,
-      KTSPassMemo& memo);
+      const Url& url, const std::string& localPath, const std::string& bytes,
+      std::optional<std::uint64_t> readFromFile, KTSPassMemo& memo);
   std::optional<std::string> localPathInsideDocumentRoot(const std::optional<Url>& url) const {
     return localPathInsideDocumentRoot(layout_, url);
   }

@@ -40,8 +40,11 @@ std::string readFileTail(const std::string& path, std::size_t maxBytes) {
   return tail;
 }
 
-bool readWholeFile(const std::string& path, std::string* contents, std::string* error,
-                   std::size_t maxBytes) {
+namespace {
+
+// readWholeFile, which also leaves what the opened file's status said in status.
+bool readOpenedWholeFile(const std::string& path, std::string* contents, std::string* error,
+                         std::size_t maxBytes, struct stat& status) {
   auto failWith = [error](std::string reason) {
     if (error) *error = std::move(reason);
     return false;
@@ -49,7 +52,6 @@ bool readWholeFile(const std::string& path, std::string* contents, std::string* 
   // Non-blocking, so that opening a FIFO nobody writes to returns at once.
   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
   if (fd < 0) return failWith(systemErrorText(errno));
-  struct stat status {};
   if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
     int code = errno;
     ::close(fd);
@@ -89,6 +91,22 @@ bool readWholeFile(const std::string& path, std::string* contents, std::string* 
   }
   ::close(fd);
   contents->resize(filled);
+  return true;
+}
+
+}  // namespace
+
+bool readWholeFile(const std::string& path, std::string* contents, std::string* error,
+                   std::size_t maxBytes) {
+  struct stat status {};
+  return readOpenedWholeFile(path, contents, error, maxBytes, status);
+}
+
+bool readWholeFileAndIdentity(const std::string& path, std::string* contents,
+                              std::uint64_t* identity, std::size_t maxBytes) {
+  struct stat status {};
+  if (!readOpenedWholeFile(path, contents, nullptr, maxBytes, status)) return false;
+  *identity = static_cast<std::uint64_t>(status.st_ino);
   return true;
 }
 

@@ -24,6 +24,10 @@ inline constexpr std::size_t kSmallFileReadLimit = std::size_t{4} << 20;
 // allocation. On failure gives false and the reason.
 bool readWholeFile(const std::string& path, std::string* contents, std::string* error,
                    std::size_t maxBytes = kDefaultReadLimit);
+// readWholeFile that also gives the identity of the file it read, as fileIdentity gives it for a
+// file that is no link: a reader that compares the file with another saves looking at it again.
+bool readWholeFileAndIdentity(const std::string& path, std::string* contents,
+                              std::uint64_t* identity, std::size_t maxBytes);
 
 // The whole lines at the end of the regular file at path, at most maxBytes of them (a line cut
 // by that limit is left out); empty when it cannot be read. For logs that only grow.
