@@ -349,11 +349,16 @@ Plist KTSCatalog::mirrorRepresentationForProduct(KTSProduct& product) const {
     return result;
   }
   // Like every file a served entry names, the metadata must be on disk here: one that was
-  // refused or never fetched is not named.
+  // refused or never fetched is not named. In a pass it is looked at once, as every served
+  // catalog's record of its inputs sees it.
   std::optional<std::string> local = product.smdPath()->asLocalPath(layout);
   std::optional<std::string> served = product.smdPath()->asChildServerURL(layout);
-  if (served && local && layout.isInsideHtmlFolder(*local) &&
-      KTSUtilities::sizeOfExistingItemAtPath(*local)) {
+  KTSPassRecord* record = context_.record();
+  auto onDisk = [record, &local] {
+    return record != nullptr ? !record->stampOfSettledFile(local).empty()
+                             : KTSUtilities::sizeOfExistingItemAtPath(*local).has_value();
+  };
+  if (served && local && layout.isInsideHtmlFolder(*local) && onDisk()) {
     result.set("ServerMetadataURL", *served);
   } else {
     log_.debug("CTLG: (internal) the .smd file of product {} is not on this server", productId);
