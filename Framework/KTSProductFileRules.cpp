@@ -2,8 +2,7 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
-
+#include "FileIO.h"
 #include "PathString.h"
 
 namespace ondrel {
@@ -59,13 +58,12 @@ bool resolvedFolderRefusal(const std::string& documentRoot, std::string folder,
          ::access(folder.c_str(), F_OK) != 0) {
     folder = deletingLastPathComponent(folder);
   }
-  char* resolved = ::realpath(folder.c_str(), nullptr);
-  if (resolved == nullptr) {
+  std::optional<std::string> resolved = resolvedPath(folder);
+  if (!resolved) {
     if (reason) *reason = "file download path cannot be reached / does not exist.";
     return true;
   }
-  std::string resolvedFolder = resolved;
-  std::free(resolved);
+  const std::string& resolvedFolder = *resolved;
   std::string root = documentRoot;
   if (resolvedFolder.rfind("/private", 0) == 0 && root.rfind("/private", 0) != 0) {
     root = "/private" + root;
@@ -138,13 +136,10 @@ std::optional<std::string> KTSProductFileRules::refusalBeforeCreatingFolder(
 
 bool KTSProductFileRules::mayDelete(const KTSServerLayout& layout, const std::string& path) {
   if (!layout.isInsideHtmlFolder(path) || refusalOutsideDownloads(layout, path)) return false;
-  char* folder = ::realpath(deletingLastPathComponent(standardizingPath(path)).c_str(), nullptr);
-  char* downloads = ::realpath(layout.downloadsFolder().c_str(), nullptr);
-  bool inside = folder != nullptr && downloads != nullptr &&
-                (std::string(folder) + "/").rfind(std::string(downloads) + "/", 0) == 0;
-  std::free(folder);
-  std::free(downloads);
-  return inside;
+  std::optional<std::string> folder =
+      resolvedPath(deletingLastPathComponent(standardizingPath(path)));
+  std::optional<std::string> downloads = resolvedPath(layout.downloadsFolder());
+  return folder && downloads && (*folder + "/").rfind(*downloads + "/", 0) == 0;
 }
 
 std::optional<std::string> KTSProductFileRules::refusalOfTransfer(const KTSServerLayout& layout,

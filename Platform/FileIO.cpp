@@ -8,6 +8,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -145,6 +147,25 @@ void keepPreviousVersion(const std::string& path, const std::string& previousPat
   std::error_code ignored;
   std::filesystem::copy_file(path, previousPath, std::filesystem::copy_options::overwrite_existing,
                              ignored);
+}
+
+std::optional<std::string> resolvedPath(const std::string& path) {
+  int fd = ::open(path.c_str(), O_PATH | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  char target[PATH_MAX];
+  ssize_t length = ::readlink(fmt::format("/proc/self/fd/{}", fd).c_str(), target, sizeof target);
+  ::close(fd);
+  std::string_view named(target, length > 0 ? static_cast<std::size_t>(length) : 0);
+  constexpr std::string_view kGone = " (deleted)";
+  if (length > 0 && static_cast<std::size_t>(length) < sizeof target && named.front() == '/' &&
+      !(named.size() > kGone.size() && named.substr(named.size() - kGone.size()) == kGone)) {
+    return std::string(named);
+  }
+  // Without /proc, or for an item removed meanwhile, the path is resolved folder by folder.
+  std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr),
+                                                       &std::free);
+  if (!resolved) return std::nullopt;
+  return std::string(resolved.get());
 }
 
 std::optional<std::uint64_t> fileIdentity(const std::string& path) {

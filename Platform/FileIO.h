@@ -76,6 +76,11 @@ std::optional<std::chrono::system_clock::time_point> creationDate(const std::str
 // are not possible, leaving path itself in place. Does nothing when path does not exist.
 void keepPreviousVersion(const std::string& path, const std::string& previousPath);
 
+// The item's path with every link resolved, as realpath gives it; none when it cannot be
+// reached. The system names the item it opened: three calls, where resolving the path folder
+// by folder costs one for each folder on the way.
+std::optional<std::string> resolvedPath(const std::string& path);
+
 // Identifies the file now at path (its inode), so a later look can tell whether it was replaced.
 std::optional<std::uint64_t> fileIdentity(const std::string& path);
 

@@ -151,6 +151,20 @@ TEST_F(PlatformTest, OnlyRegularFilesWithinTheLimitAreRead) {
   EXPECT_TRUE(readWholeFile(large, &contents, &error));
 }
 
+TEST_F(PlatformTest, PathsResolveAsRealpathResolvesThem) {
+  writeFile(path("/real/sub/file"), "x");
+  std::filesystem::create_directory_symlink(path("/real"), path("/link"));
+  std::filesystem::create_directory_symlink("../real", path("/real/up"));
+  std::filesystem::create_symlink("nowhere", path("/dangling"));
+  for (const char* item : {"/real/sub", "/link/sub", "/link/sub/file", "/real/up/up/sub/../sub",
+                           "/link/./sub/", "/dangling", "/missing/x", "/real/sub/file/x"}) {
+    char* expected = ::realpath(path(item).c_str(), nullptr);
+    std::optional<std::string> resolved = resolvedPath(path(item));
+    EXPECT_EQ(resolved, expected ? std::optional<std::string>(expected) : std::nullopt) << item;
+    std::free(expected);
+  }
+}
+
 // Decodes a whole gzip or brotli stream; a marker when it is not one.
 std::string decoded(const std::string& bytes, Encoding encoding) {
   std::string out(std::size_t{1} << 20, '\0');
