@@ -283,12 +283,15 @@ def check_page(mirror, driver, screenshots, axe):
     mirror.ctl("rings", "set", "broad", "--delay", "3d", "--share", "100")
     mirror.ctl("enable", PRODUCT)
     hold = f"#rollout-table button[aria-label='Hold: {PRODUCT}']"
+    # The row is read in the same look that finds it: the table may be drawn again at any time.
     def rolling_out(_):
         driver.find_element(By.ID, "refresh").click()
         wait_loaded(driver)
-        return driver.find_elements(By.CSS_SELECTOR, hold)
-    WebDriverWait(driver, 60, poll_frequency=1).until(rolling_out)
-    row = driver.find_element(By.CSS_SELECTOR, "#rollout-table tbody tr").text
+        if not driver.find_elements(By.CSS_SELECTOR, hold):
+            return None
+        return driver.find_element(By.CSS_SELECTOR, "#rollout-table tbody tr").text
+    row = WebDriverWait(driver, 60, poll_frequency=1,
+                        ignored_exceptions=[StaleElementReferenceException]).until(rolling_out)
     assert row.startswith(f"{PRODUCT} pilot broad, "), row
     click(driver, hold)
     WebDriverWait(driver, 10).until(lambda d: text("message").startswith(f"Posted: hold {PRODUCT}"))
