@@ -83,14 +83,15 @@ bool KTSProduct::verifyDownloadFileURLDestPathFailureReason(const std::optional<
 }
 
 bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo,
-                                            KTSUtilities::ItemSizes& sizes) const {
+                                            KTSUtilities::ItemSizes* sizes) const {
   const std::string& localPath = fileInfo[kFileLocalPathKey].stringValue();
   const std::string fileName = lastPathComponent(localPath);
   const Plist& size = fileInfo[kFileSizeKey];
   log_.debug("PROD: {}: verifying: {}; size: {}", id(), fileName, sizeText(size, "(N/A)"));
   std::optional<std::int64_t> found;
   if (layout_->isInsideHtmlFolder(localPath)) {
-    found = sizes.sizeOfExistingItemAtPath(localPath);
+    found = sizes != nullptr ? sizes->sizeOfExistingItemAtPath(localPath)
+                             : KTSUtilities::sizeOfExistingItemAtPath(localPath);
   }
   if (!found) {
     log_.debug("PROD: {}: verification failed; file not found: {}", id(), fileName);
@@ -112,7 +113,7 @@ bool KTSProduct::verifyMirroredFiles(KTSPassMemo* memo) const {
   bool allVerified = true;
   KTSUtilities::ItemSizes sizes;
   for (const Plist& record : facts_->mirrorFiles.elements()) {
-    if (!verifyMirroredFileWithInfo(record, sizes)) allVerified = false;
+    if (!verifyMirroredFileWithInfo(record, &sizes)) allVerified = false;
   }
   if (memo != nullptr) memo->recordFilesVerified(id(), facts_->mirrorFiles, allVerified);
   std::string title = "?title?";

@@ -67,8 +67,9 @@ class KTSProduct {
   // pass is not looked at again, and what this check finds is recorded there.
   bool verifyMirroredFiles(KTSPassMemo* memo = nullptr) const;
   // Whether one record's file is in place inside the html folder, with its size when it has one;
-  // sizes looks the file up (a run of checks shares one, so that they share its open folder).
-  bool verifyMirroredFileWithInfo(const Plist& fileInfo, KTSUtilities::ItemSizes& sizes) const;
+  // a run of checks passes one sizes, so that checks of files in one folder share it open.
+  bool verifyMirroredFileWithInfo(const Plist& fileInfo,
+                                  KTSUtilities::ItemSizes* sizes = nullptr) const;
   // Deletes the folder of the product's server metadata (two levels above it, when that is
   // still inside the html folder); the state then says the files are gone.
   void removeAllFiles();

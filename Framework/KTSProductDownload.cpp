@@ -211,8 +211,7 @@ void KTSProductDownload::attemptEnded(std::size_t index, int attempt, std::int64
              progress().downloadedSize.integerValue() + bytesPlaced,
              progress().totalDownloadSize.integerValue());
   const std::string& localPath = record[kFileLocalPathKey].stringValue();
-  KTSUtilities::ItemSizes sizes;
-  if (product_.verifyMirroredFileWithInfo(record, sizes)) {
+  if (product_.verifyMirroredFileWithInfo(record)) {
     if (files_ != nullptr) {
       files_->filePlaced(record[kFileLocalPathKey], expectedSizeOf(record), sha256, productId());
     }
