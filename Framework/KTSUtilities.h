@@ -2,7 +2,8 @@
 // existence and size tests, creating, moving, copying and removing items, handing files to the
 // service account, atomic writes, property-list reads, mounted volumes and catalog dates.
 // Nothing throws: each operation reports by its result and logs the cause, mostly at debug
-// level, through the shared logger. Thread-safe apart from the logger it writes to.
+// level, through the shared logger. Thread-safe apart from the logger it writes to, and apart
+// from ItemSizes, which keeps a folder open for a run of lookups.
 #pragma once
 
 #include <cstdint>

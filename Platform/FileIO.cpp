@@ -155,11 +155,10 @@ std::optional<std::string> resolvedPath(const std::string& path) {
   char target[PATH_MAX];
   ssize_t length = ::readlink(fmt::format("/proc/self/fd/{}", fd).c_str(), target, sizeof target);
   ::close(fd);
-  std::string_view named(target, length > 0 ? static_cast<std::size_t>(length) : 0);
-  constexpr std::string_view kGone = " (deleted)";
-  if (length > 0 && static_cast<std::size_t>(length) < sizeof target && named.front() == '/' &&
-      !(named.size() > kGone.size() && named.substr(named.size() - kGone.size()) == kGone)) {
-    return std::string(named);
+  // A name that fills the buffer may be cut; one the system marks as deleted is no path.
+  if (length > 0 && static_cast<std::size_t>(length) < sizeof target && target[0] == '/') {
+    std::string_view named(target, static_cast<std::size_t>(length));
+    if (!named.ends_with(" (deleted)")) return std::string(named);
   }
   // Without /proc, or for an item removed meanwhile, the path is resolved folder by folder.
   std::unique_ptr<char, decltype(&std::free)> resolved(::realpath(path.c_str(), nullptr),
