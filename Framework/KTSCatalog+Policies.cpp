@@ -1,6 +1,7 @@
 // What a sync does to the product index after the merge: the automatic mirror and enable
 // policies, the deprecation chains, the check of files on disk with the product index cache,
 // and the served form of a product's entry.
+#include <memory>
 #include <utility>
 
 #include "KTCatalogKeys.h"
@@ -12,6 +13,7 @@
 #include "KTSProduct.h"
 #include "KTSSettings.h"
 #include "KTSUtilities.h"
+#include "PlistXmlArrayFile.h"
 
 namespace ondrel {
 
@@ -200,50 +202,82 @@ bool KTSCatalog::loadProductIndexCache() {
   return products_.has_value();
 }
 
-void KTSCatalog::saveProductIndexCache() {
-  log_.debug("CTLG: saving product index cache");
-  log_.debug("CTLG: cache path: {}", productsCachePath_);
-  if (KTSUtilities::fileExistsAtPath(productsCachePath_)) {
-    log_.debug("CTLG: removing previous product index cache");
-    KTSUtilities::removePath(productsCachePath_);
-  }
-  if (!products_) return;
-  // Each product's record is made as it is written: the cache of a large catalog is never held
-  // in memory as a whole.
-  auto next = products_->begin();
-  auto nextArchive = [&]() -> Plist {
-    for (; next != products_->end(); ++next) {
-      Plist archive = next->second->archiveRepresentation();
-      if (!archive.isNull()) {
-        ++next;
-        return archive;
-      }
-    }
-    return Plist();
-  };
-  // One record ahead, so that a catalog without any leaves no file.
-  Plist ahead = nextArchive();
-  if (ahead.isNull()) return;
-  auto take = [&]() -> Plist { return std::exchange(ahead, nextArchive()); };
-  if (!KTSUtilities::writePropertyListArrayToPath(take, productsCachePath_)) {
-    log_.debug("CTLG: product index cache save failed!");
-  }
-  if (KTSPassRecord* record = context_.record()) {
-    record->recordFile(productsCachePath_, productIndexCacheInputs(*record));
-  }
-}
+void KTSCatalog::saveProductIndexCache() { saveProductIndexCaches({this}); }
 
 void KTSCatalog::saveProductIndexCacheUnlessCurrent() {
+  if (!productIndexCacheIsCurrent()) saveProductIndexCache();
+}
+
+bool KTSCatalog::productIndexCacheIsCurrent() {
   KTSPassRecord* record = context_.record();
-  if (record && compositeUnchanged_) {
-    std::string inputs = productIndexCacheInputs(*record);
-    if (record->isCurrent(productsCachePath_, inputs)) {
-      record->recordFile(productsCachePath_, inputs);
-      log_.debug("CTLG: product index cache unchanged.");
-      return;
+  if (!record || !compositeUnchanged_) return false;
+  std::string inputs = productIndexCacheInputs(*record);
+  if (!record->isCurrent(productsCachePath_, inputs)) return false;
+  record->recordFile(productsCachePath_, inputs);
+  log_.debug("CTLG: product index cache unchanged.");
+  return true;
+}
+
+void KTSCatalog::saveProductIndexCaches(const std::vector<KTSCatalog*>& catalogs) {
+  struct Cache {
+    KTSCatalog* catalog;
+    ProductIndex::const_iterator next;
+    ProductIndex::const_iterator end;
+    // Opened with the first product written: a catalog without any leaves no file.
+    std::unique_ptr<PlistXmlArrayFile> file;
+  };
+  std::vector<Cache> caches;
+  for (KTSCatalog* catalog : catalogs) {
+    catalog->log_.debug("CTLG: saving product index cache to {}", catalog->productsCachePath_);
+    if (catalog->products_) {
+      caches.push_back({catalog, catalog->products_->begin(), catalog->products_->end(), nullptr});
+    } else if (KTSUtilities::fileExistsAtPath(catalog->productsCachePath_)) {
+      KTSUtilities::removePath(catalog->productsCachePath_);
     }
   }
-  saveProductIndexCache();
+  // Each product's record is made as it is written: no cache is ever held in memory whole.
+  std::string text;
+  for (;;) {
+    const std::string* lowest = nullptr;
+    for (const Cache& cache : caches) {
+      if (cache.next != cache.end && (!lowest || cache.next->first < *lowest)) {
+        lowest = &cache.next->first;
+      }
+    }
+    if (!lowest) break;
+    const std::string& productId = *lowest;
+    const KTSProduct* madeText = nullptr;
+    for (Cache& cache : caches) {
+      if (cache.next == cache.end || cache.next->first != productId) continue;
+      const KTSProduct* product = (cache.next++)->second.get();
+      if (product != madeText) {
+        madeText = product;
+        text.clear();
+        Plist archive = product->archiveRepresentation();
+        if (!archive.isNull()) PlistXmlArrayFile::elementText(archive, &text);
+      }
+      if (text.empty()) continue;
+      if (!cache.file)
+        cache.file = std::make_unique<PlistXmlArrayFile>(cache.catalog->productsCachePath_);
+      cache.file->appendText(text);
+    }
+  }
+  // A cache is made again from the composite catalog and the products' states: a crash before
+  // its bytes reach the disk costs only writing it again.
+  for (Cache& cache : caches) {
+    KTSCatalog& catalog = *cache.catalog;
+    std::string error;
+    if (cache.file && cache.file->finish(false, &error)) {
+      if (KTSPassRecord* record = catalog.context_.record()) {
+        record->recordFile(catalog.productsCachePath_, catalog.productIndexCacheInputs(*record));
+      }
+      continue;
+    }
+    if (cache.file) catalog.log_.debug("CTLG: product index cache save failed! {}", error);
+    if (KTSUtilities::fileExistsAtPath(catalog.productsCachePath_)) {
+      KTSUtilities::removePath(catalog.productsCachePath_);
+    }
+  }
 }
 
 // A product's record in the cache is made from its composite entry, its server metadata and its

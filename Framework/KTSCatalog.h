@@ -84,10 +84,15 @@ class KTSCatalog {
 
   // The product index cache: read (false when missing or unusable), written and recorded in the
   // context's pass record, or left as it is when the record shows it was made from this very
-  // composite catalog and these products.
+  // composite catalog and these products (productIndexCacheIsCurrent, which then records it).
   bool loadProductIndexCache();
   void saveProductIndexCache();
   void saveProductIndexCacheUnlessCurrent();
+  bool productIndexCacheIsCurrent();
+  // Writes the product index caches of these catalogs side by side, in one walk over their
+  // products: the larger catalogs list the smaller ones' products again, and a product they
+  // share is turned into text once for all of them.
+  static void saveProductIndexCaches(const std::vector<KTSCatalog*>& catalogs);
 
   // The product's catalog entry with every URL pointing at this server.
   Plist mirrorRepresentationForProduct(KTSProduct& product) const;

@@ -671,14 +671,14 @@ void KTSSyncPass::saveState() {
   // The merge keeps the settings already recorded; the states after this pass replace them.
   for (const auto& [productId, product] : all) workingSet.applyProductStatus(*product);
   workingSet.saveProductsUnlessCurrent(true, context_.record());
+  std::vector<KTSCatalog*> stale;
   for (const auto& catalog : catalogs_) {
     if (!catalog->products()) continue;
-    if (synced_.count(catalog.get()) != 0) {
-      catalog->saveProductIndexCacheUnlessCurrent();
-    } else if (listsChangedProduct(*catalog)) {
-      catalog->saveProductIndexCache();
-    }
+    bool due = synced_.count(catalog.get()) != 0 ? !catalog->productIndexCacheIsCurrent()
+                                                 : listsChangedProduct(*catalog);
+    if (due) stale.push_back(catalog.get());
   }
+  KTSCatalog::saveProductIndexCaches(stale);
 }
 
 // A cache loaded in this pass is current unless a product it lists changed since; writing it

@@ -281,16 +281,6 @@ bool KTSUtilities::writePropertyListToPath(const Plist& value, const std::string
   return true;
 }
 
-bool KTSUtilities::writePropertyListArrayToPath(const std::function<Plist()>& nextElement,
-                                                const std::string& path) {
-  std::string reason;
-  if (!Plist::writeXmlArrayFile(path, nextElement, &reason)) {
-    LogHandle::shared().debug("UTIL: write property list data write failed! reason: {}", reason);
-    return false;
-  }
-  return true;
-}
-
 Plist KTSUtilities::readPropertyListAtPath(const std::string& path, std::size_t maxBytes) {
   std::string contents;
   std::string reason;

@@ -7,7 +7,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -70,9 +69,6 @@ class KTSUtilities {
   static bool writeDictionaryToPathUnlessUnchanged(const Plist& dictionary,
                                                    const std::string& path);
   static bool writePropertyListToPath(const Plist& value, const std::string& path);
-  // An array of the values nextElement gives until it gives null, written as they come.
-  static bool writePropertyListArrayToPath(const std::function<Plist()>& nextElement,
-                                           const std::string& path);
   // Any property-list value, or a null value when the file cannot be read or parsed.
   // Files larger than maxBytes are not read.
   static Plist readPropertyListAtPath(const std::string& path,

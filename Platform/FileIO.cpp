@@ -243,53 +243,72 @@ bool syncToDisk(const std::string& path) {
 bool writeAtomically(const std::string& path, const std::function<bool(std::FILE*)>& writeContents,
                      std::string* error, const std::function<void()>& beforeReplace, bool* replaced,
                      bool synced = true) {
-  std::string folder = deletingLastPathComponent(path);
-  std::string temporary = appendingPathComponent(
-      folder.empty() ? "." : folder,
-      fmt::format("{}{}.XXXXXX", kAtomicWritePrefix, lastPathComponent(path)));
-  int fd = ::mkstemp(temporary.data());
-  if (fd < 0) {
-    if (error) *error = systemErrorText(errno);
-    return false;
+  AtomicFileWrite write(path);
+  if (write.stream() != nullptr) {
+    errno = 0;
+    if (!writeContents(write.stream())) write.fail(errno);
   }
-  ::fchmod(fd, 0666 & ~processUmask());
-  std::FILE* file = ::fdopen(fd, "w");
-  if (file == nullptr) {
-    int code = errno;
-    ::close(fd);
-    ::unlink(temporary.c_str());
-    if (error) *error = systemErrorText(code);
-    return false;
+  write.close(synced && replaced == nullptr);
+  if (write.ok() && replaced != nullptr) {
+    *replaced = !sameFileContents(write.temporaryPath(), path);
+    if (!*replaced) return true;
+    if (!syncToDisk(write.temporaryPath())) write.fail(errno);
   }
-  static thread_local char buffer[1 << 18];
-  std::setvbuf(file, buffer, _IOFBF, sizeof buffer);
-  errno = 0;
-  bool written = writeContents(file);
-  int code = errno;
-  if (written && std::fflush(file) != 0) written = false, code = errno;
-  if (written && synced && replaced == nullptr && ::fsync(fileno(file)) != 0) {
-    written = false, code = errno;
-  }
-  if (std::fclose(file) != 0 && written) written = false, code = errno;
-  if (written && replaced != nullptr) {
-    *replaced = !sameFileContents(temporary, path);
-    if (!*replaced) {
-      ::unlink(temporary.c_str());
-      return true;
-    }
-    if (!syncToDisk(temporary)) written = false, code = errno;
-  }
-  if (written && beforeReplace) beforeReplace();
-  if (written && ::rename(temporary.c_str(), path.c_str()) != 0) written = false, code = errno;
-  if (!written) {
-    ::unlink(temporary.c_str());
-    if (error) *error = systemErrorText(code != 0 ? code : EIO);
-    return false;
-  }
-  return true;
+  if (write.ok() && beforeReplace) beforeReplace();
+  if (write.place()) return true;
+  if (error) *error = write.errorText();
+  return false;
 }
 
 }  // namespace
+
+AtomicFileWrite::AtomicFileWrite(const std::string& path) : path_(path) {
+  std::string folder = deletingLastPathComponent(path);
+  temporary_ = appendingPathComponent(
+      folder.empty() ? "." : folder,
+      fmt::format("{}{}.XXXXXX", kAtomicWritePrefix, lastPathComponent(path)));
+  int fd = ::mkstemp(temporary_.data());
+  if (fd < 0) {
+    fail(errno);
+    temporary_.clear();
+    return;
+  }
+  ::fchmod(fd, 0666 & ~processUmask());
+  file_ = ::fdopen(fd, "w");
+  if (file_ == nullptr) {
+    fail(errno);
+    ::close(fd);
+    return;
+  }
+  buffer_.reset(new char[kBufferSize]);
+  std::setvbuf(file_, buffer_.get(), _IOFBF, kBufferSize);
+}
+
+AtomicFileWrite::~AtomicFileWrite() {
+  if (file_ != nullptr) std::fclose(file_);
+  if (!placed_ && !temporary_.empty()) ::unlink(temporary_.c_str());
+}
+
+void AtomicFileWrite::fail(int code) {
+  if (code_ == 0) code_ = code != 0 ? code : EIO;
+}
+
+void AtomicFileWrite::close(bool synced) {
+  if (file_ == nullptr) return;
+  if (ok() && std::fflush(file_) != 0) fail(errno);
+  if (ok() && synced && ::fsync(fileno(file_)) != 0) fail(errno);
+  if (std::fclose(file_) != 0) fail(errno);
+  file_ = nullptr;
+}
+
+bool AtomicFileWrite::place() {
+  close(true);
+  if (ok() && ::rename(temporary_.c_str(), path_.c_str()) != 0) fail(errno);
+  placed_ = ok();
+  return placed_;
+}
+
+std::string AtomicFileWrite::errorText() const { return systemErrorText(code_); }
 
 bool writeFileAtomically(const std::string& path,
                          const std::function<bool(std::FILE*)>& writeContents, std::string* error,

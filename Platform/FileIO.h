@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,6 +40,40 @@ std::string readFileTail(const std::string& path, std::size_t maxBytes);
 bool writeFileAtomically(const std::string& path,
                          const std::function<bool(std::FILE*)>& writeContents, std::string* error,
                          const std::function<void()>& beforeReplace = {});
+
+// One atomic write made piece by piece, for a writer that fills several files side by side: the
+// stream goes to a temporary file in the destination's folder, which place renames over the
+// destination; destroyed unplaced, the temporary is removed. One owner, one thread.
+class AtomicFileWrite {
+ public:
+  explicit AtomicFileWrite(const std::string& path);
+  ~AtomicFileWrite();
+  AtomicFileWrite(const AtomicFileWrite&) = delete;
+  AtomicFileWrite& operator=(const AtomicFileWrite&) = delete;
+
+  // Where the contents go; null when the temporary file could not be made.
+  std::FILE* stream() const { return file_; }
+  const std::string& temporaryPath() const { return temporary_; }
+  // Records a failed write (errno's value, or 0 for one without a system reason).
+  void fail(int code);
+  bool ok() const { return code_ == 0; }
+  // Flushes and closes the stream; synced, waits for the bytes to reach the disk first.
+  void close(bool synced);
+  // Closes the stream (synced, when still open) and renames the temporary into place.
+  bool place();
+  // Why the write failed, once ok() is false.
+  std::string errorText() const;
+
+ private:
+  static constexpr std::size_t kBufferSize = std::size_t{1} << 18;
+
+  std::string path_;
+  std::string temporary_;
+  std::FILE* file_ = nullptr;
+  std::unique_ptr<char[]> buffer_;
+  int code_ = 0;
+  bool placed_ = false;
+};
 
 // Writes like writeFileAtomically without waiting for the bytes to reach the disk: for a file
 // made again from others, which after a crash may be found empty (never half-written).

@@ -231,10 +231,6 @@ class Plist {
                                    std::string* error) const;
   // Writes the document to an open stream; false when a write failed.
   bool writeXml(std::FILE* file) const;
-  // Writes, like writeXmlFile, a document whose root is an array of the values nextElement gives
-  // until it gives null: each is written as it comes, so the array is never held in memory.
-  static bool writeXmlArrayFile(const std::string& path, const std::function<Plist()>& nextElement,
-                                std::string* error);
   // Writes, like writeXmlFileUnlessUnchanged, this dictionary with the value of key replaced by
   // a dictionary of the entries nextEntry gives until it gives none. Each is written as it comes,
   // so that dictionary is never held in memory; their keys must ascend, or the write fails.

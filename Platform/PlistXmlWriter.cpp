@@ -6,6 +6,7 @@
 // is written back unchanged.
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -14,13 +15,24 @@
 #include "DateFormats.h"
 #include "FileIO.h"
 #include "Plist.h"
+#include "PlistXmlArrayFile.h"
 #include "Utf8.h"
 
 namespace ondrel {
 
+namespace {
+
+constexpr std::string_view kDocumentStart =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n";
+
+}  // namespace
+
 class PlistXmlWriter {
  public:
-  explicit PlistXmlWriter(std::FILE* file) : file_(file) {}
+  explicit PlistXmlWriter(std::FILE* file)
+      : file_(file), buffer_(std::make_unique<char[]>(kBufferSize)) {}
+  // Appends to text instead, unbuffered: for the text of one value.
+  explicit PlistXmlWriter(std::string* text) : text_(text) {}
 
   bool writeDocument(const Plist& root) {
     beginDocument();
@@ -28,19 +40,8 @@ class PlistXmlWriter {
     return endDocument();
   }
 
-  // The same text as writeDocument with an array of the elements nextElement gives.
-  bool writeArrayDocument(const std::function<Plist()>& nextElement) {
-    beginDocument();
-    Plist element = nextElement();
-    if (element.isNull()) {
-      put("<array/>\n");
-    } else {
-      put("<array>\n");
-      for (; !element.isNull(); element = nextElement()) writeValue(element, 1);
-      put("</array>\n");
-    }
-    return endDocument();
-  }
+  // The text value has as an element of a document's root array.
+  void writeArrayElement(const Plist& value) { writeValue(value, 1); }
 
   // The same text as writeDocument with root, a dictionary, holding under streamedKey a
   // dictionary of the entries nextEntry gives.
@@ -66,9 +67,7 @@ class PlistXmlWriter {
   }
 
  private:
-  void beginDocument() {
-    put("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n");
-  }
+  void beginDocument() { put(kDocumentStart); }
 
   bool endDocument() {
     put("</plist>\n");
@@ -78,6 +77,10 @@ class PlistXmlWriter {
 
   // The document's many small pieces are gathered and handed to the stream in large writes.
   void put(std::string_view text) {
+    if (text_ != nullptr) {
+      text_->append(text);
+      return;
+    }
     if (text.size() > kBufferSize - used_) {
       flush();
       if (text.size() > kBufferSize) return write(text);
@@ -287,8 +290,9 @@ class PlistXmlWriter {
     return plain;
   }();
 
-  std::FILE* file_;
-  std::unique_ptr<char[]> buffer_ = std::make_unique<char[]>(kBufferSize);
+  std::FILE* file_ = nullptr;
+  std::string* text_ = nullptr;
+  std::unique_ptr<char[]> buffer_;
   std::size_t used_ = 0;
   bool ok_ = true;
 };
@@ -330,14 +334,39 @@ bool Plist::writeXmlFileStreamingMemberUnlessUnchanged(const std::string& path,
 
 bool Plist::writeXml(std::FILE* file) const { return PlistXmlWriter(file).writeDocument(*this); }
 
-bool Plist::writeXmlArrayFile(const std::string& path, const std::function<Plist()>& nextElement,
-                              std::string* error) {
-  return writeFileAtomically(
-      path,
-      [&nextElement](std::FILE* file) {
-        return PlistXmlWriter(file).writeArrayDocument(nextElement);
-      },
-      error);
+PlistXmlArrayFile::PlistXmlArrayFile(const std::string& path) : write_(path) {
+  put(kDocumentStart);
+}
+
+void PlistXmlArrayFile::elementText(const Plist& value, std::string* text) {
+  text->clear();
+  PlistXmlWriter(text).writeArrayElement(value);
+}
+
+void PlistXmlArrayFile::append(const Plist& element) {
+  elementText(element, &text_);
+  appendText(text_);
+}
+
+void PlistXmlArrayFile::appendText(std::string_view elementText) {
+  if (empty_) put("<array>\n");
+  empty_ = false;
+  put(elementText);
+}
+
+bool PlistXmlArrayFile::finish(bool durable, std::string* error) {
+  put(empty_ ? "<array/>\n</plist>\n" : "</array>\n</plist>\n");
+  write_.close(durable);
+  if (write_.place()) return true;
+  if (error) *error = write_.errorText();
+  return false;
+}
+
+void PlistXmlArrayFile::put(std::string_view text) {
+  if (write_.stream() != nullptr && write_.ok() &&
+      std::fwrite(text.data(), 1, text.size(), write_.stream()) != text.size()) {
+    write_.fail(errno);
+  }
 }
 
 }  // namespace ondrel

@@ -12,6 +12,7 @@
 #include "DateFormats.h"
 #include "OndrelTest.h"
 #include "Plist.h"
+#include "PlistXmlArrayFile.h"
 
 namespace ondrel {
 namespace {
@@ -49,16 +50,34 @@ TEST_F(PlistTest, XmlRoundTripKeepsEveryKindOfValue) {
   EXPECT_DOUBLE_EQ((*read)["real"].realValue(), 0.1);
   EXPECT_EQ((*read)["when"].dateValue(), document["when"].dateValue());
 
-  // An array written element by element is the very document of the whole array.
+  // An array written element by element, or from the texts of its elements, is the very
+  // document of the whole array; nothing is in place until it is finished.
   Plist array = Plist::array();
   for (int i = 0; i < 3; ++i) array.append(i == 1 ? Plist::array() : document);
-  std::size_t next = 0;
-  auto elements = [&] { return next < array.size() ? array[next++] : Plist(); };
   const std::string file = path("/streamed.plist");
-  ASSERT_TRUE(Plist::writeXmlArrayFile(file, elements, nullptr));
+  {
+    PlistXmlArrayFile whole(file);
+    for (const Plist& element : array.elements()) whole.append(element);
+    EXPECT_FALSE(std::filesystem::exists(file));
+    ASSERT_TRUE(whole.finish(true, nullptr));
+  }
   EXPECT_EQ(readFile(file), array.toXml());
-  ASSERT_TRUE(Plist::writeXmlArrayFile(file, elements, nullptr));
+  {
+    PlistXmlArrayFile fromTexts(file);
+    std::string text;
+    for (const Plist& element : array.elements()) {
+      PlistXmlArrayFile::elementText(element, &text);
+      fromTexts.appendText(text);
+    }
+    ASSERT_TRUE(fromTexts.finish(false, nullptr));
+  }
+  EXPECT_EQ(readFile(file), array.toXml());
+  ASSERT_TRUE(PlistXmlArrayFile(file).finish(false, nullptr));
   EXPECT_EQ(readFile(file), Plist::array().toXml());
+  // One whose folder is gone fails with the reason and leaves nothing behind.
+  error.clear();
+  EXPECT_FALSE(PlistXmlArrayFile(path("/gone/streamed.plist")).finish(false, &error));
+  EXPECT_FALSE(error.empty());
 
   // So is a dictionary with one member's entries written one by one, wherever its key falls
   // and whether or not the dictionary held it; keys that do not ascend fail the write.
