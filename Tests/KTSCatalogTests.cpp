@@ -354,6 +354,26 @@ TEST_F(KTSCatalogTest, CacheVerificationAndServedEntries) {
   rebuilt->loadCatalog();
   EXPECT_EQ(rebuilt->products()->size(), 2u);
 
+  // Caches written side by side are each the bytes writing it alone gives, whether the catalogs
+  // share a product or each holds its own under the same identifier.
+  std::vector<std::shared_ptr<KTSCatalog>> others;
+  for (const char* name : {"index-17", "index-18"}) {
+    others.push_back(KTSCatalog::catalogWithUrl(
+        *Url::parse(upstream_.url(std::string("/content/catalogs/others/") + name + ".ktcatalog")),
+        context()));
+  }
+  std::shared_ptr<KTSProduct> ownB = loaded->productForProductId("B");
+  ownB->state().enableOnceMirrored();
+  others[0]->setProducts(KTSCatalog::ProductIndex{{"B", ownB}});
+  others[1]->setProducts(catalog->products());
+  KTSCatalog::saveProductIndexCaches({catalog.get(), others[0].get(), others[1].get()});
+  for (const auto& each : {catalog, others[0], others[1]}) {
+    std::string together = readFile(each->productsCachePath());
+    each->saveProductIndexCache();
+    EXPECT_EQ(together, readFile(each->productsCachePath())) << each->productsCachePath();
+  }
+  EXPECT_EQ(Plist::readFile(others[0]->productsCachePath(), nullptr)->size(), 1u);
+
   // The served entry names this server only, by the name its context's layout gives.
   preferences_->setHostName("mirror.example");
   KTSPassContext renamed(preferences_);
