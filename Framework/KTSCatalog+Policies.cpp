@@ -257,8 +257,9 @@ void KTSCatalog::saveProductIndexCaches(const std::vector<KTSCatalog*>& catalogs
         if (!archive.isNull()) PlistXmlArrayFile::elementText(archive, &text);
       }
       if (text.empty()) continue;
-      if (!cache.file)
+      if (!cache.file) {
         cache.file = std::make_unique<PlistXmlArrayFile>(cache.catalog->productsCachePath_);
+      }
       cache.file->appendText(text);
     }
   }
