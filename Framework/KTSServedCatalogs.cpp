@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <filesystem>
+#include <future>
 
 #include "Clock.h"
 #include "CompressedForms.h"
@@ -62,6 +63,13 @@ void KTSServedCatalogs::write(const std::vector<std::shared_ptr<KTSCatalog>>& ca
   }
   const KTSServerLayout& layout = context_.layout();
   KTSPassRecord* record = context_.record();
+  // A catalog's compressed forms take about as long to make as the catalog itself: they are made
+  // on a second thread while the next catalog is written.
+  std::future<std::vector<Compressed>> compressing;
+  auto compressBeside = [&](const std::string& path) {
+    if (compressing.valid()) reportCompressed(compressing.get());
+    compressing = std::async(std::launch::async, &KTSServedCatalogs::compressCatalog, path);
+  };
   for (std::size_t index = 0; index < catalogs.size(); ++index) {
     const KTSCatalog& catalog = *catalogs[index];
     std::string path = layout.servedCatalogPath(catalog.catalogURL());
@@ -84,9 +92,10 @@ void KTSServedCatalogs::write(const std::vector<std::shared_ptr<KTSCatalog>>& ca
         continue;
       }
       if (record) record->recordFile(formPath, inputs);
-      keepCompressedCatalog(formPath);
+      compressBeside(formPath);
     }
   }
+  if (compressing.valid()) reportCompressed(compressing.get());
   removeOldRingFolders();
 }
 
@@ -192,15 +201,24 @@ bool KTSServedCatalogs::writeCatalog(const KTSCatalog& catalog, const Serving& s
 
 // Clients that accept gzip or brotli are sent the catalog's compressed form: made from the
 // catalog as it now is, or none at all.
-void KTSServedCatalogs::keepCompressedCatalog(const std::string& path) {
+std::vector<KTSServedCatalogs::Compressed> KTSServedCatalogs::compressCatalog(
+    const std::string& path) {
+  std::vector<Compressed> forms;
   for (Encoding encoding : kCompressedEncodings) {
-    bool written = false;
-    std::string error;
-    if (!keepCompressedForm(path, encoding, &written, &error)) {
+    Compressed& form = forms.emplace_back();
+    form.path = compressedFormPath(path, encoding);
+    form.made = keepCompressedForm(path, encoding, &form.written, &form.error);
+  }
+  return forms;
+}
+
+void KTSServedCatalogs::reportCompressed(const std::vector<Compressed>& forms) {
+  for (const Compressed& form : forms) {
+    if (!form.made) {
       log_.warning("The compressed form {} could not be written ({}); clients get it plain.",
-                   lastPathComponent(compressedFormPath(path, encoding)), error);
-    } else if (written) {
-      KTSUtilities::setDefaultFileOwnerAtPath(compressedFormPath(path, encoding));
+                   lastPathComponent(form.path), form.error);
+    } else if (form.written) {
+      KTSUtilities::setDefaultFileOwnerAtPath(form.path);
     }
   }
 }

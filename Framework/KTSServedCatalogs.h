@@ -6,7 +6,9 @@
 // its usual place names only what is open to every ring; without rings there is no ring folder
 // and no rollout record, and nothing else changes. A catalog the last full pass wrote just as
 // this one would stays untouched, so what clients cached of it stays valid. Used by KTSSyncPass
-// at the end of a pass (and before files a catalog names change); one thread.
+// at the end of a pass (and before files a catalog names change), from one thread; while it
+// writes the next catalog, a second thread of its own compresses the last one (and does nothing
+// else: what it found is logged from the caller's thread), ended before write returns.
 #pragma once
 
 #include <memory>
@@ -15,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "CompressedForms.h"
 #include "KTSLogger.h"
 #include "KTSRings.h"
 #include "KTSRollout.h"
@@ -59,7 +62,15 @@ class KTSServedCatalogs {
   // The products of serving that the clients of ring see (every ring's for none).
   Serving seenBy(const Serving& serving, std::optional<std::size_t> ring) const;
   bool writeCatalog(const KTSCatalog& catalog, const Serving& serving, const std::string& path);
-  void keepCompressedCatalog(const std::string& path);
+  // What making one catalog's compressed forms found, for the caller's thread to tell.
+  struct Compressed {
+    std::string path;
+    bool made = false;
+    bool written = false;
+    std::string error;
+  };
+  static std::vector<Compressed> compressCatalog(const std::string& path);
+  void reportCompressed(const std::vector<Compressed>& forms);
   static std::string inputsOf(const Serving& serving, KTSPassRecord& record);
   // The products the catalogs at their usual place name now, before this pass writes them.
   std::set<std::string> servedBefore() const;

@@ -115,7 +115,7 @@ bool keepCompressedForm(const std::string& path, Encoding encoding, bool* writte
   int source = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   struct stat plain {};
   if (source < 0 || ::fstat(source, &plain) != 0 || !S_ISREG(plain.st_mode)) {
-    *error = source < 0 ? std::strerror(errno) : "not a regular file";
+    *error = source < 0 ? systemErrorText(errno) : "not a regular file";
     if (source >= 0) ::close(source);
     ::unlink(form.c_str());
     return false;

@@ -13,6 +13,7 @@
 
 #include "Administration.h"
 #include "Clock.h"
+#include "CompressedForms.h"
 #include "FileIO.h"
 #include "KTCatalogKeys.h"
 #include "KTSFileDigests.h"
@@ -245,6 +246,23 @@ TEST_F(KTSSyncPassTest, PassLevelFaultsAreToldAndMendedByTheNextPass) {
   EXPECT_FALSE(whole.failed()) << whole.note();
   EXPECT_EQ(errorNote(), std::nullopt);
   Plist before = served();
+
+  // A compressed form that cannot be written is told (the other is made), and is made by the
+  // first pass that can.
+  const std::string catalogFile = html() + "/content/catalogs/others/" + kNewestCatalog;
+  const std::string gzip = compressedFormPath(catalogFile, Encoding::Gzip);
+  const std::string brotli = compressedFormPath(catalogFile, Encoding::Brotli);
+  std::filesystem::remove(gzip);
+  std::filesystem::create_directory(gzip);
+  std::filesystem::remove(brotli);
+  clearLog();
+  EXPECT_FALSE(fullPass().failed());
+  EXPECT_TRUE(logged(std::string("ondrd_test[WRN]: The compressed form ") + kNewestCatalog +
+                     ".gz could not be written (Is a directory); clients get it plain."));
+  EXPECT_TRUE(std::filesystem::is_regular_file(brotli));
+  std::filesystem::remove(gzip);
+  fullPass();
+  EXPECT_TRUE(std::filesystem::is_regular_file(gzip));
 
   // The vendor goes away: the pass fails and says so, and clients keep the catalogs they had.
   vendor_->stop();
