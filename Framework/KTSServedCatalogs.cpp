@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <future>
+#include <system_error>
 
 #include "Clock.h"
 #include "CompressedForms.h"
@@ -68,7 +69,12 @@ void KTSServedCatalogs::write(const std::vector<std::shared_ptr<KTSCatalog>>& ca
   std::future<std::vector<Compressed>> compressing;
   auto compressBeside = [&](const std::string& path) {
     if (compressing.valid()) reportCompressed(compressing.get());
-    compressing = std::async(std::launch::async, &KTSServedCatalogs::compressCatalog, path);
+    try {
+      compressing = std::async(std::launch::async, &KTSServedCatalogs::compressCatalog, path);
+    } catch (const std::system_error&) {
+      // Without a thread to be had (the system's limit reached) they are made here.
+      reportCompressed(compressCatalog(path));
+    }
   };
   for (std::size_t index = 0; index < catalogs.size(); ++index) {
     const KTSCatalog& catalog = *catalogs[index];
