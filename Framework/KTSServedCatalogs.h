@@ -17,7 +17,6 @@
 #include <string>
 #include <vector>
 
-#include "CompressedForms.h"
 #include "KTSLogger.h"
 #include "KTSRings.h"
 #include "KTSRollout.h"

@@ -20,7 +20,6 @@ class PlistXmlArrayFile {
   // The text value has as an element of the array (replacing what text held).
   static void elementText(const Plist& value, std::string* text);
 
-  void append(const Plist& element);
   void appendText(std::string_view elementText);
   // Ends the array and renames the file into place; durable, after its bytes reached the disk.
   // False, with the reason, when any write failed (the file is then left as it was).
@@ -30,7 +29,6 @@ class PlistXmlArrayFile {
   void put(std::string_view text);
 
   AtomicFileWrite write_;
-  std::string text_;
   bool empty_ = true;
 };
 

@@ -343,11 +343,6 @@ void PlistXmlArrayFile::elementText(const Plist& value, std::string* text) {
   PlistXmlWriter(text).writeArrayElement(value);
 }
 
-void PlistXmlArrayFile::append(const Plist& element) {
-  elementText(element, &text_);
-  appendText(text_);
-}
-
 void PlistXmlArrayFile::appendText(std::string_view elementText) {
   if (empty_) put("<array>\n");
   empty_ = false;
