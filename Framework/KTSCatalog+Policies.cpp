@@ -11,9 +11,9 @@
 #include "KTSPath.h"
 #include "KTSPreferences.h"
 #include "KTSProduct.h"
+#include "KTSProductIndexCacheWrite.h"
 #include "KTSSettings.h"
 #include "KTSUtilities.h"
-#include "PlistXmlArrayFile.h"
 
 namespace ondrel {
 
@@ -219,66 +219,7 @@ bool KTSCatalog::productIndexCacheIsCurrent() {
 }
 
 void KTSCatalog::saveProductIndexCaches(const std::vector<KTSCatalog*>& catalogs) {
-  struct Cache {
-    KTSCatalog* catalog;
-    ProductIndex::const_iterator next;
-    ProductIndex::const_iterator end;
-    // Opened with the first product written: a catalog without any leaves no file.
-    std::unique_ptr<PlistXmlArrayFile> file;
-  };
-  std::vector<Cache> caches;
-  for (KTSCatalog* catalog : catalogs) {
-    catalog->log_.debug("CTLG: saving product index cache to {}", catalog->productsCachePath_);
-    if (catalog->products_) {
-      caches.push_back({catalog, catalog->products_->begin(), catalog->products_->end(), nullptr});
-    } else if (KTSUtilities::fileExistsAtPath(catalog->productsCachePath_)) {
-      KTSUtilities::removePath(catalog->productsCachePath_);
-    }
-  }
-  // Each product's record is made as it is written: no cache is ever held in memory whole.
-  std::string text;
-  for (;;) {
-    const std::string* lowest = nullptr;
-    for (const Cache& cache : caches) {
-      if (cache.next != cache.end && (!lowest || cache.next->first < *lowest)) {
-        lowest = &cache.next->first;
-      }
-    }
-    if (!lowest) break;
-    const std::string& productId = *lowest;
-    const KTSProduct* madeText = nullptr;
-    for (Cache& cache : caches) {
-      if (cache.next == cache.end || cache.next->first != productId) continue;
-      const KTSProduct* product = (cache.next++)->second.get();
-      if (product != madeText) {
-        madeText = product;
-        text.clear();
-        Plist archive = product->archiveRepresentation();
-        if (!archive.isNull()) PlistXmlArrayFile::elementText(archive, &text);
-      }
-      if (text.empty()) continue;
-      if (!cache.file) {
-        cache.file = std::make_unique<PlistXmlArrayFile>(cache.catalog->productsCachePath_);
-      }
-      cache.file->appendText(text);
-    }
-  }
-  // A cache is made again from the composite catalog and the products' states: a crash before
-  // its bytes reach the disk costs only writing it again.
-  for (Cache& cache : caches) {
-    KTSCatalog& catalog = *cache.catalog;
-    std::string error;
-    if (cache.file && cache.file->finish(false, &error)) {
-      if (KTSPassRecord* record = catalog.context_.record()) {
-        record->recordFile(catalog.productsCachePath_, catalog.productIndexCacheInputs(*record));
-      }
-      continue;
-    }
-    if (cache.file) catalog.log_.debug("CTLG: product index cache save failed! {}", error);
-    if (KTSUtilities::fileExistsAtPath(catalog.productsCachePath_)) {
-      KTSUtilities::removePath(catalog.productsCachePath_);
-    }
-  }
+  KTSProductIndexCacheWrite(catalogs).finish();
 }
 
 // A product's record in the cache is made from its composite entry, its server metadata and its

@@ -89,9 +89,8 @@ class KTSCatalog {
   void saveProductIndexCache();
   void saveProductIndexCacheUnlessCurrent();
   bool productIndexCacheIsCurrent();
-  // Writes the product index caches of these catalogs side by side, in one walk over their
-  // products: the larger catalogs list the smaller ones' products again, and a product they
-  // share is turned into text once for all of them.
+  // Writes the product index caches of these catalogs side by side and waits for them (see
+  // KTSProductIndexCacheWrite, which a pass uses to go on meanwhile).
   static void saveProductIndexCaches(const std::vector<KTSCatalog*>& catalogs);
 
   // The product's catalog entry with every URL pointing at this server.
@@ -117,6 +116,8 @@ class KTSCatalog {
   const LogHandle& logger() const { return log_; }
 
  private:
+  friend class KTSProductIndexCacheWrite;
+
   // Writes the composite catalog, and records it in the context's pass record.
   void saveCompositeCatalog();
   // After a merge: writes the composite catalog unless the merge left it exactly as the pass

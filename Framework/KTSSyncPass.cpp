@@ -169,6 +169,7 @@ KTSPassOutcome KTSSyncPass::run(bool fullSync, KTSPassRecord::Reuse reuse) {
   saveDigests();
   logRequests(scheduler.counters(), outcome);
   servedCatalogs_.write(catalogs_, KTSServedCatalogs::Rollout::Follow, outcome.failures);
+  finishProductIndexCaches();
   outcome.nextRingOpening = servedCatalogs_.nextRingOpening();
   outcome.interrupted = interrupted();
   if (!outcome.interrupted) finishTickets();
@@ -678,7 +679,12 @@ void KTSSyncPass::saveState() {
                                                  : listsChangedProduct(*catalog);
     if (due) stale.push_back(catalog.get());
   }
-  KTSCatalog::saveProductIndexCaches(stale);
+  if (!stale.empty()) productIndexCaches_.emplace(stale);
+}
+
+void KTSSyncPass::finishProductIndexCaches() {
+  if (productIndexCaches_) productIndexCaches_->finish();
+  productIndexCaches_.reset();
 }
 
 // A cache loaded in this pass is current unless a product it lists changed since; writing it

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -23,6 +24,7 @@
 #include "KTSPassContext.h"
 #include "KTSPassRecord.h"
 #include "KTSProductChange.h"
+#include "KTSProductIndexCacheWrite.h"
 #include "KTSProductTable.h"
 #include "KTSServedCatalogs.h"
 #include "Plist.h"
@@ -137,7 +139,10 @@ class KTSSyncPass {
   void productMirrored(const KTSProduct& product, bool complete, bool stateChanged,
                        std::chrono::duration<double> took);
   bool upstreamStillAnswers(KTSPassOutcome& outcome);
+  // Saves the working set and starts writing the product index caches, which the pass finishes
+  // once the served catalogs are written.
   void saveState();
+  void finishProductIndexCaches();
   void saveDigests();
   bool listsChangedProduct(const KTSCatalog& catalog) const;
   void finishTickets();
@@ -162,6 +167,8 @@ class KTSSyncPass {
   std::set<std::string> changedProducts_;
   // Products whose files the administrator asked to remove in this pass.
   std::vector<std::shared_ptr<KTSProduct>> removed_;
+  // The product index caches being written beside the pass's last steps.
+  std::optional<KTSProductIndexCacheWrite> productIndexCaches_;
 };
 
 }  // namespace ondrel

@@ -417,15 +417,22 @@ TEST_F(KTSSyncPassTest, AProductReplacedInOneCatalogStaysCurrentInAnother) {
 TEST_F(KTSSyncPassTest, ARebuildTrustsNothingKept) {
   configure(true);
   ASSERT_FALSE(fullPass().failed());
-  // A pass asks for each catalog once, and writes again no file whose bytes stay the same.
+  // The second pass finds every product recurring; the one after it, nothing new.
+  ASSERT_FALSE(fullPass().failed());
+  // A pass asks for each catalog once, and writes again no file whose bytes stay the same (nor
+  // a product index cache made from the same products).
   const std::string requests = vendor_->folder() + "/.sample-upstream/access.log";
   writeFile(requests, "");
   const std::string metaIndex = html() + "/catalogs.ktcatalog";
   const std::string deprecations = html() + "/content/catalogs/Deprecations.plist";
+  const std::string cache = html() + "/content/catalogs/others/" +
+                            kNewestCatalog.substr(0, kNewestCatalog.rfind('.')) + ".productscache";
   auto metaIndexFile = fileIdentity(metaIndex);
   auto deprecationsFile = fileIdentity(deprecations);
+  auto cacheFile = fileIdentity(cache);
   ASSERT_FALSE(fullPass().failed());
   EXPECT_EQ(fileIdentity(metaIndex), metaIndexFile);
+  EXPECT_EQ(fileIdentity(cache), cacheFile);
   std::istringstream log(readFile(requests));
   int asked = 0;
   for (std::string line; std::getline(log, line);) {
