@@ -62,6 +62,7 @@ void installSignalHandlers() {
 }
 
 ondrel::KTSSyncPass* passLeftToProcessExit = nullptr;
+ondrel::KTSPassContext* contextOfProcess = nullptr;
 
 // Runs one pass (a full one, or only the product changes) and what follows every pass: its
 // record in the history, the metrics file and the administrator's hooks.
@@ -229,7 +230,11 @@ int main(int argc, char** argv) {
   }
   ondrel::KTSLogger::defaultLoggerForSourceLogType("ondrd_syncd", 1);
   installSignalHandlers();
-  ondrel::KTSPassContext context;
+  // The process's context lives as long as the process: a one-shot run's holds the working set
+  // its pass loaded (tens of megabytes of records at 10,000 products), which the end of the
+  // process takes back at once, as it does the pass's.
+  contextOfProcess = new ondrel::KTSPassContext;
+  ondrel::KTSPassContext& context = *contextOfProcess;
   ondrel::programs::PassLock lock(context.layout().passLockPath());
   if (!lock.held()) {
     std::fprintf(stderr, "ondrd_syncd: another ondrd_syncd is running (PID %d); try again later\n",
