@@ -1,13 +1,14 @@
 // KTSProductIndexCacheWrite writes the product index caches of several catalogs side by side on
-// a thread of its own, while the pass goes on with its other work. The caches are large (the
-// larger catalogs list the smaller ones' products again) and made from nothing the rest of the
-// pass changes: made on the pass's thread, it turns each product the caches list into its
-// archive record once and takes what the pass record is to keep of each cache; the writing
-// thread then turns each record into text once, appends it to every cache that lists it and
-// places the files. finish(), on the pass's thread, waits for that and records each cache
-// written in the pass record, or logs and removes one that could not be written. The writing
-// thread touches only those records and files (it logs nothing); the destructor waits for it.
-// Made, finished and destroyed on one thread; the catalogs must outlive it.
+// a thread of its own, so that the sync pass writes its served catalogs meanwhile; KTSCatalog
+// uses it to write caches at once. The caches are large (the larger catalogs list the smaller
+// ones' products again). Made on the pass's thread, it turns each product the caches list into
+// its archive record once, a copy of the product as it is then that nothing the pass does later
+// changes, and takes what the pass record is to keep of each cache; the writing thread turns each
+// record into text once, appends it to every cache that lists it and places the files. finish(),
+// on the pass's thread, waits for that and records each cache written in the pass record, or
+// logs and removes one that could not be written. The writing thread touches only those records
+// and files (it logs nothing); the destructor waits for it. Made, finished and destroyed on one
+// thread; the catalogs must outlive it.
 #pragma once
 
 #include <cstddef>
