@@ -1,7 +1,6 @@
 #include "KTSProductIndexCacheWrite.h"
 
 #include <memory>
-#include <system_error>
 
 #include "KTSCatalog.h"
 #include "KTSPassContext.h"
@@ -9,6 +8,7 @@
 #include "KTSProduct.h"
 #include "KTSUtilities.h"
 #include "PlistXmlArrayFile.h"
+#include "SecondThread.h"
 
 namespace ondrel {
 
@@ -56,26 +56,14 @@ KTSProductIndexCacheWrite::KTSProductIndexCacheWrite(const std::vector<KTSCatalo
       if (!elements.back().archive.isNull()) elements.back().caches.push_back(cache);
     }
   }
-  writer_ = std::packaged_task<std::vector<Written>()>(
-      [paths = std::move(paths), elements = std::move(elements)]() mutable {
-        return write(std::move(paths), std::move(elements));
-      });
-  writing_ = writer_.get_future();
-  try {
-    thread_ = std::thread([this] { writer_(); });
-  } catch (const std::system_error&) {
-    // Without a thread to be had (the system's limit reached) they are written here.
-    writer_();
-  }
-}
-
-KTSProductIndexCacheWrite::~KTSProductIndexCacheWrite() {
-  if (thread_.joinable()) thread_.join();
+  writing_ = runOnSecondThread([paths = std::move(paths), elements = std::move(elements)] {
+    return write(paths, elements);
+  });
 }
 
 // Each record is turned into text as it is written: no cache is ever held in memory whole.
 std::vector<KTSProductIndexCacheWrite::Written> KTSProductIndexCacheWrite::write(
-    std::vector<std::string> paths, std::vector<Element> elements) {
+    const std::vector<std::string>& paths, const std::vector<Element>& elements) {
   // Opened with the first product written: a catalog without any leaves no file.
   std::vector<std::unique_ptr<PlistXmlArrayFile>> files(paths.size());
   std::string text;
@@ -100,7 +88,6 @@ std::vector<KTSProductIndexCacheWrite::Written> KTSProductIndexCacheWrite::write
 void KTSProductIndexCacheWrite::finish() {
   if (!writing_.valid()) return;
   std::vector<Written> written = writing_.get();
-  if (thread_.joinable()) thread_.join();
   for (std::size_t cache = 0; cache < catalogs_.size(); ++cache) {
     KTSCatalog& catalog = *catalogs_[cache];
     if (written[cache].written) {

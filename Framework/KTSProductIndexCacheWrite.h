@@ -14,7 +14,6 @@
 #include <cstddef>
 #include <future>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Plist.h"
@@ -28,7 +27,6 @@ class KTSProductIndexCacheWrite {
   explicit KTSProductIndexCacheWrite(const std::vector<KTSCatalog*>& catalogs);
   KTSProductIndexCacheWrite(const KTSProductIndexCacheWrite&) = delete;
   KTSProductIndexCacheWrite& operator=(const KTSProductIndexCacheWrite&) = delete;
-  ~KTSProductIndexCacheWrite();
 
   // Waits for the files and settles each cache; nothing more on a later call.
   void finish();
@@ -43,14 +41,14 @@ class KTSProductIndexCacheWrite {
     bool written = false;
     std::string error;
   };
-  static std::vector<Written> write(std::vector<std::string> paths, std::vector<Element> elements);
+  static std::vector<Written> write(const std::vector<std::string>& paths,
+                                    const std::vector<Element>& elements);
 
   std::vector<KTSCatalog*> catalogs_;
   // What the pass record keeps of each cache, taken as its records were.
   std::vector<std::string> inputs_;
-  std::packaged_task<std::vector<Written>()> writer_;
+  // Its destruction waits for the writing thread.
   std::future<std::vector<Written>> writing_;
-  std::thread thread_;
 };
 
 }  // namespace ondrel

@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <future>
-#include <system_error>
 
 #include "Clock.h"
 #include "CompressedForms.h"
@@ -19,6 +18,7 @@
 #include "KTSUtilities.h"
 #include "PathString.h"
 #include "ProductId.h"
+#include "SecondThread.h"
 
 namespace ondrel {
 
@@ -69,12 +69,7 @@ void KTSServedCatalogs::write(const std::vector<std::shared_ptr<KTSCatalog>>& ca
   std::future<std::vector<Compressed>> compressing;
   auto compressBeside = [&](const std::string& path) {
     if (compressing.valid()) reportCompressed(compressing.get());
-    try {
-      compressing = std::async(std::launch::async, &KTSServedCatalogs::compressCatalog, path);
-    } catch (const std::system_error&) {
-      // Without a thread to be had (the system's limit reached) they are made here.
-      reportCompressed(compressCatalog(path));
-    }
+    compressing = runOnSecondThread([path] { return compressCatalog(path); });
   };
   for (std::size_t index = 0; index < catalogs.size(); ++index) {
     const KTSCatalog& catalog = *catalogs[index];
