@@ -250,13 +250,18 @@ std::int64_t KTSCatalog::compositeStateForProduct(const KTSProduct& product) con
   return value >= New && value <= Orphaned ? value : Unknown;
 }
 
+// Files of a product on demand come when clients ask for them: none need be here.
+bool KTSCatalog::filesAreVerified(const KTSProductState& state) {
+  return state.fetchPolicy() != KTSProductState::FetchPolicy::OnDemand &&
+         (state.hasStanding() || state.mirror() == KTSProductState::Mirrored);
+}
+
 void KTSCatalog::verifyAllProductDownloadStates() {
   if (!products_) return;
   std::vector<std::string> removed;
   for (const auto& [productId, product] : *products_) {
     KTSProductState& state = product->state();
-    // Files of a product on demand come when clients ask for them: none need be here.
-    if (state.fetchPolicy() == KTSProductState::FetchPolicy::OnDemand) continue;
+    if (!filesAreVerified(state)) continue;
     if (state.hasStanding() && !product->verifyMirroredFiles(context_.memo())) {
       removed.push_back(productId);
       log_.debug(

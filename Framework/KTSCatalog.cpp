@@ -189,6 +189,9 @@ bool KTSCatalog::loadProductIndexForcingUpdate(bool force) {
       std::optional<KTSError> error;
       std::shared_ptr<KTSProduct> product = makeProductItemForProductIDError(productId, &error);
       if (product) {
+        if (KTSPassMemo* memo = context_.memo(); memo && filesAreVerified(product->state())) {
+          product->checkMirroredFilesAhead(*memo);
+        }
         rebuilt.emplace(productId, std::move(product));
       } else if (error && error->code() == -1) {
         log_.debug("CTLG: detected dead product {}", productId);

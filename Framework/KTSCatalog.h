@@ -26,6 +26,7 @@ class KTSFetchScheduler;
 class KTSPassContext;
 class KTSPassRecord;
 class KTSProduct;
+class KTSProductState;
 
 class KTSCatalog {
  public:
@@ -152,6 +153,9 @@ class KTSCatalog {
   void applyAutoEnablesForAllProducts();
   void cancelPendingAutoRequestsForAllProducts();
   std::int64_t compositeStateForProduct(const KTSProduct& product) const;
+  // Whether a product in this state has its files checked each pass: one mirrored or with
+  // standing, unless its files come on demand.
+  static bool filesAreVerified(const KTSProductState& state);
   void verifyAllProductDownloadStates();
   // The steps of the merge: the upstream catalog's index date (now, told, when it has none), then
   // the entries of the products it lists (NEW or RECURRING) and of those it no longer lists

@@ -19,15 +19,29 @@ Plist KTSPassMemo::shareEqualValue(const std::string& productId, ProductValue ki
   return value;
 }
 
-void KTSPassMemo::fileWillChange() { memory_.verifiedFiles.clear(); }
+void KTSPassMemo::fileWillChange() {
+  memory_.verifiedFiles.clear();
+  checkAhead_.forgetAll();
+}
 
 std::optional<bool> KTSPassMemo::filesVerifiedEarlier(const std::string& productId,
-                                                      const Plist& mirrorFiles) const {
+                                                      const Plist& mirrorFiles) {
   auto found = memory_.verifiedFiles.find(productId);
-  if (found == memory_.verifiedFiles.end() || !found->second.first.sharesStorageWith(mirrorFiles)) {
-    return std::nullopt;
+  if (found != memory_.verifiedFiles.end() && found->second.first.sharesStorageWith(mirrorFiles)) {
+    return found->second.second;
   }
-  return found->second.second;
+  if (!checkAhead_.foundWhole(productId, mirrorFiles)) return std::nullopt;
+  recordFilesVerified(productId, mirrorFiles, true);
+  return true;
+}
+
+void KTSPassMemo::checkFilesAhead(const std::string& productId, const Plist& mirrorFiles,
+                                  KTSFileCheckAhead::Check check) {
+  auto found = memory_.verifiedFiles.find(productId);
+  if (found != memory_.verifiedFiles.end() && found->second.first.sharesStorageWith(mirrorFiles)) {
+    return;
+  }
+  checkAhead_.queue(productId, mirrorFiles, std::move(check));
 }
 
 void KTSPassMemo::recordFilesVerified(const std::string& productId, const Plist& mirrorFiles,

@@ -5,7 +5,8 @@
 // a list are checked once, and a product listed alike by several catalogs is made once and
 // copied. The sync pass puts a new one in its context while it loads the catalogs, so every pass
 // fetches and looks anew; without one nothing is shared. Used by KTSProduct and KTSCatalog. One
-// thread.
+// thread (the checks of file lists queued ahead run on a thread of their own, which the memo
+// waits for when it goes).
 #pragma once
 
 #include <map>
@@ -14,6 +15,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "KTSFileCheckAhead.h"
 #include "KTSPath.h"
 #include "Plist.h"
 
@@ -46,10 +48,14 @@ class KTSPassMemo {
   // any list may name it.
   void fileWillChange();
   // Whether the files of this very list (the same storage) were all in place when a product
-  // checked them earlier in the pass; none when none did.
-  std::optional<bool> filesVerifiedEarlier(const std::string& productId,
-                                           const Plist& mirrorFiles) const;
+  // checked them earlier in the pass, or when a check queued ahead found them so (waiting for it
+  // when it is still to run); none when neither did.
+  std::optional<bool> filesVerifiedEarlier(const std::string& productId, const Plist& mirrorFiles);
   void recordFilesVerified(const std::string& productId, const Plist& mirrorFiles, bool verified);
+  // Has check look at the files of the list on another thread while the pass goes on, unless
+  // this very list was checked already.
+  void checkFilesAhead(const std::string& productId, const Plist& mirrorFiles,
+                       KTSFileCheckAhead::Check check);
   // Each product id with the file list checked last and whether its files were all in place.
   using FilesVerified = std::map<std::string, std::pair<Plist, bool>, std::less<>>;
   // What the pass found so far.
@@ -70,6 +76,7 @@ class KTSPassMemo {
   };
 
   Memory memory_;
+  KTSFileCheckAhead checkAhead_;
 };
 
 }  // namespace ondrel

@@ -4,6 +4,7 @@
 #include <climits>
 
 #include "KTCatalogKeys.h"
+#include "KTSPassMemo.h"
 #include "KTSProduct.h"
 #include "KTSProductFileRules.h"
 #include "KTSServerMetadata.h"
@@ -16,6 +17,30 @@ namespace {
 
 std::string sizeText(const Plist& size, const char* none) {
   return size.isNull() ? none : size.description();
+}
+
+// The size of the file at localPath when it is inside the html folder and there.
+std::optional<std::int64_t> sizeInPlace(const KTSServerLayout& layout, const std::string& localPath,
+                                        KTSUtilities::ItemSizes* sizes) {
+  if (!layout.isInsideHtmlFolder(localPath)) return std::nullopt;
+  return sizes != nullptr ? sizes->sizeOfExistingItemAtPath(localPath)
+                          : KTSUtilities::sizeOfExistingItemAtPath(localPath);
+}
+
+// Whether a file of the size found matches the record's size, when the record gives one.
+bool hasRecordedSize(const Plist& size, std::int64_t found) {
+  return !size.isNumber() || size.integerValue() == found;
+}
+
+// The pass's check of a list, without a word to the log: what the check ahead runs.
+bool mirroredFilesAreInPlace(const KTSServerLayout& layout, const Plist& mirrorFiles) {
+  KTSUtilities::ItemSizes sizes;
+  for (const Plist& record : mirrorFiles.elements()) {
+    std::optional<std::int64_t> found =
+        sizeInPlace(layout, record[KTSProduct::kFileLocalPathKey].stringValue(), &sizes);
+    if (!found || !hasRecordedSize(record[KTSProduct::kFileSizeKey], *found)) return false;
+  }
+  return true;
 }
 
 }  // namespace
@@ -88,21 +113,21 @@ bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo,
   const std::string fileName = lastPathComponent(localPath);
   const Plist& size = fileInfo[kFileSizeKey];
   log_.debug("PROD: {}: verifying: {}; size: {}", id(), fileName, sizeText(size, "(N/A)"));
-  std::optional<std::int64_t> found;
-  if (layout_->isInsideHtmlFolder(localPath)) {
-    found = sizes != nullptr ? sizes->sizeOfExistingItemAtPath(localPath)
-                             : KTSUtilities::sizeOfExistingItemAtPath(localPath);
-  }
+  std::optional<std::int64_t> found = sizeInPlace(*layout_, localPath, sizes);
   if (!found) {
     log_.debug("PROD: {}: verification failed; file not found: {}", id(), fileName);
     return false;
   }
-  if (!size.isNumber()) return true;
-  std::int64_t actual = *found;
-  if (actual == size.integerValue()) return true;
+  if (hasRecordedSize(size, *found)) return true;
   log_.debug("PROD: {}: verification failed; incorrect size: {} (expected={}, actual={})", id(),
-             fileName, size, actual);
+             fileName, size, *found);
   return false;
+}
+
+void KTSProduct::checkMirroredFilesAhead(KTSPassMemo& memo) const {
+  memo.checkFilesAhead(id(), facts_->mirrorFiles, [layout = layout_, files = facts_->mirrorFiles] {
+    return mirroredFilesAreInPlace(*layout, files);
+  });
 }
 
 bool KTSProduct::verifyMirroredFiles(KTSPassMemo* memo) const {

@@ -66,6 +66,9 @@ class KTSProduct {
   // Whether every file is in place with its size; with a memo, a list it checked earlier in the
   // pass is not looked at again, and what this check finds is recorded there.
   bool verifyMirroredFiles(KTSPassMemo* memo = nullptr) const;
+  // Has the memo look at the files on another thread, so that verifyMirroredFiles with it
+  // finds the answer ready.
+  void checkMirroredFilesAhead(KTSPassMemo& memo) const;
   // Whether one record's file is in place inside the html folder, with its size when it has one;
   // a run of checks passes one sizes, so that checks of files in one folder share it open.
   bool verifyMirroredFileWithInfo(const Plist& fileInfo,

@@ -11,6 +11,7 @@
 #include "KTCatalogKeys.h"
 #include "KTSFetchScheduler.h"
 #include "KTSFileOwnership.h"
+#include "KTSPassMemo.h"
 #include "KTSProduct.h"
 #include "KTSProductDownload.h"
 #include "UpstreamFiles.h"
@@ -102,6 +103,38 @@ TEST_F(KTSProductMirrorTest, MirrorsEveryFileOnceAndReplacesASuspectOne) {
   auto longer = productFor(upstream_.entry({}, {{longName, 700, ""}}));
   EXPECT_TRUE(KTSProductDownload::downloadMirroredFiles(*longer, 4));
   EXPECT_EQ(sizeOf(local(longName)), 700u);
+}
+
+// Files looked at ahead on another thread answer the pass's check only while they still hold:
+// never after a file changed, and never for a list with a file amiss, whose check the pass makes
+// itself so as to tell what is amiss.
+TEST_F(KTSProductMirrorTest, FilesCheckedAheadAnswerOnlyWhileTheyHold) {
+  auto mirrored = product();
+  ASSERT_TRUE(KTSProductDownload::downloadMirroredFiles(*mirrored, 4));
+  const std::string lookedAt = "ondrd_test[DBG]: PROD: P1: verifying: b.pkg; size: 5000";
+  {
+    KTSPassMemo memo;
+    mirrored->checkMirroredFilesAhead(memo);
+    clearLog();
+    EXPECT_TRUE(mirrored->verifyMirroredFiles(&memo));
+    EXPECT_FALSE(logged(lookedAt)) << "answered by the check ahead";
+  }
+  {
+    KTSPassMemo memo;
+    mirrored->checkMirroredFilesAhead(memo);
+    memo.fileWillChange();
+    clearLog();
+    EXPECT_TRUE(mirrored->verifyMirroredFiles(&memo));
+    EXPECT_TRUE(logged(lookedAt)) << "a file changed since: looked at again";
+  }
+  writeFile(local("/content/downloads/d/P1/b.pkg"), "short");
+  KTSPassMemo memo;
+  mirrored->checkMirroredFilesAhead(memo);
+  clearLog();
+  EXPECT_FALSE(mirrored->verifyMirroredFiles(&memo));
+  EXPECT_TRUE(
+      logged("ondrd_test[DBG]: PROD: P1: verification failed; incorrect size: b.pkg "
+             "(expected=5000, actual=5)"));
 }
 
 TEST_F(KTSProductMirrorTest, BrokenUpstreamsNeverLeaveAProductMirrored) {
