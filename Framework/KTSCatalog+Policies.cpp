@@ -332,7 +332,7 @@ Plist KTSCatalog::mirrorRepresentationForProduct(KTSProduct& product) const {
   // Like every file a served entry names, the metadata must be on disk here: one that was
   // refused or never fetched is not named. In a pass it is looked at once, as every served
   // catalog's record of its inputs sees it.
-  std::optional<std::string> local = product.smdPath()->asLocalPath(layout);
+  const std::optional<std::string>& local = product.serverMetadataLocalPath();
   std::optional<std::string> served = product.smdPath()->asChildServerURL(layout);
   KTSPassRecord* record = context_.record();
   auto onDisk = [record, &local] {

@@ -112,13 +112,20 @@ class KTSProduct {
   const std::optional<std::string>& restartAction() const { return facts_->restartAction; }
   // Where the server metadata is served from; null without one. Copies share it.
   const KTSPath* smdPath() const { return facts_->smdPath.get(); }
-  // Where the server metadata file is kept on this server; none without one.
-  std::optional<std::string> serverMetadataLocalPath() const {
-    return facts_->smdPath ? facts_->smdPath->asLocalPath(*layout_) : std::nullopt;
+  // Where the server metadata file is kept on this server; none without one. Worked out once
+  // (every catalog's cache and served catalog asks for it).
+  const std::optional<std::string>& serverMetadataLocalPath() const {
+    if (!facts_->smdLocalPath) {
+      facts_->smdLocalPath.emplace(facts_->smdPath ? facts_->smdPath->asLocalPath(*layout_)
+                                                   : std::nullopt);
+    }
+    return *facts_->smdLocalPath;
   }
   // Names where the server metadata is served from; none forgets it.
   void setSmdPath(std::optional<KTSPath> path) {
-    mutableFacts().smdPath = path ? std::make_shared<const KTSPath>(std::move(*path)) : nullptr;
+    Facts& facts = mutableFacts();
+    facts.smdPath = path ? std::make_shared<const KTSPath>(std::move(*path)) : nullptr;
+    facts.smdLocalPath.reset();
   }
   // Where its files go on this server.
   const KTSServerLayout& layout() const { return *layout_; }
@@ -166,6 +173,8 @@ class KTSProduct {
     Plist installedSize;
     std::optional<std::string> restartAction;
     std::shared_ptr<const KTSPath> smdPath;
+    // Where smdPath's file is kept here, once asked for; copies that share the facts share it.
+    std::optional<std::optional<std::string>> smdLocalPath;
     Plist mirrorFiles;
     // Whether every record of mirrorFiles names a URL that parses and a local path, so that the
     // archive can keep the records as they are; set with them by setMirrorFiles and

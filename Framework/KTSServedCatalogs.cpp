@@ -228,7 +228,7 @@ void KTSServedCatalogs::reportCompressed(const std::vector<Compressed>& forms) {
 std::string KTSServedCatalogs::inputsOf(const Serving& serving, KTSPassRecord& record) {
   KTSPassRecord::Inputs inputs;
   for (KTSProduct* product : serving) {
-    std::optional<std::string> metadata = product->serverMetadataLocalPath();
+    const std::optional<std::string>& metadata = product->serverMetadataLocalPath();
     inputs.add(*product->productId()).add(metadata.value_or(""));
     inputs.add(record.stampOfSettledFile(metadata));
   }
