@@ -67,11 +67,9 @@ void PlistKey::releaseLast(Node* node) {
 }
 
 PlistKey PlistKey::Interner::keyFor(std::string_view text) {
-  auto found = byText_.find(text);
-  if (found != byText_.end()) return found->second;
-  PlistKey key(text);
-  byText_.emplace(key.text(), key);
-  return key;
+  std::optional<PlistKey>& slot = recent_[std::hash<std::string_view>()(text) % kSlots];
+  if (!slot || slot->text() != text) slot.emplace(text);
+  return *slot;
 }
 
 namespace {

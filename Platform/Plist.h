@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -17,7 +18,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -70,14 +70,7 @@ class PlistKey {
     return stream << key.text();
   }
 
-  // The keys of one document as they are read: each text is looked up in the shared texts once.
-  class Interner {
-   public:
-    PlistKey keyFor(std::string_view text);
-
-   private:
-    std::unordered_map<std::string_view, PlistKey> byText_;
-  };
+  class Interner;
 
  private:
   struct Node {
@@ -104,6 +97,18 @@ class PlistKey {
   static void releaseLast(Node* node);
 
   Node* node_;
+};
+
+// The keys of one document as they are read. The texts met lately are kept in a small table by
+// their hash, so that the few keys a document repeats on every entry skip the shared texts and
+// their lock; a text met once (a product id) only passes through it.
+class PlistKey::Interner {
+ public:
+  PlistKey keyFor(std::string_view text);
+
+ private:
+  static constexpr std::size_t kSlots = 256;
+  std::array<std::optional<PlistKey>, kSlots> recent_;
 };
 
 class Plist {
