@@ -1,5 +1,6 @@
 #include "KTSFileCheckAhead.h"
 
+#include <exception>
 #include <system_error>
 
 namespace ondrel {
@@ -60,6 +61,15 @@ void KTSFileCheckAhead::forgetAll() {
   firstValid_ = items_.size();
 }
 
+// A check that throws (memory exhausted) answers nothing: the pass looks at the files itself.
+bool KTSFileCheckAhead::checkedWhole(const Check& check) {
+  try {
+    return check();
+  } catch (const std::exception&) {
+    return false;
+  }
+}
+
 void KTSFileCheckAhead::checkQueued() {
   std::unique_lock lock(mutex_);
   for (;;) {
@@ -69,7 +79,7 @@ void KTSFileCheckAhead::checkQueued() {
     // A check already void is skipped; the list's storage stays held until the queue goes.
     bool wanted = checked_ >= firstValid_;
     lock.unlock();
-    bool whole = wanted && item.check();
+    bool whole = wanted && checkedWhole(item.check);
     lock.lock();
     item.whole = whole;
     item.check = nullptr;

@@ -52,6 +52,7 @@ class KTSFileCheckAhead {
   };
   void release();
   void checkQueued();
+  static bool checkedWhole(const Check& check);
 
   static constexpr std::size_t kBatch = 64;
 
