@@ -24,12 +24,18 @@ void KTSPassMemo::fileWillChange() {
   checkAhead_.forgetAll();
 }
 
+std::optional<bool> KTSPassMemo::recordedCheckOf(const std::string& productId,
+                                                 const Plist& mirrorFiles) const {
+  auto found = memory_.verifiedFiles.find(productId);
+  if (found == memory_.verifiedFiles.end() || !found->second.first.sharesStorageWith(mirrorFiles)) {
+    return std::nullopt;
+  }
+  return found->second.second;
+}
+
 std::optional<bool> KTSPassMemo::filesVerifiedEarlier(const std::string& productId,
                                                       const Plist& mirrorFiles) {
-  auto found = memory_.verifiedFiles.find(productId);
-  if (found != memory_.verifiedFiles.end() && found->second.first.sharesStorageWith(mirrorFiles)) {
-    return found->second.second;
-  }
+  if (std::optional<bool> known = recordedCheckOf(productId, mirrorFiles)) return known;
   if (!checkAhead_.foundWhole(productId, mirrorFiles)) return std::nullopt;
   recordFilesVerified(productId, mirrorFiles, true);
   return true;
@@ -37,10 +43,7 @@ std::optional<bool> KTSPassMemo::filesVerifiedEarlier(const std::string& product
 
 void KTSPassMemo::checkFilesAhead(const std::string& productId, const Plist& mirrorFiles,
                                   KTSFileCheckAhead::Check check) {
-  auto found = memory_.verifiedFiles.find(productId);
-  if (found != memory_.verifiedFiles.end() && found->second.first.sharesStorageWith(mirrorFiles)) {
-    return;
-  }
+  if (recordedCheckOf(productId, mirrorFiles)) return;
   checkAhead_.queue(productId, mirrorFiles, std::move(check));
 }
 

@@ -75,6 +75,9 @@ class KTSPassMemo {
     FilesVerified verifiedFiles;
   };
 
+  // What was recorded of this very list: a check the pass made, or an answer from ahead it took.
+  std::optional<bool> recordedCheckOf(const std::string& productId, const Plist& mirrorFiles) const;
+
   Memory memory_;
   KTSFileCheckAhead checkAhead_;
 };
