@@ -36,8 +36,8 @@ void KTSFileCheckAhead::queue(const std::string& productId, const Plist& mirrorF
   if (items_.size() - released_ >= kBatch) release();
 }
 
-// Wakes the thread for every check queued so far. Checks are handed over a batch at a time: the
-// thread outruns the pass, and waking it for each one would cost more than the check.
+// Wakes the thread for every check queued so far. Checks are handed over a batch at a time, so
+// that the thread, which outruns the pass, is not woken for each product.
 void KTSFileCheckAhead::release() {
   released_ = items_.size();
   changed_.notify_all();
@@ -62,9 +62,9 @@ void KTSFileCheckAhead::forgetAll() {
 }
 
 // A check that throws (memory exhausted) answers nothing: the pass looks at the files itself.
-bool KTSFileCheckAhead::checkedWhole(const Check& check) {
+bool KTSFileCheckAhead::checkedWhole(const Item& item) {
   try {
-    return check();
+    return item.check(item.mirrorFiles);
   } catch (const std::exception&) {
     return false;
   }
@@ -76,10 +76,11 @@ void KTSFileCheckAhead::checkQueued() {
     changed_.wait(lock, [&] { return stopping_ || checked_ < released_; });
     if (stopping_) return;
     Item& item = items_[checked_];
-    // A check already void is skipped; the list's storage stays held until the queue goes.
+    // A check already void is skipped; the list's storage stays held until the queue goes. The
+    // list is read here without the lock: nothing writes an item's list once it is queued.
     bool wanted = checked_ >= firstValid_;
     lock.unlock();
-    bool whole = wanted && checkedWhole(item.check);
+    bool whole = wanted && checkedWhole(item);
     lock.lock();
     item.whole = whole;
     item.check = nullptr;

@@ -26,8 +26,8 @@ namespace ondrel {
 
 class KTSFileCheckAhead {
  public:
-  // Whether every file of a list is in place; called on the checking thread.
-  using Check = std::function<bool()>;
+  // Whether every file of the list is in place; called on the checking thread.
+  using Check = std::function<bool(const Plist& mirrorFiles)>;
 
   KTSFileCheckAhead() = default;
   KTSFileCheckAhead(const KTSFileCheckAhead&) = delete;
@@ -52,7 +52,7 @@ class KTSFileCheckAhead {
   };
   void release();
   void checkQueued();
-  static bool checkedWhole(const Check& check);
+  static bool checkedWhole(const Item& item);
 
   static constexpr std::size_t kBatch = 64;
 

@@ -125,8 +125,8 @@ bool KTSProduct::verifyMirroredFileWithInfo(const Plist& fileInfo,
 }
 
 void KTSProduct::checkMirroredFilesAhead(KTSPassMemo& memo) const {
-  memo.checkFilesAhead(id(), facts_->mirrorFiles, [layout = layout_, files = facts_->mirrorFiles] {
-    return mirroredFilesAreInPlace(*layout, files);
+  memo.checkFilesAhead(id(), facts_->mirrorFiles, [layout = layout_](const Plist& mirrorFiles) {
+    return mirroredFilesAreInPlace(*layout, mirrorFiles);
   });
 }
 
