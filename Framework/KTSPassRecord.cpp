@@ -5,6 +5,7 @@
 #include "FileIO.h"
 #include "KTSServerLayout.h"
 #include "KTSUtilities.h"
+#include "SecondThread.h"
 
 namespace ondrel {
 
@@ -108,11 +109,32 @@ void KTSPassRecord::recordFile(const std::string& path, const std::string& input
 const std::string& KTSPassRecord::stampOfSettledFile(const std::optional<std::string>& path) {
   static const std::string none;
   if (!path) return none;
+  takeStampsAhead();
   auto found = settledStamps_.find(*path);
   if (found == settledStamps_.end()) {
     found = settledStamps_.emplace(*path, fileStamp(*path).value_or("")).first;
   }
   return found->second;
+}
+
+void KTSPassRecord::stampSettledFilesAhead(std::vector<std::string> paths) {
+  takeStampsAhead();
+  stampsAhead_ = runOnSecondThread([paths = std::move(paths)]() mutable {
+    std::vector<std::pair<std::string, std::string>> stamps;
+    stamps.reserve(paths.size());
+    for (std::string& path : paths) {
+      std::string stamp = fileStamp(path).value_or("");
+      stamps.emplace_back(std::move(path), std::move(stamp));
+    }
+    return stamps;
+  });
+}
+
+void KTSPassRecord::takeStampsAhead() {
+  if (!stampsAhead_.valid()) return;
+  for (auto& [path, stamp] : stampsAhead_.get()) {
+    settledStamps_.try_emplace(std::move(path), std::move(stamp));
+  }
 }
 
 bool KTSPassRecord::save() const {

@@ -7,15 +7,19 @@
 // (".pass_record") and is read as untrusted; a missing or damaged record, or one left by another
 // build of the programs or under other preferences, reuses nothing. KTSSyncPass puts one in its
 // context for each full pass (one that reuses nothing for ondrd_syncd --full); KTSCatalog and
-// KTSWorkingSet consult it there. One thread.
+// KTSWorkingSet consult it there. Used on the pass's thread; the stamps taken ahead are taken on a
+// second thread that touches nothing but the files named.
 #pragma once
 
 #include <cstdint>
+#include <future>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "KTSServerLayout.h"
 #include "Plist.h"
@@ -55,6 +59,9 @@ class KTSPassRecord {
   // The stamp of a file that does not change while the pass runs (a server metadata file once
   // its product was made), looked at once per pass; empty for none.
   const std::string& stampOfSettledFile(const std::optional<std::string>& path);
+  // Looks at these settled files on a second thread while the pass goes on (a stat each, tens of
+  // thousands in a large pass); the next stampOfSettledFile waits for them.
+  void stampSettledFilesAhead(std::vector<std::string> paths);
   // Keeps what this pass recorded for the next one; a file it did not record is not reused.
   bool save() const;
 
@@ -68,6 +75,7 @@ class KTSPassRecord {
   // What ties a record to the programs and the settings it was made under.
   static std::string settingsStamp(const std::string& preferencesPath);
   void load();
+  void takeStampsAhead();
 
   Reuse reuse_;
   std::string path_;
@@ -75,6 +83,7 @@ class KTSPassRecord {
   std::map<std::string, Entry, std::less<>> previous_;
   std::map<std::string, Entry, std::less<>> recorded_;
   std::unordered_map<std::string, std::string> settledStamps_;
+  std::future<std::vector<std::pair<std::string, std::string>>> stampsAhead_;
 };
 
 }  // namespace ondrel

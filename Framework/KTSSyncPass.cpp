@@ -666,6 +666,15 @@ void KTSSyncPass::saveState() {
       all.emplace(productId, representative ? representative : product);
     }
   }
+  if (KTSPassRecord* record = context_.record()) {
+    // Every product is made and mirrored: its server metadata file stays as it is from here on.
+    std::vector<std::string> metadataFiles;
+    metadataFiles.reserve(all.size());
+    for (const auto& [productId, product] : all) {
+      if (const auto& path = product->serverMetadataLocalPath()) metadataFiles.push_back(*path);
+    }
+    record->stampSettledFilesAhead(std::move(metadataFiles));
+  }
   KTSWorkingSet& workingSet = context_.workingSet();
   workingSet.refreshProducts();
   workingSet.mergeProducts(all);

@@ -63,6 +63,22 @@ TEST_F(KTSPassRecordTest, ADamagedRecordReusesNothingAndHarmsNothing) {
   }
 }
 
+// Settled files are looked at once a pass, whether on a second thread ahead or when first asked:
+// both give the file's own stamp, and a file that is not there has none.
+TEST_F(KTSPassRecordTest, SettledFilesStampedAheadAsWhenAsked) {
+  std::string other = path("/other.plist");
+  writeFile(other, "other bytes");
+  KTSPassRecord asked(KTSPassRecord::Reuse::Allowed, context().layout());
+  KTSPassRecord ahead(KTSPassRecord::Reuse::Allowed, context().layout());
+  ahead.stampSettledFilesAhead({file_, path("/missing")});
+  EXPECT_FALSE(ahead.stampOfSettledFile(file_).empty());
+  EXPECT_EQ(ahead.stampOfSettledFile(file_), asked.stampOfSettledFile(file_));
+  EXPECT_EQ(ahead.stampOfSettledFile(path("/missing")), "");
+  EXPECT_EQ(ahead.stampOfSettledFile(other), asked.stampOfSettledFile(other)) << "not named ahead";
+  EXPECT_NE(ahead.stampOfSettledFile(other), ahead.stampOfSettledFile(file_));
+  EXPECT_EQ(ahead.stampOfSettledFile(std::nullopt), "");
+}
+
 TEST(KTSPassRecordInputsTest, PiecesAreKeptApart) {
   using Inputs = KTSPassRecord::Inputs;
   EXPECT_NE(Inputs().add("ab").add("c").text(), Inputs().add("a").add("bc").text());
