@@ -16,6 +16,7 @@
 #include "KTSWorkingSet.h"
 #include "PathString.h"
 #include "ProductId.h"
+#include "SecondThread.h"
 #include "Sha256.h"
 
 namespace ondrel {
@@ -90,8 +91,29 @@ std::optional<Url> manifestUrlFor(const std::string& productId, const Url& fileU
   return Url::parse(originOf(fileUrl) + manifestUrlPath(productId));
 }
 
+std::future<KeptProducts> findKeptProducts(const KTSServerLayout& layout,
+                                           const KTSWorkingSet& workingSet) {
+  KeptProducts kept;
+  for (const auto& [productId, entry] : workingSet.products().items()) {
+    if (isValidProductId(productId) &&
+        KTSProductState::keepsFilesIn(workingSet.mirrorSettingForProductID(productId))) {
+      kept.emplace_back(productId, std::nullopt);
+    }
+  }
+  return runOnSecondThread(
+      [folder = servedTreePrefix(layout) + kFolderName, kept = std::move(kept)]() mutable {
+        for (auto& [productId, size] : kept) size = fileSize(folder + "/" + productId);
+        return std::move(kept);
+      });
+}
+
 std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests,
                     const KTSWorkingSet& workingSet, const LogHandle& log) {
+  return publish(layout, digests, findKeptProducts(layout, workingSet).get(), log);
+}
+
+std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests, KeptProducts kept,
+                    const LogHandle& log) {
   const std::string prefix = servedTreePrefix(layout);
   const std::string folder = fmt::format("{}{}", prefix, kFolderName);
   std::error_code made;
@@ -103,18 +125,13 @@ std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests
   std::filesystem::create_directories(folder, made);
   // Only what changed is written again: a manifest whose product's records changed, or one that
   // is missing (or was left empty by a crash).
-  std::set<std::string> kept;
+  std::set<std::string> keptIds;
   std::unordered_map<std::string, std::vector<FileLine>> due;
-  for (const auto& [productId, entry] : workingSet.products().items()) {
-    if (!isValidProductId(productId) ||
-        !KTSProductState::keepsFilesIn(workingSet.mirrorSettingForProductID(productId))) {
-      continue;
-    }
-    kept.insert(productId);
-    std::optional<std::int64_t> size = fileSize(manifestPath(layout, productId));
+  for (auto& [productId, size] : kept) {
     if (digests.productsChanged().count(productId) != 0 || !size || *size == 0) {
       due.try_emplace(productId);
     }
+    keptIds.insert(std::move(productId));
   }
   // The record is read only when a manifest is to be written.
   if (!due.empty()) {
@@ -136,7 +153,7 @@ std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests
       log.warning("The digests of {} could not be published: {}", productId, error);
     }
   }
-  removeOthers(folder, kept);
+  removeOthers(folder, keptIds);
   return due.size();
 }
 

@@ -7,18 +7,23 @@
 // recorded. A vendor's upstream publishes none: its first "not found" tells the pass to ask it
 // no more.
 //
-// Publishing is called by the pass holding the files lock; KTSUpstreamDigests belongs to the
-// pass's product table and runs on the thread of its fetch scheduler. A manifest read is
+// Publishing is called by the pass holding the files lock (the manifests are looked at on a
+// second thread that reads nothing else); KTSUpstreamDigests belongs to the pass's product table
+// and runs on the thread of its fetch scheduler. A manifest read is
 // untrusted: a line that is not what it should be is left out, one too large is none.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <future>
 #include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "KTSLogger.h"
 #include "KTSServerLayout.h"
@@ -47,10 +52,20 @@ inline constexpr std::size_t kManifestReadLimit = std::size_t{4} << 20;
 // A manifest is a header line, then a line per file: its SHA-256, size and path relative to the
 // served tree, tab-separated, in path order.
 //
-// Writes the manifest of every product the working set says the server keeps whose records
-// changed since digests was read, or whose manifest is missing (one with no digest recorded yet
-// gets one that names no file), and removes the manifests of every other product. The number
-// written.
+// The products the working set says the server keeps, each with the size its manifest has on
+// disk (none when there is none).
+using KeptProducts = std::vector<std::pair<std::string, std::optional<std::int64_t>>>;
+// Finds them on the calling thread and looks at their manifests on a second thread (a stat each,
+// tens of thousands in a large pass), so that the caller goes on meanwhile.
+std::future<KeptProducts> findKeptProducts(const KTSServerLayout& layout,
+                                           const KTSWorkingSet& workingSet);
+
+// Writes the manifest of every product kept whose records changed since digests was read, or
+// whose manifest is missing (one with no digest recorded yet gets one that names no file), and
+// removes the manifests of every other product. The number written.
+std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests, KeptProducts kept,
+                    const LogHandle& log);
+// The same for the products the working set keeps now.
 std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests,
                     const KTSWorkingSet& workingSet, const LogHandle& log);
 

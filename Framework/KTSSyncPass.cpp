@@ -652,7 +652,8 @@ bool KTSSyncPass::upstreamStillAnswers(KTSPassOutcome& outcome) {
 // the peak of a pass.
 void KTSSyncPass::saveDigests() {
   digests_.save();
-  KTSDigestManifests::publish(context_.layout(), digests_, context_.workingSet(), log_);
+  // Found when the state was saved.
+  KTSDigestManifests::publish(context_.layout(), digests_, keptProducts_.get(), log_);
   digests_ = KTSFileDigests(digests_.storePath());
 }
 
@@ -681,6 +682,8 @@ void KTSSyncPass::saveState() {
   // The merge keeps the settings already recorded; the states after this pass replace them.
   for (const auto& [productId, product] : all) workingSet.applyProductStatus(*product);
   workingSet.saveProductsUnlessCurrent(true, context_.record());
+  // Their manifests are looked at while the caches are checked.
+  keptProducts_ = KTSDigestManifests::findKeptProducts(context_.layout(), workingSet);
   std::vector<KTSCatalog*> stale;
   for (const auto& catalog : catalogs_) {
     if (!catalog->products()) continue;

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <future>
 #include <map>
 #include <memory>
 #include <optional>
@@ -159,6 +160,8 @@ class KTSSyncPass {
   std::vector<std::shared_ptr<KTSCatalog>> catalogs_;
   // The digests of the files the server keeps, recorded as the pass places them.
   KTSFileDigests digests_;
+  // The products whose digests are published, found once the working set is saved.
+  std::future<KTSDigestManifests::KeptProducts> keptProducts_;
   // What the upstreams published about the files the pass fetches (a parent mirror's digests).
   KTSUpstreamDigests upstreamDigests_;
   // Every catalog's copy of every product once the catalogs are loaded, and the files they name.

@@ -199,6 +199,16 @@ TEST_F(KTSSyncPassTest, AnAdministratorsChangesAreCarriedOutByPassesOfChangesOnl
   EXPECT_FALSE(changesPass().failed());
   EXPECT_TRUE(served().contains(chosen)) << "served again from the files in place";
   EXPECT_TRUE(observer_.mirrored.empty());
+  // A manifest lost, or left empty, is published again by the next pass.
+  const std::string manifest = html() + "/digests/" + chosen;
+  std::string published = readFile(manifest);
+  ASSERT_NE(published.find(packagePath(chosen).substr(1)), std::string::npos) << published;
+  std::filesystem::remove(manifest);
+  EXPECT_FALSE(changesPass().failed());
+  EXPECT_EQ(readFile(manifest), published) << "lost";
+  writeFile(manifest, "");
+  EXPECT_FALSE(changesPass().failed());
+  EXPECT_EQ(readFile(manifest), published) << "empty";
   post("remove", chosen);
   KTSPassOutcome removed = changesPass();
   EXPECT_FALSE(removed.failed()) << removed.note();
