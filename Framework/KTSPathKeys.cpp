@@ -5,8 +5,8 @@
 namespace ondrel::KTSPathKeys {
 
 Plist standardKey(const Plist& path) {
-  std::string standard = standardizingPath(path.stringValue());
-  return standard == path.stringValue() ? path : Plist(std::move(standard));
+  const std::string& text = path.stringValue();
+  return isStandardPath(text) ? path : Plist(standardizingPath(text));
 }
 
 }  // namespace ondrel::KTSPathKeys

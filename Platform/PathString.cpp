@@ -13,9 +13,10 @@ std::string_view withoutTrailingSlashes(std::string_view path) {
   return path;
 }
 
-// Whether path is its own standard form: no empty, "." or ".." component, no trailing separator.
-// Most paths a pass meets are, and are then copied as they are.
+}  // namespace
+
 bool isStandardPath(std::string_view path) {
+  if (path.empty()) return false;
   std::size_t start = path.front() == '/' ? 1 : 0;
   if (start == path.size()) return true;
   for (;;) {
@@ -26,8 +27,6 @@ bool isStandardPath(std::string_view path) {
     start = end + 1;
   }
 }
-
-}  // namespace
 
 std::string appendingPathComponent(std::string_view path, std::string_view component) {
   while (!component.empty() && component.front() == '/') component.remove_prefix(1);

@@ -12,6 +12,9 @@ std::string appendingPathComponent(std::string_view path, std::string_view compo
 // Removes redundant separators, "." components, ".." with the component before it, and a
 // trailing "/". Works on the text only; symbolic links are not resolved.
 std::string standardizingPath(std::string_view path);
+// Whether path is its own standard form (not empty; no empty, "." or ".." component, no trailing
+// separator). Most paths a pass meets are, and need not be copied to be standardised.
+bool isStandardPath(std::string_view path);
 std::string lastPathComponent(std::string_view path);
 std::string deletingLastPathComponent(std::string_view path);
 std::string pathExtension(std::string_view path);
