@@ -9,8 +9,8 @@
 //
 // Publishing is called by the pass holding the files lock (the manifests are looked at on a
 // second thread that reads nothing else); KTSUpstreamDigests belongs to the pass's product table
-// and runs on the thread of its fetch scheduler. A manifest read is
-// untrusted: a line that is not what it should be is left out, one too large is none.
+// and runs on the thread of its fetch scheduler. A manifest read is untrusted: a line that is not
+// what it should be is left out, one too large is none.
 #pragma once
 
 #include <cstdint>

@@ -682,7 +682,8 @@ void KTSSyncPass::saveState() {
   // The merge keeps the settings already recorded; the states after this pass replace them.
   for (const auto& [productId, product] : all) workingSet.applyProductStatus(*product);
   workingSet.saveProductsUnlessCurrent(true, context_.record());
-  // Their manifests are looked at while the caches are checked.
+  // The products whose digests are published are known now; their manifests are looked at
+  // while the caches are checked.
   keptProducts_ = KTSDigestManifests::findKeptProducts(context_.layout(), workingSet);
   std::vector<KTSCatalog*> stale;
   for (const auto& catalog : catalogs_) {
