@@ -30,6 +30,15 @@ std::string servedTreePrefix(const KTSServerLayout& layout) {
   return standardizingPath(layout.htmlFolder()) + "/";
 }
 
+// The folder of the manifests in the served tree, and a product's manifest in it.
+std::string manifestFolder(const KTSServerLayout& layout) {
+  return servedTreePrefix(layout) + kFolderName;
+}
+
+std::string manifestIn(const std::string& folder, const std::string& productId) {
+  return folder + "/" + productId;
+}
+
 // scheme://host[:port] of url, as a key of the upstreams a pass fetches from.
 std::string originOf(const Url& url) {
   bool bracketed = url.host().find(':') != std::string::npos;
@@ -79,7 +88,7 @@ void removeOthers(const std::string& folder, const std::set<std::string>& kept) 
 namespace KTSDigestManifests {
 
 std::string manifestPath(const KTSServerLayout& layout, const std::string& productId) {
-  return fmt::format("{}{}/{}", servedTreePrefix(layout), kFolderName, productId);
+  return manifestIn(manifestFolder(layout), productId);
 }
 
 std::string manifestUrlPath(const std::string& productId) {
@@ -100,11 +109,10 @@ std::future<KeptProducts> findKeptProducts(const KTSServerLayout& layout,
       kept.emplace_back(productId, std::nullopt);
     }
   }
-  return runOnSecondThread(
-      [folder = servedTreePrefix(layout) + kFolderName, kept = std::move(kept)]() mutable {
-        for (auto& [productId, size] : kept) size = fileSize(folder + "/" + productId);
-        return std::move(kept);
-      });
+  return runOnSecondThread([folder = manifestFolder(layout), kept = std::move(kept)]() mutable {
+    for (auto& [productId, size] : kept) size = fileSize(manifestIn(folder, productId));
+    return std::move(kept);
+  });
 }
 
 std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests,
@@ -115,7 +123,7 @@ std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests
 std::size_t publish(const KTSServerLayout& layout, const KTSFileDigests& digests, KeptProducts kept,
                     const LogHandle& log) {
   const std::string prefix = servedTreePrefix(layout);
-  const std::string folder = fmt::format("{}{}", prefix, kFolderName);
+  const std::string folder = manifestFolder(layout);
   std::error_code made;
   // Never written or emptied through a link to a folder elsewhere.
   if (std::filesystem::is_symlink(folder, made)) {
