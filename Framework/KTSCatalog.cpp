@@ -103,7 +103,9 @@ void KTSCatalog::loadCompositeCatalog() {
   }
   log_.debug("CTLG: FILE = {}", compositeCatalogPath_);
   if (KTSUtilities::fileExistsAtPath(compositeCatalogPath_)) {
-    Plist read = KTSUtilities::readPropertyListAtPath(compositeCatalogPath_);
+    KTSPassMemo* memo = context_.memo();
+    Plist read = memo != nullptr ? memo->takeReadAhead(compositeCatalogPath_) : Plist();
+    if (read.isNull()) read = KTSUtilities::readPropertyListAtPath(compositeCatalogPath_);
     compositeCatalog_ = read.isDictionary() ? read : Plist();
   } else {
     compositeCatalog_ = Plist::dictionary();
@@ -220,6 +222,7 @@ void KTSCatalog::prefetchServerMetadata() {
   }
   KTSServerMetadata::prefetchServerMetadataForEntries(compositeCatalog_[KTCatalogProductsDictKey],
                                                       context_.layout(), *memo, *scheduler);
+  memo->serverMetadataFetched();
 }
 
 void KTSCatalog::shareEntriesOfProducts(const ProductIndex& products) {

@@ -1,5 +1,8 @@
 #include "KTSPassMemo.h"
 
+#include "FileIO.h"
+#include "SecondThread.h"
+
 namespace ondrel {
 
 const KTSPassMemo::ServerMetadata* KTSPassMemo::serverMetadataFetchedFrom(
@@ -61,6 +64,31 @@ std::shared_ptr<const KTSProduct> KTSPassMemo::productMadeFirst(
 void KTSPassMemo::recordProductMadeFirst(const std::string& productId,
                                          std::shared_ptr<const KTSProduct> product) {
   memory_.products.try_emplace(productId, std::move(product));
+}
+
+void KTSPassMemo::readOnceMetadataFetched(std::string path) { toReadAhead_ = std::move(path); }
+
+void KTSPassMemo::serverMetadataFetched() {
+  if (toReadAhead_.empty()) return;
+  readingAhead_ = std::move(toReadAhead_);
+  toReadAhead_.clear();
+  // The stamp is taken first: a file replaced while it is read then shows a stamp of its own.
+  readAhead_ = runOnSecondThread([path = readingAhead_] {
+    ReadAhead read{fileStamp(path), Plist()};
+    if (read.stamp) read.contents = Plist::readFile(path, nullptr).value_or(Plist());
+    return read;
+  });
+}
+
+Plist KTSPassMemo::takeReadAhead(const std::string& path) {
+  if (path != readingAhead_ || !readAhead_.valid()) return Plist();
+  readingAhead_.clear();
+  try {
+    ReadAhead read = readAhead_.get();
+    return read.stamp && read.stamp == fileStamp(path) ? std::move(read.contents) : Plist();
+  } catch (const std::exception&) {
+    return Plist();
+  }
 }
 
 }  // namespace ondrel

@@ -4,11 +4,13 @@
 // values recorded for one product, such as its file list, share one copy in memory, the files of
 // a list are checked once, and a product listed alike by several catalogs is made once and
 // copied. The sync pass puts a new one in its context while it loads the catalogs, so every pass
-// fetches and looks anew; without one nothing is shared. Used by KTSProduct and KTSCatalog. One
-// thread (the checks of file lists queued ahead run on a thread of their own, which the memo
-// waits for when it goes).
+// fetches and looks anew; without one nothing is shared. While one catalog's products are made,
+// the next catalog's composite catalog is read on a second thread. Used by KTSProduct, KTSCatalog
+// and the sync pass. One thread (the checks of file lists queued ahead and the reading ahead run
+// on threads of their own, which the memo waits for when it goes).
 #pragma once
 
+#include <future>
 #include <map>
 #include <memory>
 #include <optional>
@@ -65,6 +67,15 @@ class KTSPassMemo {
   std::shared_ptr<const KTSProduct> productMadeFirst(const std::string& productId) const;
   void recordProductMadeFirst(const std::string& productId,
                               std::shared_ptr<const KTSProduct> product);
+  // The property list file to read on a second thread once the catalog now loading has fetched
+  // its server metadata (those requests keep both cores busy), while it makes its products;
+  // replaces one named before that was not read. An empty path names none.
+  void readOnceMetadataFetched(std::string path);
+  // The catalog now loading has fetched its server metadata.
+  void serverMetadataFetched();
+  // The property list read ahead from path, when the file is still as it was read; null when
+  // none was, or it could not be read (the caller reads it, and learns why).
+  Plist takeReadAhead(const std::string& path);
 
  private:
   struct Memory {
@@ -78,8 +89,17 @@ class KTSPassMemo {
   // What was recorded of this very list: a check the pass made, or an answer from ahead it took.
   std::optional<bool> recordedCheckOf(const std::string& productId, const Plist& mirrorFiles) const;
 
+  // A file read ahead: its stamp from before it was read, and what it held.
+  struct ReadAhead {
+    std::optional<std::string> stamp;
+    Plist contents;
+  };
+
   Memory memory_;
   KTSFileCheckAhead checkAhead_;
+  std::string toReadAhead_;
+  std::string readingAhead_;
+  std::future<ReadAhead> readAhead_;
 };
 
 }  // namespace ondrel

@@ -1,6 +1,8 @@
 // Product construction, server metadata, the generator and the archive form, against a loopback
 // upstream.
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "KTCatalogKeys.h"
 #include "KTProductForKTS.h"
@@ -189,6 +191,34 @@ TEST_F(KTSProductTest, OnePassFetchesEachMetadataFileOnceAndSharesEqualFileLists
                 .stringValue(),
             "10.6.8");
   EXPECT_FALSE(std::filesystem::exists(smdFile + ".downloading.downloading"));
+}
+
+TEST_F(KTSProductTest, AFileReadAheadIsHandedOverOnlyAsItStillIs) {
+  std::string path = local("/catalogs/next.composite");
+  writeFile(path, metadata("Read ahead", "1.0").toXml());
+  auto versionTaken = [](KTSPassMemo& pass, const std::string& from) {
+    return pass.takeReadAhead(from)["CFBundleShortVersionString"].stringValue();
+  };
+  KTSPassMemo pass;
+  pass.readOnceMetadataFetched(path);
+  EXPECT_EQ(versionTaken(pass, path), "") << "nothing is read before the metadata is fetched";
+  pass.serverMetadataFetched();
+  EXPECT_EQ(versionTaken(pass, local("/catalogs/other.composite")), "");
+  EXPECT_EQ(versionTaken(pass, path), "1.0");
+  EXPECT_EQ(versionTaken(pass, path), "") << "handed over once";
+
+  // Written again after it was read ahead (the read is long done after a moment), it is read anew.
+  pass.readOnceMetadataFetched(path);
+  pass.serverMetadataFetched();
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  writeFile(path, metadata("Read ahead", "1.0.1").toXml());
+  EXPECT_EQ(versionTaken(pass, path), "");
+  // Only the last file named is read, and a missing one gives nothing.
+  pass.readOnceMetadataFetched(path);
+  pass.readOnceMetadataFetched(local("/catalogs/missing.composite"));
+  pass.serverMetadataFetched();
+  EXPECT_EQ(versionTaken(pass, path), "");
+  EXPECT_EQ(versionTaken(pass, local("/catalogs/missing.composite")), "");
 }
 
 TEST_F(KTSProductTest, WithoutAMetadataUrlASubstituteIsGeneratedFromTheDistribution) {
