@@ -65,6 +65,10 @@ bool startsWithIgnoringCase(std::string_view text, std::string_view prefix) {
 // Bytes received per read from the connection, and written per write to the file: large blocks
 // keep a 100 MiB download to about 800 of each instead of thousands.
 constexpr std::size_t kReceiveBufferSize = 128 * 1024;
+// An error page up to this size is read to its end and dropped, so that the connection serves
+// the next request (a product that fails is asked for again on every pass); a longer one ends
+// the connection instead.
+constexpr std::uint64_t kErrorPageLimit = 64 * 1024;
 
 // A connection not made in this time is not made at all: the kernel has long given up resending
 // its first packet by then on any link a server is reached over.
@@ -246,6 +250,10 @@ class Transfer::Impl {
       self->failure_ = "interrupted";
       return 0;
     }
+    if (self->droppingErrorPage_) {
+      self->errorPageLength_ += length;
+      return self->errorPageLength_ <= kErrorPageLimit ? length : 0;
+    }
     if (!self->store(std::string_view(data, length))) return 0;
     self->receiver_->transferDidReceiveDataOfLength(length);
     return length;
@@ -341,7 +349,9 @@ class Transfer::Impl {
       return true;
     }
     if (status_ >= 400) {
-      return refuse("HTTP status " + std::to_string(status_));
+      refuse("HTTP status " + std::to_string(status_));
+      droppingErrorPage_ = contentLength_ <= static_cast<std::int64_t>(kErrorPageLimit);
+      return droppingErrorPage_;
     }
     std::uint64_t resumedFrom = 0;
     if (status_ == 206) {
@@ -403,7 +413,8 @@ class Transfer::Impl {
     }
     if (digest_ && result == CURLE_OK) destinationDigest_ = digest_->hexDigest();
     digest_.reset();
-    if (result == CURLE_OK) return receiver_->transferDidFinish();
+    if (result == CURLE_OK && !droppingErrorPage_) return receiver_->transferDidFinish();
+    if (result == CURLE_OK) result = CURLE_HTTP_RETURNED_ERROR;
     std::string description = failure_;
     if (description.empty()) {
       description = curl_easy_strerror(result);
@@ -439,6 +450,8 @@ class Transfer::Impl {
   // The body was refused here (its length, a partial answer that does not continue the file,
   // the destination) rather than cut short.
   bool refused_ = false;
+  bool droppingErrorPage_ = false;
+  std::uint64_t errorPageLength_ = 0;
   std::uint64_t resumeOffset_ = 0;
   std::string range_;
   curl_slist* conditions_ = nullptr;

@@ -36,9 +36,14 @@ class KTSFileDownloaderTest : public OndrelTest {
     routes.Get("/redirect", [](const httplib::Request&, httplib::Response& response) {
       response.set_redirect("/file");
     });
-    routes.Get("/missing",
-               [](const httplib::Request&, httplib::Response& response) { response.status = 404; });
-    routes.Get("/broken", [](const httplib::Request&, httplib::Response& response) {
+    routes.Get("/missing", [this](const httplib::Request& request, httplib::Response& response) {
+      std::lock_guard lock(gateMutex_);
+      errorPageClients_.push_back(request.remote_port);
+      response.status = 404;
+    });
+    routes.Get("/broken", [this](const httplib::Request& request, httplib::Response& response) {
+      std::lock_guard lock(gateMutex_);
+      errorPageClients_.push_back(request.remote_port);
       response.status = 500;
       response.set_content("server trouble", "text/plain");
     });
@@ -227,6 +232,8 @@ class KTSFileDownloaderTest : public OndrelTest {
   std::atomic<int> busyRequests_{0};
   std::atomic<int> crowdedRequests_{0};
   std::vector<std::string> conditionsSeen_;
+  // The client port of each request for an error page: one port, one connection.
+  std::vector<int> errorPageClients_;
 };
 
 TEST_F(KTSFileDownloaderTest, SuccessReplacesTheFileAndRotatesThePreviousOne) {
@@ -276,6 +283,12 @@ TEST_F(KTSFileDownloaderTest, FailuresLeaveTheFilesExactlyAsTheyWere) {
   EXPECT_TRUE(
       logged("ondrd_test[DBG]: FILE: item.pkg - ERROR! download failed (reason = HTTP "
              "status 404)"));
+  {
+    // An error page is read to its end, so the next request takes the same connection.
+    std::lock_guard lock(gateMutex_);
+    ASSERT_EQ(errorPageClients_.size(), 2u);
+    EXPECT_EQ(errorPageClients_[0], errorPageClients_[1]);
+  }
 
   // A body longer than expected is refused as soon as its length or its bytes say so.
   for (const std::string route : {"/truncated", "/unsized"}) {
