@@ -66,7 +66,7 @@ void KTSPassMemo::recordProductMadeFirst(const std::string& productId,
   memory_.products.try_emplace(productId, std::move(product));
 }
 
-void KTSPassMemo::readOnceMetadataFetched(std::string path) { toReadAhead_ = std::move(path); }
+void KTSPassMemo::readWhenMetadataFetched(std::string path) { toReadAhead_ = std::move(path); }
 
 void KTSPassMemo::serverMetadataFetched() {
   if (toReadAhead_.empty()) return;

@@ -70,7 +70,7 @@ class KTSPassMemo {
   // The property list file to read on a second thread once the catalog now loading has fetched
   // its server metadata (those requests keep both cores busy), while it makes its products;
   // replaces one named before that was not read. An empty path names none.
-  void readOnceMetadataFetched(std::string path);
+  void readWhenMetadataFetched(std::string path);
   // The catalog now loading has fetched its server metadata.
   void serverMetadataFetched();
   // The property list read ahead from path, when the file is still as it was read; null when

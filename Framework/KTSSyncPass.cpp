@@ -441,7 +441,7 @@ void KTSSyncPass::loadCatalogs(const std::vector<std::shared_ptr<KTSCatalog>>& c
     const Url& url = catalog->catalogURL();
     observer_.catalogStarted(i + 1, catalogs.size(), catalogName(url));
     // The next catalog's composite catalog is read while this one makes its products.
-    productPass.readOnceMetadataFetched(
+    productPass.readWhenMetadataFetched(
         i + 1 < catalogs.size() ? catalogs[i + 1]->compositeCatalogPath() : std::string());
     if (fullSync) {
       try {

@@ -413,8 +413,11 @@ class Transfer::Impl {
     }
     if (digest_ && result == CURLE_OK) destinationDigest_ = digest_->hexDigest();
     digest_.reset();
-    if (result == CURLE_OK && !droppingErrorPage_) return receiver_->transferDidFinish();
-    if (result == CURLE_OK) result = CURLE_HTTP_RETURNED_ERROR;
+    if (result == CURLE_OK) {
+      if (!droppingErrorPage_) return receiver_->transferDidFinish();
+      // The error page was read to its end; the answer is still a failure.
+      result = CURLE_HTTP_RETURNED_ERROR;
+    }
     std::string description = failure_;
     if (description.empty()) {
       description = curl_easy_strerror(result);
@@ -450,6 +453,7 @@ class Transfer::Impl {
   // The body was refused here (its length, a partial answer that does not continue the file,
   // the destination) rather than cut short.
   bool refused_ = false;
+  // The answer is an error status whose page is read and dropped; its length so far.
   bool droppingErrorPage_ = false;
   std::uint64_t errorPageLength_ = 0;
   std::uint64_t resumeOffset_ = 0;

@@ -200,7 +200,7 @@ TEST_F(KTSProductTest, AFileReadAheadIsHandedOverOnlyAsItStillIs) {
     return pass.takeReadAhead(from)["CFBundleShortVersionString"].stringValue();
   };
   KTSPassMemo pass;
-  pass.readOnceMetadataFetched(path);
+  pass.readWhenMetadataFetched(path);
   EXPECT_EQ(versionTaken(pass, path), "") << "nothing is read before the metadata is fetched";
   pass.serverMetadataFetched();
   EXPECT_EQ(versionTaken(pass, local("/catalogs/other.composite")), "");
@@ -208,14 +208,14 @@ TEST_F(KTSProductTest, AFileReadAheadIsHandedOverOnlyAsItStillIs) {
   EXPECT_EQ(versionTaken(pass, path), "") << "handed over once";
 
   // Written again after it was read ahead (the read is long done after a moment), it is read anew.
-  pass.readOnceMetadataFetched(path);
+  pass.readWhenMetadataFetched(path);
   pass.serverMetadataFetched();
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
   writeFile(path, metadata("Read ahead", "1.0.1").toXml());
   EXPECT_EQ(versionTaken(pass, path), "");
   // Only the last file named is read, and a missing one gives nothing.
-  pass.readOnceMetadataFetched(path);
-  pass.readOnceMetadataFetched(local("/catalogs/missing.composite"));
+  pass.readWhenMetadataFetched(path);
+  pass.readWhenMetadataFetched(local("/catalogs/missing.composite"));
   pass.serverMetadataFetched();
   EXPECT_EQ(versionTaken(pass, path), "");
   EXPECT_EQ(versionTaken(pass, local("/catalogs/missing.composite")), "");
