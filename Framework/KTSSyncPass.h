@@ -5,9 +5,9 @@
 // KTSPassRecord, so that a file the last pass wrote just as this one would stays as it is. A
 // changes-only pass does the same from the catalogs' caches, without the network. What it does as
 // it goes is told to a KTSPassObserver. Used by ondrd_syncd; one thread, one pass at a time (the
-// mirrored files and the settled server metadata files are looked at, and the product index
-// caches and the served catalogs' compressed forms written, on threads of their own, which the
-// pass waits for before it ends).
+// mirrored files, the settled server metadata files and the digest manifests are looked at, the
+// next catalog's composite catalog read, and the product index caches and the served catalogs'
+// compressed forms written, on threads of their own, which the pass waits for before it ends).
 #pragma once
 
 #include <chrono>
