@@ -11,9 +11,6 @@
 #include <systemd/sd-daemon.h>
 
 #include <CLI/CLI.hpp>
-#ifdef ONDREL_MIMALLOC
-#include <mimalloc.h>
-#endif
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -196,11 +193,6 @@ int runService(std::chrono::seconds interval, ondrel::syncd::Progress& progress)
 }  // namespace
 
 int main(int argc, char** argv) {
-#ifdef ONDREL_MIMALLOC
-  // A pass fills a hundred megabytes and more of fresh memory: in 2 MiB pages that costs a
-  // thousand page faults instead of fifty thousand, a tenth of a settled pass's CPU time.
-  mi_option_enable(mi_option_large_os_pages);
-#endif
   CLI::App app{"Ondrel Server sync daemon: mirrors the upstream catalogs and products."};
   bool once = false;
   bool full = false;
