@@ -63,6 +63,12 @@ for figure in pass_s pass_cpu pass_kb curl_s; do
   done
   printf -v "settled_${figure}" '%s' "$(median "${values[@]}")"
 done
+# Each run's own ratio, so that the spread of runs is in sight beside their median.
+settled_ratios=()
+for run in settled settled2 settled3; do
+  pass_s="${run}_pass_s" curl_s="${run}_curl_s"
+  settled_ratios+=("$(ratio "${!pass_s}" "${!curl_s}")")
+done
 
 # The vendor's next day: 5 % new products (their files fetched), 3 % withdrawn, 2 % with new
 # server metadata; every catalog changes.
@@ -88,6 +94,8 @@ row "later steady pass, $(wc -l <"$work/later.list") files fetched (s)" "$later_
   "$later_curl_s" "$(ratio "$later_pass_s" "$later_curl_s")"
 row "settled steady pass (median of 3), $(wc -l <"$work/settled.list") files (s)" "$settled_pass_s" \
   "$settled_curl_s" "$(ratio "$settled_pass_s" "$settled_curl_s")"
+row "settled steady pass, each run's ratio" \
+  "${settled_ratios[0]} / ${settled_ratios[1]} / ${settled_ratios[2]}" "" ""
 row "steady passes, requests answered 304" \
   "$steady_unchanged / $later_unchanged / $settled_unchanged" "" ""
 row "steady passes, CPU (s)" "$steady_pass_cpu / $later_pass_cpu / $settled_pass_cpu" "" ""
