@@ -16,6 +16,7 @@
 #include "FileIO.h"
 #include "HttpConditions.h"
 #include "Sha256.h"
+#include "Sha256Pipeline.h"
 
 namespace ondrel {
 
@@ -297,7 +298,12 @@ class Transfer::Impl {
     closeFile();
     // The digest covers the whole file: a continued body adds to that of the part kept, read
     // once now (none when it cannot be read).
-    digest_ = resumedFrom > 0 ? Sha256::ofFilePrefix(destination_, resumedFrom) : Sha256();
+    digest_.reset();
+    if (resumedFrom == 0) {
+      digest_.emplace();
+    } else if (std::optional<Sha256> prefix = Sha256::ofFilePrefix(destination_, resumedFrom)) {
+      digest_.emplace(std::move(*prefix));
+    }
     file_ = std::fopen(destination_.c_str(), resumedFrom > 0 ? "ab" : "wb");
     if (file_ == nullptr) {
       return refuse("Cannot create " + destination_ + ": " + systemErrorText(errno));
@@ -438,7 +444,7 @@ class Transfer::Impl {
   std::uint64_t received_ = 0;
   std::FILE* file_ = nullptr;
   std::vector<char> fileBuffer_;
-  std::optional<Sha256> digest_;
+  std::optional<Sha256Pipeline> digest_;
   std::optional<std::string> destinationDigest_;
   bool started_ = false;
   bool finished_ = false;

@@ -11,6 +11,7 @@
 #include "OndrelTest.h"
 #include "PathString.h"
 #include "ProductId.h"
+#include "Sha256Pipeline.h"
 #include "TaskRunner.h"
 #include "Url.h"
 
@@ -238,6 +239,40 @@ TEST_F(PlatformTest, TaskRunnerReportsExitStatusAndFindsMovedCommands) {
   EXPECT_EQ(TaskRunner::run("/no/such/command-ondrel", {}), -1);
   writeFile(path("/marker"), "x");
   EXPECT_EQ(TaskRunner::run("/usr/sbin/chown", {"-R", "_ondrel:_ondrel", path("/marker")}), 0);
+}
+
+TEST_F(PlatformTest, APipelinedDigestIsTheDigestOfEveryByteInOrder) {
+  // Pieces of every size around the blocks handed to the hashing thread, past the part hashed
+  // here, and a body that continues a part hashed before.
+  std::string body;
+  for (std::size_t i = 0; body.size() < (3u << 20) + 5; ++i)
+    body += static_cast<char>(i * 7919 >> 3);
+  Sha256 whole;
+  whole.add(body);
+  std::string expected = whole.hexDigest();
+  auto addInPieces = [&body](Sha256Pipeline& pipeline, std::size_t from) {
+    const std::size_t pieces[] = {1, 16384, 131071, 131072, 300001};
+    for (std::size_t i = 0; from < body.size(); ++i) {
+      std::string_view piece = std::string_view(body).substr(from, pieces[i % std::size(pieces)]);
+      pipeline.add(piece);
+      from += piece.size();
+    }
+  };
+  Sha256Pipeline pipeline;
+  addInPieces(pipeline, 0);
+  EXPECT_EQ(pipeline.hexDigest(), expected);
+  Sha256 firstPart;
+  firstPart.add(std::string_view(body).substr(0, 1000));
+  Sha256Pipeline continued(std::move(firstPart));
+  addInPieces(continued, 1000);
+  EXPECT_EQ(continued.hexDigest(), expected);
+  // It starts afresh, and one dropped while the thread hashes ends at once.
+  pipeline.add("abc");
+  EXPECT_EQ(pipeline.hexDigest(),
+            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  Sha256Pipeline dropped;
+  dropped.add(body);
+  dropped.add(body);
 }
 
 }  // namespace
